@@ -1,0 +1,52 @@
+# The two commands of the README: `make demo` and `make test`.
+# Both install the Debian packages they need first.
+JOBS ?= 2
+CTEST_JOBS ?= 8
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz install clean format
+
+all: build
+
+deps:
+	@./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	cmake --build build -j$(JOBS)
+
+test: build
+	ctest --test-dir build -j$(CTEST_JOBS) --output-on-failure
+
+test-asan: deps
+	cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DUOZ_SANITIZE=address $(CMAKE_FLAGS)
+	cmake --build build-asan -j$(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir build-asan -j$(CTEST_JOBS) --output-on-failure
+
+test-tsan: deps
+	cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DUOZ_SANITIZE=thread $(CMAKE_FLAGS)
+	cmake --build build-tsan -j$(JOBS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir build-tsan -j$(CTEST_JOBS) --output-on-failure
+
+demo: build
+	./scripts/demo.sh build
+
+bench: deps
+	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DUOZ_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build build-bench -j$(JOBS)
+	./scripts/bench.sh build-bench
+
+fuzz:
+	@./scripts/install-deps.sh --fuzz
+	./scripts/fuzz.sh
+
+install: build
+	cmake --install build
+
+format:
+	find include src tools tests bench fuzz examples -name '*.[ch]' -o -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz

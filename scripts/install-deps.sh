@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Install the Debian 12 packages that building, testing and the demo need.
+# Does nothing when they are all present.
+set -euo pipefail
+packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
+if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+echo "Installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -ne 0 ] && sudo="sudo"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

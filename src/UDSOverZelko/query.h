@@ -1,0 +1,37 @@
+// The query message sent to the diagnostic agent.
+#ifndef UOZ_CORE_QUERY_H
+#define UOZ_CORE_QUERY_H
+
+#include <json-c/json.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "UDSOverZelko/records.h"
+
+enum QueryKind : uint8_t {
+    QUERY_UDS_DATA = 0,
+    QUERY_VERSION = 1,
+};
+
+#define REPLY_ID_ALPHABET "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789,.-#'?!"
+
+// New heap text of `length` random alphabet characters, or NULL.
+char *generate_reply_id(int32_t length);
+// New JSON string of the mode text; writes the block key into key (bounded,
+// terminated). NULL for a type outside 0..3 (key untouched).
+json_object *transport_mode_name(TransportType type, char *key, size_t key_size);
+// Transport block (object) of one ECU, or the array of every CAN and IOC block
+// for -1; *record receives the addressed record whenever one was found.
+json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,
+                                   EcuConfig **record);
+json_object *build_can_block(const EcuConfig *record);
+json_object *build_ioc_block(const EcuConfig *record);
+json_object *build_doip_block(const EcuConfig *record);
+// Body of a query_exchange query, or NULL. A QUERY_VERSION body is built under
+// the record's reply_wait.lock, which the caller must not hold.
+json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
+                              json_object *uds, EcuConfig **record);
+// Envelope {"type","reply-id","body"}; takes the body over (also on failure).
+json_object *wrap_query(const char *reply_id, json_object *body);
+
+#endif
