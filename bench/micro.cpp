@@ -1,0 +1,150 @@
+#include "micro.h"
+
+#include <benchmark/benchmark.h>
+#include <json-c/json.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <map>
+
+#include "UDSOverZelko/config.h"
+#include "UDSOverZelko/exchange.h"
+#include "UDSOverZelko/query.h"
+#include "kt5Utils/kt5_json.h"
+
+namespace uozbench {
+
+namespace {
+
+std::string g_config_path;
+
+// A handle with the benchmark's ECUs and no bus connection.
+struct OfflineHandle {
+    UDSOverZelkoHandle *handle = nullptr;
+    OfflineHandle() {
+        handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
+        reply_wait_init(&handle->consent_wait);
+        if (load_ecu_config(handle, g_config_path.c_str()) != 0) handle = nullptr;
+    }
+    ~OfflineHandle() { release_handle(handle); }
+};
+
+const char *const kUdsRequest =
+    "{\"SID\":\"0x19\",\"subfunction\":\"UDS_REPORT_DTC_BY_STATUS_MASK\","
+    "\"data-record\":{\"type\":\"STATUS_MASK\",\"record\":[\"UDS_STATUS_MASK_TEST_FAILED\","
+    "\"UDS_STATUS_MASK_CONFIRMED_DTC\"]}}";
+
+std::string reply_with_records(int records, const char *target) {
+    std::string reply = "{\"type\":\"zelko.skyharbor-query-update\",\"reply-to\":\"" +
+                        std::string(REPLY_ID_LENGTH, 'a') + "\",\"body\":{\"targetAddress\":\"" +
+                        target + "\",\"uds\":{\"data-record\":[";
+    for (int i = 0; i < records; ++i) {
+        char element[96];
+        snprintf(element, sizeof(element), "%s{\"phy-req-id\":\"0x%X\",\"data\":\"5902FF03010009\"}",
+                 i == 0 ? "" : ",", ecu_address(i));
+        reply += element;
+    }
+    return reply + "]}}}";
+}
+
+// Query build: body, reply identifier, envelope and its text, as one request does.
+void BM_BuildQuery(benchmark::State &state) {
+    OfflineHandle offline;
+    JsonPtr uds(json_tokener_parse(kUdsRequest));
+    for (auto _ : state) {
+        EcuConfig *record = nullptr;
+        json_object *body =
+            build_query_body(offline.handle, ecu_address(0), QUERY_UDS_DATA, uds.get(), &record);
+        char *reply_id = generate_reply_id(REPLY_ID_LENGTH);
+        JsonPtr envelope(wrap_query(reply_id, body));
+        benchmark::DoNotOptimize(json_object_to_json_string(envelope.get()));
+        free(reply_id);
+    }
+}
+
+// Routing of one reply by its target address into the ECU's reply slot.
+void BM_RouteReply(benchmark::State &state) {
+    OfflineHandle offline;
+    std::string reply = reply_with_records(1, "0x100");
+    kt5bus_address source{};
+    source.kind = KT5BUS_ADDR_UA;
+    source.value.name = const_cast<char *>("/ZDATA/UDS");
+    for (auto _ : state) {
+        on_bus_message(reply.c_str(), reply.size() + 1, &source, offline.handle);
+    }
+}
+
+// Decoding of a reply's data records into a DTCBuffer.
+void BM_DecodeReply(benchmark::State &state) {
+    OfflineHandle offline;
+    std::string reply = reply_with_records(static_cast<int>(state.range(0)), "0x100");
+    for (auto _ : state) {
+        JsonPtr parsed(json_tokener_parse(reply.c_str()));
+        DTCBuffer buffer{};
+        benchmark::DoNotOptimize(decode_uds_reply(offline.handle, parsed.get(), &buffer));
+        UDSOverZelko_FreeDTCBuffer(&buffer);
+    }
+}
+
+int g_side_effects = 0;
+const char *expensive_argument() {
+    ++g_side_effects;
+    return "never formatted";
+}
+
+// A statement that the level suppresses: one comparison, no argument evaluated.
+void BM_SuppressedLog(benchmark::State &state) {
+    uoz_dbg_level = 0;
+    for (auto _ : state) {
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s", expensive_argument());
+        benchmark::ClobberMemory();
+    }
+    if (g_side_effects != 0) state.SkipWithError("a suppressed statement evaluated its argument");
+}
+
+// Collects each benchmark's time per iteration.
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    std::map<std::string, double> nanoseconds;
+    void ReportRuns(const std::vector<Run> &runs) override {
+        for (const Run &run : runs) {
+            if (run.error_occurred) continue;
+            nanoseconds[run.benchmark_name()] = run.GetAdjustedRealTime();
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+}  // namespace
+
+void run_micro_benchmarks(const std::string &config_path, Report &report) {
+    g_config_path = config_path;
+    int saved_level = uoz_dbg_level;
+    uoz_dbg_level = -1;
+    benchmark::RegisterBenchmark("build_query", BM_BuildQuery);
+    benchmark::RegisterBenchmark("route_reply", BM_RouteReply);
+    benchmark::RegisterBenchmark("decode_reply", BM_DecodeReply)->Arg(1)->Arg(10)->Arg(100);
+    benchmark::RegisterBenchmark("suppressed_log", BM_SuppressedLog);
+    int argc = 1;
+    char name[] = "uoz-bench";
+    char *argv[] = {name, nullptr};
+    benchmark::Initialize(&argc, argv);
+    CollectingReporter reporter;
+    reporter.SetOutputStream(&std::cerr);
+    reporter.SetErrorStream(&std::cerr);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    uoz_dbg_level = saved_level;
+
+    auto &ns = reporter.nanoseconds;
+    report.add_cpu("build a query (body, id, envelope, text)", ns["build_query"], 0);
+    report.add_cpu("route a reply (on_bus_message)", ns["route_reply"], 0);
+    for (int records : {1, 10, 100}) {
+        std::string key = "decode_reply/" + std::to_string(records);
+        report.add_cpu("decode a reply of " + std::to_string(records) + " records", ns[key], 0);
+    }
+    report.add_cpu("library CPU per request (build + route + decode 1)",
+                   ns["build_query"] + ns["route_reply"] + ns["decode_reply/1"], 10000);
+    report.add_cpu("suppressed log statement", ns["suppressed_log"], 2);
+}
+
+}  // namespace uozbench

@@ -1,0 +1,135 @@
+#include "mosquitto_pair.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <chrono>
+#include <random>
+#include <stdexcept>
+
+namespace uozbench {
+
+namespace {
+
+constexpr const char *kRequestTopic = "kt5/msg/app/ua/ZDATA/UDS";
+constexpr const char *kReplyTopic = "kt5/msg/agent/ua/uoz/app";
+constexpr const char *kRequestSubscription = "kt5/msg/+/ua/ZDATA/UDS";
+constexpr const char *kReplySubscription = "kt5/msg/+/ua/uoz/app";
+constexpr int kQos = 1;
+
+std::string random_client_id(const std::string &node) {
+    std::random_device device;
+    char suffix[17];
+    snprintf(suffix, sizeof(suffix), "%08x%08x", device(), device());
+    return node + "-" + suffix;
+}
+
+void check(int rc, const char *what) {
+    if (rc != MOSQ_ERR_SUCCESS) {
+        throw std::runtime_error(std::string(what) + ": " + mosquitto_strerror(rc));
+    }
+}
+
+}  // namespace
+
+MosquittoPair::MosquittoPair(const std::string &pki_dir, int port, size_t payload_size, int slots)
+    : pki_dir_(pki_dir), port_(port), payload_size_(payload_size), slots_(slots) {
+    mosquitto_lib_init();
+    replier_ = connect_client("agent");
+    requester_ = connect_client("app");
+    std::unique_lock<std::mutex> hold(subscribed_lock_);
+    if (!subscribed_changed_.wait_for(hold, std::chrono::seconds(10),
+                                      [this] { return subscribed_ == 2; })) {
+        throw std::runtime_error("anchor clients did not subscribe within 10 s");
+    }
+}
+
+MosquittoPair::~MosquittoPair() {
+    for (mosquitto *client : {requester_, replier_}) {
+        if (client == nullptr) continue;
+        mosquitto_disconnect(client);
+        mosquitto_loop_stop(client, false);
+        mosquitto_destroy(client);
+    }
+    mosquitto_lib_cleanup();
+}
+
+mosquitto *MosquittoPair::connect_client(const std::string &node) {
+    std::string id = random_client_id(node);
+    mosquitto *client = mosquitto_new(id.c_str(), true, this);
+    if (client == nullptr) throw std::runtime_error("mosquitto_new failed");
+    check(mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5), "protocol");
+    check(mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1), "tcp_nodelay");
+    std::string ca = pki_dir_ + "/ca/ca.pem";
+    std::string cert = pki_dir_ + "/" + node + "/cert.pem";
+    std::string key = pki_dir_ + "/" + node + "/private.pem";
+    check(mosquitto_tls_set(client, ca.c_str(), nullptr, cert.c_str(), key.c_str(), nullptr),
+          "tls_set");
+    bool replier = node == "agent";
+    mosquitto_message_v5_callback_set(
+        client, replier ? &MosquittoPair::on_request : &MosquittoPair::on_reply);
+    mosquitto_connect_v5_callback_set(
+        client, replier ? &MosquittoPair::on_replier_connect : &MosquittoPair::on_requester_connect);
+    mosquitto_subscribe_v5_callback_set(client, &MosquittoPair::on_subscribe);
+    check(mosquitto_connect_bind_v5(client, "localhost", port_, 30, nullptr, nullptr), "connect");
+    check(mosquitto_loop_start(client), "loop_start");
+    return client;
+}
+
+// Subscriptions are made once connected, as the bus library does.
+void MosquittoPair::on_replier_connect(mosquitto *client, void *, int rc, int,
+                                       const mosquitto_property *) {
+    if (rc == 0) mosquitto_subscribe_v5(client, nullptr, kRequestSubscription, kQos, 0, nullptr);
+}
+
+void MosquittoPair::on_requester_connect(mosquitto *client, void *, int rc, int,
+                                         const mosquitto_property *) {
+    if (rc == 0) mosquitto_subscribe_v5(client, nullptr, kReplySubscription, kQos, 0, nullptr);
+}
+
+void MosquittoPair::on_subscribe(mosquitto *, void *self, int, int, const int *,
+                                 const mosquitto_property *) {
+    auto *pair = static_cast<MosquittoPair *>(self);
+    std::lock_guard<std::mutex> hold(pair->subscribed_lock_);
+    ++pair->subscribed_;
+    pair->subscribed_changed_.notify_all();
+}
+
+// The replier echoes every request unchanged, as an agent that does no work.
+void MosquittoPair::on_request(mosquitto *client, void *, const mosquitto_message *message,
+                               const mosquitto_property *) {
+    mosquitto_publish_v5(client, nullptr, kReplyTopic, message->payloadlen, message->payload, kQos,
+                         false, nullptr);
+}
+
+// A reply names its slot in its first four bytes.
+void MosquittoPair::on_reply(mosquitto *, void *self, const mosquitto_message *message,
+                             const mosquitto_property *) {
+    auto *pair = static_cast<MosquittoPair *>(self);
+    if (message->payloadlen < 4) return;
+    int slot = 0;
+    if (sscanf(static_cast<const char *>(message->payload), "%4d", &slot) != 1) return;
+    if (slot < 0 || slot >= static_cast<int>(pair->slots_.size())) return;
+    Slot &target = pair->slots_[slot];
+    std::lock_guard<std::mutex> hold(target.lock);
+    ++target.received;
+    target.replied.notify_one();
+}
+
+bool MosquittoPair::round_trip(int slot) {
+    std::string payload(payload_size_ < 4 ? 4 : payload_size_, 'x');
+    char prefix[5];
+    snprintf(prefix, sizeof(prefix), "%04d", slot);
+    memcpy(&payload[0], prefix, 4);
+    Slot &own = slots_[slot];
+    std::unique_lock<std::mutex> hold(own.lock);
+    unsigned long expected = ++own.sent;
+    int rc = mosquitto_publish_v5(requester_, nullptr, kRequestTopic,
+                                  static_cast<int>(payload.size()), payload.data(), kQos, false,
+                                  nullptr);
+    if (rc != MOSQ_ERR_SUCCESS) return false;
+    return own.replied.wait_for(hold, std::chrono::seconds(5),
+                                [&] { return own.received >= expected; });
+}
+
+}  // namespace uozbench

@@ -1,0 +1,49 @@
+// A diagnostic agent that does no work: it answers every query at once with
+// one fixed ReadDTCInformation record, so that a benchmark measures the
+// library and the bus, not a simulation.
+#ifndef UOZ_BENCH_RESPONDER_H
+#define UOZ_BENCH_RESPONDER_H
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "kt5bus/kt5bus.h"
+
+namespace uozbench {
+
+class MinimalResponder {
+public:
+    MinimalResponder(const std::string &identity_dir, const std::string &url);
+    ~MinimalResponder();
+    MinimalResponder(const MinimalResponder &) = delete;
+    MinimalResponder &operator=(const MinimalResponder &) = delete;
+
+    // Waits until the client is connected; false after 10 s.
+    bool wait_running();
+    unsigned long answered() const { return answered_.load(); }
+
+private:
+    static void on_message(kt5bus_client *client, kt5bus_message *message);
+    static void on_delivered(kt5bus_client *client, kt5bus_message *message, void *unused, int ok);
+    static void on_status(kt5bus_client *client, int status);
+    static void on_stopped(kt5bus_client *client);
+    static void on_presence(kt5bus_client *, kt5bus_address *, kt5bus_address *) {}
+
+    void answer(const kt5bus_message &query);
+
+    kt5bus_client client_{};
+    std::mutex lock_;
+    std::condition_variable running_changed_;
+    bool running_ = false;
+    std::atomic<unsigned long> answered_{0};
+};
+
+// Value of the first member `key` of a JSON text whose value is a string, or
+// "" when there is none. Enough for the library's own query texts.
+std::string find_string_member(const char *text, size_t length, const char *key);
+
+}  // namespace uozbench
+
+#endif

@@ -1,0 +1,56 @@
+#include "fuzz_handle.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "UDSOverZelko/config.h"
+
+namespace uozfuzz {
+
+namespace {
+
+const char kConfig[] = R"({"configs": [
+ {"type": "CAN", "targetAddress": "0x7E0", "name": "engine",
+  "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8"}},
+ {"type": "IOC", "targetAddress": "0x20", "name": "gateway",
+  "ioc": {"bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728"}},
+ {"type": "DOIP", "targetAddress": "0x1001", "name": "telematics",
+  "doip": {"sa": "0x0E80", "ta": "0x1001", "gw-ip": "192.168.0.10"}},
+ {"type": "CANFD", "targetAddress": "0x7E5", "name": "adas"}
+]})";
+
+void free_reply(ReplyWait *wait) {
+    pthread_mutex_lock(&wait->lock);
+    free(wait->reply);
+    wait->reply = nullptr;
+    pthread_mutex_unlock(&wait->lock);
+}
+
+}  // namespace
+
+UDSOverZelkoHandle *empty_handle() {
+    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
+    reply_wait_init(&handle->consent_wait);
+    return handle;
+}
+
+UDSOverZelkoHandle *offline_handle() {
+    uoz_dbg_level = -1;
+    char path[] = "/tmp/uoz-fuzz-ecus-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0 || write(fd, kConfig, sizeof(kConfig) - 1) < 0) abort();
+    close(fd);
+    UDSOverZelkoHandle *handle = empty_handle();
+    if (load_ecu_config(handle, path) != 0) abort();
+    unlink(path);
+    return handle;
+}
+
+void drain_replies(UDSOverZelkoHandle *handle) {
+    for (EcuConfig *ecu = handle->ecus; ecu != nullptr; ecu = ecu->next) free_reply(&ecu->reply_wait);
+    free_reply(&handle->broadcast_ecu->reply_wait);
+    free_reply(&handle->consent_wait);
+}
+
+}  // namespace uozfuzz
