@@ -1,0 +1,297 @@
+// The ECU configuration file: every valid entry of "configs" becomes an ECU
+// record; invalid entries are dropped with a message and never fail the load.
+#include "UDSOverZelko/config.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "kt5Utils/kt5_json.h"
+
+namespace {
+
+// A transport parameter: the configuration key and the record field it fills.
+struct TransportKey {
+    const char *key;
+    char *EcuConfig::*field;
+    const char *missing_message;
+};
+
+const TransportKey kCanKeys[] = {
+    {"ifname", &EcuConfig::ifname, "could not find 'ifname'"},
+    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
+    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
+    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
+};
+const TransportKey kCanOptionalKeys[] = {
+    {"st-min", &EcuConfig::st_min, nullptr},
+    {"bsize", &EcuConfig::bsize, nullptr},
+};
+const TransportKey kDoipKeys[] = {
+    {"sa", &EcuConfig::sa, "could not find 'sa"},
+    {"ta", &EcuConfig::ta, "could not find 'ta"},
+    {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip"},
+};
+const TransportKey kIocKeys[] = {
+    {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'"},
+    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
+    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
+    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
+};
+
+constexpr const char *kDefaultCanTiming = "0x00";
+
+// Reads the required keys of one transport block in order; -1 at the first
+// missing one, after reporting it. Texts copied before stay with the record.
+template <size_t N>
+int read_required(EcuConfig *record, json_object *entry, const char *block,
+                  const TransportKey (&keys)[N]) {
+    for (const TransportKey &key : keys) {
+        const char *text = nullptr;
+        if (kt5_json_get(entry, json_type_string, &text, block, key.key, nullptr) != 0) {
+            UOZ_SET_ERROR(key.missing_message);
+            return -1;
+        }
+        record->*key.field = uoz_strdup(text);
+        if (record->*key.field == nullptr) {
+            UOZ_SET_ERROR("Memory Allocation failed");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// An optional CAN timing text: the configured text, or "0x00".
+int read_optional(EcuConfig *record, json_object *entry, const TransportKey &key) {
+    const char *text = kDefaultCanTiming;
+    kt5_json_get(entry, json_type_string, &text, "can", key.key, nullptr);
+    record->*key.field = uoz_strdup(text);
+    if (record->*key.field == nullptr) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return -1;
+    }
+    return 0;
+}
+
+void free_texts(EcuConfig *record) {
+    char *EcuConfig::*const fields[] = {
+        &EcuConfig::name,     &EcuConfig::ifname, &EcuConfig::func_addr, &EcuConfig::phy_req_id,
+        &EcuConfig::phy_resp_id, &EcuConfig::st_min, &EcuConfig::bsize,    &EcuConfig::gw_ip,
+        &EcuConfig::sa,       &EcuConfig::ta,     &EcuConfig::bus_id,
+    };
+    for (char *EcuConfig::*field : fields) {
+        free(record->*field);
+        record->*field = nullptr;
+    }
+}
+
+int read_transport(EcuConfig *record, json_object *entry, bool *ioc_seen) {
+    switch (record->type) {
+        case TRANSPORT_CAN:
+            return read_can_params(record, entry);
+        case TRANSPORT_DOIP:
+            return read_doip_params(record, entry);
+        case TRANSPORT_IOC:
+            if (read_ioc_params(record, entry) != 0) return -1;
+            *ioc_seen = true;
+            return 0;
+        case TRANSPORT_CANFD:
+            return 0;
+    }
+    return -1;
+}
+
+// Builds the record of one "configs" element, or returns nullptr after
+// reporting why the entry is dropped. *out_of_memory stops the load.
+EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
+    auto *record = static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig)));
+    if (record == nullptr) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        *out_of_memory = true;
+        return nullptr;
+    }
+    const char *text = nullptr;
+    if (entry == nullptr || kt5_json_get(entry, json_type_string, &text, "type", nullptr) != 0) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse 'type'");
+        free(record);
+        return nullptr;
+    }
+    record->type = parse_transport_type(text);
+    if (kt5_json_get(entry, json_type_string, &text, "targetAddress", nullptr) != 0) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
+        free(record);
+        return nullptr;
+    }
+    record->target_address = parse_target_address(text);
+    UOZ_DBGLOG(UOZ_LOG_INFO, "Parsing %04X address\n", record->target_address);
+    if (kt5_json_get(entry, json_type_string, &text, "name", nullptr) != 0) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
+        free(record);
+        return nullptr;
+    }
+    record->name = uoz_strdup(text);
+    bool ioc_passed = false;
+    if (record->name == nullptr || read_transport(record, entry, &ioc_passed) != 0) {
+        *out_of_memory = record->name == nullptr;
+        free_ecu_config(record);
+        free(record);
+        return nullptr;
+    }
+    // An IOC entry makes the broadcast record IOC even when it is dropped below.
+    if (ioc_passed) *ioc_seen = true;
+    if (read_ecu_version(entry, record) != 0 || reply_wait_init(&record->reply_wait) != 0) {
+        free_ecu_config(record);
+        free(record);
+        return nullptr;
+    }
+    return record;
+}
+
+EcuConfig *new_broadcast_record(bool ioc_seen) {
+    auto *record = static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig)));
+    if (record == nullptr) return nullptr;
+    record->type = ioc_seen ? TRANSPORT_IOC : TRANSPORT_CAN;
+    record->target_address = -1;
+    if (reply_wait_init(&record->reply_wait) != 0) {
+        free(record);
+        return nullptr;
+    }
+    return record;
+}
+
+int fail_load(UDSOverZelkoHandle *handle) {
+    release_handle(handle);
+    return -1;
+}
+
+}  // namespace
+
+TransportType parse_transport_type(const char *text) {
+    if (text == nullptr) return TRANSPORT_CAN;
+    if (strcmp(text, "CANFD") == 0) return TRANSPORT_CANFD;
+    if (strcmp(text, "DOIP") == 0) return TRANSPORT_DOIP;
+    if (strcmp(text, "IOC") == 0) return TRANSPORT_IOC;
+    return TRANSPORT_CAN;
+}
+
+// Reads the text as a 32-bit strtoul with base 16 would: a minus sign negates
+// modulo 2^32 and a magnitude beyond 32 bits gives all bits set.
+int32_t parse_target_address(const char *text) {
+    if (text == nullptr) return 0;
+    const char *start = text;
+    while (isspace(static_cast<unsigned char>(*start))) ++start;
+    bool negative = *start == '-';
+    errno = 0;
+    unsigned long long value = strtoull(text, nullptr, 16);
+    unsigned long long magnitude = negative ? 0ULL - value : value;
+    if (errno == ERANGE || magnitude > 0xFFFFFFFFULL) return -1;
+    uint32_t bits = static_cast<uint32_t>(magnitude);
+    return static_cast<int32_t>(negative ? 0u - bits : bits);
+}
+
+int read_can_params(EcuConfig *record, json_object *entry) {
+    if (read_required(record, entry, "can", kCanKeys) != 0) return -1;
+    for (const TransportKey &key : kCanOptionalKeys) {
+        if (read_optional(record, entry, key) != 0) return -1;
+    }
+    return 0;
+}
+
+int read_doip_params(EcuConfig *record, json_object *entry) {
+    return read_required(record, entry, "doip", kDoipKeys);
+}
+
+int read_ioc_params(EcuConfig *record, json_object *entry) {
+    return read_required(record, entry, "ioc", kIocKeys);
+}
+
+int read_ecu_version(json_object *entry, EcuConfig *record) {
+    json_object *version = nullptr;
+    if (kt5_json_get(entry, json_type_object, &version, "ecu_version", nullptr) != 0) {
+        UOZ_SET_ERROR("No ecu version information available");
+        return 0;
+    }
+    JsonPtr owned(version);
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(version));
+    json_object *uds = nullptr;
+    bool has_uds = kt5_json_get(version, json_type_array, &uds, "uds", nullptr) == 0;
+    JsonPtr uds_copy(uds);
+    if (!has_uds) UOZ_DBGLOG(UOZ_LOG_INFO, "No uds ecu version information available");
+    json_object *j1939 = nullptr;
+    bool has_j1939 = kt5_json_get(version, json_type_object, &j1939, "j1939", nullptr) == 0;
+    JsonPtr j1939_copy(j1939);
+    if (!has_j1939) UOZ_DBGLOG(UOZ_LOG_INFO, "No j1939 ecu version information available");
+    if (has_uds && has_j1939) {
+        UOZ_SET_ERROR("Both J1939 and UDS can not be used to get the ECU version information");
+        return -1;
+    }
+    record->ecu_version = owned.release();
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(record->ecu_version));
+    return 0;
+}
+
+void free_ecu_config(EcuConfig *record) {
+    if (record == nullptr) return;
+    free_texts(record);
+    json_object_put(record->ecu_version);
+    record->ecu_version = nullptr;
+}
+
+// A "configs" member that is not an array fails the load like a missing one.
+int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
+    JsonPtr document(path != nullptr ? json_object_from_file(path) : nullptr);
+    if (!document) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Config failure");
+        return fail_load(handle);
+    }
+    json_object *configs = nullptr;
+    if (!json_object_object_get_ex(document.get(), "configs", &configs) ||
+        !json_object_is_type(configs, json_type_array)) {
+        return fail_load(handle);
+    }
+    bool ioc_seen = false;
+    bool out_of_memory = false;
+    EcuConfig **tail = &handle->ecus;
+    size_t count = json_object_array_length(configs);
+    for (size_t i = 0; i < count && !out_of_memory; ++i) {
+        EcuConfig *record =
+            read_entry(json_object_array_get_idx(configs, i), &ioc_seen, &out_of_memory);
+        if (record == nullptr) continue;
+        *tail = record;
+        tail = &record->next;
+    }
+    handle->broadcast_ecu = new_broadcast_record(ioc_seen);
+    if (handle->broadcast_ecu == nullptr) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return fail_load(handle);
+    }
+    return 0;
+}
+
+// A record without version information prints "ECU Version Information: null".
+void print_ecu_config(UDSOverZelkoHandle *handle) {
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        UOZ_DBGLOG(UOZ_LOG_INFO, "Target Address: 0x%04X\n", record->target_address);
+        UOZ_DBGLOG(UOZ_LOG_INFO, "ECU Version Information: %s\n",
+                   json_object_to_json_string(record->ecu_version));
+        UOZ_DBGLOG(UOZ_LOG_INFO, "TP Info:");
+        switch (record->type) {
+            case TRANSPORT_CAN:
+                UOZ_DBGLOG(UOZ_LOG_INFO, "CAN Interface Name %s:", record->ifname);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "Request ID:%s", record->phy_req_id);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "Response ID:%s", record->phy_resp_id);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "Block Size:%s", record->bsize);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "Sepeartion :%s", record->st_min);
+                break;
+            case TRANSPORT_DOIP:
+                UOZ_DBGLOG(UOZ_LOG_INFO, "GW IP Address: %s", record->gw_ip);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "SA: %s", record->sa);
+                UOZ_DBGLOG(UOZ_LOG_INFO, "TA: %s", record->ta);
+                break;
+            case TRANSPORT_CANFD:
+            case TRANSPORT_IOC:
+                break;
+        }
+    }
+}

@@ -1,0 +1,280 @@
+// The query message: envelope, body, transport blocks and reply identifiers.
+#include "UDSOverZelko/query.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "kt5Utils/kt5_json.h"
+
+namespace {
+
+// One member of a transport block: its key, the record's text, and the
+// message reported when it cannot be added.
+struct BlockMember {
+    const char *key;
+    char *EcuConfig::*field;
+    const char *failure;
+};
+
+const BlockMember kCanMembers[] = {
+    {"ifname", &EcuConfig::ifname, "Could not add 'ifname' to JSON"},
+    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
+    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
+    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
+    {"st-min", &EcuConfig::st_min, "Could not add 'st-min' to JSON"},
+    {"bsize", &EcuConfig::bsize, "Could not add 'bsize' to JSON"},
+};
+const BlockMember kIocMembers[] = {
+    {"bus-id", &EcuConfig::bus_id, "Could not add 'bus_id' to JSON"},
+    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
+    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
+    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
+};
+const BlockMember kDoipMembers[] = {
+    {"sa", &EcuConfig::sa, "Could not add 'sa' to JSON"},
+    {"ta", &EcuConfig::ta, "Could not add 'ta' to JSON"},
+    {"gw-ip", &EcuConfig::gw_ip, "Could not add 'gw-ip' to JSON"},
+};
+
+// Adds a new string member; the object takes the value over.
+bool add_string(json_object *object, const char *key, const char *text) {
+    json_object *value = json_object_new_string(text != nullptr ? text : "");
+    if (value == nullptr) return false;
+    if (json_object_object_add(object, key, value) != 0) {
+        json_object_put(value);
+        return false;
+    }
+    return true;
+}
+
+bool add_member(json_object *object, const char *key, json_object *value) {
+    if (value == nullptr) return false;
+    if (json_object_object_add(object, key, value) != 0) {
+        json_object_put(value);
+        return false;
+    }
+    return true;
+}
+
+template <size_t N>
+json_object *build_block(const EcuConfig *record, const BlockMember (&members)[N],
+                         const char *create_failure) {
+    JsonPtr block(json_object_new_object());
+    if (!block) {
+        UOZ_SET_ERROR(create_failure);
+        return nullptr;
+    }
+    for (const BlockMember &member : members) {
+        if (!add_string(block.get(), member.key, record->*member.field)) {
+            UOZ_SET_ERROR(member.failure);
+            return nullptr;
+        }
+    }
+    return block.release();
+}
+
+EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        if (record->target_address == target_address) return record;
+    }
+    return nullptr;
+}
+
+json_object *build_ecu_block(const EcuConfig *record) {
+    switch (record->type) {
+        case TRANSPORT_CAN:
+            return build_can_block(record);
+        case TRANSPORT_IOC:
+            return build_ioc_block(record);
+        case TRANSPORT_DOIP:
+            return build_doip_block(record);
+        case TRANSPORT_CANFD:
+            return nullptr;
+    }
+    return nullptr;
+}
+
+json_object *build_broadcast_blocks(UDSOverZelkoHandle *handle) {
+    json_object *blocks = json_object_new_array();
+    if (blocks == nullptr) return nullptr;
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        if (record->type != TRANSPORT_CAN && record->type != TRANSPORT_IOC) continue;
+        // A block that cannot be built stands as JSON null.
+        json_object_array_add(blocks, build_ecu_block(record));
+    }
+    return blocks;
+}
+
+// Replaces a CAN record's stored version description by its "j1939" object
+// with the record's "ifname" added, once; later queries send it unchanged.
+// Runs under the record's lock so that concurrent version reads of one ECU
+// never see a half-replaced description.
+bool derive_j1939_version(EcuConfig *record) {
+    pthread_mutex_lock(&record->reply_wait.lock);
+    bool ok = true;
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(record->ecu_version));
+    if (kt5_json_has(record->ecu_version, "j1939", nullptr)) {
+        JsonPtr parsed(kt5_json_copy(record->ecu_version));
+        json_object *j1939 = nullptr;
+        if (kt5_json_get(parsed.get(), json_type_object, &j1939, "j1939", nullptr) != 0) {
+            UOZ_SET_ERROR("Invalid object");
+            ok = false;
+        } else if (!add_string(j1939, "ifname", record->ifname)) {
+            UOZ_SET_ERROR("Unable to add 'ifname' into version JSON message");
+            json_object_put(j1939);
+            ok = false;
+        } else {
+            json_object_put(record->ecu_version);
+            record->ecu_version = j1939;
+        }
+    }
+    pthread_mutex_unlock(&record->reply_wait.lock);
+    return ok;
+}
+
+json_object *copy_version(EcuConfig *record) {
+    pthread_mutex_lock(&record->reply_wait.lock);
+    json_object *copy = kt5_json_copy(record->ecu_version);
+    pthread_mutex_unlock(&record->reply_wait.lock);
+    return copy;
+}
+
+bool add_version(json_object *body, EcuConfig *record) {
+    // A record without version configuration (also the broadcast record)
+    // cannot be asked for its version.
+    if (record->ecu_version == nullptr) {
+        UOZ_SET_ERROR("No version information configured for this ECU");
+        return false;
+    }
+    if (record->type == TRANSPORT_CAN && !derive_j1939_version(record)) return false;
+    if (!add_member(body, "version", copy_version(record))) {
+        UOZ_SET_ERROR("Could not add 'version' to JSON");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+char *generate_reply_id(int32_t length) {
+    if (length < 0) return nullptr;
+    auto *id = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
+    if (id == nullptr) return nullptr;
+    static const char kAlphabet[] = REPLY_ID_ALPHABET;
+    constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
+    srand(static_cast<unsigned>(time(nullptr)));
+    for (int32_t i = 0; i < length; ++i) {
+        id[i] = kAlphabet[static_cast<unsigned>(rand()) % kAlphabetSize];
+    }
+    id[length] = '\0';
+    return id;
+}
+
+json_object *transport_mode_name(TransportType type, char *key, size_t key_size) {
+    const char *mode = nullptr;
+    const char *block_key = nullptr;
+    switch (type) {
+        case TRANSPORT_CAN:
+            mode = "CAN", block_key = "can";
+            break;
+        case TRANSPORT_CANFD:
+            mode = "CANFD", block_key = "canfd";
+            break;
+        case TRANSPORT_DOIP:
+            mode = "DOIP", block_key = "doip";
+            break;
+        case TRANSPORT_IOC:
+            mode = "IOC", block_key = "ioc";
+            break;
+    }
+    if (mode == nullptr) return nullptr;
+    if (key != nullptr && key_size > 0) snprintf(key, key_size, "%s", block_key);
+    return json_object_new_string(mode);
+}
+
+json_object *build_can_block(const EcuConfig *record) {
+    return build_block(record, kCanMembers, "Could not create new JSON object");
+}
+
+json_object *build_ioc_block(const EcuConfig *record) {
+    return build_block(record, kIocMembers, "Could not create new JSON object");
+}
+
+json_object *build_doip_block(const EcuConfig *record) {
+    if (record->type != TRANSPORT_DOIP) return nullptr;
+    return build_block(record, kDoipMembers, "Could not create new JSON Message");
+}
+
+json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,
+                                   EcuConfig **record) {
+    if (target_address == -1) {
+        *record = handle->broadcast_ecu;
+        return build_broadcast_blocks(handle);
+    }
+    if (target_address < -1) return nullptr;
+    EcuConfig *found = find_ecu(handle, target_address);
+    if (found == nullptr) {
+        UOZ_SET_ERRORF("Could not find tragetAddress=%d", target_address);
+        return nullptr;
+    }
+    *record = found;
+    return build_ecu_block(found);
+}
+
+json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
+                              json_object *uds, EcuConfig **record) {
+    JsonPtr body(json_object_new_object());
+    if (!body) return nullptr;
+    EcuConfig *addressed = nullptr;
+    json_object *block = build_transport_block(handle, target_address, &addressed);
+    if (record != nullptr) *record = addressed;
+    if (block == nullptr) {
+        UOZ_SET_ERROR("Could not get tp blob");
+        return nullptr;
+    }
+    JsonPtr owned_block(block);
+    char key[32];
+    json_object *mode = transport_mode_name(addressed->type, key, sizeof(key));
+    if (mode == nullptr) {
+        UOZ_SET_ERROR("Could not get tp mode");
+        return nullptr;
+    }
+    if (!add_member(body.get(), "mode", mode)) {
+        UOZ_SET_ERROR("Could not add 'mode' to JSON");
+        return nullptr;
+    }
+    char address_text[8];
+    snprintf(address_text, sizeof(address_text), target_address == -1 ? "%d" : "0x%04X",
+             target_address);
+    if (!add_string(body.get(), "targetAddress", address_text)) {
+        UOZ_SET_ERROR("Could not add 'targetAddress' to JSON");
+        return nullptr;
+    }
+    if (!add_member(body.get(), key, owned_block.release())) {
+        UOZ_SET_ERROR("Could not add 'can' to JSON");
+        return nullptr;
+    }
+    if (kind == QUERY_UDS_DATA) {
+        if (uds == nullptr || !add_member(body.get(), "uds", kt5_json_copy(uds))) {
+            UOZ_SET_ERROR("Could not add 'uds' to JSON");
+            return nullptr;
+        }
+    } else if (kind == QUERY_VERSION) {
+        if (!add_version(body.get(), addressed)) return nullptr;
+    }
+    return body.release();
+}
+
+json_object *wrap_query(const char *reply_id, json_object *body) {
+    JsonPtr owned_body(body);
+    JsonPtr envelope(json_object_new_object());
+    if (!envelope || !add_string(envelope.get(), "type", "zelko.skyharbor-query") ||
+        reply_id == nullptr || !add_string(envelope.get(), "reply-id", reply_id) ||
+        !add_member(envelope.get(), "body", owned_body.release())) {
+        UOZ_SET_ERROR("Could not add 'uds' to JSON");
+        return nullptr;
+    }
+    return envelope.release();
+}

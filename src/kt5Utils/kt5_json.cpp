@@ -1,0 +1,105 @@
+// Typed look-ups at key paths: one behaviour for missing keys, wrong types and
+// ownership of results for every reader of JSON in the library.
+#include "kt5Utils/kt5_json.h"
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#include "udsoverzelko.h"
+
+namespace {
+
+// The value at `key` of `current`, or nullptr when current is no object, the
+// key is missing, or its value is JSON null. *found tells a present key.
+json_object *member(json_object *current, const char *key, bool *found) {
+    json_object *value = nullptr;
+    *found = current != nullptr && json_object_is_type(current, json_type_object) &&
+             json_object_object_get_ex(current, key, &value);
+    return *found ? value : nullptr;
+}
+
+bool is_owned_copy(json_type type) { return type == json_type_object || type == json_type_array; }
+
+// Writes value, which has the expected type, into the slot in its hand-out form.
+void store(json_object *value, json_type type, void *out) {
+    switch (type) {
+        case json_type_boolean:
+            *static_cast<int *>(out) = json_object_get_boolean(value) ? 1 : 0;
+            return;
+        case json_type_double:
+            *static_cast<double *>(out) = json_object_get_double(value);
+            return;
+        case json_type_int:
+            *static_cast<int32_t *>(out) = json_object_get_int(value);
+            return;
+        case json_type_string:
+            *static_cast<const char **>(out) = json_object_get_string(value);
+            return;
+        case json_type_object:
+        case json_type_array: {
+            auto **slot = static_cast<json_object **>(out);
+            json_object_put(*slot);
+            *slot = kt5_json_copy(value);
+            return;
+        }
+        case json_type_null:
+            return;
+    }
+}
+
+}  // namespace
+
+json_object *kt5_json_copy(json_object *obj) {
+    if (obj == nullptr) return nullptr;
+    return json_tokener_parse(json_object_to_json_string(obj));
+}
+
+int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
+    int result = 0;
+    json_object *current = obj;
+    va_list keys;
+    va_start(keys, out);
+    for (const char *key = va_arg(keys, const char *); key != nullptr;
+         key = va_arg(keys, const char *)) {
+        bool found = false;
+        current = member(current, key, &found);
+        if (!found) {
+            UOZ_DBGLOG(UOZ_LOG_INFO, "No %s property in %s\n", key, json_object_to_json_string(obj));
+            result = -1;
+        }
+    }
+    va_end(keys);
+
+    bool valid_type = type == json_type_boolean || type == json_type_double ||
+                      type == json_type_int || type == json_type_object ||
+                      type == json_type_array || type == json_type_string;
+    if (result == 0 && (!valid_type || current == nullptr || !json_object_is_type(current, type))) {
+        result = -1;
+    }
+    if (result == 0) {
+        store(current, type, out);
+    } else if (is_owned_copy(type)) {
+        auto **slot = static_cast<json_object **>(out);
+        json_object_put(*slot);
+        *slot = nullptr;
+    }
+    return result;
+}
+
+int kt5_json_has(json_object *obj, ...) {
+    json_object *current = obj;
+    int result = 1;
+    va_list keys;
+    va_start(keys, obj);
+    for (const char *key = va_arg(keys, const char *); key != nullptr;
+         key = va_arg(keys, const char *)) {
+        bool found = false;
+        current = member(current, key, &found);
+        if (!found) {
+            result = 0;
+            break;
+        }
+    }
+    va_end(keys);
+    return result;
+}

@@ -1,0 +1,106 @@
+// The node's X.509 identity: private key, certificate and CA certificate read
+// from PEM files, and the addresses its certificate names.
+#include <stdlib.h>
+#include <string.h>
+
+#include "zelkobus/zelkobus_internal.h"
+
+namespace {
+
+kt5bus_buffer **new_buffer_list() {
+    return static_cast<kt5bus_buffer **>(calloc(2, sizeof(kt5bus_buffer *)));
+}
+
+void release_buffer_list(kt5bus_buffer **list) {
+    if (list == nullptr) return;
+    for (kt5bus_buffer **entry = list; *entry != nullptr; ++entry) zebus_release_buffer(*entry);
+    free(list);
+}
+
+}  // namespace
+
+void zebus_release_identity(kt5bus_identity *identity) {
+    if (identity == nullptr || identity->kind != KT5BUS_IDENTITY_X509) return;
+    release_buffer_list(identity->x509.trust);
+    identity->x509.trust = nullptr;
+    release_buffer_list(identity->x509.chain);
+    identity->x509.chain = nullptr;
+    free(identity->x509.extra);
+    identity->x509.extra = nullptr;
+    zebus_release_buffer(identity->x509.private_key);
+    identity->x509.private_key = nullptr;
+    identity->kind = 0;
+}
+
+// Files are read in the order private key, CA certificate, node certificate;
+// the first failure stops the load and releases what was read.
+int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path,
+                             const char *cert_path, const char *ca_path) {
+    memset(identity, 0, sizeof(*identity));
+    identity->kind = KT5BUS_IDENTITY_X509;
+    kt5bus_x509 &x509 = identity->x509;
+    const char *failure = nullptr;
+    if ((x509.private_key = zebus_read_file(key_path)) == nullptr) {
+        failure = "identity->x509.private_key is NULL";
+    } else if ((x509.trust = new_buffer_list()) == nullptr) {
+        failure = "identity->x509.trust is NULL";
+    } else if ((x509.chain = new_buffer_list()) == nullptr) {
+        failure = "identity->x509.chain is NULL";
+    } else if ((x509.trust[0] = zebus_read_file(ca_path)) == nullptr) {
+        failure = "identity->x509.trust[0] is NULL";
+    } else if ((x509.chain[0] = zebus_read_file(cert_path)) == nullptr) {
+        failure = "identity->x509.chain[0] is NULL";
+    }
+    if (failure == nullptr) return 0;
+    ZEBUS_ERROR("%s", failure);
+    zebus_release_identity(identity);
+    return 1;
+}
+
+int zebus_load_identity(kt5bus_identity *identity, const char *directory) {
+    char *key_path = zebus_asprintf("%s/private.pem", directory);
+    char *cert_path = zebus_asprintf("%s/cert.pem", directory);
+    char *ca_path = zebus_asprintf("%s/../ca/ca.pem", directory);
+    int result = 1;
+    if (key_path != nullptr && cert_path != nullptr && ca_path != nullptr) {
+        result = zebus_load_x509_identity(identity, key_path, cert_path, ca_path);
+    }
+    free(key_path);
+    free(cert_path);
+    free(ca_path);
+    return result;
+}
+
+char *zebus_identity_name(kt5bus_identity *identity, int kind) {
+    kt5bus_address *chain = nullptr;
+    char *name = nullptr;
+    if (zebus_ops.get_identity_data(identity, &chain, nullptr, nullptr) == 0) {
+        for (kt5bus_address *address = chain; address != nullptr; address = address->next) {
+            switch (address->kind) {
+                case KT5BUS_ADDR_UA:
+                    if (name == nullptr && kind == KT5BUS_ADDR_UA) {
+                        name = zebus_strdup(address->value.name);
+                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, ua=%s", address->kind,
+                                   address->value.name);
+                    }
+                    break;
+                case KT5BUS_ADDR_GROUP:
+                    if (name == nullptr && kind == KT5BUS_ADDR_GROUP) {
+                        name = zebus_strdup(address->value.name);
+                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, group=%s", address->kind,
+                                   address->value.name);
+                    }
+                    break;
+                case KT5BUS_ADDR_SPECIAL:
+                    UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, special=%d", address->kind,
+                               address->value.special);
+                    break;
+                default:
+                    UOZ_DBGLOG(UOZ_LOG_ERR, "type=%d", address->kind);
+                    break;
+            }
+        }
+    }
+    zebus_ops.free_address(chain, 1);
+    return name;
+}

@@ -1,0 +1,129 @@
+// Sending JSON texts to bus addresses, and the text forms of addresses.
+#include <stdlib.h>
+#include <string.h>
+
+#include "zelkobus/zelkobus_internal.h"
+
+namespace {
+
+constexpr const char *kContentType = "application/json";
+
+void release_message(kt5bus_message *message) {
+    if (message == nullptr) return;
+    free(message->data);
+    zebus_ops.free_address(message->destination, 1);
+    free(message);
+}
+
+// A message record holding a copy of text, or nullptr after reporting.
+kt5bus_message *new_message(const char *text) {
+    auto *message = static_cast<kt5bus_message *>(zebus_zalloc(sizeof(kt5bus_message)));
+    if (message == nullptr) {
+        ZEBUS_ERROR("memory allocation failed");
+        return nullptr;
+    }
+    message->data = zebus_strdup(text);
+    if (message->data == nullptr) {
+        ZEBUS_ERROR("memory allocation failed");
+        free(message);
+        return nullptr;
+    }
+    message->content_type = kContentType;
+    message->length = strlen(text) + 1;
+    return message;
+}
+
+// Hands the message to the bus library. On acceptance the record belongs to
+// the library, which never reports its delivery (and so never releases it)
+// before kt5bus_send_message has returned; the caller may read it until the
+// next call into the library.
+int send(BusConnection *connection, kt5bus_message *message) {
+    return zebus_ops.send_message(&connection->client, message, nullptr);
+}
+
+bool check_arguments(BusConnection *connection, const char *text) {
+    if (connection == nullptr) {
+        ZEBUS_ERROR("Zelko Bus connection is NULL");
+        return false;
+    }
+    if (text == nullptr) {
+        ZEBUS_ERROR("message is NULL");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+int zebus_send_message_to(BusConnection *connection, const char *text, int kind,
+                          const char *name) {
+    if (!check_arguments(connection, text)) return -1;
+    kt5bus_message *message = new_message(text);
+    if (message == nullptr) return -1;
+    int status = zebus_ops.chain_address(&message->destination, kind, name, 1);
+    if (status != 0) {
+        ZEBUS_ERROR("Failed to get address for %s\n", name);
+        release_message(message);
+        return status;
+    }
+    status = send(connection, message);
+    UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message status=%d, target=%s, id=%05x, msg=%s", status,
+               name, message->id, static_cast<const char *>(message->data));
+    if (status != 0) {
+        ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
+        release_message(message);
+    }
+    return status;
+}
+
+int zebus_send_message(BusConnection *connection, const char *text, const char *const *names) {
+    if (!check_arguments(connection, text)) return -1;
+    kt5bus_message *message = new_message(text);
+    if (message == nullptr) return -1;
+    bool chained = names != nullptr && names[0] != nullptr;
+    for (size_t i = 0; chained && names[i] != nullptr; ++i) {
+        if (zebus_ops.chain_address(&message->destination, KT5BUS_ADDR_GROUP, names[i], 1) != 0) {
+            ZEBUS_ERROR("Failed to get address for %s", names[i]);
+            chained = false;
+        }
+    }
+    if (!chained) {
+        ZEBUS_ERROR("Error while adding type handler");
+        release_message(message);
+        return -1;
+    }
+    int status = send(connection, message);
+    UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message id=%05x, msg=%s", message->id,
+               static_cast<const char *>(message->data));
+    if (status != 0) {
+        ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
+        release_message(message);
+    }
+    return status;
+}
+
+char *zebus_address_to_text(const kt5bus_address *address) {
+    if (address == nullptr) return nullptr;
+    char *text = nullptr;
+    switch (address->kind) {
+        case KT5BUS_ADDR_UA:
+            text = zebus_asprintf("<UA: %s> ", address->value.name);
+            break;
+        case KT5BUS_ADDR_GROUP:
+            text = zebus_asprintf("<GRP: %s>", address->value.name);
+            break;
+        case KT5BUS_ADDR_SPECIAL:
+            text = address->value.special == KT5BUS_SPECIAL_DM_CLIENT
+                       ? zebus_asprintf("<DM-CLIENT>")
+                       : zebus_asprintf("<UNKNOWN SPECIAL %d>", address->value.special);
+            break;
+        default:
+            text = zebus_asprintf("<UNKNOWN TYPE %d>", address->kind);
+            break;
+    }
+    if (text != nullptr && text[0] == '\0') {
+        free(text);
+        return nullptr;
+    }
+    return text;
+}
