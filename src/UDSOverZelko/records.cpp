@@ -59,6 +59,10 @@ void release_ecu_record(EcuConfig *record) {
 
 void release_handle(UDSOverZelkoHandle *handle) {
     UOZ_LOG_BANNER();
+    free_handle(handle);
+}
+
+void free_handle(UDSOverZelkoHandle *handle) {
     if (handle == nullptr) return;
     while (handle->ecus != nullptr) {
         EcuConfig *next = handle->ecus->next;

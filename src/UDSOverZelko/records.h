@@ -100,6 +100,8 @@ void reply_wait_destroy(ReplyWait *wait);
 // handle itself: the body of UDSOverZelko_Terminate after the bus stop.
 // Logs the version banner first. NULL is accepted.
 void release_handle(UDSOverZelkoHandle *handle);
+// The same without the banner.
+void free_handle(UDSOverZelkoHandle *handle);
 
 // Heap copy of a text with malloc, NULL for NULL or when memory runs out.
 char *uoz_strdup(const char *text);

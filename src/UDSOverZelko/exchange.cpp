@@ -1,0 +1,290 @@
+// One diagnostic request, one answer: send the query, wait for the reply that
+// the bus thread routes to the addressed ECU record, match and decode it.
+#include "UDSOverZelko/exchange.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <string>
+
+#include "UDSOverZelko/exchange_internal.h"
+#include "kt5Utils/kt5_json.h"
+#include "zelkobus/zelkobus.h"
+
+namespace {
+
+struct FreeText {
+    void operator()(char *text) const { free(text); }
+};
+using TextPtr = std::unique_ptr<char, FreeText>;
+
+struct timespec reply_deadline() {
+    struct timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
+    return deadline;
+}
+
+// Stores a delivered text in a reply slot and wakes its waiter. A text left
+// there by nobody's wait is replaced.
+void deliver(ReplyWait *wait, char *text) {
+    if (text == nullptr) return;
+    pthread_mutex_lock(&wait->lock);
+    free(wait->reply);
+    wait->reply = text;
+    pthread_cond_signal(&wait->cond);
+    pthread_mutex_unlock(&wait->lock);
+}
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// One byte from at most two characters, as sscanf's "%02hhx" reads it; a
+// pair that does not convert leaves the byte as it is.
+void decode_pair(const char *text, size_t available, uint8_t *byte) {
+    int high = hex_digit(text[0]);
+    int low = available > 1 ? hex_digit(text[1]) : -1;
+    if (high >= 0 && (low >= 0 || available == 1)) {
+        *byte = static_cast<uint8_t>(low >= 0 ? high * 16 + low : high);
+        return;
+    }
+    // Signs, "0x" prefixes and white space: let the C library decide.
+    char pair[3] = {text[0], available > 1 ? text[1] : '\0', '\0'};
+    sscanf(pair, "%02hhx", byte);
+}
+
+// Decodes hexadecimal text into entry->data (length + 1 bytes, zero-filled);
+// an odd last digit goes into the spare byte that length does not count.
+bool decode_hex(const char *text, DTCBufferEntry *entry) {
+    size_t digits = strlen(text);
+    size_t length = digits / 2;
+    if (length > INT32_MAX - 1) return false;
+    entry->data = static_cast<uint8_t *>(calloc(length + 1, 1));
+    if (entry->data == nullptr) return false;
+    entry->length = static_cast<int32_t>(length);
+    for (size_t k = 0; k < digits; k += 2) decode_pair(text + k, digits - k, &entry->data[k / 2]);
+    return true;
+}
+
+// The first CAN or IOC record whose "phy-req-id" text is request_id.
+const EcuConfig *find_by_request_id(UDSOverZelkoHandle *handle, const char *request_id) {
+    for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        bool has_request_id = record->type == TRANSPORT_CAN || record->type == TRANSPORT_IOC;
+        if (has_request_id && record->phy_req_id != nullptr &&
+            strcmp(record->phy_req_id, request_id) == 0) {
+            return record;
+        }
+    }
+    return nullptr;
+}
+
+// Fills one entry from one "data-record" element; false when the element
+// lacks "phy-req-id" or "data".
+bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferEntry *entry) {
+    const char *request_id = nullptr;
+    const char *data = nullptr;
+    if (kt5_json_get(element, json_type_string, &request_id, "phy-req-id", nullptr) != 0 ||
+        kt5_json_get(element, json_type_string, &data, "data", nullptr) != 0) {
+        UOZ_SET_ERROR("could not find ''data");
+        return false;
+    }
+    const EcuConfig *record = find_by_request_id(handle, request_id);
+    if (record != nullptr) {
+        entry->target_address = record->target_address;
+        entry->ecu_name = uoz_strdup(record->name);
+    }
+    return decode_hex(data, entry);
+}
+
+const char *source_name(const kt5bus_address *source, std::string *scratch) {
+    if (source == nullptr) return "(unknown)";
+    if (source->kind == KT5BUS_ADDR_UA || source->kind == KT5BUS_ADDR_GROUP) {
+        return source->value.name != nullptr ? source->value.name : "(unnamed)";
+    }
+    // Special addresses carry no name: log their text form instead.
+    char *text = zebus_address_to_text(source);
+    *scratch = text != nullptr ? text : "(unknown)";
+    free(text);
+    return scratch->c_str();
+}
+
+// "body"."targetAddress" as strtol reads it with base 16, saturated to 32 bits.
+int32_t reply_target_address(const char *text) {
+    long long value = strtoll(text, nullptr, 16);
+    if (value > INT32_MAX) return INT32_MAX;
+    if (value < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(value);
+}
+
+EcuConfig *record_for_reply(UDSOverZelkoHandle *handle, int32_t target_address) {
+    if (target_address == -1) return handle->broadcast_ecu;
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        if (record->target_address == target_address) return record;
+    }
+    return nullptr;
+}
+
+void route_query_reply(UDSOverZelkoHandle *handle, json_object *message, const char *text) {
+    const char *target = nullptr;
+    if (kt5_json_get(message, json_type_string, &target, "body", "targetAddress", nullptr) != 0) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Could not find target Address\n");
+        return;
+    }
+    EcuConfig *record = record_for_reply(handle, reply_target_address(target));
+    if (record != nullptr) deliver(&record->reply_wait, uoz_strdup(text));
+}
+
+int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
+    const char *version = nullptr;
+    if (kt5_json_get(reply, json_type_string, &version, "body", "version", nullptr) != 0) {
+        UOZ_SET_ERROR("could not find 'version'");
+        return -2;
+    }
+    auto **entries = static_cast<DTCBufferEntry **>(calloc(1, sizeof(DTCBufferEntry *)));
+    auto *entry = static_cast<DTCBufferEntry *>(calloc(1, sizeof(DTCBufferEntry)));
+    char *copy = uoz_strdup(version);
+    if (entries == nullptr || entry == nullptr || copy == nullptr) {
+        free(entries), free(entry), free(copy);
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return -2;
+    }
+    entry->data = reinterpret_cast<uint8_t *>(copy);
+    entry->length = static_cast<int32_t>(strlen(copy));
+    entries[0] = entry;
+    result->entries = entries;
+    result->count = 1;
+    return 0;
+}
+
+}  // namespace
+
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text, char **reply) {
+    ReplyWait *wait = &record->reply_wait;
+    // A reply that came after an earlier exchange gave up is not this one's.
+    pthread_mutex_lock(&wait->lock);
+    free(wait->reply);
+    wait->reply = nullptr;
+    pthread_mutex_unlock(&wait->lock);
+
+    zebus_send_message_to(handle->bus, text, KT5BUS_ADDR_UA, UOZ_AGENT_ADDRESS);
+    struct timespec deadline = reply_deadline();
+
+    pthread_mutex_lock(&wait->lock);
+    while (wait->reply == nullptr) {
+        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0) break;
+    }
+    *reply = wait->reply;
+    wait->reply = nullptr;
+    pthread_mutex_unlock(&wait->lock);
+    if (*reply == nullptr) UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
+    return *reply != nullptr;
+}
+
+bool reply_answers(json_object *reply, const char *reply_id) {
+    const char *reply_to = nullptr;
+    if (kt5_json_get(reply, json_type_string, &reply_to, "reply-to", nullptr) != 0) {
+        UOZ_SET_ERROR("could not find 'reply-to'");
+        return false;
+    }
+    if (strcmp(reply_to, reply_id) != 0) {
+        UOZ_SET_ERRORF("Wrong reply-id %s %s", reply_id, reply_to);
+        return false;
+    }
+    return true;
+}
+
+int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuffer *result) {
+    json_object *records = nullptr;
+    if (kt5_json_get(reply, json_type_array, &records, "body", "uds", "data-record", nullptr) != 0) {
+        UOZ_SET_ERROR("could not find ''data-record");
+        return -2;
+    }
+    JsonPtr owned(records);
+    size_t count = json_object_array_length(records);
+    result->count = static_cast<int32_t>(count);
+    result->entries = static_cast<DTCBufferEntry **>(calloc(count + 1, sizeof(DTCBufferEntry *)));
+    if (result->entries == nullptr) {
+        result->count = 0;
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return -2;
+    }
+    int64_t bytes = 0;
+    for (size_t i = 0; i < count; ++i) {
+        result->entries[i] = static_cast<DTCBufferEntry *>(calloc(1, sizeof(DTCBufferEntry)));
+        if (result->entries[i] == nullptr ||
+            !decode_element(handle, json_object_array_get_idx(records, i), result->entries[i])) {
+            UOZ_SET_ERROR("immature response recieved!!");
+            break;
+        }
+        bytes += result->entries[i]->length;
+    }
+    return bytes > INT32_MAX ? INT32_MAX : static_cast<int32_t>(bytes);
+}
+
+int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,
+                       json_object *uds, QueryKind kind) {
+    EcuConfig *record = nullptr;
+    json_object *body = build_query_body(handle, target_address, kind, uds, &record);
+    if (body == nullptr) return -2;
+    TextPtr reply_id(generate_reply_id(REPLY_ID_LENGTH));
+    if (!reply_id) {
+        json_object_put(body);
+        UOZ_SET_ERROR("Unable to get replyID");
+        return -2;
+    }
+    JsonPtr envelope(wrap_query(reply_id.get(), body));
+    if (!envelope) return -2;
+
+    char *delivered = nullptr;
+    if (!send_and_wait(handle, record, json_object_to_json_string(envelope.get()), &delivered)) {
+        return -5;
+    }
+    TextPtr reply_text(delivered);
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", reply_text.get());
+    JsonPtr reply(json_tokener_parse(reply_text.get()));
+    if (!reply_answers(reply.get(), reply_id.get())) return -2;
+    switch (kind) {
+        case QUERY_UDS_DATA:
+            return decode_uds_reply(handle, reply.get(), result);
+        case QUERY_VERSION:
+            return decode_version_reply(reply.get(), result);
+    }
+    return -2;
+}
+
+int on_bus_message(const char *data, size_t length, const kt5bus_address *source,
+                   void *user_data) {
+    if (data == nullptr) {
+        UOZ_SET_ERROR("msg is NULL");
+        return 0;
+    }
+    if (length == 0) {
+        UOZ_SET_ERROR("len is 0");
+        return 0;
+    }
+    // The text ends at its first NUL or after `length` bytes, whichever is first.
+    std::string text(data, strnlen(data, length));
+    std::string scratch;
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s\n", source_name(source, &scratch), text.c_str());
+    JsonPtr message(json_tokener_parse(text.c_str()));
+    const char *type = nullptr;
+    if (kt5_json_get(message.get(), json_type_string, &type, "type", nullptr) != 0) {
+        UOZ_SET_ERROR("No type found");
+        return 0;
+    }
+    auto *handle = static_cast<UDSOverZelkoHandle *>(user_data);
+    if (strcmp(type, "zelko.skyharbor-query-update") == 0) {
+        route_query_reply(handle, message.get(), text.c_str());
+    } else if (strcmp(type, "zelko.external-consent") == 0) {
+        deliver(&handle->consent_wait, uoz_strdup(json_object_to_json_string(message.get())));
+    }
+    return 0;
+}

@@ -1,0 +1,23 @@
+// Steps of the exchange that the services share.
+#ifndef UOZ_CORE_EXCHANGE_INTERNAL_H
+#define UOZ_CORE_EXCHANGE_INTERNAL_H
+
+#include <json-c/json.h>
+
+#include "UDSOverZelko/records.h"
+
+// Empties the record's reply slot, sends text to the diagnostic agent and
+// waits up to REPLY_TIMEOUT_SECONDS for the next reply routed to the record.
+// True with the reply text in *reply (the caller frees it); false on time-out,
+// after logging "response not received".
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text, char **reply);
+
+// True when the parsed reply's "reply-to" is reply_id; otherwise reports
+// "could not find 'reply-to'" or "Wrong reply-id %s %s".
+bool reply_answers(json_object *reply, const char *reply_id);
+
+// Decodes the "data-record" elements of a matched reply into result; the
+// total number of data bytes, or -2 when there is no "data-record" array.
+int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuffer *result);
+
+#endif

@@ -1,0 +1,197 @@
+// Remote command documents: the commands become one routine that the agent
+// runs on the ECU that the document names.
+#include "UDSOverZelko/remote_command.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include "UDSOverZelko/config.h"
+#include "UDSOverZelko/routine_query.h"
+#include "kt5Utils/kt5_json.h"
+
+namespace {
+
+constexpr const char *kTimeFormat = "%Y-%m-%dT%H:%M:%SZ";
+
+// Parses a UTC time text into calendar fields; false after printing why not.
+bool parse_utc(const char *text, struct tm *calendar) {
+    const char *end = text != nullptr ? strptime(text, kTimeFormat, calendar) : nullptr;
+    if (end == nullptr) {
+        puts("Failed to parse time string");
+        return false;
+    }
+    return true;
+}
+
+// -1 when the period is missing a time text, 0 when it is not current, 1 when
+// the command may run. A document without a period may always run.
+int check_period(json_object *document) {
+    if (!kt5_json_has(document, "diagnostic_period", nullptr)) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "No Command Validity found, making command valid forever");
+        return 1;
+    }
+    const char *start = nullptr;
+    const char *end = nullptr;
+    if (kt5_json_get(document, json_type_string, &start, "diagnostic_period", "start_time",
+                     nullptr) != 0 ||
+        kt5_json_get(document, json_type_string, &end, "diagnostic_period", "end_time",
+                     nullptr) != 0) {
+        UOZ_SET_ERROR("Error");
+        return -1;
+    }
+    return check_command_validity(start, end) > 0 ? 1 : 0;
+}
+
+// A copy of the configured routine named `name`, or NULL when the
+// configuration file has none of that name.
+json_object *find_predefined_routine(const char *config_path, const char *name,
+                                     bool *copy_failed) {
+    JsonPtr config(config_path != nullptr ? json_object_from_file(config_path) : nullptr);
+    json_object *routines = nullptr;
+    if (kt5_json_get(config.get(), json_type_array, &routines, "pre-defined-routines", nullptr) !=
+        0) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "No pre-defined routines in %s for command %s",
+                   config_path != nullptr ? config_path : "(none)", name);
+        return nullptr;
+    }
+    JsonPtr owned(routines);
+    size_t count = json_object_array_length(routines);
+    for (size_t i = 0; i < count; ++i) {
+        json_object *routine = json_object_array_get_idx(routines, i);
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(routine));
+        const char *routine_name = nullptr;
+        if (kt5_json_get(routine, json_type_string, &routine_name, "name", nullptr) != 0) continue;
+        if (strcmp(routine_name, name) != 0) continue;
+        json_object *copy = kt5_json_copy(routine);
+        if (copy == nullptr) {
+            UOZ_SET_ERROR("Could not create JSON Command");
+            *copy_failed = true;
+            return nullptr;
+        }
+        UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(copy));
+        return copy;
+    }
+    // A name that matches no routine chooses nothing: never another routine.
+    UOZ_DBGLOG(UOZ_LOG_WARN, "No pre-defined routine named %s", name);
+    return nullptr;
+}
+
+json_object *custom_routine(json_object *document, json_object *commands) {
+    json_object *routine = json_object_new_object();
+    json_object_object_add(routine, "name", json_object_new_string("custom_commands"));
+    json_object_object_add(routine, "commands", kt5_json_copy(commands));
+    json_object *security_access = nullptr;
+    if (kt5_json_get(document, json_type_object, &security_access, "security_access", nullptr) ==
+        0) {
+        json_object_object_add(routine, "security_access", security_access);
+    }
+    return routine;
+}
+
+// The routine that the commands choose: the last configured routine that a
+// "predefined" command names, or the custom routine once a command of another
+// type appears.
+json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
+                            json_object *commands) {
+    JsonPtr chosen;
+    size_t count = json_object_array_length(commands);
+    for (size_t i = 0; i < count; ++i) {
+        json_object *command = json_object_array_get_idx(commands, i);
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(command));
+        const char *type = nullptr;
+        if (kt5_json_get(command, json_type_string, &type, "type", nullptr) != 0 ||
+            strcmp(type, "predefined") != 0) {
+            return custom_routine(document, commands);
+        }
+        const char *name = nullptr;
+        if (kt5_json_get(command, json_type_string, &name, "command", nullptr) != 0) {
+            UOZ_SET_ERROR("Could not find command");
+            break;
+        }
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s command received\n", name);
+        bool copy_failed = false;
+        json_object *routine = find_predefined_routine(handle->config_path, name, &copy_failed);
+        if (copy_failed) break;
+        if (routine != nullptr) chosen.reset(routine);
+    }
+    return chosen.release();
+}
+
+int execute(UDSOverZelkoHandle *handle, json_object *document, CommandResponse *response) {
+    int period = check_period(document);
+    if (period < 0) return UOZ_ERR_GENERAL;
+    if (period == 0) return UOZ_ERR_VALIDITY;
+    json_object *commands = nullptr;
+    if (kt5_json_get(document, json_type_array, &commands, "commands", nullptr) != 0) {
+        UOZ_SET_ERROR("Could not find 'commands' property in JSON");
+        return UOZ_ERR_GENERAL;
+    }
+    JsonPtr owned_commands(commands);
+    JsonPtr routine(choose_routine(handle, document, commands));
+    const char *server_address = nullptr;
+    if (kt5_json_get(document, json_type_string, &server_address, "ecu", "ServerAddress",
+                     nullptr) != 0) {
+        UOZ_SET_ERROR("No TA found");
+        return UOZ_ERR_GENERAL;
+    }
+    return run_routine_query(handle, parse_target_address(server_address), server_address,
+                             routine.release(), "Unable to get transport mode", response);
+}
+
+}  // namespace
+
+int check_command_validity(const char *start_time, const char *end_time) {
+    struct tm start_calendar = {};
+    struct tm end_calendar = {};
+    if (!parse_utc(start_time, &start_calendar) || !parse_utc(end_time, &end_calendar)) return 0;
+    time_t start = timegm(&start_calendar);
+    time_t end = timegm(&end_calendar);
+    if (start == static_cast<time_t>(-1) || end == static_cast<time_t>(-1)) {
+        puts("Failed to convert time");
+        return 0;
+    }
+    time_t now = time(nullptr);
+    if (start <= now && now <= end) return 1;
+    if (now < start) {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Command validity not started yet");
+    } else {
+        UOZ_DBGLOG(UOZ_LOG_ERR, "Command validity expired");
+    }
+    return 0;
+}
+
+int UDSOverZelko_ExecuteRemoteCommand(UDSOverZelkoHandle *handle, const char *document,
+                                      uint32_t size, CommandResponse *response) {
+    UOZ_LOG_BANNER();
+    if (handle == nullptr) {
+        UOZ_SET_ERROR("Invalid UDS Handler");
+        return UOZ_ERR_GENERAL;
+    }
+    if (document == nullptr) {
+        UOZ_SET_ERROR("Invalid buffer received");
+        return UOZ_ERR_GENERAL;
+    }
+    if (size == 0) {
+        UOZ_SET_ERROR("Invalid size received");
+        return UOZ_ERR_GENERAL;
+    }
+    if (response == nullptr) {
+        UOZ_SET_ERROR("Invalid response record");
+        return UOZ_ERR_GENERAL;
+    }
+    UOZ_DBGLOG(UOZ_LOG_DBG, "Received msg: %s\n", document);
+    JsonPtr parsed(json_tokener_parse(document));
+    if (!parsed) {
+        UOZ_SET_ERROR("Could not convert JSON Object");
+        return UOZ_ERR_GENERAL;
+    }
+    return execute(handle, parsed.get(), response);
+}
+
+int UDSOverZelko_ExecuteRemoteCommand_Async(UDSOverZelkoHandle *, const char *, uint32_t,
+                                            CommandResponse *) {
+    UOZ_LOG_BANNER();
+    UOZ_DBGLOG(UOZ_LOG_ERR, "Not Supported yet");
+    return UOZ_ERR_NOT_SUPPORTED;
+}
