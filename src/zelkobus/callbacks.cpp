@@ -99,9 +99,11 @@ void zebus_on_delivered(kt5bus_client *client, kt5bus_message *message, void *, 
             ++connection->failed_deliveries;
         }
     }
+    if (connection != nullptr) pthread_rwlock_wrlock(&connection->send_lock);
     free(message->data);
     zebus_ops.free_address(message->destination, 1);
     free(message);
+    if (connection != nullptr) pthread_rwlock_unlock(&connection->send_lock);
 }
 
 void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,

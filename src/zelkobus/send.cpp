@@ -34,9 +34,9 @@ kt5bus_message *new_message(const char *text) {
 }
 
 // Hands the message to the bus library. On acceptance the record belongs to
-// the library, which never reports its delivery (and so never releases it)
-// before kt5bus_send_message has returned; the caller may read it until the
-// next call into the library.
+// the library; the caller holds send_lock shared until it has read the record
+// for its log line, and the delivered callback releases it only under the
+// exclusive lock.
 int send(BusConnection *connection, kt5bus_message *message) {
     return zebus_ops.send_message(&connection->client, message, nullptr);
 }
@@ -66,9 +66,11 @@ int zebus_send_message_to(BusConnection *connection, const char *text, int kind,
         release_message(message);
         return status;
     }
+    pthread_rwlock_rdlock(&connection->send_lock);
     status = send(connection, message);
     UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message status=%d, target=%s, id=%05x, msg=%s", status,
                name, message->id, static_cast<const char *>(message->data));
+    pthread_rwlock_unlock(&connection->send_lock);
     if (status != 0) {
         ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
         release_message(message);
@@ -92,9 +94,11 @@ int zebus_send_message(BusConnection *connection, const char *text, const char *
         release_message(message);
         return -1;
     }
+    pthread_rwlock_rdlock(&connection->send_lock);
     int status = send(connection, message);
     UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message id=%05x, msg=%s", message->id,
                static_cast<const char *>(message->data));
+    pthread_rwlock_unlock(&connection->send_lock);
     if (status != 0) {
         ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
         release_message(message);

@@ -32,6 +32,10 @@ struct BusConnection {
     std::atomic<uint8_t> running;
     int32_t failed_deliveries;
     zebus_message_cb on_message;
+    // Held shared by a send until its log line is written, and exclusively
+    // while a delivered message is released, so that no send reads a record
+    // that the bus library has already handed back. Valid zero-filled.
+    pthread_rwlock_t send_lock;
 };
 
 // Every call into the bus library goes through this table.

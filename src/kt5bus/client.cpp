@@ -1,0 +1,550 @@
+// The bus client: one thread per client runs the MQTT 5 connection over TLS,
+// reconnects, tracks peers' presence and reports every sent message once.
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "kt5bus/kt5bus_internal.h"
+
+namespace kt5 {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kKeepaliveSeconds = 30;
+constexpr int kLoopTimeoutMs = 100;
+constexpr auto kFirstRetry = std::chrono::milliseconds(100);
+constexpr auto kLastRetry = std::chrono::milliseconds(5000);
+constexpr int kReasonDisconnectWithWill = 0x04;
+constexpr int kQos = 1;
+
+// A message accepted by kt5bus_send_message and not yet reported.
+struct Pending {
+    kt5bus_message *message = nullptr;
+    int outstanding = 0;    // publishes without an acknowledgement
+    bool ok = true;         // every acknowledgement so far said delivered
+    bool returned = false;  // kt5bus_send_message has finished with it
+    Clock::time_point deadline;
+};
+
+struct Peer {
+    std::vector<Address> addresses;
+    std::set<std::string> connections;  // client ids with a presence record
+};
+
+struct Url {
+    std::string host;
+    int port = 0;
+};
+
+bool parse_url(const char *url, Url *out) {
+    const char *scheme = "tcp://";
+    if (url == nullptr || strncmp(url, scheme, strlen(scheme)) != 0) return false;
+    std::string rest = url + strlen(scheme);
+    size_t colon = rest.rfind(':');
+    if (colon == std::string::npos) return false;
+    char *end = nullptr;
+    long port = strtol(rest.c_str() + colon + 1, &end, 10);
+    if (end == rest.c_str() + colon + 1 || *end != '\0' || port <= 0 || port > 65535) return false;
+    out->host = rest.substr(0, colon);
+    out->port = static_cast<int>(port);
+    return true;
+}
+
+std::string random_suffix() {
+    std::random_device device;
+    char text[17];
+    snprintf(text, sizeof(text), "%08x%08x", device(), device());
+    return text;
+}
+
+class Client {
+public:
+    Client(kt5bus_client *record, const Url &url, const CertificateInfo &identity,
+           std::string certificate_pem, SSL_CTX *tls)
+        : record_(record), url_(url), cn_(identity.common_name), addresses_(identity.addresses),
+          certificate_pem_(std::move(certificate_pem)), tls_(tls),
+          client_id_(cn_ + "-" + random_suffix()) {}
+    ~Client();
+
+    int start();
+    void stop();
+    int send(kt5bus_message *message);
+    bool on_client_thread() const { return std::this_thread::get_id() == thread_.get_id(); }
+
+private:
+    static void on_connect(mosquitto *, void *self, int rc, int, const mosquitto_property *);
+    static void on_subscribe(mosquitto *, void *self, int, int count, const int *granted,
+                             const mosquitto_property *);
+    static void on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *);
+    static void on_message(mosquitto *, void *self, const mosquitto_message *message,
+                           const mosquitto_property *properties);
+
+    void run();
+    bool connect();
+    void wait_before_retry(std::chrono::milliseconds *delay);
+    void status(int code);
+    void subscribe_and_announce();
+    void acknowledge(int mid, bool ok);
+    void report_finished();
+    void expire_pending();
+    void fail_all_pending();
+    void handle_presence(const std::string &cn, const std::string &client_id,
+                         const mosquitto_message *message);
+    void handle_message(const std::string &sender_cn, const mosquitto_message *message,
+                        const mosquitto_property *properties);
+    Pending *finish_if_done(std::map<uint32_t, Pending>::iterator entry);
+
+    kt5bus_client *record_;
+    Url url_;
+    std::string cn_;
+    std::vector<Address> addresses_;
+    std::string certificate_pem_;
+    SSL_CTX *tls_;
+    std::string client_id_;
+    mosquitto *mosq_ = nullptr;
+    std::thread thread_;
+
+    std::mutex lock_;  // guards everything below
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    bool session_up_ = false;
+    uint32_t next_id_ = 0;
+    std::map<uint32_t, Pending> pending_;       // by message id
+    std::map<int, uint32_t> publishes_;         // MQTT message id -> message id
+    std::deque<std::pair<kt5bus_message *, bool>> finished_;
+
+    std::map<std::string, Peer> peers_;  // only touched on the client thread
+};
+
+Client::~Client() {
+    if (mosq_ != nullptr) mosquitto_destroy(mosq_);
+    SSL_CTX_free(tls_);
+}
+
+int Client::start() {
+    mosq_ = mosquitto_new(client_id_.c_str(), true, this);
+    if (mosq_ == nullptr) return KT5BUS_ERR_NOMEM;
+    std::string presence = presence_topic(cn_, client_id_);
+    bool configured =
+        mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5) == 0 &&
+        mosquitto_int_option(mosq_, MOSQ_OPT_TCP_NODELAY, 1) == 0 &&
+        mosquitto_void_option(mosq_, MOSQ_OPT_SSL_CTX, tls_) == 0 &&
+        mosquitto_int_option(mosq_, MOSQ_OPT_SSL_CTX_WITH_DEFAULTS, 0) == 0 &&
+        mosquitto_threaded_set(mosq_, true) == 0 &&
+        // An empty retained presence tells the others we are gone, also when
+        // this process dies.
+        mosquitto_will_set_v5(mosq_, presence.c_str(), 0, nullptr, kQos, true, nullptr) == 0;
+    if (!configured) return KT5BUS_ERR_MQTT;
+    mosquitto_connect_v5_callback_set(mosq_, &Client::on_connect);
+    mosquitto_subscribe_v5_callback_set(mosq_, &Client::on_subscribe);
+    mosquitto_publish_v5_callback_set(mosq_, &Client::on_publish);
+    mosquitto_message_v5_callback_set(mosq_, &Client::on_message);
+    thread_ = std::thread(&Client::run, this);
+    return KT5BUS_OK;
+}
+
+void Client::stop() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) thread_.join();
+}
+
+void Client::status(int code) {
+    if (record_->on_status != nullptr) record_->on_status(record_, code);
+}
+
+bool Client::connect() {
+    int rc = mosquitto_connect_bind_v5(mosq_, url_.host.c_str(), url_.port, kKeepaliveSeconds,
+                                       nullptr, nullptr);
+    if (rc == MOSQ_ERR_SUCCESS) return true;
+    debug("connect to %s:%d failed: %s", url_.host.c_str(), url_.port, mosquitto_strerror(rc));
+    status(rc == MOSQ_ERR_EAI ? KT5BUS_STATUS_RESOLUTION_FAILED : KT5BUS_STATUS_CONNECTION_FAILED);
+    return false;
+}
+
+void Client::wait_before_retry(std::chrono::milliseconds *delay) {
+    std::unique_lock<std::mutex> hold(lock_);
+    wake_.wait_for(hold, *delay, [this] { return stopping_; });
+    *delay = std::min(*delay * 2, std::chrono::duration_cast<std::chrono::milliseconds>(kLastRetry));
+}
+
+void Client::run() {
+    status(KT5BUS_STATUS_START);
+    auto delay = std::chrono::duration_cast<std::chrono::milliseconds>(kFirstRetry);
+    bool socket_open = false;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            if (stopping_) break;
+        }
+        if (!socket_open) {
+            socket_open = connect();
+            if (!socket_open) {
+                wait_before_retry(&delay);
+                continue;
+            }
+        }
+        int rc = mosquitto_loop(mosq_, kLoopTimeoutMs, 1);
+        report_finished();
+        expire_pending();
+        if (rc == MOSQ_ERR_SUCCESS) {
+            std::lock_guard<std::mutex> hold(lock_);
+            if (session_up_) delay = std::chrono::duration_cast<std::chrono::milliseconds>(kFirstRetry);
+            continue;
+        }
+        bool was_up = false;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            was_up = session_up_;
+            session_up_ = false;
+        }
+        debug("connection lost: %s", mosquitto_strerror(rc));
+        mosquitto_disconnect(mosq_);
+        socket_open = false;
+        if (rc != MOSQ_ERR_CONN_REFUSED) {
+            status(was_up ? KT5BUS_STATUS_CONNECTION_BROKE : KT5BUS_STATUS_CONNECTION_FAILED);
+        }
+        wait_before_retry(&delay);
+    }
+    if (socket_open) {
+        mosquitto_disconnect_v5(mosq_, kReasonDisconnectWithWill, nullptr);
+        for (int i = 0; i < 5 && mosquitto_loop(mosq_, 10, 1) == MOSQ_ERR_SUCCESS; ++i) {
+        }
+    }
+    report_finished();
+    fail_all_pending();
+    status(KT5BUS_STATUS_CLIENT_STOPPED);
+    if (record_->on_stopped != nullptr) record_->on_stopped(record_);
+}
+
+void Client::on_connect(mosquitto *, void *self, int rc, int, const mosquitto_property *) {
+    auto *client = static_cast<Client *>(self);
+    if (rc != 0) {
+        debug("broker refused the connection: %s", mosquitto_reason_string(rc));
+        client->status(KT5BUS_STATUS_REGISTRATION_FAILED);
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(client->lock_);
+        client->session_up_ = true;
+    }
+    client->subscribe_and_announce();
+    client->status(KT5BUS_STATUS_RUNNING);
+}
+
+// Subscribes to the own addresses and to presence, and publishes the own
+// presence, on every (re)connect: the session starts clean each time.
+void Client::subscribe_and_announce() {
+    std::vector<std::string> topics;
+    for (const Address &address : addresses_) {
+        std::string topic = subscription_for(address);
+        if (!topic.empty()) topics.push_back(topic);
+    }
+    topics.push_back("kt5/presence/#");
+    std::vector<char *> pointers;
+    for (std::string &topic : topics) pointers.push_back(&topic[0]);
+    mosquitto_subscribe_multiple(mosq_, nullptr, static_cast<int>(pointers.size()),
+                                 pointers.data(), kQos, 0, nullptr);
+    std::string presence = presence_topic(cn_, client_id_);
+    mosquitto_publish_v5(mosq_, nullptr, presence.c_str(), static_cast<int>(certificate_pem_.size()),
+                         certificate_pem_.data(), kQos, true, nullptr);
+}
+
+void Client::on_subscribe(mosquitto *, void *self, int, int count, const int *granted,
+                          const mosquitto_property *) {
+    for (int i = 0; i < count; ++i) {
+        if (granted[i] >= 0x80) {
+            debug("subscription %d refused with reason 0x%02x", i, granted[i]);
+            static_cast<Client *>(self)->status(KT5BUS_STATUS_REGISTRATION_FAILED);
+            return;
+        }
+    }
+}
+
+void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {
+    // 0x00: a subscription matched; 0x10: none did; >= 0x80: refused.
+    static_cast<Client *>(self)->acknowledge(mid, reason == 0);
+}
+
+Pending *Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
+    Pending &pending = entry->second;
+    if (pending.outstanding > 0 || !pending.returned) return nullptr;
+    finished_.emplace_back(pending.message, pending.ok);
+    pending_.erase(entry);
+    return nullptr;
+}
+
+void Client::acknowledge(int mid, bool ok) {
+    std::lock_guard<std::mutex> hold(lock_);
+    auto publish = publishes_.find(mid);
+    if (publish == publishes_.end()) return;  // own presence, or already expired
+    auto entry = pending_.find(publish->second);
+    publishes_.erase(publish);
+    if (entry == pending_.end()) return;
+    entry->second.outstanding--;
+    entry->second.ok = entry->second.ok && ok;
+    finish_if_done(entry);
+}
+
+// Delivery reports run here, on the client thread, outside the lock.
+void Client::report_finished() {
+    std::deque<std::pair<kt5bus_message *, bool>> finished;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        finished.swap(finished_);
+    }
+    for (auto &[message, ok] : finished) {
+        if (record_->on_delivered != nullptr) {
+            record_->on_delivered(record_, message, nullptr, ok ? 1 : 0);
+        }
+    }
+}
+
+void Client::expire_pending() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        Clock::time_point now = Clock::now();
+        for (auto entry = pending_.begin(); entry != pending_.end();) {
+            auto current = entry++;
+            if (!current->second.returned || current->second.deadline > now) continue;
+            finished_.emplace_back(current->second.message, false);
+            pending_.erase(current);
+        }
+    }
+    report_finished();
+}
+
+void Client::fail_all_pending() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        for (auto &entry : pending_) finished_.emplace_back(entry.second.message, false);
+        pending_.clear();
+        publishes_.clear();
+    }
+    report_finished();
+}
+
+int Client::send(kt5bus_message *message) {
+    std::vector<std::string> topics;
+    for (const kt5bus_address *destination = message->destination; destination != nullptr;
+         destination = destination->next) {
+        std::string topic = message_topic(cn_, *destination);
+        if (topic.empty()) return KT5BUS_ERR_INVALID;
+        topics.push_back(topic);
+    }
+    if (topics.empty()) return KT5BUS_ERR_INVALID;
+    mosquitto_property *properties = nullptr;
+    if (message->content_type != nullptr &&
+        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE,
+                                      message->content_type) != MOSQ_ERR_SUCCESS) {
+        return KT5BUS_ERR_NOMEM;
+    }
+    std::unique_ptr<mosquitto_property, void (*)(mosquitto_property *)> owned_properties(
+        properties, [](mosquitto_property *list) { mosquitto_property_free_all(&list); });
+
+    // The lock is held across the publishes, so that an acknowledgement always
+    // finds its pending entry; publishing never waits for the client thread.
+    std::lock_guard<std::mutex> hold(lock_);
+    if (stopping_) return KT5BUS_ERR_STATE;
+    if (pending_.size() >= KT5BUS_MAX_PENDING) return KT5BUS_ERR_FULL;
+    uint32_t id = ++next_id_;
+    Pending &pending = pending_[id];
+    pending.message = message;
+    pending.deadline = Clock::now() + std::chrono::seconds(KT5BUS_DELIVERY_TIMEOUT_SECONDS);
+    message->id = id;
+    int published = 0;
+    for (const std::string &topic : topics) {
+        int mid = 0;
+        int rc = mosquitto_publish_v5(mosq_, &mid, topic.c_str(), static_cast<int>(message->length),
+                                      message->data, kQos, false, properties);
+        // While disconnected the MQTT layer queues the message and says so.
+        if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+            publishes_[mid] = id;
+            pending.outstanding++;
+            ++published;
+        } else {
+            debug("publish to %s refused: %s", topic.c_str(), mosquitto_strerror(rc));
+            pending.ok = false;
+        }
+    }
+    if (published == 0) {
+        pending_.erase(id);
+        return KT5BUS_ERR_MQTT;
+    }
+    // Reported no earlier than the client thread's next turn, which runs after
+    // this call has returned its result.
+    pending.returned = true;
+    finish_if_done(pending_.find(id));
+    return KT5BUS_OK;
+}
+
+void Client::on_message(mosquitto *, void *self, const mosquitto_message *message,
+                        const mosquitto_property *properties) {
+    auto *client = static_cast<Client *>(self);
+    std::string topic = message->topic != nullptr ? message->topic : "";
+    const std::string presence = "kt5/presence/", direct = "kt5/msg/";
+    if (topic.compare(0, presence.size(), presence) == 0) {
+        std::string rest = topic.substr(presence.size());
+        size_t slash = rest.find('/');
+        if (slash == std::string::npos) return;
+        client->handle_presence(rest.substr(0, slash), rest.substr(slash + 1), message);
+    } else if (topic.compare(0, direct.size(), direct) == 0) {
+        std::string rest = topic.substr(direct.size());
+        client->handle_message(rest.substr(0, rest.find('/')), message, properties);
+    }
+}
+
+// A presence record holds the certificate of one connection of its node; it
+// counts only when that certificate comes from our CA and names the topic's CN.
+void Client::handle_presence(const std::string &cn, const std::string &client_id,
+                             const mosquitto_message *message) {
+    if (client_id == client_id_) return;
+    auto peer = peers_.find(cn);
+    if (message->payloadlen == 0) {
+        if (peer == peers_.end() || peer->second.connections.erase(client_id) == 0) return;
+        if (!peer->second.connections.empty()) return;
+        kt5bus_address *gone = new_address_chain(peer->second.addresses);
+        peers_.erase(peer);
+        if (record_->on_presence != nullptr && gone != nullptr) record_->on_presence(record_, nullptr, gone);
+        kt5bus_free_address(gone, 1);
+        return;
+    }
+    X509 *certificate =
+        parse_certificate(static_cast<const char *>(message->payload),
+                          static_cast<size_t>(message->payloadlen));
+    bool trusted = certificate != nullptr &&
+                   verify_certificate(SSL_CTX_get_cert_store(tls_), certificate);
+    CertificateInfo info;
+    if (trusted) info = certificate_info(certificate);
+    X509_free(certificate);
+    if (!trusted || info.common_name != cn) {
+        debug("presence of %s/%s ignored: certificate not trusted or not its own", cn.c_str(),
+              client_id.c_str());
+        return;
+    }
+    Peer &known = peers_[cn];
+    bool first = known.connections.empty();
+    known.addresses = info.addresses;
+    known.connections.insert(client_id);
+    if (!first || record_->on_presence == nullptr) return;
+    kt5bus_address *appeared = new_address_chain(info.addresses);
+    if (appeared != nullptr) record_->on_presence(record_, appeared, nullptr);
+    kt5bus_free_address(appeared, 1);
+}
+
+// The source of a message is the first address of its sender's verified
+// presence; a sender whose presence is not (yet) known is passed on with no
+// source, since nothing vouches for its addresses.
+void Client::handle_message(const std::string &sender_cn, const mosquitto_message *message,
+                            const mosquitto_property *properties) {
+    if (record_->on_message == nullptr) return;
+    char *content_type = nullptr;
+    mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &content_type, false);
+    kt5bus_address source{};
+    auto peer = peers_.find(sender_cn);
+    bool known = peer != peers_.end() && !peer->second.addresses.empty();
+    if (known) {
+        const Address &first = peer->second.addresses.front();
+        source.kind = first.kind;
+        if (first.kind == KT5BUS_ADDR_SPECIAL) {
+            source.value.special = first.special;
+        } else {
+            source.value.name = const_cast<char *>(first.name.c_str());
+        }
+    } else {
+        debug("message from %s without a known presence", sender_cn.c_str());
+    }
+    kt5bus_message received{};
+    received.content_type = content_type;
+    received.source = known ? &source : nullptr;
+    received.data = message->payload;
+    received.length = static_cast<size_t>(message->payloadlen);
+    record_->on_message(record_, &received);
+    free(content_type);
+}
+
+}  // namespace
+
+}  // namespace kt5
+
+namespace {
+
+kt5::Client *client_of(kt5bus_client *record) {
+    return static_cast<kt5::Client *>(record->internal);
+}
+
+bool usable_identity(const kt5bus_identity &identity) {
+    const kt5bus_x509 &x509 = identity.x509;
+    return identity.kind == KT5BUS_IDENTITY_X509 && x509.chain != nullptr &&
+           x509.chain[0] != nullptr && x509.private_key != nullptr && x509.trust != nullptr &&
+           x509.trust[0] != nullptr;
+}
+
+}  // namespace
+
+int kt5bus_init_client(kt5bus_client *client, const char *url) {
+    if (client == nullptr || client->internal != nullptr) return KT5BUS_ERR_INVALID;
+    kt5::Url parsed;
+    if (!kt5::parse_url(url, &parsed)) return KT5BUS_ERR_URL;
+    if (!usable_identity(client->identity)) return KT5BUS_ERR_IDENTITY;
+    std::string certificate_pem = kt5::buffer_text(client->identity.x509.chain[0]);
+    X509 *certificate = kt5::parse_certificate(certificate_pem.data(), certificate_pem.size());
+    if (certificate == nullptr) return KT5BUS_ERR_IDENTITY;
+    kt5::CertificateInfo info = kt5::certificate_info(certificate);
+    X509_free(certificate);
+    if (info.common_name.empty()) return KT5BUS_ERR_IDENTITY;
+    SSL_CTX *tls = kt5::new_tls_context(&client->identity, parsed.host);
+    if (tls == nullptr) return KT5BUS_ERR_IDENTITY;
+    auto *state = new (std::nothrow) kt5::Client(client, parsed, info, certificate_pem, tls);
+    if (state == nullptr) {
+        SSL_CTX_free(tls);
+        return KT5BUS_ERR_NOMEM;
+    }
+    client->internal = state;
+    int rc = state->start();
+    if (rc != KT5BUS_OK) {
+        client->internal = nullptr;
+        delete state;
+    }
+    return rc;
+}
+
+int kt5bus_stop_client(kt5bus_client *client) {
+    if (client == nullptr) return KT5BUS_ERR_INVALID;
+    kt5::Client *state = client_of(client);
+    if (state == nullptr) {
+        // Never started: there is no thread, so the caller's thread reports the stop.
+        if (client->on_stopped != nullptr) client->on_stopped(client);
+        return KT5BUS_OK;
+    }
+    if (state->on_client_thread()) return KT5BUS_ERR_STATE;  // a callback cannot join its own thread
+    state->stop();
+    client->internal = nullptr;
+    delete state;
+    return KT5BUS_OK;
+}
+
+int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *) {
+    if (client == nullptr || message == nullptr || message->data == nullptr) {
+        return KT5BUS_ERR_INVALID;
+    }
+    kt5::Client *state = client_of(client);
+    if (state == nullptr) return KT5BUS_ERR_STATE;
+    return state->send(message);
+}
