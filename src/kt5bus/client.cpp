@@ -245,7 +245,6 @@ void Client::on_connect(mosquitto *, void *self, int rc, int, const mosquitto_pr
         client->session_up_ = true;
     }
     client->subscribe_and_announce();
-    client->status(KT5BUS_STATUS_RUNNING);
 }
 
 // Subscribes to the own addresses and to presence, and publishes the own
@@ -266,15 +265,19 @@ void Client::subscribe_and_announce() {
                          certificate_pem_.data(), kQos, true, nullptr);
 }
 
+// "running" is reported once the subscriptions hold, so that a peer may rely
+// on receiving what is sent to it from then on.
 void Client::on_subscribe(mosquitto *, void *self, int, int count, const int *granted,
                           const mosquitto_property *) {
+    auto *client = static_cast<Client *>(self);
     for (int i = 0; i < count; ++i) {
         if (granted[i] >= 0x80) {
             debug("subscription %d refused with reason 0x%02x", i, granted[i]);
-            static_cast<Client *>(self)->status(KT5BUS_STATUS_REGISTRATION_FAILED);
+            client->status(KT5BUS_STATUS_REGISTRATION_FAILED);
             return;
         }
     }
+    client->status(KT5BUS_STATUS_RUNNING);
 }
 
 void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {

@@ -1,0 +1,55 @@
+// The library under test, started against a real broker, beside a test agent
+// that plays "/ZDATA/UDS" and "policy-agent".
+#ifndef UOZ_TESTS_LIBRARY_FIXTURE_H
+#define UOZ_TESTS_LIBRARY_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
+#include <memory>
+#include <string>
+
+#include "agent_peer.h"
+#include "broker_fixture.h"
+#include "udsoverzelko.h"
+
+namespace uoztest {
+
+// The ECUs every integration test configures:
+//   engine   0x7E0 CAN  phy-req-id 0x7E0, UDS version description
+//   gearbox  0x7E1 CAN  phy-req-id 0x7E1, J1939 version description
+//   gateway  0x20  IOC  phy-req-id 0x720
+//   telematics 0x1001 DOIP, J1939 version description
+//   adas     0x7E5 CANFD
+// and "pre-defined-routines" ResetECU and ReadVIN.
+extern const char kTestConfig[];
+
+// Writes text to a new temporary file; returns its path.
+std::string write_temp_file(const std::string &text);
+// Query text with its "reply-id" value replaced by "<id>".
+std::string mask_reply_id(const std::string &query);
+std::string reply_id_of(const std::string &query);
+// A "zelko.skyharbor-query-update" answering query, with the given body text.
+std::string reply_for(const std::string &query, const std::string &body);
+// The last error text of the calling thread.
+std::string last_error();
+
+class LibraryTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    // Starts the library with the given configuration text and waits until
+    // the agent sees it on the bus.
+    UDSOverZelkoHandle *start_library(const std::string &config);
+    // Waits for the n-th message the agent receives and returns its text.
+    std::string query_number(size_t n);
+
+    Broker broker_;
+    std::unique_ptr<uozagent::AgentPeer> agent_;
+    std::string config_path_;
+    UDSOverZelkoHandle *handle_ = nullptr;
+};
+
+}  // namespace uoztest
+
+#endif

@@ -1,0 +1,144 @@
+#include "broker_fixture.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "agent_peer.h"
+#include "pki.h"
+
+extern char **environ;
+
+namespace uoztest {
+
+namespace {
+
+int free_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) {
+        close(fd);
+        throw std::runtime_error("no free port");
+    }
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool accepts(int port) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool ok = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+std::string pki_dir() {
+    const char *dir = getenv("UOZ_TEST_PKI");
+    if (dir == nullptr) throw std::runtime_error("UOZ_TEST_PKI is not set: run the tests with ctest");
+    return dir;
+}
+
+std::string other_pki_dir() { return pki_dir() + "-other"; }
+
+std::string identity_dir(const std::string &node) { return pki_dir() + "/" + node; }
+
+Broker::Broker() {
+    char work[] = "/tmp/uoz-broker-XXXXXX";
+    if (mkdtemp(work) == nullptr) throw std::runtime_error("mkdtemp failed");
+    work_dir_ = work;
+    port_ = free_port();
+    std::string pki = pki_dir();
+    uozpki::write_text(work_dir_ + "/mosquitto.conf",
+                       uozpki::broker_config_text(pki, port_, pki + "/acl"));
+    start();
+}
+
+Broker::~Broker() {
+    stop();
+    std::string conf = work_dir_ + "/mosquitto.conf", log = work_dir_ + "/mosquitto.log";
+    unlink(conf.c_str());
+    unlink(log.c_str());
+    rmdir(work_dir_.c_str());
+}
+
+std::string Broker::url() const { return "tcp://localhost:" + std::to_string(port_); }
+
+void Broker::start() {
+    if (pid_ > 0) return;
+    std::string conf = work_dir_ + "/mosquitto.conf";
+    std::string log = work_dir_ + "/mosquitto.log";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    const char *argv[] = {"mosquitto", "-c", conf.c_str(), nullptr};
+    int rc = posix_spawnp(&pid_, "mosquitto", &actions, nullptr, const_cast<char **>(argv), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+        // Debian installs the broker in /usr/sbin, which a user's PATH may lack.
+        rc = posix_spawn(&pid_, "/usr/sbin/mosquitto", nullptr, nullptr, const_cast<char **>(argv),
+                         environ);
+    }
+    if (rc != 0) throw std::runtime_error("cannot start mosquitto: is it installed?");
+    wait_until_accepting();
+}
+
+void Broker::wait_until_accepting() {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!accepts(port_)) {
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            throw std::runtime_error("mosquitto exited at start; see " + work_dir_ + "/mosquitto.log");
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            throw std::runtime_error("mosquitto does not accept connections");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+void Broker::stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+void Broker::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+}
+
+int load_identity(kt5bus_identity *identity, const std::string &dir) {
+    return uozagent::load_identity(identity, dir) ? 0 : -1;
+}
+
+void free_identity(kt5bus_identity *identity) { uozagent::free_identity(identity); }
+
+}  // namespace uoztest

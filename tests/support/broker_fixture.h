@@ -1,0 +1,47 @@
+// A real mosquitto broker for the tests, with the test PKI made by uoz-pki.
+#ifndef UOZ_TESTS_BROKER_FIXTURE_H
+#define UOZ_TESTS_BROKER_FIXTURE_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "kt5bus/kt5bus.h"
+
+namespace uoztest {
+
+// $UOZ_TEST_PKI: the PKI made once per test run.
+std::string pki_dir();
+// The PKI of another, unrelated CA ($UOZ_TEST_PKI-other).
+std::string other_pki_dir();
+std::string identity_dir(const std::string &node);
+
+// One mosquitto on a free loopback port, stopped and reaped on destruction.
+class Broker {
+public:
+    Broker();
+    ~Broker();
+    Broker(const Broker &) = delete;
+    Broker &operator=(const Broker &) = delete;
+
+    int port() const { return port_; }
+    std::string url() const;
+    void stop();   // SIGTERM and wait
+    void kill();   // SIGKILL and wait
+    void start();  // (re)start on the same port and wait until it accepts
+
+private:
+    void wait_until_accepting();
+
+    std::string work_dir_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// Loads <dir>/private.pem, cert.pem and ../ca/ca.pem into an identity.
+int load_identity(kt5bus_identity *identity, const std::string &dir);
+void free_identity(kt5bus_identity *identity);
+
+}  // namespace uoztest
+
+#endif

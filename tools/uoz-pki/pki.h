@@ -1,0 +1,43 @@
+// Certificates for a bus: a CA, the broker's certificate and node identities,
+// laid out as the library reads them, and the broker's configuration.
+#ifndef UOZ_TOOLS_PKI_H
+#define UOZ_TOOLS_PKI_H
+
+#include <string>
+#include <vector>
+
+namespace uozpki {
+
+struct NodeRequest {
+    std::string id;                          // certificate CN
+    std::vector<std::string> update_agents;  // kt5:ua:<name>
+    std::vector<std::string> groups;         // kt5:group:<name>
+    bool dm_client = false;                  // kt5:special:dm-client
+    bool expired = false;                    // valid until yesterday (for tests)
+};
+
+struct NodeAddresses {
+    std::string id;
+    std::vector<std::string> read_topics;
+};
+
+// Letters, digits, '.', '_' and '-' only: the broker substitutes the id into
+// its access rules, where '/', '+' and '#' would change their meaning.
+bool valid_node_id(const std::string &id);
+bool valid_address_name(const std::string &name);
+
+// <dir>/ca/ca.pem and ca.key.
+void create_ca(const std::string &pki_dir, const std::string &name);
+// <dir>/broker/{cert,private}.pem for localhost, 127.0.0.1 and ::1.
+void create_broker(const std::string &pki_dir);
+// <dir>/<id>/{cert,private}.pem; throws std::invalid_argument for a bad id.
+void create_node(const std::string &pki_dir, const NodeRequest &node);
+
+std::vector<NodeAddresses> read_nodes(const std::string &pki_dir, const std::vector<std::string> &ids);
+std::string acl_text(const std::vector<NodeAddresses> &nodes);
+std::string broker_config_text(const std::string &pki_dir, int port, const std::string &acl_path);
+void write_text(const std::string &path, const std::string &text);
+
+}  // namespace uozpki
+
+#endif
