@@ -33,6 +33,8 @@ constexpr int kQos = 1;
 // A message accepted by kt5bus_send_message and not yet reported.
 struct Pending {
     kt5bus_message *message = nullptr;
+    std::vector<std::string> topics;  // where it goes
+    std::string content_type;
     int outstanding = 0;    // publishes without an acknowledgement
     bool ok = true;         // every acknowledgement so far said delivered
     bool returned = false;  // kt5bus_send_message has finished with it
@@ -106,6 +108,8 @@ private:
     void handle_message(const std::string &sender_cn, const mosquitto_message *message,
                         const mosquitto_property *properties);
     Pending *finish_if_done(std::map<uint32_t, Pending>::iterator entry);
+    int publish(uint32_t id, Pending &pending);
+    void release_held();
 
     kt5bus_client *record_;
     Url url_;
@@ -121,6 +125,8 @@ private:
     std::condition_variable wake_;
     bool stopping_ = false;
     bool session_up_ = false;
+    bool ready_ = false;            // connected and subscribed
+    std::vector<uint32_t> held_;    // sent before ready: published once ready
     uint32_t next_id_ = 0;
     std::map<uint32_t, Pending> pending_;       // by message id
     std::map<int, uint32_t> publishes_;         // MQTT message id -> message id
@@ -213,6 +219,7 @@ void Client::run() {
             std::lock_guard<std::mutex> hold(lock_);
             was_up = session_up_;
             session_up_ = false;
+            ready_ = false;
         }
         debug("connection lost: %s", mosquitto_strerror(rc));
         mosquitto_disconnect(mosq_);
@@ -277,7 +284,22 @@ void Client::on_subscribe(mosquitto *, void *self, int, int count, const int *gr
             return;
         }
     }
+    client->release_held();
     client->status(KT5BUS_STATUS_RUNNING);
+}
+
+// Messages sent before the subscriptions held go out now, so that an answer
+// to them always finds this client subscribed.
+void Client::release_held() {
+    std::lock_guard<std::mutex> hold(lock_);
+    ready_ = true;
+    for (uint32_t id : held_) {
+        auto entry = pending_.find(id);
+        if (entry == pending_.end()) continue;
+        if (publish(id, entry->second) == 0) entry->second.ok = false;
+        finish_if_done(entry);
+    }
+    held_.clear();
 }
 
 void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {
@@ -343,6 +365,34 @@ void Client::fail_all_pending() {
     report_finished();
 }
 
+// Publishes every topic of a pending message; returns how many went out.
+// Called with lock_ held.
+int Client::publish(uint32_t id, Pending &pending) {
+    mosquitto_property *properties = nullptr;
+    if (!pending.content_type.empty()) {
+        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE,
+                                      pending.content_type.c_str());
+    }
+    int published = 0;
+    for (const std::string &topic : pending.topics) {
+        int mid = 0;
+        int rc = mosquitto_publish_v5(mosq_, &mid, topic.c_str(),
+                                      static_cast<int>(pending.message->length),
+                                      pending.message->data, kQos, false, properties);
+        // While disconnected the MQTT layer queues the message and says so.
+        if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
+            publishes_[mid] = id;
+            ++published;
+        } else {
+            debug("publish to %s refused: %s", topic.c_str(), mosquitto_strerror(rc));
+            pending.ok = false;
+            pending.outstanding--;
+        }
+    }
+    mosquitto_property_free_all(&properties);
+    return published;
+}
+
 int Client::send(kt5bus_message *message) {
     std::vector<std::string> topics;
     for (const kt5bus_address *destination = message->destination; destination != nullptr;
@@ -352,14 +402,6 @@ int Client::send(kt5bus_message *message) {
         topics.push_back(topic);
     }
     if (topics.empty()) return KT5BUS_ERR_INVALID;
-    mosquitto_property *properties = nullptr;
-    if (message->content_type != nullptr &&
-        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE,
-                                      message->content_type) != MOSQ_ERR_SUCCESS) {
-        return KT5BUS_ERR_NOMEM;
-    }
-    std::unique_ptr<mosquitto_property, void (*)(mosquitto_property *)> owned_properties(
-        properties, [](mosquitto_property *list) { mosquitto_property_free_all(&list); });
 
     // The lock is held across the publishes, so that an acknowledgement always
     // finds its pending entry; publishing never waits for the client thread.
@@ -369,29 +411,18 @@ int Client::send(kt5bus_message *message) {
     uint32_t id = ++next_id_;
     Pending &pending = pending_[id];
     pending.message = message;
+    pending.topics = std::move(topics);
+    pending.content_type = message->content_type != nullptr ? message->content_type : "";
+    pending.outstanding = static_cast<int>(pending.topics.size());
     pending.deadline = Clock::now() + std::chrono::seconds(KT5BUS_DELIVERY_TIMEOUT_SECONDS);
     message->id = id;
-    int published = 0;
-    for (const std::string &topic : topics) {
-        int mid = 0;
-        int rc = mosquitto_publish_v5(mosq_, &mid, topic.c_str(), static_cast<int>(message->length),
-                                      message->data, kQos, false, properties);
-        // While disconnected the MQTT layer queues the message and says so.
-        if (rc == MOSQ_ERR_SUCCESS || rc == MOSQ_ERR_NO_CONN) {
-            publishes_[mid] = id;
-            pending.outstanding++;
-            ++published;
-        } else {
-            debug("publish to %s refused: %s", topic.c_str(), mosquitto_strerror(rc));
-            pending.ok = false;
-        }
-    }
-    if (published == 0) {
+    if (!ready_) {
+        held_.push_back(id);
+    } else if (publish(id, pending) == 0) {
         pending_.erase(id);
         return KT5BUS_ERR_MQTT;
     }
-    // Reported no earlier than the client thread's next turn, which runs after
-    // this call has returned its result.
+    // Reported no earlier than the client thread's next turn.
     pending.returned = true;
     finish_if_done(pending_.find(id));
     return KT5BUS_OK;

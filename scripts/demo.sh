@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# The demo: a PKI in a scratch folder, a local broker, the reference agent with
+# its simulated vehicle, and a short uozctl session. Everything started here is
+# stopped on exit, also when interrupted.
+set -euo pipefail
+build=${1:-build}
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+bin() { echo "$root/$build/tools/$1/$1"; }
+for tool in uoz-pki uoz-agent uozctl; do
+  [ -x "$(bin $tool)" ] || { echo "demo: $(bin $tool) is missing: run 'make demo'" >&2; exit 1; }
+done
+mosquitto=$(command -v mosquitto || echo /usr/sbin/mosquitto)
+
+work=$(mktemp -d /tmp/uoz-demo-XXXXXX)
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'echo; echo "demo: interrupted"; exit 130' INT TERM
+
+accepting() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+port=$((20000 + RANDOM % 20000))
+while accepting "$port"; do port=$((20000 + RANDOM % 20000)); done
+
+heading() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+
+heading "Certificates for a CA, the broker, the application and the agent ($work/pki)"
+"$(bin uoz-pki)" init --dir "$work/pki"
+"$(bin uoz-pki)" node --dir "$work/pki" --id app --ua /uoz/app
+"$(bin uoz-pki)" node --dir "$work/pki" --id agent --ua /ZDATA/UDS --group policy-agent
+"$(bin uoz-pki)" broker-config --dir "$work/pki" --port "$port"
+
+heading "Broker on 127.0.0.1:$port and the reference agent with a simulated vehicle"
+"$mosquitto" -c "$work/pki/mosquitto.conf" >"$work/mosquitto.log" 2>&1 &
+pids+=($!)
+for _ in $(seq 100); do accepting "$port" && break; sleep 0.05; done
+accepting "$port" || { echo "demo: the broker did not start:"; cat "$work/mosquitto.log"; exit 1; }
+"$(bin uoz-agent)" --broker "localhost:$port" --certs "$work/pki/agent" --debug 0 >"$work/agent.log" 2>&1 &
+pids+=($!)
+for _ in $(seq 100); do grep -q "uoz-agent ready" "$work/agent.log" && break; sleep 0.05; done
+grep -q "uoz-agent ready" "$work/agent.log" || { echo "demo: the agent did not connect:"; cat "$work/agent.log"; exit 1; }
+echo "broker and agent running"
+
+uozctl=("$(bin uozctl)" --broker "localhost:$port" --certs "$work/pki/app" --config examples/ecus.json)
+step() {
+  local title=$1; shift
+  heading "$title"
+  echo "\$ uozctl $*"
+  "${uozctl[@]}" "$@"
+}
+
+step "The configured ECUs" ecus
+step "DTCs of the engine" dtc read engine
+step "DTCs of every CAN and IOC ECU at once" dtc read all
+step "Extended data of the engine's P0301" dtc read engine --report 0x06 --dtc 0x030100 --record 0xFF
+step "Version of the transmission (read by J1939)" version transmission
+step "Clear the engine's DTCs" dtc clear engine
+step "DTCs of the engine after clearing" dtc read engine
+step "A remote command document (pre-defined routine ReadVIN)" run examples/remote-command.json
+step "Download consent for a campaign" consent download CAMPAIGN-2026-11
+step "The same read, as JSON for scripts" --json dtc read body
+
+heading "Done: everything started by the demo is stopped"
