@@ -1,0 +1,164 @@
+// The ECU configuration file: accepted entries, dropped entries and their
+// messages, and files that cannot be used.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "UDSOverZelko/config.h"
+#include "log_capture.h"
+
+namespace uoztest {
+namespace {
+
+std::string temp_file(const std::string &text) {
+    char path[] = "/tmp/uoz-config-XXXXXX";
+    int fd = mkstemp(path);
+    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fd);
+    return path;
+}
+
+UDSOverZelkoHandle *new_handle() {
+    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
+    reply_wait_init(&handle->consent_wait);
+    return handle;
+}
+
+// Loads the text; the handle, or nullptr when the load failed (and freed it).
+UDSOverZelkoHandle *load(const std::string &text, std::string *log = nullptr, int level = 0) {
+    std::string path = temp_file(text);
+    UDSOverZelkoHandle *handle = new_handle();
+    LogCapture capture(level);
+    int rc = load_ecu_config(handle, path.c_str());
+    if (log != nullptr) *log = capture.text();
+    unlink(path.c_str());
+    return rc == 0 ? handle : nullptr;
+}
+
+int count(const UDSOverZelkoHandle *handle) {
+    int n = 0;
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) ++n;
+    return n;
+}
+
+const char kCan[] =
+    R"("can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8"})";
+
+TEST(ConfigTest, unusableFilesFailTheLoad) {
+    std::string log;
+    EXPECT_EQ(load("not json", &log), nullptr);
+    EXPECT_NE(log.find("ERR  config.cpp"), std::string::npos);
+    EXPECT_NE(log.find("Config failure"), std::string::npos);
+    EXPECT_EQ(load(R"({"other":[]})", &log), nullptr);
+    EXPECT_EQ(load(R"({"configs":{}})", &log), nullptr);
+    EXPECT_EQ(load(R"({"configs":"x"})", &log), nullptr);
+    UDSOverZelkoHandle *handle = new_handle();
+    EXPECT_EQ(load_ecu_config(handle, "/nonexistent/ecus.json"), -1);
+}
+
+TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
+    struct Case {
+        std::string entry;
+        const char *message;
+    } cases[] = {
+        {R"({"targetAddress":"0x1","name":"a"})", "Could not parse 'type'"},
+        {R"({"type":7,"targetAddress":"0x1","name":"a"})", "Could not parse 'type'"},
+        {R"({"type":"CAN","targetAddress":291,"name":"a"})", "Could not parse "},
+        {R"({"type":"CAN","targetAddress":"0x1","name":5})", "Could not parse "},
+        {R"({"type":"doip","targetAddress":"0x1","name":"a","doip":{"sa":"1","ta":"2","gw-ip":"3"}})",
+         "could not find 'ifname'"},
+        {R"({"type":"CAN","targetAddress":"0x1","name":"a","can":{"ifname":"can0"}})",
+         "could not find 'func-addr'"},
+        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"ta":"2","gw-ip":"3"}})",
+         "could not find 'sa"},
+        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"sa":"1","gw-ip":"3"}})",
+         "could not find 'ta"},
+        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"sa":"1","ta":"2"}})",
+         "could not find 'gw-ip"},
+        {R"({"type":"IOC","targetAddress":"0x1","name":"a","ioc":{"func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}})",
+         "could not find 'bus-id'"},
+        {R"({"type":"CANFD","targetAddress":"0x1","name":"a","ecu_version":{"uds":[],"j1939":{}}})",
+         "Both J1939 and UDS can not be used to get the ECU version information"},
+    };
+    for (const Case &c : cases) {
+        std::string log;
+        UDSOverZelkoHandle *handle = load(R"({"configs":[)" + c.entry + "]}", &log);
+        ASSERT_NE(handle, nullptr) << c.entry;
+        EXPECT_EQ(count(handle), 0) << c.entry;
+        EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos) << c.entry << log;
+        release_handle(handle);
+    }
+}
+
+TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
+    std::string text = std::string(R"({"configs":[{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
+                       kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
+                       R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
+                       R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
+    UDSOverZelkoHandle *handle = load(text);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(count(handle), 3);
+    EcuConfig *engine = handle->ecus;
+    EXPECT_EQ(engine->target_address, 0x7E0);
+    EXPECT_STREQ(engine->phy_req_id, "0x7E0");
+    EXPECT_STREQ(engine->st_min, "0x00");
+    EXPECT_STREQ(engine->bsize, "0x00");
+    EXPECT_EQ(engine->ecu_version, nullptr);
+    EcuConfig *adas = engine->next;
+    EXPECT_EQ(adas->type, TRANSPORT_CANFD);
+    EXPECT_EQ(adas->target_address, -1);
+    EXPECT_EQ(adas->ifname, nullptr);
+    EcuConfig *tcu = adas->next;
+    EXPECT_EQ(tcu->target_address, -1);
+    EXPECT_STREQ(json_object_to_json_string(tcu->ecu_version),
+                 R"({ "j1939": { "pgn": "1" }, "extra": true })");
+    // The dropped IOC entry passed its transport block: the broadcast record is IOC.
+    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_IOC);
+    EXPECT_EQ(handle->broadcast_ecu->target_address, -1);
+    release_handle(handle);
+}
+
+TEST(ConfigTest, targetAddressesReadAsThirtyTwoBitHexadecimal) {
+    struct Case {
+        const char *text;
+        int32_t address;
+    } cases[] = {{"0x7E0", 0x7E0}, {"7e0", 0x7E0}, {"7E0 engine", 0x7E0}, {"  +0X10", 0x10},
+                 {"zz", 0},        {"", 0},        {"FFFFFFFF", -1},      {"-1", -1},
+                 {"-7E0", -0x7E0}, {"123456789", -1}, {"1FFFFFFFF", -1}};
+    for (const Case &c : cases) EXPECT_EQ(parse_target_address(c.text), c.address) << c.text;
+}
+
+TEST(ConfigTest, emptyConfigsGiveOnlyTheBroadcastRecord) {
+    UDSOverZelkoHandle *handle = load(R"({"configs":[]})");
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle->ecus, nullptr);
+    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
+    release_handle(handle);
+}
+
+TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
+    std::string text = std::string(R"({"configs":[{"type":"CAN","targetAddress":"0x7E0","name":"e",)") + kCan +
+                       R"(,"ecu_version":{"uds":[]}},{"type":"DOIP","targetAddress":"12345678","name":"t","doip":{"sa":"1","ta":"2","gw-ip":"10.0.0.1"}}]})";
+    UDSOverZelkoHandle *handle = load(text);
+    ASSERT_NE(handle, nullptr);
+    LogCapture capture(2);
+    print_ecu_config(handle);
+    std::string log = capture.text();
+    std::string expected[] = {
+        "Target Address: 0x07E0\n", "ECU Version Information: { \"uds\": [ ] }\n", "TP Info:\n",
+        "CAN Interface Name can0:\n", "Request ID:0x7E0\n", "Response ID:0x7E8\n", "Block Size:0x00\n",
+        "Sepeartion :0x00\n", "Target Address: 0x12345678\n", "ECU Version Information: null\n",
+        "GW IP Address: 10.0.0.1\n", "SA: 1\n", "TA: 2\n"};
+    size_t at = 0;
+    for (const std::string &line : expected) {
+        size_t found = log.find(line, at);
+        ASSERT_NE(found, std::string::npos) << line << log;
+        at = found + line.size();
+    }
+    release_handle(handle);
+}
+
+}  // namespace
+}  // namespace uoztest

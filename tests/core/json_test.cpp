@@ -1,0 +1,95 @@
+// Typed look-ups at key paths: missing keys, wrong types and slot ownership.
+#include <gtest/gtest.h>
+#include <stdint.h>
+
+#include "kt5Utils/kt5_json.h"
+#include "log_capture.h"
+
+namespace uoztest {
+namespace {
+
+JsonPtr parse(const char *text) { return JsonPtr(json_tokener_parse(text)); }
+
+TEST(JsonGetTest, missingPathLogsEveryMissingKeyWithTheSearchedDocument) {
+    JsonPtr entry = parse(R"({"name":"engine"})");
+    LogCapture capture(2);
+    const char *text = "untouched";
+    EXPECT_EQ(kt5_json_get(entry.get(), json_type_string, &text, "can", "ifname", nullptr), -1);
+    EXPECT_EQ(std::regex_replace(capture.text(), std::regex(":[0-9]+ "), ":N "),
+              "[T] INFO kt5_json.cpp:N No can property in { \"name\": \"engine\" }\n"
+              "[T] INFO kt5_json.cpp:N No ifname property in { \"name\": \"engine\" }\n");
+    EXPECT_STREQ(text, "untouched");
+}
+
+TEST(JsonGetTest, wrongTypeFailsSilentlyAndLeavesScalarSlots) {
+    JsonPtr document = parse(R"({"n":7,"s":"x","b":true,"d":1.5,"nil":null})");
+    LogCapture capture(2);
+    const char *text = "untouched";
+    int32_t number = -7;
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_string, &text, "n", nullptr), -1);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_int, &number, "s", nullptr), -1);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_string, &text, "nil", nullptr), -1);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_null, &text, "nil", nullptr), -1);
+    EXPECT_STREQ(text, "untouched");
+    EXPECT_EQ(number, -7);
+    EXPECT_EQ(capture.raw(), "");
+}
+
+TEST(JsonGetTest, scalarsAreHandedOutInTheirForms) {
+    JsonPtr document = parse(R"({"a":{"n":7,"s":"x","b":true,"d":1.5}})");
+    int32_t number = 0;
+    int boolean = 0;
+    double real = 0;
+    const char *text = nullptr;
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_int, &number, "a", "n", nullptr), 0);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_boolean, &boolean, "a", "b", nullptr), 0);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_double, &real, "a", "d", nullptr), 0);
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_string, &text, "a", "s", nullptr), 0);
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(boolean, 1);
+    EXPECT_EQ(real, 1.5);
+    EXPECT_STREQ(text, "x");
+}
+
+TEST(JsonGetTest, objectSlotIsReleasedOnSuccessAndOnFailure) {
+    JsonPtr document = parse(R"({"o":{"k":"v"},"s":"x"})");
+    json_object *slot = json_object_new_object();  // released by the call (ASan checks)
+    ASSERT_EQ(kt5_json_get(document.get(), json_type_object, &slot, "o", nullptr), 0);
+    ASSERT_NE(slot, nullptr);
+    EXPECT_STREQ(json_object_to_json_string(slot), R"({ "k": "v" })");
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_object, &slot, "s", nullptr), -1);
+    EXPECT_EQ(slot, nullptr);
+    slot = json_object_new_array();
+    EXPECT_EQ(kt5_json_get(document.get(), json_type_array, &slot, "missing", nullptr), -1);
+    EXPECT_EQ(slot, nullptr);
+}
+
+TEST(JsonGetTest, copiesAreIndependentOfTheDocument) {
+    JsonPtr document = parse(R"({"o":{"k":"v"}})");
+    json_object *copy = nullptr;
+    ASSERT_EQ(kt5_json_get(document.get(), json_type_object, &copy, "o", nullptr), 0);
+    JsonPtr owned(copy);
+    json_object_object_add(copy, "added", json_object_new_int(1));
+    EXPECT_STREQ(json_object_to_json_string(document.get()), R"({ "o": { "k": "v" } })");
+    document.reset();
+    EXPECT_STREQ(json_object_to_json_string(copy), R"({ "k": "v", "added": 1 })");
+}
+
+TEST(JsonGetTest, searchFromNullReportsTheFirstKeyAgainstNull) {
+    LogCapture capture(2);
+    const char *text = nullptr;
+    EXPECT_EQ(kt5_json_get(nullptr, json_type_string, &text, "type", nullptr), -1);
+    EXPECT_NE(capture.text().find("No type property in null"), std::string::npos);
+}
+
+TEST(JsonHasTest, presenceIgnoresTypesAndCountsNull) {
+    JsonPtr document = parse(R"({"diagnostic_period":{"start_time":null},"x":1})");
+    EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", nullptr), 1);
+    EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", "start_time", nullptr), 1);
+    EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", "start_time", "deeper", nullptr), 0);
+    EXPECT_EQ(kt5_json_has(document.get(), "x", "y", nullptr), 0);
+    EXPECT_EQ(kt5_json_has(nullptr, "x", nullptr), 0);
+}
+
+}  // namespace
+}  // namespace uoztest
