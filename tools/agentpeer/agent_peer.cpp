@@ -86,9 +86,13 @@ AgentPeer::AgentPeer(const std::string &identity_dir, const std::string &url) {
     }
 }
 
-AgentPeer::~AgentPeer() {
+AgentPeer::~AgentPeer() { stop(); }
+
+void AgentPeer::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
+        if (stopped_) return;
+        stopped_ = true;
         stopping_ = true;
     }
     changed_.notify_all();
@@ -107,6 +111,24 @@ bool AgentPeer::wait_for_peer(const std::string &name, int timeout_ms) {
     std::unique_lock<std::mutex> hold(lock_);
     return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
                              [&] { return peers_.count(name) > 0; });
+}
+
+bool AgentPeer::wait_for_peer_gone(const std::string &name, int timeout_ms) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
+                             [&] { return peers_.count(name) == 0; });
+}
+
+bool AgentPeer::wait_for_status(int status, int timeout_ms) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
+                             [&] { return statuses_.count(status) > 0; });
+}
+
+bool AgentPeer::wait_for_deliveries(unsigned long count, int timeout_ms) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
+                             [&] { return delivered_ok_ + delivered_failed_ >= count; });
 }
 
 bool AgentPeer::wait_for_messages(size_t count, int timeout_ms) {
@@ -220,6 +242,7 @@ void AgentPeer::on_delivered(kt5bus_client *client, kt5bus_message *message, voi
         std::lock_guard<std::mutex> hold(peer->lock_);
         (ok ? peer->delivered_ok_ : peer->delivered_failed_)++;
     }
+    peer->changed_.notify_all();
     free(message->data);
     kt5bus_free_address(message->destination, 1);
     free(message);
@@ -229,6 +252,7 @@ void AgentPeer::on_status(kt5bus_client *client, int status) {
     AgentPeer *peer = peer_of(client);
     {
         std::lock_guard<std::mutex> hold(peer->lock_);
+        peer->statuses_.insert(status);
         if (status == KT5BUS_STATUS_RUNNING) peer->running_ = true;
         if (status == KT5BUS_STATUS_CONNECTION_BROKE) peer->running_ = false;
     }

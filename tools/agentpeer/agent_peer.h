@@ -62,12 +62,19 @@ public:
     bool wait_running(int timeout_ms = 10000);
     // Waits until a peer with this update-agent or group name is present.
     bool wait_for_peer(const std::string &name, int timeout_ms = 10000);
+    bool wait_for_peer_gone(const std::string &name, int timeout_ms = 10000);
+    // Waits until the bus client has reported this status code.
+    bool wait_for_status(int status, int timeout_ms = 10000);
     bool wait_for_messages(size_t count, int timeout_ms);
+    bool wait_for_deliveries(unsigned long count, int timeout_ms);
     std::vector<Received> received();
     void clear_received();
     void set_responder(Responder responder);
     // Sends now (or after the action's delay) to the action's destination.
     void send(const Action &action);
+    // Stops the bus client (every pending message is reported); the
+    // recorded messages and counts stay readable. Idempotent.
+    void stop();
     unsigned long delivered_ok() const;
     unsigned long delivered_failed() const;
 
@@ -87,7 +94,9 @@ private:
     std::condition_variable changed_;
     bool running_ = false;
     bool stopping_ = false;
+    bool stopped_ = false;
     std::set<std::string> peers_;
+    std::set<int> statuses_;
     std::vector<Received> received_;
     Responder responder_;
     std::multimap<std::chrono::steady_clock::time_point, Action> scheduled_;
