@@ -124,6 +124,7 @@ TEST(BusTest, presenceReportsCleanStopAndAKilledProcess) {
     pid_t child = 0;
     ASSERT_EQ(posix_spawn(&child, UOZ_AGENT_PATH, nullptr, nullptr, const_cast<char **>(argv), environ), 0);
     EXPECT_TRUE(one->wait_for_peer("<DM-CLIENT>"));
+    ASSERT_GT(child, 0);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     EXPECT_TRUE(one->wait_for_peer_gone("<DM-CLIENT>", 5000));

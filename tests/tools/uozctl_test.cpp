@@ -1,0 +1,140 @@
+// uozctl end to end: the real broker, uoz-agent with its simulated vehicle,
+// every command in text and --json, and the exit codes.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "broker_fixture.h"
+
+extern char **environ;
+
+namespace uoztest {
+namespace {
+
+struct Output {
+    int code = -1;
+    std::string text;
+};
+
+class UozctlTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string certs = identity_dir("agent");
+        std::string broker = "localhost:" + std::to_string(broker_.port());
+        log_ = "/tmp/uoz-agent-" + std::to_string(getpid()) + ".log";
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker", broker.c_str(),
+                              "--debug", "0", nullptr};
+        ASSERT_EQ(posix_spawn(&agent_, UOZ_AGENT_PATH, &actions, nullptr, const_cast<char **>(argv), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        for (int i = 0; i < 200 && !agent_ready(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ASSERT_TRUE(agent_ready());
+    }
+    void TearDown() override {
+        stop_agent();
+        unlink(log_.c_str());
+    }
+    void stop_agent() {
+        if (agent_ <= 0) return;  // never kill(-1): that signals every process
+        kill(agent_, SIGTERM);
+        waitpid(agent_, nullptr, 0);
+        agent_ = -1;
+    }
+    bool agent_ready() {
+        FILE *file = fopen(log_.c_str(), "r");
+        if (file == nullptr) return false;
+        char line[512];
+        bool ready = false;
+        while (fgets(line, sizeof(line), file) != nullptr) ready = ready || strstr(line, "uoz-agent ready");
+        fclose(file);
+        return ready;
+    }
+    Output uozctl(const std::string &arguments) {
+        std::string command = std::string(UOZCTL_PATH) + " --broker localhost:" + std::to_string(broker_.port()) +
+                              " --certs " + identity_dir("app") + " --config " + UOZ_EXAMPLES + "/ecus.json " +
+                              arguments + " 2>&1";
+        Output output;
+        FILE *pipe = popen(command.c_str(), "r");
+        char chunk[4096];
+        size_t got;
+        while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0) output.text.append(chunk, got);
+        int status = pclose(pipe);
+        output.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return output;
+    }
+
+    Broker broker_;
+    pid_t agent_ = -1;
+    std::string log_;
+};
+
+TEST_F(UozctlTest, readsDecodesAndClearsDtcs) {
+    Output engine = uozctl("dtc read engine");
+    EXPECT_EQ(engine.code, 0) << engine.text;
+    EXPECT_NE(engine.text.find("engine (0x7E0)\n  report 0x02: DTCs by status mask\n"
+                               "  P0301-00  (0x030100)  status 0x2F [testFailed, testFailedThisOperationCycle, "
+                               "pendingDTC, confirmedDTC, testFailedSinceLastClear]\n"),
+              std::string::npos)
+        << engine.text;
+    Output all = uozctl("dtc read all");
+    EXPECT_EQ(all.code, 0);
+    for (const char *ecu : {"engine (0x7E0)", "transmission (0x7E1)", "body (0x7E2)", "gateway (0x20)"}) {
+        EXPECT_NE(all.text.find(ecu), std::string::npos) << ecu << all.text;
+    }
+    EXPECT_EQ(uozctl("dtc clear engine").code, 0);
+    Output after = uozctl("--json dtc read engine");
+    EXPECT_EQ(after.code, 0);
+    EXPECT_NE(after.text.find("\"dtcs\":[\n        ]"), std::string::npos) << after.text;
+}
+
+TEST_F(UozctlTest, negativeResponsesAndUnsupportedReportsHaveTheirExitCodes) {
+    Output negative = uozctl("dtc read transmission --report 0x14");
+    EXPECT_EQ(negative.code, 4) << negative.text;
+    EXPECT_NE(negative.text.find("negative response: NRC 0x12 subFunctionNotSupported"), std::string::npos);
+    EXPECT_EQ(uozctl("dtc read engine --report 0x07").code, 2);
+    EXPECT_EQ(uozctl("dtc read nosuchecu").code, 2);
+    EXPECT_EQ(uozctl("dtc read engine --mask 1 --dtc 2").code, 2);
+}
+
+TEST_F(UozctlTest, versionsRoutinesAndConsent) {
+    Output version = uozctl("version transmission");
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.text, "transmission (0x7E1): TCU-8HP-5.0.3\n");
+    Output json = uozctl("--json version 0x7E0");
+    EXPECT_NE(json.text.find("\"version\":\"ENG-2.4.1 (hw B3)\""), std::string::npos) << json.text;
+    Output run = uozctl(std::string("run ") + UOZ_EXAMPLES + "/remote-command.json");
+    EXPECT_EQ(run.code, 0) << run.text;
+    EXPECT_NE(run.text.find("62F190"), std::string::npos) << run.text;
+    Output consent = uozctl("consent install C-9");
+    EXPECT_EQ(consent.code, 0);
+    EXPECT_EQ(consent.text, "install consent for campaign C-9: accepted\n");
+    EXPECT_EQ(uozctl("version adas").code, 4);
+}
+
+TEST_F(UozctlTest, listsTheConfiguredEcus) {
+    Output ecus = uozctl("ecus");
+    EXPECT_EQ(ecus.code, 0);
+    EXPECT_NE(ecus.text.find("transmission   0x7E1    CAN"), std::string::npos) << ecus.text;
+    EXPECT_NE(ecus.text.find("J1939"), std::string::npos);
+    EXPECT_EQ(uozctl("--config /nonexistent ecus").code, 2);
+}
+
+TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
+    stop_agent();
+    Output consent = uozctl("consent download C-1");
+    EXPECT_EQ(consent.code, 3);
+    EXPECT_NE(consent.text.find("is uoz-agent running and connected to the broker?"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace uoztest
