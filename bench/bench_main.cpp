@@ -4,8 +4,8 @@
 //
 //   uoz-bench [--requests N] [--json FILE] [--quick]
 //
-// Needs UOZ_TEST_PKI (a PKI made by uoz-pki with nodes "app" and "agent") and
-// UOZ_PKI_TOOL, as scripts/bench.sh sets them.
+// Needs UOZ_TEST_PKI (a PKI made by uoz-pki with nodes "app" and "agent"), as
+// scripts/bench.sh sets it.
 #include <json-c/json.h>
 #include <stdio.h>
 #include <stdlib.h>

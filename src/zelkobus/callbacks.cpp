@@ -6,8 +6,11 @@
 
 namespace {
 
+// The owner pointer is published by zebus_init after the client started, while
+// the bus thread may already be calling back: it is read and written atomically.
 BusConnection *owner_of(kt5bus_client *client) {
-    return client != nullptr ? static_cast<BusConnection *>(client->owner) : nullptr;
+    if (client == nullptr) return nullptr;
+    return static_cast<BusConnection *>(__atomic_load_n(&client->owner, __ATOMIC_ACQUIRE));
 }
 
 const char *status_text(int status) {

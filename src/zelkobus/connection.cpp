@@ -73,8 +73,10 @@ BusConnection *zebus_init(const char *cert_subdir, const char *cert_dir, const c
             status = zebus_ops.init_client(&connection->client, connection->broker_url);
             if (status == 0) {
                 connection->user_data = user_data;
-                connection->client.owner = connection;
                 connection->running = 1;
+                // Published last: a callback that sees the owner sees the rest.
+                __atomic_store_n(&connection->client.owner, static_cast<void *>(connection),
+                                 __ATOMIC_RELEASE);
                 return connection;
             }
             ZEBUS_ERROR("Failed to init kt5bus client err=%d.", status);

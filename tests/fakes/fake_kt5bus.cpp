@@ -116,10 +116,12 @@ int kt5bus_stop_client(kt5bus_client *client) {
         settings = g_settings;
     }
     if (!settings.report_stopped) return 0;
+    // Like the real library: the stop is reported from the bus thread, and the
+    // call returns once that thread is done with the record.
     std::thread([client, settings] {
         std::this_thread::sleep_for(std::chrono::milliseconds(settings.stopped_delay_ms));
         client->on_stopped(client);
-    }).detach();
+    }).join();
     return 0;
 }
 
