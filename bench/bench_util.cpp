@@ -2,6 +2,7 @@
 
 #include <json-c/json.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>

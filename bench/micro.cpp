@@ -5,10 +5,12 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <iostream>
 #include <map>
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/exchange.h"
+#include "UDSOverZelko/exchange_internal.h"
 #include "UDSOverZelko/query.h"
 #include "kt5Utils/kt5_json.h"
 
