@@ -101,10 +101,10 @@ TEST_F(ServicesTest, replyToAnotherQueryFailsWithBothIdentifiers) {
         return std::vector<Action>{
             {R"({"type":"zelko.skyharbor-query-update","reply-to":"someone-else","body":{"targetAddress":"0x7E0"}})"}};
     });
+    uoz_dbg_level = 0;
     start_library(kTestConfig);
     DTCBuffer buffer{};
     testing::internal::CaptureStdout();
-    uoz_dbg_level = 0;
     int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0xFF, &buffer);
     std::string log = testing::internal::GetCapturedStdout();
     EXPECT_EQ(rc, -1);
