@@ -75,23 +75,28 @@ double throughput(int threads, int total, const std::function<bool(int)> &one) {
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
             for (int i = 0; i < each; ++i) {
-                if (!one(t)) failures.fetch_add(1);
+                if (!one(t))
+                    failures.fetch_add(1);
             }
         });
     }
-    for (auto &worker : workers) worker.join();
+    for (auto &worker : workers)
+        worker.join();
     double seconds = elapsed_us(start) / 1e6;
-    if (failures.load() > 0) fprintf(stderr, "warning: %d calls failed\n", failures.load());
+    if (failures.load() > 0)
+        fprintf(stderr, "warning: %d calls failed\n", failures.load());
     return each * threads / seconds;
 }
 
 Summary latency(int warmup, int count, const std::function<bool()> &one) {
-    for (int i = 0; i < warmup; ++i) one();
+    for (int i = 0; i < warmup; ++i)
+        one();
     std::vector<double> samples;
     samples.reserve(count);
     for (int i = 0; i < count; ++i) {
         auto start = Clock::now();
-        if (!one()) fprintf(stderr, "warning: a timed call failed\n");
+        if (!one())
+            fprintf(stderr, "warning: a timed call failed\n");
         samples.push_back(elapsed_us(start));
     }
     return summarize(samples);
@@ -155,7 +160,8 @@ int main(int argc, char **argv) {
     UDSOverZelkoHandle *handle = init_handle(broker, config_path);
 
     fprintf(stderr, "UDSOverZelko_ReadDTCInfo latency...\n");
-    Summary library = latency(options.warmup, options.requests, [&] { return read_dtc(handle, 0); });
+    Summary library =
+        latency(options.warmup, options.requests, [&] { return read_dtc(handle, 0); });
     report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
 
     for (int ecus : {1, 4, 16, 64}) {
@@ -171,9 +177,9 @@ int main(int argc, char **argv) {
     long before = resident_bytes();
     throughput(16, options.growth_requests, [&](int t) { return read_dtc(handle, t); });
     long after = resident_bytes();
-    report.add_memory("resident growth over " + std::to_string(options.growth_requests) +
-                          " requests",
-                      after - before);
+    report.add_memory(
+        "resident growth over " + std::to_string(options.growth_requests) + " requests",
+        after - before);
     UDSOverZelko_Terminate(handle);
 
     for (int ecus : {10, 1000, 10000}) {
@@ -196,7 +202,6 @@ int main(int argc, char **argv) {
         fprintf(stderr, "cannot write %s\n", options.json_path.c_str());
         return 1;
     }
-    printf("\nwrote %s (%lu replies answered)\n", options.json_path.c_str(),
-           responder.answered());
+    printf("\nwrote %s (%lu replies answered)\n", options.json_path.c_str(), responder.answered());
     return 0;
 }

@@ -30,7 +30,8 @@ double percentile(const std::vector<double> &sorted, double fraction) {
 
 Summary summarize(std::vector<double> samples) {
     Summary summary;
-    if (samples.empty()) return summary;
+    if (samples.empty())
+        return summary;
     std::sort(samples.begin(), samples.end());
     summary.count = samples.size();
     summary.min_us = samples.front();
@@ -77,11 +78,12 @@ void Report::add_cpu(const std::string &name, double nanoseconds, double goal_na
 
 void Report::note_handle_memory(int ecus, long bytes) {
     handle_memory_.emplace_back(ecus, bytes);
-    if (handle_memory_.size() < 2) return;
+    if (handle_memory_.size() < 2)
+        return;
     const auto &smallest = handle_memory_.front();
     const auto &largest = handle_memory_.back();
-    double per_ecu = static_cast<double>(largest.second - smallest.second) /
-                     (largest.first - smallest.first);
+    double per_ecu =
+        static_cast<double>(largest.second - smallest.second) / (largest.first - smallest.first);
     // Replace an earlier per-ECU row by the one over the widest range.
     rows_.erase(std::remove_if(rows_.begin(), rows_.end(),
                                [](const Row &row) { return row.name == "memory per ECU"; }),
@@ -108,7 +110,8 @@ bool Report::write_json(const std::string &path) const {
         json_object *item = json_object_new_object();
         json_object_object_add(item, "name", json_object_new_string(row.name.c_str()));
         json_object_object_add(item, row.json_key.c_str(), json_object_new_double(row.value));
-        if (row.ratio > 0) json_object_object_add(item, "ratio", json_object_new_double(row.ratio));
+        if (row.ratio > 0)
+            json_object_object_add(item, "ratio", json_object_new_double(row.ratio));
         json_object_object_add(item, "text", json_object_new_string(row.figure.c_str()));
         json_object_array_add(rows, item);
     }
@@ -127,7 +130,9 @@ bool Report::write_json(const std::string &path) const {
     return json_object_to_file_ext(path.c_str(), root.get(), JSON_C_TO_STRING_PRETTY) == 0;
 }
 
-int32_t ecu_address(int index) { return 0x100 + index; }
+int32_t ecu_address(int index) {
+    return 0x100 + index;
+}
 
 std::string write_ecu_config(int ecus) {
     JsonPtr root(json_object_new_object());
@@ -158,7 +163,8 @@ std::string write_ecu_config(int ecus) {
     }
     char path[] = "/tmp/uoz-bench-ecus-XXXXXX";
     int fd = mkstemp(path);
-    if (fd < 0) return "";
+    if (fd < 0)
+        return "";
     close(fd);
     json_object_to_file(path, root.get());
     return path;
@@ -179,7 +185,8 @@ size_t typical_query_size(const std::string &config_path) {
             build_query_body(handle, ecu_address(0), QUERY_UDS_DATA, uds.get(), &record);
         char *reply_id = generate_reply_id(REPLY_ID_LENGTH);
         JsonPtr envelope(wrap_query(reply_id, body));
-        if (envelope) size = strlen(json_object_to_json_string(envelope.get()));
+        if (envelope)
+            size = strlen(json_object_to_json_string(envelope.get()));
         free(reply_id);
         release_handle(handle);
     }
@@ -189,9 +196,11 @@ size_t typical_query_size(const std::string &config_path) {
 
 long resident_bytes() {
     FILE *statm = fopen("/proc/self/statm", "r");
-    if (statm == nullptr) return 0;
+    if (statm == nullptr)
+        return 0;
     long pages_total = 0, pages_resident = 0;
-    if (fscanf(statm, "%ld %ld", &pages_total, &pages_resident) != 2) pages_resident = 0;
+    if (fscanf(statm, "%ld %ld", &pages_total, &pages_resident) != 2)
+        pages_resident = 0;
     fclose(statm);
     return pages_resident * sysconf(_SC_PAGESIZE);
 }

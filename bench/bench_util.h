@@ -32,7 +32,7 @@ struct Row {
 };
 
 class Report {
-public:
+  public:
     void add_latency(const std::string &name, const Summary &summary, const Summary &anchor);
     void add_rate(const std::string &name, double per_second, double anchor_per_second);
     void add_memory(const std::string &name, long bytes);
@@ -43,7 +43,7 @@ public:
     void print(FILE *out) const;
     bool write_json(const std::string &path) const;
 
-private:
+  private:
     std::vector<Row> rows_;
     std::vector<std::pair<int, long>> handle_memory_;
     std::vector<std::pair<std::string, Summary>> latencies_;

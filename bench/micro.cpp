@@ -26,7 +26,8 @@ struct OfflineHandle {
     OfflineHandle() {
         handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
         reply_wait_init(&handle->consent_wait);
-        if (load_ecu_config(handle, g_config_path.c_str()) != 0) handle = nullptr;
+        if (load_ecu_config(handle, g_config_path.c_str()) != 0)
+            handle = nullptr;
     }
     ~OfflineHandle() { release_handle(handle); }
 };
@@ -42,8 +43,9 @@ std::string reply_with_records(int records, const char *target) {
                         target + "\",\"uds\":{\"data-record\":[";
     for (int i = 0; i < records; ++i) {
         char element[96];
-        snprintf(element, sizeof(element), "%s{\"phy-req-id\":\"0x%X\",\"data\":\"5902FF03010009\"}",
-                 i == 0 ? "" : ",", ecu_address(i));
+        snprintf(element, sizeof(element),
+                 "%s{\"phy-req-id\":\"0x%X\",\"data\":\"5902FF03010009\"}", i == 0 ? "" : ",",
+                 ecu_address(i));
         reply += element;
     }
     return reply + "]}}}";
@@ -101,16 +103,18 @@ void BM_SuppressedLog(benchmark::State &state) {
         UOZ_DBGLOG(UOZ_LOG_DBG, "%s", expensive_argument());
         benchmark::ClobberMemory();
     }
-    if (g_side_effects != 0) state.SkipWithError("a suppressed statement evaluated its argument");
+    if (g_side_effects != 0)
+        state.SkipWithError("a suppressed statement evaluated its argument");
 }
 
 // Collects each benchmark's time per iteration.
 class CollectingReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     std::map<std::string, double> nanoseconds;
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const Run &run : runs) {
-            if (run.error_occurred) continue;
+            if (run.error_occurred)
+                continue;
             nanoseconds[run.benchmark_name()] = run.GetAdjustedRealTime();
         }
         ConsoleReporter::ReportRuns(runs);

@@ -46,7 +46,8 @@ MosquittoPair::MosquittoPair(const std::string &pki_dir, int port, size_t payloa
 
 MosquittoPair::~MosquittoPair() {
     for (mosquitto *client : {requester_, replier_}) {
-        if (client == nullptr) continue;
+        if (client == nullptr)
+            continue;
         mosquitto_disconnect(client);
         mosquitto_loop_stop(client, false);
         mosquitto_destroy(client);
@@ -57,7 +58,8 @@ MosquittoPair::~MosquittoPair() {
 mosquitto *MosquittoPair::connect_client(const std::string &node) {
     std::string id = random_client_id(node);
     mosquitto *client = mosquitto_new(id.c_str(), true, this);
-    if (client == nullptr) throw std::runtime_error("mosquitto_new failed");
+    if (client == nullptr)
+        throw std::runtime_error("mosquitto_new failed");
     check(mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5), "protocol");
     check(mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1), "tcp_nodelay");
     std::string ca = pki_dir_ + "/ca/ca.pem";
@@ -68,8 +70,8 @@ mosquitto *MosquittoPair::connect_client(const std::string &node) {
     bool replier = node == "agent";
     mosquitto_message_v5_callback_set(
         client, replier ? &MosquittoPair::on_request : &MosquittoPair::on_reply);
-    mosquitto_connect_v5_callback_set(
-        client, replier ? &MosquittoPair::on_replier_connect : &MosquittoPair::on_requester_connect);
+    mosquitto_connect_v5_callback_set(client, replier ? &MosquittoPair::on_replier_connect
+                                                      : &MosquittoPair::on_requester_connect);
     mosquitto_subscribe_v5_callback_set(client, &MosquittoPair::on_subscribe);
     check(mosquitto_connect_bind_v5(client, "localhost", port_, 30, nullptr, nullptr), "connect");
     check(mosquitto_loop_start(client), "loop_start");
@@ -79,12 +81,14 @@ mosquitto *MosquittoPair::connect_client(const std::string &node) {
 // Subscriptions are made once connected, as the bus library does.
 void MosquittoPair::on_replier_connect(mosquitto *client, void *, int rc, int,
                                        const mosquitto_property *) {
-    if (rc == 0) mosquitto_subscribe_v5(client, nullptr, kRequestSubscription, kQos, 0, nullptr);
+    if (rc == 0)
+        mosquitto_subscribe_v5(client, nullptr, kRequestSubscription, kQos, 0, nullptr);
 }
 
 void MosquittoPair::on_requester_connect(mosquitto *client, void *, int rc, int,
                                          const mosquitto_property *) {
-    if (rc == 0) mosquitto_subscribe_v5(client, nullptr, kReplySubscription, kQos, 0, nullptr);
+    if (rc == 0)
+        mosquitto_subscribe_v5(client, nullptr, kReplySubscription, kQos, 0, nullptr);
 }
 
 void MosquittoPair::on_subscribe(mosquitto *, void *self, int, int, const int *,
@@ -106,10 +110,13 @@ void MosquittoPair::on_request(mosquitto *client, void *, const mosquitto_messag
 void MosquittoPair::on_reply(mosquitto *, void *self, const mosquitto_message *message,
                              const mosquitto_property *) {
     auto *pair = static_cast<MosquittoPair *>(self);
-    if (message->payloadlen < 4) return;
+    if (message->payloadlen < 4)
+        return;
     int slot = 0;
-    if (sscanf(static_cast<const char *>(message->payload), "%4d", &slot) != 1) return;
-    if (slot < 0 || slot >= static_cast<int>(pair->slots_.size())) return;
+    if (sscanf(static_cast<const char *>(message->payload), "%4d", &slot) != 1)
+        return;
+    if (slot < 0 || slot >= static_cast<int>(pair->slots_.size()))
+        return;
     Slot &target = pair->slots_[slot];
     std::lock_guard<std::mutex> hold(target.lock);
     ++target.received;
@@ -124,10 +131,11 @@ bool MosquittoPair::round_trip(int slot) {
     Slot &own = slots_[slot];
     std::unique_lock<std::mutex> hold(own.lock);
     unsigned long expected = ++own.sent;
-    int rc = mosquitto_publish_v5(requester_, nullptr, kRequestTopic,
-                                  static_cast<int>(payload.size()), payload.data(), kQos, false,
-                                  nullptr);
-    if (rc != MOSQ_ERR_SUCCESS) return false;
+    int rc =
+        mosquitto_publish_v5(requester_, nullptr, kRequestTopic, static_cast<int>(payload.size()),
+                             payload.data(), kQos, false, nullptr);
+    if (rc != MOSQ_ERR_SUCCESS)
+        return false;
     return own.replied.wait_for(hold, std::chrono::seconds(5),
                                 [&] { return own.received >= expected; });
 }

@@ -14,7 +14,7 @@
 namespace uozbench {
 
 class MosquittoPair {
-public:
+  public:
     // Connects a requester (identity "app") and an echoing replier (identity
     // "agent") to the broker at localhost:port; waits until both subscribed.
     MosquittoPair(const std::string &pki_dir, int port, size_t payload_size, int slots);
@@ -26,7 +26,7 @@ public:
     // when no reply came within 5 s.
     bool round_trip(int slot);
 
-private:
+  private:
     struct Slot {
         std::mutex lock;
         std::condition_variable replied;
@@ -42,8 +42,8 @@ private:
                                    const mosquitto_property *properties);
     static void on_requester_connect(mosquitto *client, void *self, int rc, int flags,
                                      const mosquitto_property *properties);
-    static void on_subscribe(mosquitto *client, void *self, int mid, int count,
-                             const int *granted, const mosquitto_property *properties);
+    static void on_subscribe(mosquitto *client, void *self, int mid, int count, const int *granted,
+                             const mosquitto_property *properties);
 
     mosquitto *connect_client(const std::string &node);
 

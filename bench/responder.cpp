@@ -25,13 +25,17 @@ std::string find_string_member(const char *text, size_t length, const char *key)
     std::string haystack(text, strnlen(text, length));
     std::string quoted = std::string("\"") + key + "\"";
     size_t at = haystack.find(quoted);
-    if (at == std::string::npos) return "";
+    if (at == std::string::npos)
+        return "";
     size_t colon = haystack.find(':', at + quoted.size());
-    if (colon == std::string::npos) return "";
+    if (colon == std::string::npos)
+        return "";
     size_t open = haystack.find('"', colon + 1);
-    if (open == std::string::npos) return "";
+    if (open == std::string::npos)
+        return "";
     size_t close = haystack.find('"', open + 1);
-    if (close == std::string::npos) return "";
+    if (close == std::string::npos)
+        return "";
     return haystack.substr(open + 1, close - open - 1);
 }
 
@@ -74,11 +78,13 @@ void MinimalResponder::on_status(kt5bus_client *client, int status) {
 void MinimalResponder::on_stopped(kt5bus_client *) {}
 
 void MinimalResponder::on_message(kt5bus_client *client, kt5bus_message *message) {
-    if (message != nullptr && message->data != nullptr) owner_of(client)->answer(*message);
+    if (message != nullptr && message->data != nullptr)
+        owner_of(client)->answer(*message);
 }
 
 void MinimalResponder::on_delivered(kt5bus_client *, kt5bus_message *message, void *, int) {
-    if (message == nullptr) return;
+    if (message == nullptr)
+        return;
     free(message->data);
     kt5bus_free_address(message->destination, 1);
     free(message);
@@ -89,7 +95,8 @@ void MinimalResponder::answer(const kt5bus_message &query) {
     std::string reply_id = find_string_member(text, query.length, "reply-id");
     std::string target = find_string_member(text, query.length, "targetAddress");
     std::string request_id = find_string_member(text, query.length, "phy-req-id");
-    if (reply_id.empty() || query.source == nullptr || query.source->kind != KT5BUS_ADDR_UA) return;
+    if (reply_id.empty() || query.source == nullptr || query.source->kind != KT5BUS_ADDR_UA)
+        return;
 
     std::string reply = "{\"type\":\"zelko.skyharbor-query-update\",\"reply-to\":\"" + reply_id +
                         "\",\"body\":{\"targetAddress\":\"" + target +

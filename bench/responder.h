@@ -14,7 +14,7 @@
 namespace uozbench {
 
 class MinimalResponder {
-public:
+  public:
     MinimalResponder(const std::string &identity_dir, const std::string &url);
     ~MinimalResponder();
     MinimalResponder(const MinimalResponder &) = delete;
@@ -24,7 +24,7 @@ public:
     bool wait_running();
     unsigned long answered() const { return answered_.load(); }
 
-private:
+  private:
     static void on_message(kt5bus_client *client, kt5bus_message *message);
     static void on_delivered(kt5bus_client *client, kt5bus_message *message, void *unused, int ok);
     static void on_status(kt5bus_client *client, int status);

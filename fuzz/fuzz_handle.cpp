@@ -39,16 +39,19 @@ UDSOverZelkoHandle *offline_handle() {
     uoz_dbg_level = -1;
     char path[] = "/tmp/uoz-fuzz-ecus-XXXXXX";
     int fd = mkstemp(path);
-    if (fd < 0 || write(fd, kConfig, sizeof(kConfig) - 1) < 0) abort();
+    if (fd < 0 || write(fd, kConfig, sizeof(kConfig) - 1) < 0)
+        abort();
     close(fd);
     UDSOverZelkoHandle *handle = empty_handle();
-    if (load_ecu_config(handle, path) != 0) abort();
+    if (load_ecu_config(handle, path) != 0)
+        abort();
     unlink(path);
     return handle;
 }
 
 void drain_replies(UDSOverZelkoHandle *handle) {
-    for (EcuConfig *ecu = handle->ecus; ecu != nullptr; ecu = ecu->next) free_reply(&ecu->reply_wait);
+    for (EcuConfig *ecu = handle->ecus; ecu != nullptr; ecu = ecu->next)
+        free_reply(&ecu->reply_wait);
     free_reply(&handle->broadcast_ecu->reply_wait);
     free_reply(&handle->consent_wait);
 }

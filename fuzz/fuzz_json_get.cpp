@@ -9,12 +9,14 @@
 #include "udsoverzelko.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 2) return 0;
+    if (size < 2)
+        return 0;
     static const json_type kTypes[] = {json_type_boolean, json_type_double, json_type_int,
                                        json_type_object,  json_type_array,  json_type_string,
                                        json_type_null};
-    static const char *const kKeys[] = {"body", "uds", "data-record", "reply-to", "targetAddress",
-                                        "type", "version", "consent-status", ""};
+    static const char *const kKeys[] = {
+        "body", "uds",     "data-record",    "reply-to", "targetAddress",
+        "type", "version", "consent-status", ""};
     uoz_dbg_level = -1;
     json_type type = kTypes[data[0] % 7];
     const char *first = kKeys[data[1] % 9];
@@ -32,7 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         slot.object = json_object_new_object();  // the look-up owns and releases it
     }
     kt5_json_get(document.get(), type, &slot, first, second, nullptr);
-    if (type == json_type_object || type == json_type_array) json_object_put(slot.object);
+    if (type == json_type_object || type == json_type_array)
+        json_object_put(slot.object);
     kt5_json_has(document.get(), first, second, nullptr);
     return 0;
 }

@@ -67,7 +67,8 @@ extern "C" {
 /* Records                                                                   */
 /* ------------------------------------------------------------------------ */
 
-/** The library context; opaque. Created by UDSOverZelko_Init, released by UDSOverZelko_Terminate. */
+/** The library context; opaque. Created by UDSOverZelko_Init, released by UDSOverZelko_Terminate.
+ */
 typedef struct UDSOverZelkoHandle UDSOverZelkoHandle;
 
 /**
@@ -78,10 +79,10 @@ typedef struct BrokerConfig {
     const char *broker_ip;    /**< broker host name or address; required (may be empty) */
     int32_t port;             /**< broker TCP port */
     const char *node_address; /**< the node's address; required (not null), otherwise unused */
-    const char *cert_path;    /**< identity directory: private.pem, cert.pem; ../ca/ca.pem beside it */
-    uint32_t reserved;        /**< never read */
-    int32_t debug_level;      /**< becomes uoz_dbg_level */
-    uint32_t bus_option;      /**< handed to the bus connection, not read */
+    const char *cert_path; /**< identity directory: private.pem, cert.pem; ../ca/ca.pem beside it */
+    uint32_t reserved;     /**< never read */
+    int32_t debug_level;   /**< becomes uoz_dbg_level */
+    uint32_t bus_option;   /**< handed to the bus connection, not read */
 } BrokerConfig;
 
 /** One ECU's answer to a DTC read (or the version text of a version read). */
@@ -156,7 +157,8 @@ UOZ_EXTERN extern int uoz_dbg_level;
 UOZ_EXTERN void uoz_dbglog(int level, const char *file, int line, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
-/** Log through uoz_dbglog when uoz_dbg_level admits the level; arguments are not evaluated otherwise. */
+/** Log through uoz_dbglog when uoz_dbg_level admits the level; arguments are not evaluated
+ * otherwise. */
 #define UOZ_DBGLOG(level, ...)                                    \
     do {                                                          \
         if (uoz_dbg_level >= (level)) {                           \
@@ -187,7 +189,8 @@ UOZ_EXTERN void uoz_dbglog(int level, const char *file, int line, const char *fo
  * handle it creates. Several handles may live at once; uoz_dbg_level is
  * process-wide. Release the handle with UDSOverZelko_Terminate.
  */
-UOZ_EXTERN UDSOverZelkoHandle *UDSOverZelko_Init(const BrokerConfig *broker, const char *config_path);
+UOZ_EXTERN UDSOverZelkoHandle *UDSOverZelko_Init(const BrokerConfig *broker,
+                                                 const char *config_path);
 
 /**
  * Stop the bus connection and release the handle and everything it owns.
@@ -201,7 +204,8 @@ UOZ_EXTERN int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle);
  * ASCII case; -1 when there is none, or when handle or name is NULL.
  * Thread-safe; logs nothing.
  */
-UOZ_EXTERN int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle, const char *name);
+UOZ_EXTERN int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle,
+                                                       const char *name);
 
 /**
  * Name of the first configured ECU with this target address, or NULL when there
@@ -237,12 +241,9 @@ UOZ_EXTERN int UDSOverZelko_ReadDTCInfo(UDSOverZelkoHandle *handle, int32_t targ
  * and/or a record number (0x04, 0x05, 0x06, 0x09, 0x10, 0x16). Results and
  * ownership as UDSOverZelko_ReadDTCInfo.
  */
-UOZ_EXTERN int UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(UDSOverZelkoHandle *handle,
-                                                            int32_t target_address,
-                                                            uint32_t subfunction,
-                                                            uint32_t dtc_number,
-                                                            uint8_t record_number,
-                                                            DTCBuffer *dtc_buffer);
+UOZ_EXTERN int UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(
+    UDSOverZelkoHandle *handle, int32_t target_address, uint32_t subfunction, uint32_t dtc_number,
+    uint8_t record_number, DTCBuffer *dtc_buffer);
 
 /* ------------------------------------------------------------------------ */
 /* ECU version                                                               */
@@ -260,8 +261,7 @@ UOZ_EXTERN int UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(UDSOverZelkoHandle *
  * The buffer is untouched on failure. Blocks up to 10 s.
  */
 UOZ_EXTERN int UDSOverZelko_ReadECUVersionInformation(UDSOverZelkoHandle *handle,
-                                                      int32_t target_address,
-                                                      char *version_buffer,
+                                                      int32_t target_address, char *version_buffer,
                                                       uint32_t version_buffer_size);
 
 /* ------------------------------------------------------------------------ */

@@ -26,8 +26,8 @@ json_object *clear_dtc_routine(uint32_t group_of_dtc) {
 
 }  // namespace
 
-int UDSOverZelkoClearDTC(UDSOverZelkoHandle *handle, int32_t target_address,
-                         uint32_t group_of_dtc, CommandResponse *response) {
+int UDSOverZelkoClearDTC(UDSOverZelkoHandle *handle, int32_t target_address, uint32_t group_of_dtc,
+                         CommandResponse *response) {
     UOZ_LOG_BANNER();
     if (handle == nullptr) {
         UOZ_SET_ERROR("Invalid UDS Handler");

@@ -76,9 +76,9 @@ int read_optional(EcuConfig *record, json_object *entry, const TransportKey &key
 
 void free_texts(EcuConfig *record) {
     char *EcuConfig::*const fields[] = {
-        &EcuConfig::name,     &EcuConfig::ifname, &EcuConfig::func_addr, &EcuConfig::phy_req_id,
-        &EcuConfig::phy_resp_id, &EcuConfig::st_min, &EcuConfig::bsize,    &EcuConfig::gw_ip,
-        &EcuConfig::sa,       &EcuConfig::ta,     &EcuConfig::bus_id,
+        &EcuConfig::name,        &EcuConfig::ifname, &EcuConfig::func_addr, &EcuConfig::phy_req_id,
+        &EcuConfig::phy_resp_id, &EcuConfig::st_min, &EcuConfig::bsize,     &EcuConfig::gw_ip,
+        &EcuConfig::sa,          &EcuConfig::ta,     &EcuConfig::bus_id,
     };
     for (char *EcuConfig::*field : fields) {
         free(record->*field);
@@ -93,7 +93,8 @@ int read_transport(EcuConfig *record, json_object *entry, bool *ioc_seen) {
         case TRANSPORT_DOIP:
             return read_doip_params(record, entry);
         case TRANSPORT_IOC:
-            if (read_ioc_params(record, entry) != 0) return -1;
+            if (read_ioc_params(record, entry) != 0)
+                return -1;
             *ioc_seen = true;
             return 0;
         case TRANSPORT_CANFD:
@@ -139,7 +140,8 @@ EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
         return nullptr;
     }
     // An IOC entry makes the broadcast record IOC even when it is dropped below.
-    if (ioc_passed) *ioc_seen = true;
+    if (ioc_passed)
+        *ioc_seen = true;
     if (read_ecu_version(entry, record) != 0 || reply_wait_init(&record->reply_wait) != 0) {
         free_ecu_config(record);
         free(record);
@@ -150,7 +152,8 @@ EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
 
 EcuConfig *new_broadcast_record(bool ioc_seen) {
     auto *record = static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig)));
-    if (record == nullptr) return nullptr;
+    if (record == nullptr)
+        return nullptr;
     record->type = ioc_seen ? TRANSPORT_IOC : TRANSPORT_CAN;
     record->target_address = -1;
     if (reply_wait_init(&record->reply_wait) != 0) {
@@ -168,32 +171,41 @@ int fail_load(UDSOverZelkoHandle *handle) {
 }  // namespace
 
 TransportType parse_transport_type(const char *text) {
-    if (text == nullptr) return TRANSPORT_CAN;
-    if (strcmp(text, "CANFD") == 0) return TRANSPORT_CANFD;
-    if (strcmp(text, "DOIP") == 0) return TRANSPORT_DOIP;
-    if (strcmp(text, "IOC") == 0) return TRANSPORT_IOC;
+    if (text == nullptr)
+        return TRANSPORT_CAN;
+    if (strcmp(text, "CANFD") == 0)
+        return TRANSPORT_CANFD;
+    if (strcmp(text, "DOIP") == 0)
+        return TRANSPORT_DOIP;
+    if (strcmp(text, "IOC") == 0)
+        return TRANSPORT_IOC;
     return TRANSPORT_CAN;
 }
 
 // Reads the text as a 32-bit strtoul with base 16 would: a minus sign negates
 // modulo 2^32 and a magnitude beyond 32 bits gives all bits set.
 int32_t parse_target_address(const char *text) {
-    if (text == nullptr) return 0;
+    if (text == nullptr)
+        return 0;
     const char *start = text;
-    while (isspace(static_cast<unsigned char>(*start))) ++start;
+    while (isspace(static_cast<unsigned char>(*start)))
+        ++start;
     bool negative = *start == '-';
     errno = 0;
     unsigned long long value = strtoull(text, nullptr, 16);
     unsigned long long magnitude = negative ? 0ULL - value : value;
-    if (errno == ERANGE || magnitude > 0xFFFFFFFFULL) return -1;
+    if (errno == ERANGE || magnitude > 0xFFFFFFFFULL)
+        return -1;
     uint32_t bits = static_cast<uint32_t>(magnitude);
     return static_cast<int32_t>(negative ? 0u - bits : bits);
 }
 
 int read_can_params(EcuConfig *record, json_object *entry) {
-    if (read_required(record, entry, "can", kCanKeys) != 0) return -1;
+    if (read_required(record, entry, "can", kCanKeys) != 0)
+        return -1;
     for (const TransportKey &key : kCanOptionalKeys) {
-        if (read_optional(record, entry, key) != 0) return -1;
+        if (read_optional(record, entry, key) != 0)
+            return -1;
     }
     return 0;
 }
@@ -217,11 +229,13 @@ int read_ecu_version(json_object *entry, EcuConfig *record) {
     json_object *uds = nullptr;
     bool has_uds = kt5_json_get(version, json_type_array, &uds, "uds", nullptr) == 0;
     JsonPtr uds_copy(uds);
-    if (!has_uds) UOZ_DBGLOG(UOZ_LOG_INFO, "No uds ecu version information available");
+    if (!has_uds)
+        UOZ_DBGLOG(UOZ_LOG_INFO, "No uds ecu version information available");
     json_object *j1939 = nullptr;
     bool has_j1939 = kt5_json_get(version, json_type_object, &j1939, "j1939", nullptr) == 0;
     JsonPtr j1939_copy(j1939);
-    if (!has_j1939) UOZ_DBGLOG(UOZ_LOG_INFO, "No j1939 ecu version information available");
+    if (!has_j1939)
+        UOZ_DBGLOG(UOZ_LOG_INFO, "No j1939 ecu version information available");
     if (has_uds && has_j1939) {
         UOZ_SET_ERROR("Both J1939 and UDS can not be used to get the ECU version information");
         return -1;
@@ -232,7 +246,8 @@ int read_ecu_version(json_object *entry, EcuConfig *record) {
 }
 
 void free_ecu_config(EcuConfig *record) {
-    if (record == nullptr) return;
+    if (record == nullptr)
+        return;
     free_texts(record);
     json_object_put(record->ecu_version);
     record->ecu_version = nullptr;
@@ -257,7 +272,8 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
     for (size_t i = 0; i < count && !out_of_memory; ++i) {
         EcuConfig *record =
             read_entry(json_object_array_get_idx(configs, i), &ioc_seen, &out_of_memory);
-        if (record == nullptr) continue;
+        if (record == nullptr)
+            continue;
         *tail = record;
         tail = &record->next;
     }

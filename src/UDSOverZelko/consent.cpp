@@ -1,7 +1,7 @@
 // External consent for an update campaign, answered by the bus's policy agent.
 #include <errno.h>
-#include <strings.h>
 #include <stdlib.h>
+#include <strings.h>
 #include <time.h>
 
 #include "UDSOverZelko/records.h"
@@ -15,8 +15,10 @@ json_object *consent_message(int32_t consent_type, const char *campaign_id) {
     bool download = consent_type == CONSENT_DOWNLOAD;
     json_object *body = json_object_new_object();
     json_object_object_add(body, "campaign-id", json_object_new_string(campaign_id));
-    json_object_object_add(body, "download-consent", json_object_new_string(download ? "Yes" : "No"));
-    json_object_object_add(body, "install-consent", json_object_new_string(download ? "No" : "Yes"));
+    json_object_object_add(body, "download-consent",
+                           json_object_new_string(download ? "Yes" : "No"));
+    json_object_object_add(body, "install-consent",
+                           json_object_new_string(download ? "No" : "Yes"));
     json_object *message = json_object_new_object();
     json_object_object_add(message, "type", json_object_new_string("zelko.external-consent"));
     json_object_object_add(message, "body", body);
@@ -29,7 +31,8 @@ char *wait_for_answer(ReplyWait *wait) {
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
     while (wait->reply == nullptr) {
-        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0) break;
+        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
+            break;
     }
     char *answer = wait->reply;
     wait->reply = nullptr;

@@ -32,7 +32,8 @@ struct timespec reply_deadline() {
 // Stores a delivered text in a reply slot and wakes its waiter. A text left
 // there by nobody's wait is replaced.
 void deliver(ReplyWait *wait, char *text) {
-    if (text == nullptr) return;
+    if (text == nullptr)
+        return;
     pthread_mutex_lock(&wait->lock);
     free(wait->reply);
     wait->reply = text;
@@ -41,9 +42,12 @@ void deliver(ReplyWait *wait, char *text) {
 }
 
 int hex_digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
     return -1;
 }
 
@@ -66,11 +70,14 @@ void decode_pair(const char *text, size_t available, uint8_t *byte) {
 bool decode_hex(const char *text, DTCBufferEntry *entry) {
     size_t digits = strlen(text);
     size_t length = digits / 2;
-    if (length > INT32_MAX - 1) return false;
+    if (length > INT32_MAX - 1)
+        return false;
     entry->data = static_cast<uint8_t *>(calloc(length + 1, 1));
-    if (entry->data == nullptr) return false;
+    if (entry->data == nullptr)
+        return false;
     entry->length = static_cast<int32_t>(length);
-    for (size_t k = 0; k < digits; k += 2) decode_pair(text + k, digits - k, &entry->data[k / 2]);
+    for (size_t k = 0; k < digits; k += 2)
+        decode_pair(text + k, digits - k, &entry->data[k / 2]);
     return true;
 }
 
@@ -105,7 +112,8 @@ bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferE
 }
 
 const char *source_name(const kt5bus_address *source, std::string *scratch) {
-    if (source == nullptr) return "(unknown)";
+    if (source == nullptr)
+        return "(unknown)";
     if (source->kind == KT5BUS_ADDR_UA || source->kind == KT5BUS_ADDR_GROUP) {
         return source->value.name != nullptr ? source->value.name : "(unnamed)";
     }
@@ -119,15 +127,19 @@ const char *source_name(const kt5bus_address *source, std::string *scratch) {
 // "body"."targetAddress" as strtol reads it with base 16, saturated to 32 bits.
 int32_t reply_target_address(const char *text) {
     long long value = strtoll(text, nullptr, 16);
-    if (value > INT32_MAX) return INT32_MAX;
-    if (value < INT32_MIN) return INT32_MIN;
+    if (value > INT32_MAX)
+        return INT32_MAX;
+    if (value < INT32_MIN)
+        return INT32_MIN;
     return static_cast<int32_t>(value);
 }
 
 EcuConfig *record_for_reply(UDSOverZelkoHandle *handle, int32_t target_address) {
-    if (target_address == -1) return handle->broadcast_ecu;
+    if (target_address == -1)
+        return handle->broadcast_ecu;
     for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address) return record;
+        if (record->target_address == target_address)
+            return record;
     }
     return nullptr;
 }
@@ -139,7 +151,8 @@ void route_query_reply(UDSOverZelkoHandle *handle, json_object *message, const c
         return;
     }
     EcuConfig *record = record_for_reply(handle, reply_target_address(target));
-    if (record != nullptr) deliver(&record->reply_wait, uoz_strdup(text));
+    if (record != nullptr)
+        deliver(&record->reply_wait, uoz_strdup(text));
 }
 
 int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
@@ -179,12 +192,14 @@ bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *te
 
     pthread_mutex_lock(&wait->lock);
     while (wait->reply == nullptr) {
-        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0) break;
+        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
+            break;
     }
     *reply = wait->reply;
     wait->reply = nullptr;
     pthread_mutex_unlock(&wait->lock);
-    if (*reply == nullptr) UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
+    if (*reply == nullptr)
+        UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
     return *reply != nullptr;
 }
 
@@ -203,7 +218,8 @@ bool reply_answers(json_object *reply, const char *reply_id) {
 
 int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuffer *result) {
     json_object *records = nullptr;
-    if (kt5_json_get(reply, json_type_array, &records, "body", "uds", "data-record", nullptr) != 0) {
+    if (kt5_json_get(reply, json_type_array, &records, "body", "uds", "data-record", nullptr) !=
+        0) {
         UOZ_SET_ERROR("could not find ''data-record");
         return -2;
     }
@@ -233,7 +249,8 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
                        json_object *uds, QueryKind kind) {
     EcuConfig *record = nullptr;
     json_object *body = build_query_body(handle, target_address, kind, uds, &record);
-    if (body == nullptr) return -2;
+    if (body == nullptr)
+        return -2;
     TextPtr reply_id(generate_reply_id(REPLY_ID_LENGTH));
     if (!reply_id) {
         json_object_put(body);
@@ -241,7 +258,8 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
         return -2;
     }
     JsonPtr envelope(wrap_query(reply_id.get(), body));
-    if (!envelope) return -2;
+    if (!envelope)
+        return -2;
 
     char *delivered = nullptr;
     if (!send_and_wait(handle, record, json_object_to_json_string(envelope.get()), &delivered)) {
@@ -250,7 +268,8 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
     TextPtr reply_text(delivered);
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", reply_text.get());
     JsonPtr reply(json_tokener_parse(reply_text.get()));
-    if (!reply_answers(reply.get(), reply_id.get())) return -2;
+    if (!reply_answers(reply.get(), reply_id.get()))
+        return -2;
     switch (kind) {
         case QUERY_UDS_DATA:
             return decode_uds_reply(handle, reply.get(), result);
@@ -260,8 +279,7 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
     return -2;
 }
 
-int on_bus_message(const char *data, size_t length, const kt5bus_address *source,
-                   void *user_data) {
+int on_bus_message(const char *data, size_t length, const kt5bus_address *source, void *user_data) {
     if (data == nullptr) {
         UOZ_SET_ERROR("msg is NULL");
         return 0;

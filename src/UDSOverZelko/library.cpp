@@ -14,9 +14,12 @@ constexpr size_t kBrokerUrlSize = 1024;
 
 // The first missing required text of the broker configuration, or nullptr.
 const char *missing_broker_text(const BrokerConfig *broker) {
-    if (broker->broker_ip == nullptr) return "Invlid broker IP";
-    if (broker->cert_path == nullptr) return "Invlaid Certpath";
-    if (broker->node_address == nullptr) return "Invlaid node Address";
+    if (broker->broker_ip == nullptr)
+        return "Invlid broker IP";
+    if (broker->cert_path == nullptr)
+        return "Invlaid Certpath";
+    if (broker->node_address == nullptr)
+        return "Invlaid node Address";
     return nullptr;
 }
 
@@ -69,7 +72,8 @@ UDSOverZelkoHandle *UDSOverZelko_Init(const BrokerConfig *broker, const char *co
 
 int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle) {
     UOZ_LOG_BANNER();
-    if (handle == nullptr) return 0;
+    if (handle == nullptr)
+        return 0;
     // Stopped first, so that no delivery reaches what is released below.
     zebus_stop(handle->bus);
     handle->bus = nullptr;
@@ -78,7 +82,8 @@ int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle) {
 }
 
 int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle, const char *name) {
-    if (handle == nullptr || name == nullptr) return -1;
+    if (handle == nullptr || name == nullptr)
+        return -1;
     for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
         if (record->name != nullptr && strcasecmp(record->name, name) == 0) {
             return record->target_address;
@@ -89,9 +94,11 @@ int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle, const ch
 
 const char *UDSOverZelkoGetECUNameFromTargetAddress(UDSOverZelkoHandle *handle,
                                                     int target_address) {
-    if (handle == nullptr) return nullptr;
+    if (handle == nullptr)
+        return nullptr;
     for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address) return record->name;
+        if (record->target_address == target_address)
+            return record->name;
     }
     return nullptr;
 }

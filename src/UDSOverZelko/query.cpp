@@ -41,7 +41,8 @@ const BlockMember kDoipMembers[] = {
 // Adds a new string member; the object takes the value over.
 bool add_string(json_object *object, const char *key, const char *text) {
     json_object *value = json_object_new_string(text != nullptr ? text : "");
-    if (value == nullptr) return false;
+    if (value == nullptr)
+        return false;
     if (json_object_object_add(object, key, value) != 0) {
         json_object_put(value);
         return false;
@@ -50,7 +51,8 @@ bool add_string(json_object *object, const char *key, const char *text) {
 }
 
 bool add_member(json_object *object, const char *key, json_object *value) {
-    if (value == nullptr) return false;
+    if (value == nullptr)
+        return false;
     if (json_object_object_add(object, key, value) != 0) {
         json_object_put(value);
         return false;
@@ -77,7 +79,8 @@ json_object *build_block(const EcuConfig *record, const BlockMember (&members)[N
 
 EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
     for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address) return record;
+        if (record->target_address == target_address)
+            return record;
     }
     return nullptr;
 }
@@ -98,9 +101,11 @@ json_object *build_ecu_block(const EcuConfig *record) {
 
 json_object *build_broadcast_blocks(UDSOverZelkoHandle *handle) {
     json_object *blocks = json_object_new_array();
-    if (blocks == nullptr) return nullptr;
+    if (blocks == nullptr)
+        return nullptr;
     for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->type != TRANSPORT_CAN && record->type != TRANSPORT_IOC) continue;
+        if (record->type != TRANSPORT_CAN && record->type != TRANSPORT_IOC)
+            continue;
         // A block that cannot be built stands as JSON null.
         json_object_array_add(blocks, build_ecu_block(record));
     }
@@ -148,7 +153,8 @@ bool add_version(json_object *body, EcuConfig *record) {
         UOZ_SET_ERROR("No version information configured for this ECU");
         return false;
     }
-    if (record->type == TRANSPORT_CAN && !derive_j1939_version(record)) return false;
+    if (record->type == TRANSPORT_CAN && !derive_j1939_version(record))
+        return false;
     if (!add_member(body, "version", copy_version(record))) {
         UOZ_SET_ERROR("Could not add 'version' to JSON");
         return false;
@@ -159,9 +165,11 @@ bool add_version(json_object *body, EcuConfig *record) {
 }  // namespace
 
 char *generate_reply_id(int32_t length) {
-    if (length < 0) return nullptr;
+    if (length < 0)
+        return nullptr;
     auto *id = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
-    if (id == nullptr) return nullptr;
+    if (id == nullptr)
+        return nullptr;
     static const char kAlphabet[] = REPLY_ID_ALPHABET;
     constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
     srand(static_cast<unsigned>(time(nullptr)));
@@ -189,8 +197,10 @@ json_object *transport_mode_name(TransportType type, char *key, size_t key_size)
             mode = "IOC", block_key = "ioc";
             break;
     }
-    if (mode == nullptr) return nullptr;
-    if (key != nullptr && key_size > 0) snprintf(key, key_size, "%s", block_key);
+    if (mode == nullptr)
+        return nullptr;
+    if (key != nullptr && key_size > 0)
+        snprintf(key, key_size, "%s", block_key);
     return json_object_new_string(mode);
 }
 
@@ -203,7 +213,8 @@ json_object *build_ioc_block(const EcuConfig *record) {
 }
 
 json_object *build_doip_block(const EcuConfig *record) {
-    if (record->type != TRANSPORT_DOIP) return nullptr;
+    if (record->type != TRANSPORT_DOIP)
+        return nullptr;
     return build_block(record, kDoipMembers, "Could not create new JSON Message");
 }
 
@@ -213,7 +224,8 @@ json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_ad
         *record = handle->broadcast_ecu;
         return build_broadcast_blocks(handle);
     }
-    if (target_address < -1) return nullptr;
+    if (target_address < -1)
+        return nullptr;
     EcuConfig *found = find_ecu(handle, target_address);
     if (found == nullptr) {
         UOZ_SET_ERRORF("Could not find tragetAddress=%d", target_address);
@@ -226,10 +238,12 @@ json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_ad
 json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
                               json_object *uds, EcuConfig **record) {
     JsonPtr body(json_object_new_object());
-    if (!body) return nullptr;
+    if (!body)
+        return nullptr;
     EcuConfig *addressed = nullptr;
     json_object *block = build_transport_block(handle, target_address, &addressed);
-    if (record != nullptr) *record = addressed;
+    if (record != nullptr)
+        *record = addressed;
     if (block == nullptr) {
         UOZ_SET_ERROR("Could not get tp blob");
         return nullptr;
@@ -262,7 +276,8 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
             return nullptr;
         }
     } else if (kind == QUERY_VERSION) {
-        if (!add_version(body.get(), addressed)) return nullptr;
+        if (!add_version(body.get(), addressed))
+            return nullptr;
     }
     return body.release();
 }

@@ -60,7 +60,8 @@ bool add_owned(json_object *object, const char *key, json_object *value) {
 // Appends text to a bounded buffer, cutting what does not fit.
 void append(char *buffer, size_t size, const char *text) {
     size_t used = strlen(buffer);
-    if (used + 1 < size) snprintf(buffer + used, size - used, "%s", text);
+    if (used + 1 < size)
+        snprintf(buffer + used, size - used, "%s", text);
 }
 
 // "type" and "record" of a DTC and/or record number request.
@@ -77,7 +78,8 @@ bool add_number_record(json_object *data_record, uint32_t params, uint32_t dtc_n
     if (params & PARAM_RECORD) {
         snprintf(number, sizeof(number), "%02X", record_number);
         append(record, sizeof(record), number);
-        if (params & PARAM_DTC) append(type, sizeof(type), "_AND_");
+        if (params & PARAM_DTC)
+            append(type, sizeof(type), "_AND_");
         append(type, sizeof(type), "RECORD");
     }
     if (!add_owned(data_record, "type", json_object_new_string(type))) {
@@ -134,13 +136,28 @@ int dtc_subfunction_supported(uint32_t subfunction) {
 
 uint32_t dtc_subfunction_params(uint32_t subfunction) {
     switch (subfunction) {
-        case 0x01: case 0x02: case 0x0F: case 0x11: case 0x12: case 0x13:
+        case 0x01:
+        case 0x02:
+        case 0x0F:
+        case 0x11:
+        case 0x12:
+        case 0x13:
             return PARAM_STATUS_MASK;
-        case 0x03: case 0x0A: case 0x0B: case 0x0C: case 0x0D: case 0x0E: case 0x14: case 0x15:
+        case 0x03:
+        case 0x0A:
+        case 0x0B:
+        case 0x0C:
+        case 0x0D:
+        case 0x0E:
+        case 0x14:
+        case 0x15:
             return PARAM_NONE;
-        case 0x04: case 0x06: case 0x10:
+        case 0x04:
+        case 0x06:
+        case 0x10:
             return PARAM_DTC | PARAM_RECORD;
-        case 0x05: case 0x16:
+        case 0x05:
+        case 0x16:
             return PARAM_RECORD;
         case 0x09:
             return PARAM_DTC;
@@ -155,7 +172,8 @@ const char *report_name(uint32_t subfunction) {
 }
 
 int lowest_set_bit(int32_t value) {
-    if (value <= 0) return 0;
+    if (value <= 0)
+        return 0;
     int position = 0;
     while ((value & 1) == 0) {
         value >>= 1;
@@ -200,13 +218,15 @@ json_object *build_read_dtc_body(uint32_t subfunction, uint32_t status_mask, uin
         return nullptr;
     }
     uint32_t params = dtc_subfunction_params(subfunction);
-    if (params & PARAM_NONE) return body.release();
+    if (params & PARAM_NONE)
+        return body.release();
     JsonPtr data_record(json_object_new_object());
-    bool built = data_record && ((params & PARAM_STATUS_MASK)
-                                     ? add_status_mask_record(data_record.get(), status_mask)
-                                     : add_number_record(data_record.get(), params, dtc_number,
-                                                         record_number));
-    if (!built) return nullptr;
+    bool built = data_record &&
+                 ((params & PARAM_STATUS_MASK)
+                      ? add_status_mask_record(data_record.get(), status_mask)
+                      : add_number_record(data_record.get(), params, dtc_number, record_number));
+    if (!built)
+        return nullptr;
     if (!add_owned(body.get(), "data-record", data_record.release())) {
         UOZ_SET_ERROR("Could not add 'data-record' to JSON");
         return nullptr;
@@ -239,10 +259,9 @@ int UDSOverZelko_ReadDTCInfo(UDSOverZelkoHandle *handle, int32_t target_address,
     return read_dtc_entry(handle, target_address, subfunction, status_mask, 0, 0, dtc_buffer);
 }
 
-int UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(UDSOverZelkoHandle *handle,
-                                                 int32_t target_address, uint32_t subfunction,
-                                                 uint32_t dtc_number, uint8_t record_number,
-                                                 DTCBuffer *dtc_buffer) {
+int UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(UDSOverZelkoHandle *handle, int32_t target_address,
+                                                 uint32_t subfunction, uint32_t dtc_number,
+                                                 uint8_t record_number, DTCBuffer *dtc_buffer) {
     return read_dtc_entry(handle, target_address, subfunction, 0, dtc_number, record_number,
                           dtc_buffer);
 }

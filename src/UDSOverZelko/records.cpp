@@ -23,16 +23,19 @@ void uoz_format_last_error(const char *format, ...) {
 }
 
 char *uoz_strdup(const char *text) {
-    if (text == nullptr) return nullptr;
+    if (text == nullptr)
+        return nullptr;
     size_t size = strlen(text) + 1;
     auto *copy = static_cast<char *>(malloc(size));
-    if (copy != nullptr) memcpy(copy, text, size);
+    if (copy != nullptr)
+        memcpy(copy, text, size);
     return copy;
 }
 
 int reply_wait_init(ReplyWait *wait) {
     wait->reply = nullptr;
-    if (pthread_mutex_init(&wait->lock, nullptr) != 0) return -1;
+    if (pthread_mutex_init(&wait->lock, nullptr) != 0)
+        return -1;
     if (pthread_cond_init(&wait->cond, nullptr) != 0) {
         pthread_mutex_destroy(&wait->lock);
         return -1;
@@ -63,7 +66,8 @@ void release_handle(UDSOverZelkoHandle *handle) {
 }
 
 void free_handle(UDSOverZelkoHandle *handle) {
-    if (handle == nullptr) return;
+    if (handle == nullptr)
+        return;
     while (handle->ecus != nullptr) {
         EcuConfig *next = handle->ecus->next;
         release_ecu_record(handle->ecus);
@@ -79,11 +83,13 @@ void free_handle(UDSOverZelkoHandle *handle) {
 }
 
 void UDSOverZelko_FreeDTCBuffer(DTCBuffer *buffer) {
-    if (buffer == nullptr) return;
+    if (buffer == nullptr)
+        return;
     if (buffer->entries != nullptr) {
         for (int32_t i = 0; i < buffer->count; ++i) {
             DTCBufferEntry *entry = buffer->entries[i];
-            if (entry == nullptr) continue;
+            if (entry == nullptr)
+                continue;
             free(entry->data);
             free(entry->ecu_name);
             free(entry);
@@ -95,7 +101,8 @@ void UDSOverZelko_FreeDTCBuffer(DTCBuffer *buffer) {
 }
 
 void UDSOverZelko_FreeCommandResponse(CommandResponse *response) {
-    if (response == nullptr) return;
+    if (response == nullptr)
+        return;
     free(response->body_text);
     response->body_text = nullptr;
     response->status = 0;

@@ -71,17 +71,17 @@ struct UDSOverZelkoHandle {
 extern thread_local char uoz_last_error[UOZ_LAST_ERROR_SIZE];
 
 // Copy a constant text into uoz_last_error and log it at ERR.
-#define UOZ_SET_ERROR(text)                                    \
-    do {                                                       \
-        uoz_set_last_error(text);                              \
-        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", uoz_last_error);         \
+#define UOZ_SET_ERROR(text)                            \
+    do {                                               \
+        uoz_set_last_error(text);                      \
+        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", uoz_last_error); \
     } while (0)
 
 // Format into uoz_last_error (at most 255 characters) and log it at ERR.
-#define UOZ_SET_ERRORF(...)                                    \
-    do {                                                       \
-        uoz_format_last_error(__VA_ARGS__);                    \
-        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", uoz_last_error);         \
+#define UOZ_SET_ERRORF(...)                            \
+    do {                                               \
+        uoz_format_last_error(__VA_ARGS__);            \
+        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", uoz_last_error); \
     } while (0)
 
 void uoz_set_last_error(const char *text);

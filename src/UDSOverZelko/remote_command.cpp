@@ -35,8 +35,8 @@ int check_period(json_object *document) {
     const char *end = nullptr;
     if (kt5_json_get(document, json_type_string, &start, "diagnostic_period", "start_time",
                      nullptr) != 0 ||
-        kt5_json_get(document, json_type_string, &end, "diagnostic_period", "end_time",
-                     nullptr) != 0) {
+        kt5_json_get(document, json_type_string, &end, "diagnostic_period", "end_time", nullptr) !=
+            0) {
         UOZ_SET_ERROR("Error");
         return -1;
     }
@@ -45,8 +45,7 @@ int check_period(json_object *document) {
 
 // A copy of the configured routine named `name`, or NULL when the
 // configuration file has none of that name.
-json_object *find_predefined_routine(const char *config_path, const char *name,
-                                     bool *copy_failed) {
+json_object *find_predefined_routine(const char *config_path, const char *name, bool *copy_failed) {
     JsonPtr config(config_path != nullptr ? json_object_from_file(config_path) : nullptr);
     json_object *routines = nullptr;
     if (kt5_json_get(config.get(), json_type_array, &routines, "pre-defined-routines", nullptr) !=
@@ -61,8 +60,10 @@ json_object *find_predefined_routine(const char *config_path, const char *name,
         json_object *routine = json_object_array_get_idx(routines, i);
         UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(routine));
         const char *routine_name = nullptr;
-        if (kt5_json_get(routine, json_type_string, &routine_name, "name", nullptr) != 0) continue;
-        if (strcmp(routine_name, name) != 0) continue;
+        if (kt5_json_get(routine, json_type_string, &routine_name, "name", nullptr) != 0)
+            continue;
+        if (strcmp(routine_name, name) != 0)
+            continue;
         json_object *copy = kt5_json_copy(routine);
         if (copy == nullptr) {
             UOZ_SET_ERROR("Could not create JSON Command");
@@ -112,16 +113,20 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
         UOZ_DBGLOG(UOZ_LOG_DBG, "%s command received\n", name);
         bool copy_failed = false;
         json_object *routine = find_predefined_routine(handle->config_path, name, &copy_failed);
-        if (copy_failed) break;
-        if (routine != nullptr) chosen.reset(routine);
+        if (copy_failed)
+            break;
+        if (routine != nullptr)
+            chosen.reset(routine);
     }
     return chosen.release();
 }
 
 int execute(UDSOverZelkoHandle *handle, json_object *document, CommandResponse *response) {
     int period = check_period(document);
-    if (period < 0) return UOZ_ERR_GENERAL;
-    if (period == 0) return UOZ_ERR_VALIDITY;
+    if (period < 0)
+        return UOZ_ERR_GENERAL;
+    if (period == 0)
+        return UOZ_ERR_VALIDITY;
     json_object *commands = nullptr;
     if (kt5_json_get(document, json_type_array, &commands, "commands", nullptr) != 0) {
         UOZ_SET_ERROR("Could not find 'commands' property in JSON");
@@ -144,7 +149,8 @@ int execute(UDSOverZelkoHandle *handle, json_object *document, CommandResponse *
 int check_command_validity(const char *start_time, const char *end_time) {
     struct tm start_calendar = {};
     struct tm end_calendar = {};
-    if (!parse_utc(start_time, &start_calendar) || !parse_utc(end_time, &end_calendar)) return 0;
+    if (!parse_utc(start_time, &start_calendar) || !parse_utc(end_time, &end_calendar))
+        return 0;
     time_t start = timegm(&start_calendar);
     time_t end = timegm(&end_calendar);
     if (start == static_cast<time_t>(-1) || end == static_cast<time_t>(-1)) {
@@ -152,7 +158,8 @@ int check_command_validity(const char *start_time, const char *end_time) {
         return 0;
     }
     time_t now = time(nullptr);
-    if (start <= now && now <= end) return 1;
+    if (start <= now && now <= end)
+        return 1;
     if (now < start) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Command validity not started yet");
     } else {

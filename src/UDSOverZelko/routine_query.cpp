@@ -21,11 +21,13 @@ int await_body(UDSOverZelkoHandle *handle, EcuConfig *record, json_object *envel
     const char *text = json_object_to_json_string(envelope);
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
     char *delivered = nullptr;
-    if (!send_and_wait(handle, record, text, &delivered)) return UOZ_ERR_TIMEOUT;
+    if (!send_and_wait(handle, record, text, &delivered))
+        return UOZ_ERR_TIMEOUT;
     TextPtr reply_text(delivered);
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", reply_text.get());
     JsonPtr reply(json_tokener_parse(reply_text.get()));
-    if (!reply_answers(reply.get(), reply_id)) return UOZ_ERR_GENERAL;
+    if (!reply_answers(reply.get(), reply_id))
+        return UOZ_ERR_GENERAL;
     json_object *body = nullptr;
     if (kt5_json_get(reply.get(), json_type_object, &body, "body", nullptr) != 0) {
         UOZ_SET_ERROR("Could not get");
@@ -75,6 +77,7 @@ int run_routine_query(UDSOverZelkoHandle *handle, int32_t target_address, const 
         return UOZ_ERR_GENERAL;
     }
     JsonPtr envelope(wrap_query(reply_id.get(), body.release()));
-    if (!envelope) return UOZ_ERR_GENERAL;
+    if (!envelope)
+        return UOZ_ERR_GENERAL;
     return await_body(handle, record, envelope.get(), reply_id.get(), response);
 }

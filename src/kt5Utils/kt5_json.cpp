@@ -18,7 +18,9 @@ json_object *member(json_object *current, const char *key, bool *found) {
     return *found ? value : nullptr;
 }
 
-bool is_owned_copy(json_type type) { return type == json_type_object || type == json_type_array; }
+bool is_owned_copy(json_type type) {
+    return type == json_type_object || type == json_type_array;
+}
 
 // Writes value, which has the expected type, into the slot in its hand-out form.
 void store(json_object *value, json_type type, void *out) {
@@ -50,7 +52,8 @@ void store(json_object *value, json_type type, void *out) {
 }  // namespace
 
 json_object *kt5_json_copy(json_object *obj) {
-    if (obj == nullptr) return nullptr;
+    if (obj == nullptr)
+        return nullptr;
     return json_tokener_parse(json_object_to_json_string(obj));
 }
 
@@ -64,7 +67,8 @@ int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
         bool found = false;
         current = member(current, key, &found);
         if (!found) {
-            UOZ_DBGLOG(UOZ_LOG_INFO, "No %s property in %s\n", key, json_object_to_json_string(obj));
+            UOZ_DBGLOG(UOZ_LOG_INFO, "No %s property in %s\n", key,
+                       json_object_to_json_string(obj));
             result = -1;
         }
     }

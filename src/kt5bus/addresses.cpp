@@ -19,12 +19,14 @@ void (*g_debug_sink)(const char *) = nullptr;
 
 kt5bus_address *new_link(int kind) {
     auto *link = static_cast<kt5bus_address *>(calloc(1, sizeof(kt5bus_address)));
-    if (link != nullptr) link->kind = kind;
+    if (link != nullptr)
+        link->kind = kind;
     return link;
 }
 
 void append_link(kt5bus_address **list, kt5bus_address *link) {
-    while (*list != nullptr) list = &(*list)->next;
+    while (*list != nullptr)
+        list = &(*list)->next;
     *list = link;
 }
 
@@ -41,7 +43,8 @@ void debug(const char *format, ...) {
         std::lock_guard<std::mutex> hold(g_setup_lock);
         sink = g_debug_sink;
     }
-    if (sink == nullptr) return;
+    if (sink == nullptr)
+        return;
     char text[512];
     va_list args;
     va_start(args, format);
@@ -58,7 +61,8 @@ kt5bus_address *new_address_chain(const std::vector<Address> &addresses) {
     kt5bus_address *chain = nullptr;
     for (const Address &address : addresses) {
         kt5bus_address *link = new_link(address.kind);
-        if (link == nullptr) break;
+        if (link == nullptr)
+            break;
         if (address.kind == KT5BUS_ADDR_SPECIAL) {
             link->value.special = address.special;
         } else {
@@ -77,7 +81,8 @@ std::string message_topic(const std::string &sender_cn, const kt5bus_address &de
         case KT5BUS_ADDR_GROUP:
             return prefix + "/group/" + destination.value.name;
         case KT5BUS_ADDR_SPECIAL:
-            if (destination.value.special == KT5BUS_SPECIAL_DM_CLIENT) return prefix + "/dmc";
+            if (destination.value.special == KT5BUS_SPECIAL_DM_CLIENT)
+                return prefix + "/dmc";
             return "";
         default:
             return "";
@@ -105,8 +110,10 @@ std::string presence_topic(const std::string &cn, const std::string &client_id) 
 
 int kt5bus_init_ll(kt5bus_ll_config *config) {
     std::lock_guard<std::mutex> hold(kt5::g_setup_lock);
-    if (kt5::g_setup_count++ == 0) mosquitto_lib_init();
-    if (config != nullptr && config->debug != nullptr) kt5::g_debug_sink = config->debug;
+    if (kt5::g_setup_count++ == 0)
+        mosquitto_lib_init();
+    if (config != nullptr && config->debug != nullptr)
+        kt5::g_debug_sink = config->debug;
     return KT5BUS_OK;
 }
 
@@ -120,7 +127,8 @@ int kt5bus_fini_ll(void) {
 }
 
 int kt5bus_chain_address(kt5bus_address **list, int kind, ...) {
-    if (list == nullptr) return KT5BUS_ERR_INVALID;
+    if (list == nullptr)
+        return KT5BUS_ERR_INVALID;
     va_list args;
     va_start(args, kind);
     kt5bus_address *link = nullptr;
@@ -131,8 +139,7 @@ int kt5bus_chain_address(kt5bus_address **list, int kind, ...) {
         if (!kt5::valid_name(name)) {
             result = KT5BUS_ERR_INVALID;
         } else if ((link = kt5::new_link(kind)) == nullptr ||
-                   (link->value.name = copy ? strdup(name) : const_cast<char *>(name)) ==
-                       nullptr) {
+                   (link->value.name = copy ? strdup(name) : const_cast<char *>(name)) == nullptr) {
             result = KT5BUS_ERR_NOMEM;
         }
     } else if (kind == KT5BUS_ADDR_SPECIAL) {
@@ -157,7 +164,8 @@ int kt5bus_chain_address(kt5bus_address **list, int kind, ...) {
 void kt5bus_free_address(kt5bus_address *chain, int free_names) {
     while (chain != nullptr) {
         kt5bus_address *next = chain->next;
-        if (free_names && chain->kind != KT5BUS_ADDR_SPECIAL) free(chain->value.name);
+        if (free_names && chain->kind != KT5BUS_ADDR_SPECIAL)
+            free(chain->value.name);
         free(chain);
         chain = next;
     }

@@ -1,8 +1,8 @@
 // Identities: certificates, their bus addresses and the TLS context.
+#include <arpa/inet.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
-#include <arpa/inet.h>
 #include <string.h>
 
 #include <memory>
@@ -57,14 +57,16 @@ bool expect_broker_name(X509_VERIFY_PARAM *param, const std::string &host) {
     unsigned char address[16];
     bool literal = inet_pton(AF_INET, host.c_str(), address) == 1 ||
                    inet_pton(AF_INET6, host.c_str(), address) == 1;
-    if (literal) return X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1;
+    if (literal)
+        return X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1;
     return X509_VERIFY_PARAM_set1_host(param, host.c_str(), 0) == 1;
 }
 
 void log_tls_errors(const char *what) {
     unsigned long error = ERR_get_error();
     char text[256] = "unknown error";
-    if (error != 0) ERR_error_string_n(error, text, sizeof(text));
+    if (error != 0)
+        ERR_error_string_n(error, text, sizeof(text));
     debug("%s: %s", what, text);
     ERR_clear_error();
 }
@@ -72,7 +74,8 @@ void log_tls_errors(const char *what) {
 }  // namespace
 
 std::string buffer_text(const kt5bus_buffer *buffer) {
-    if (buffer == nullptr || buffer->data == nullptr) return "";
+    if (buffer == nullptr || buffer->data == nullptr)
+        return "";
     const char *data = static_cast<const char *>(buffer->data);
     return std::string(data, strnlen(data, buffer->length));
 }
@@ -93,12 +96,14 @@ CertificateInfo certificate_info(X509 *certificate) {
         X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
     for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME *name = sk_GENERAL_NAME_value(names.get(), i);
-        if (name->type != GEN_URI) continue;
+        if (name->type != GEN_URI)
+            continue;
         const ASN1_STRING *uri = name->d.uniformResourceIdentifier;
         std::string text(reinterpret_cast<const char *>(ASN1_STRING_get0_data(uri)),
                          static_cast<size_t>(ASN1_STRING_length(uri)));
         Address address;
-        if (parse_address_uri(text, &address)) info.addresses.push_back(address);
+        if (parse_address_uri(text, &address))
+            info.addresses.push_back(address);
     }
     return info;
 }
@@ -127,7 +132,8 @@ SSL_CTX *new_tls_context(const kt5bus_identity *identity, const std::string &hos
         return nullptr;
     }
     SSL_CTX *context = SSL_CTX_new(TLS_client_method());
-    if (context == nullptr) return nullptr;
+    if (context == nullptr)
+        return nullptr;
     bool ok = SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) == 1 &&
               SSL_CTX_use_certificate(context, certificate.get()) == 1 &&
               SSL_CTX_use_PrivateKey(context, key.get()) == 1 &&
@@ -146,14 +152,17 @@ SSL_CTX *new_tls_context(const kt5bus_identity *identity, const std::string &hos
 }  // namespace kt5
 
 int kt5bus_get_identity_data(kt5bus_identity *identity, kt5bus_address **out, void *, void *) {
-    if (identity == nullptr || out == nullptr) return KT5BUS_ERR_INVALID;
+    if (identity == nullptr || out == nullptr)
+        return KT5BUS_ERR_INVALID;
     if (identity->kind != KT5BUS_IDENTITY_X509 || identity->x509.chain == nullptr ||
         identity->x509.chain[0] == nullptr) {
         return KT5BUS_ERR_IDENTITY;
     }
     std::string pem = kt5::buffer_text(identity->x509.chain[0]);
-    std::unique_ptr<X509, kt5::X509Free> certificate(kt5::parse_certificate(pem.data(), pem.size()));
-    if (!certificate) return KT5BUS_ERR_IDENTITY;
+    std::unique_ptr<X509, kt5::X509Free> certificate(
+        kt5::parse_certificate(pem.data(), pem.size()));
+    if (!certificate)
+        return KT5BUS_ERR_IDENTITY;
     *out = kt5::new_address_chain(kt5::certificate_info(certificate.get()).addresses);
     return KT5BUS_OK;
 }

@@ -53,13 +53,16 @@ struct Url {
 
 bool parse_url(const char *url, Url *out) {
     const char *scheme = "tcp://";
-    if (url == nullptr || strncmp(url, scheme, strlen(scheme)) != 0) return false;
+    if (url == nullptr || strncmp(url, scheme, strlen(scheme)) != 0)
+        return false;
     std::string rest = url + strlen(scheme);
     size_t colon = rest.rfind(':');
-    if (colon == std::string::npos) return false;
+    if (colon == std::string::npos)
+        return false;
     char *end = nullptr;
     long port = strtol(rest.c_str() + colon + 1, &end, 10);
-    if (end == rest.c_str() + colon + 1 || *end != '\0' || port <= 0 || port > 65535) return false;
+    if (end == rest.c_str() + colon + 1 || *end != '\0' || port <= 0 || port > 65535)
+        return false;
     out->host = rest.substr(0, colon);
     out->port = static_cast<int>(port);
     return true;
@@ -73,11 +76,15 @@ std::string random_suffix() {
 }
 
 class Client {
-public:
+  public:
     Client(kt5bus_client *record, const Url &url, const CertificateInfo &identity,
            std::string certificate_pem, SSL_CTX *tls)
-        : record_(record), url_(url), cn_(identity.common_name), addresses_(identity.addresses),
-          certificate_pem_(std::move(certificate_pem)), tls_(tls),
+        : record_(record),
+          url_(url),
+          cn_(identity.common_name),
+          addresses_(identity.addresses),
+          certificate_pem_(std::move(certificate_pem)),
+          tls_(tls),
           client_id_(cn_ + "-" + random_suffix()) {}
     ~Client();
 
@@ -86,11 +93,12 @@ public:
     int send(kt5bus_message *message);
     bool on_client_thread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
-private:
+  private:
     static void on_connect(mosquitto *, void *self, int rc, int, const mosquitto_property *);
     static void on_subscribe(mosquitto *, void *self, int, int count, const int *granted,
                              const mosquitto_property *);
-    static void on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *);
+    static void on_publish(mosquitto *, void *self, int mid, int reason,
+                           const mosquitto_property *);
     static void on_message(mosquitto *, void *self, const mosquitto_message *message,
                            const mosquitto_property *properties);
 
@@ -125,24 +133,26 @@ private:
     std::condition_variable wake_;
     bool stopping_ = false;
     bool session_up_ = false;
-    bool ready_ = false;            // connected and subscribed
-    std::vector<uint32_t> held_;    // sent before ready: published once ready
+    bool ready_ = false;          // connected and subscribed
+    std::vector<uint32_t> held_;  // sent before ready: published once ready
     uint32_t next_id_ = 0;
-    std::map<uint32_t, Pending> pending_;       // by message id
-    std::map<int, uint32_t> publishes_;         // MQTT message id -> message id
+    std::map<uint32_t, Pending> pending_;  // by message id
+    std::map<int, uint32_t> publishes_;    // MQTT message id -> message id
     std::deque<std::pair<kt5bus_message *, bool>> finished_;
 
     std::map<std::string, Peer> peers_;  // only touched on the client thread
 };
 
 Client::~Client() {
-    if (mosq_ != nullptr) mosquitto_destroy(mosq_);
+    if (mosq_ != nullptr)
+        mosquitto_destroy(mosq_);
     SSL_CTX_free(tls_);
 }
 
 int Client::start() {
     mosq_ = mosquitto_new(client_id_.c_str(), true, this);
-    if (mosq_ == nullptr) return KT5BUS_ERR_NOMEM;
+    if (mosq_ == nullptr)
+        return KT5BUS_ERR_NOMEM;
     std::string presence = presence_topic(cn_, client_id_);
     bool configured =
         mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5) == 0 &&
@@ -153,7 +163,8 @@ int Client::start() {
         // An empty retained presence tells the others we are gone, also when
         // this process dies.
         mosquitto_will_set_v5(mosq_, presence.c_str(), 0, nullptr, kQos, true, nullptr) == 0;
-    if (!configured) return KT5BUS_ERR_MQTT;
+    if (!configured)
+        return KT5BUS_ERR_MQTT;
     mosquitto_connect_v5_callback_set(mosq_, &Client::on_connect);
     mosquitto_subscribe_v5_callback_set(mosq_, &Client::on_subscribe);
     mosquitto_publish_v5_callback_set(mosq_, &Client::on_publish);
@@ -168,17 +179,20 @@ void Client::stop() {
         stopping_ = true;
     }
     wake_.notify_all();
-    if (thread_.joinable()) thread_.join();
+    if (thread_.joinable())
+        thread_.join();
 }
 
 void Client::status(int code) {
-    if (record_->on_status != nullptr) record_->on_status(record_, code);
+    if (record_->on_status != nullptr)
+        record_->on_status(record_, code);
 }
 
 bool Client::connect() {
     int rc = mosquitto_connect_bind_v5(mosq_, url_.host.c_str(), url_.port, kKeepaliveSeconds,
                                        nullptr, nullptr);
-    if (rc == MOSQ_ERR_SUCCESS) return true;
+    if (rc == MOSQ_ERR_SUCCESS)
+        return true;
     debug("connect to %s:%d failed: %s", url_.host.c_str(), url_.port, mosquitto_strerror(rc));
     status(rc == MOSQ_ERR_EAI ? KT5BUS_STATUS_RESOLUTION_FAILED : KT5BUS_STATUS_CONNECTION_FAILED);
     return false;
@@ -187,7 +201,8 @@ bool Client::connect() {
 void Client::wait_before_retry(std::chrono::milliseconds *delay) {
     std::unique_lock<std::mutex> hold(lock_);
     wake_.wait_for(hold, *delay, [this] { return stopping_; });
-    *delay = std::min(*delay * 2, std::chrono::duration_cast<std::chrono::milliseconds>(kLastRetry));
+    *delay =
+        std::min(*delay * 2, std::chrono::duration_cast<std::chrono::milliseconds>(kLastRetry));
 }
 
 void Client::run() {
@@ -197,7 +212,8 @@ void Client::run() {
     for (;;) {
         {
             std::lock_guard<std::mutex> hold(lock_);
-            if (stopping_) break;
+            if (stopping_)
+                break;
         }
         if (!socket_open) {
             socket_open = connect();
@@ -211,7 +227,8 @@ void Client::run() {
         expire_pending();
         if (rc == MOSQ_ERR_SUCCESS) {
             std::lock_guard<std::mutex> hold(lock_);
-            if (session_up_) delay = std::chrono::duration_cast<std::chrono::milliseconds>(kFirstRetry);
+            if (session_up_)
+                delay = std::chrono::duration_cast<std::chrono::milliseconds>(kFirstRetry);
             continue;
         }
         bool was_up = false;
@@ -237,7 +254,8 @@ void Client::run() {
     report_finished();
     fail_all_pending();
     status(KT5BUS_STATUS_CLIENT_STOPPED);
-    if (record_->on_stopped != nullptr) record_->on_stopped(record_);
+    if (record_->on_stopped != nullptr)
+        record_->on_stopped(record_);
 }
 
 void Client::on_connect(mosquitto *, void *self, int rc, int, const mosquitto_property *) {
@@ -260,16 +278,19 @@ void Client::subscribe_and_announce() {
     std::vector<std::string> topics;
     for (const Address &address : addresses_) {
         std::string topic = subscription_for(address);
-        if (!topic.empty()) topics.push_back(topic);
+        if (!topic.empty())
+            topics.push_back(topic);
     }
     topics.push_back("kt5/presence/#");
     std::vector<char *> pointers;
-    for (std::string &topic : topics) pointers.push_back(&topic[0]);
-    mosquitto_subscribe_multiple(mosq_, nullptr, static_cast<int>(pointers.size()),
-                                 pointers.data(), kQos, 0, nullptr);
+    for (std::string &topic : topics)
+        pointers.push_back(&topic[0]);
+    mosquitto_subscribe_multiple(mosq_, nullptr, static_cast<int>(pointers.size()), pointers.data(),
+                                 kQos, 0, nullptr);
     std::string presence = presence_topic(cn_, client_id_);
-    mosquitto_publish_v5(mosq_, nullptr, presence.c_str(), static_cast<int>(certificate_pem_.size()),
-                         certificate_pem_.data(), kQos, true, nullptr);
+    mosquitto_publish_v5(mosq_, nullptr, presence.c_str(),
+                         static_cast<int>(certificate_pem_.size()), certificate_pem_.data(), kQos,
+                         true, nullptr);
 }
 
 // "running" is reported once the subscriptions hold, so that a peer may rely
@@ -295,8 +316,10 @@ void Client::release_held() {
     ready_ = true;
     for (uint32_t id : held_) {
         auto entry = pending_.find(id);
-        if (entry == pending_.end()) continue;
-        if (publish(id, entry->second) == 0) entry->second.ok = false;
+        if (entry == pending_.end())
+            continue;
+        if (publish(id, entry->second) == 0)
+            entry->second.ok = false;
         finish_if_done(entry);
     }
     held_.clear();
@@ -309,7 +332,8 @@ void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosq
 
 Pending *Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
     Pending &pending = entry->second;
-    if (pending.outstanding > 0 || !pending.returned) return nullptr;
+    if (pending.outstanding > 0 || !pending.returned)
+        return nullptr;
     finished_.emplace_back(pending.message, pending.ok);
     pending_.erase(entry);
     return nullptr;
@@ -318,10 +342,12 @@ Pending *Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
 void Client::acknowledge(int mid, bool ok) {
     std::lock_guard<std::mutex> hold(lock_);
     auto publish = publishes_.find(mid);
-    if (publish == publishes_.end()) return;  // own presence, or already expired
+    if (publish == publishes_.end())
+        return;  // own presence, or already expired
     auto entry = pending_.find(publish->second);
     publishes_.erase(publish);
-    if (entry == pending_.end()) return;
+    if (entry == pending_.end())
+        return;
     entry->second.outstanding--;
     entry->second.ok = entry->second.ok && ok;
     finish_if_done(entry);
@@ -347,7 +373,8 @@ void Client::expire_pending() {
         Clock::time_point now = Clock::now();
         for (auto entry = pending_.begin(); entry != pending_.end();) {
             auto current = entry++;
-            if (!current->second.returned || current->second.deadline > now) continue;
+            if (!current->second.returned || current->second.deadline > now)
+                continue;
             finished_.emplace_back(current->second.message, false);
             pending_.erase(current);
         }
@@ -358,7 +385,8 @@ void Client::expire_pending() {
 void Client::fail_all_pending() {
     {
         std::lock_guard<std::mutex> hold(lock_);
-        for (auto &entry : pending_) finished_.emplace_back(entry.second.message, false);
+        for (auto &entry : pending_)
+            finished_.emplace_back(entry.second.message, false);
         pending_.clear();
         publishes_.clear();
     }
@@ -398,16 +426,20 @@ int Client::send(kt5bus_message *message) {
     for (const kt5bus_address *destination = message->destination; destination != nullptr;
          destination = destination->next) {
         std::string topic = message_topic(cn_, *destination);
-        if (topic.empty()) return KT5BUS_ERR_INVALID;
+        if (topic.empty())
+            return KT5BUS_ERR_INVALID;
         topics.push_back(topic);
     }
-    if (topics.empty()) return KT5BUS_ERR_INVALID;
+    if (topics.empty())
+        return KT5BUS_ERR_INVALID;
 
     // The lock is held across the publishes, so that an acknowledgement always
     // finds its pending entry; publishing never waits for the client thread.
     std::lock_guard<std::mutex> hold(lock_);
-    if (stopping_) return KT5BUS_ERR_STATE;
-    if (pending_.size() >= KT5BUS_MAX_PENDING) return KT5BUS_ERR_FULL;
+    if (stopping_)
+        return KT5BUS_ERR_STATE;
+    if (pending_.size() >= KT5BUS_MAX_PENDING)
+        return KT5BUS_ERR_FULL;
     uint32_t id = ++next_id_;
     Pending &pending = pending_[id];
     pending.message = message;
@@ -436,7 +468,8 @@ void Client::on_message(mosquitto *, void *self, const mosquitto_message *messag
     if (topic.compare(0, presence.size(), presence) == 0) {
         std::string rest = topic.substr(presence.size());
         size_t slash = rest.find('/');
-        if (slash == std::string::npos) return;
+        if (slash == std::string::npos)
+            return;
         client->handle_presence(rest.substr(0, slash), rest.substr(slash + 1), message);
     } else if (topic.compare(0, direct.size(), direct) == 0) {
         std::string rest = topic.substr(direct.size());
@@ -448,24 +481,28 @@ void Client::on_message(mosquitto *, void *self, const mosquitto_message *messag
 // counts only when that certificate comes from our CA and names the topic's CN.
 void Client::handle_presence(const std::string &cn, const std::string &client_id,
                              const mosquitto_message *message) {
-    if (client_id == client_id_) return;
+    if (client_id == client_id_)
+        return;
     auto peer = peers_.find(cn);
     if (message->payloadlen == 0) {
-        if (peer == peers_.end() || peer->second.connections.erase(client_id) == 0) return;
-        if (!peer->second.connections.empty()) return;
+        if (peer == peers_.end() || peer->second.connections.erase(client_id) == 0)
+            return;
+        if (!peer->second.connections.empty())
+            return;
         kt5bus_address *gone = new_address_chain(peer->second.addresses);
         peers_.erase(peer);
-        if (record_->on_presence != nullptr && gone != nullptr) record_->on_presence(record_, nullptr, gone);
+        if (record_->on_presence != nullptr && gone != nullptr)
+            record_->on_presence(record_, nullptr, gone);
         kt5bus_free_address(gone, 1);
         return;
     }
-    X509 *certificate =
-        parse_certificate(static_cast<const char *>(message->payload),
-                          static_cast<size_t>(message->payloadlen));
-    bool trusted = certificate != nullptr &&
-                   verify_certificate(SSL_CTX_get_cert_store(tls_), certificate);
+    X509 *certificate = parse_certificate(static_cast<const char *>(message->payload),
+                                          static_cast<size_t>(message->payloadlen));
+    bool trusted =
+        certificate != nullptr && verify_certificate(SSL_CTX_get_cert_store(tls_), certificate);
     CertificateInfo info;
-    if (trusted) info = certificate_info(certificate);
+    if (trusted)
+        info = certificate_info(certificate);
     X509_free(certificate);
     if (!trusted || info.common_name != cn) {
         debug("presence of %s/%s ignored: certificate not trusted or not its own", cn.c_str(),
@@ -476,9 +513,11 @@ void Client::handle_presence(const std::string &cn, const std::string &client_id
     bool first = known.connections.empty();
     known.addresses = info.addresses;
     known.connections.insert(client_id);
-    if (!first || record_->on_presence == nullptr) return;
+    if (!first || record_->on_presence == nullptr)
+        return;
     kt5bus_address *appeared = new_address_chain(info.addresses);
-    if (appeared != nullptr) record_->on_presence(record_, appeared, nullptr);
+    if (appeared != nullptr)
+        record_->on_presence(record_, appeared, nullptr);
     kt5bus_free_address(appeared, 1);
 }
 
@@ -487,7 +526,8 @@ void Client::handle_presence(const std::string &cn, const std::string &client_id
 // source, since nothing vouches for its addresses.
 void Client::handle_message(const std::string &sender_cn, const mosquitto_message *message,
                             const mosquitto_property *properties) {
-    if (record_->on_message == nullptr) return;
+    if (record_->on_message == nullptr)
+        return;
     char *content_type = nullptr;
     mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &content_type, false);
     kt5bus_address source{};
@@ -533,18 +573,24 @@ bool usable_identity(const kt5bus_identity &identity) {
 }  // namespace
 
 int kt5bus_init_client(kt5bus_client *client, const char *url) {
-    if (client == nullptr || client->internal != nullptr) return KT5BUS_ERR_INVALID;
+    if (client == nullptr || client->internal != nullptr)
+        return KT5BUS_ERR_INVALID;
     kt5::Url parsed;
-    if (!kt5::parse_url(url, &parsed)) return KT5BUS_ERR_URL;
-    if (!usable_identity(client->identity)) return KT5BUS_ERR_IDENTITY;
+    if (!kt5::parse_url(url, &parsed))
+        return KT5BUS_ERR_URL;
+    if (!usable_identity(client->identity))
+        return KT5BUS_ERR_IDENTITY;
     std::string certificate_pem = kt5::buffer_text(client->identity.x509.chain[0]);
     X509 *certificate = kt5::parse_certificate(certificate_pem.data(), certificate_pem.size());
-    if (certificate == nullptr) return KT5BUS_ERR_IDENTITY;
+    if (certificate == nullptr)
+        return KT5BUS_ERR_IDENTITY;
     kt5::CertificateInfo info = kt5::certificate_info(certificate);
     X509_free(certificate);
-    if (info.common_name.empty()) return KT5BUS_ERR_IDENTITY;
+    if (info.common_name.empty())
+        return KT5BUS_ERR_IDENTITY;
     SSL_CTX *tls = kt5::new_tls_context(&client->identity, parsed.host);
-    if (tls == nullptr) return KT5BUS_ERR_IDENTITY;
+    if (tls == nullptr)
+        return KT5BUS_ERR_IDENTITY;
     auto *state = new (std::nothrow) kt5::Client(client, parsed, info, certificate_pem, tls);
     if (state == nullptr) {
         SSL_CTX_free(tls);
@@ -560,14 +606,17 @@ int kt5bus_init_client(kt5bus_client *client, const char *url) {
 }
 
 int kt5bus_stop_client(kt5bus_client *client) {
-    if (client == nullptr) return KT5BUS_ERR_INVALID;
+    if (client == nullptr)
+        return KT5BUS_ERR_INVALID;
     kt5::Client *state = client_of(client);
     if (state == nullptr) {
         // Never started: there is no thread, so the caller's thread reports the stop.
-        if (client->on_stopped != nullptr) client->on_stopped(client);
+        if (client->on_stopped != nullptr)
+            client->on_stopped(client);
         return KT5BUS_OK;
     }
-    if (state->on_client_thread()) return KT5BUS_ERR_STATE;  // a callback cannot join its own thread
+    if (state->on_client_thread())
+        return KT5BUS_ERR_STATE;  // a callback cannot join its own thread
     state->stop();
     client->internal = nullptr;
     delete state;
@@ -579,6 +628,7 @@ int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *) 
         return KT5BUS_ERR_INVALID;
     }
     kt5::Client *state = client_of(client);
-    if (state == nullptr) return KT5BUS_ERR_STATE;
+    if (state == nullptr)
+        return KT5BUS_ERR_STATE;
     return state->send(message);
 }

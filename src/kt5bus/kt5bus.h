@@ -66,19 +66,19 @@ extern "C" {
 
 /** One file in memory. */
 typedef struct kt5bus_buffer {
-    void *data;      /* heap bytes */
-    size_t length;   /* bytes, the terminating zero byte of a PEM text included */
+    void *data;    /* heap bytes */
+    size_t length; /* bytes, the terminating zero byte of a PEM text included */
     uintptr_t reserved;
-    int encoding;    /* KT5BUS_ENCODING_PEM */
+    int encoding; /* KT5BUS_ENCODING_PEM */
 } kt5bus_buffer;
 
 /** An X.509 identity: node certificate chain, private key and trusted CA. */
 typedef struct kt5bus_x509 {
-    kt5bus_buffer **chain;       /* NULL-terminated; [0] is the node certificate */
+    kt5bus_buffer **chain; /* NULL-terminated; [0] is the node certificate */
     kt5bus_buffer *private_key;
     void *reserved;
-    kt5bus_buffer **trust;       /* NULL-terminated; [0] is the CA certificate */
-    void *extra;                 /* never set by callers; freed with the identity */
+    kt5bus_buffer **trust; /* NULL-terminated; [0] is the CA certificate */
+    void *extra;           /* never set by callers; freed with the identity */
 } kt5bus_x509;
 
 typedef struct kt5bus_identity {
@@ -103,10 +103,10 @@ typedef struct kt5bus_message {
     kt5bus_address *source;      /* incoming: the sender's first address */
     uintptr_t reserved3;
     uintptr_t reserved4;
-    void *data;                  /* payload bytes */
-    size_t length;               /* payload length in bytes */
+    void *data;    /* payload bytes */
+    size_t length; /* payload length in bytes */
     uintptr_t reserved7;
-    uint32_t id;                 /* assigned by kt5bus_send_message */
+    uint32_t id; /* assigned by kt5bus_send_message */
     uintptr_t reserved9;
 } kt5bus_message;
 
@@ -122,16 +122,16 @@ typedef void (*kt5bus_message_cb)(kt5bus_client *client, kt5bus_message *message
 
 /** The client record; the caller zero-fills it and sets mode, identity and callbacks. */
 struct kt5bus_client {
-    int mode;                        /* 1: the library runs the client on its own thread */
+    int mode; /* 1: the library runs the client on its own thread */
     kt5bus_identity identity;
     kt5bus_stopped_cb on_stopped;
     kt5bus_presence_cb on_presence;
     kt5bus_status_cb on_status;
     kt5bus_delivered_cb on_delivered;
     kt5bus_message_cb on_message;
-    void *internal;                  /* the library's own state; leave NULL */
+    void *internal; /* the library's own state; leave NULL */
     void *reserved13;
-    void *owner;                     /* free for the caller */
+    void *owner; /* free for the caller */
     void *reserved15;
 };
 
@@ -199,8 +199,7 @@ KT5BUS_EXTERN void kt5bus_free_address(kt5bus_address *chain, int free_names);
  * it. On a nonzero result the caller keeps the record. The third argument is
  * unused.
  */
-KT5BUS_EXTERN int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message,
-                                      void *unused);
+KT5BUS_EXTERN int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *unused);
 
 #ifdef __cplusplus
 }

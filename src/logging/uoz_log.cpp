@@ -33,13 +33,16 @@ constexpr int kTruncateFrom = 1020;
 int label_index(int level) {
     // Widen first so that extreme levels cannot overflow.
     long index = static_cast<long>(level) + 2;
-    if (index < 0) return 0;
-    if (index >= kLabelCount) return kLabelCount - 1;
+    if (index < 0)
+        return 0;
+    if (index >= kLabelCount)
+        return kLabelCount - 1;
     return static_cast<int>(index);
 }
 
 const char *base_name(const char *file) {
-    if (file == nullptr) return "";
+    if (file == nullptr)
+        return "";
     const char *slash = strrchr(file, '/');
     return slash != nullptr ? slash + 1 : file;
 }
@@ -57,12 +60,15 @@ void format_time_stamp(char *stamp, size_t size) {
 // format itself fails.
 int format_message(char *message, const char *format, va_list args) {
     int length = vsnprintf(message, UOZ_LOG_MESSAGE_BUFFER_SIZE - 1, format, args);
-    if (length < 0) return -1;
+    if (length < 0)
+        return -1;
     if (length < kTruncateFrom) {
-        if (length > 0 && message[length - 1] == '\n') message[length - 1] = '\0';
+        if (length > 0 && message[length - 1] == '\n')
+            message[length - 1] = '\0';
         return length;
     }
-    int stored = length < UOZ_LOG_MESSAGE_BUFFER_SIZE - 1 ? length : UOZ_LOG_MESSAGE_BUFFER_SIZE - 1;
+    int stored =
+        length < UOZ_LOG_MESSAGE_BUFFER_SIZE - 1 ? length : UOZ_LOG_MESSAGE_BUFFER_SIZE - 1;
     memcpy(message + stored - 4, "...", 4);
     return length;
 }
@@ -85,5 +91,6 @@ void uoz_dbglog(int level, const char *file, int line, const char *format, ...) 
 
     int index = label_index(level);
     printf("[%s] %s %s:%d %s\n", stamp, kLevelLabels[index], base_name(file), line, message);
-    if (index <= kLastFlushedIndex) fflush(stdout);
+    if (index <= kLastFlushedIndex)
+        fflush(stdout);
 }

@@ -9,7 +9,8 @@ namespace {
 // The owner pointer is published by zebus_init after the client started, while
 // the bus thread may already be calling back: it is read and written atomically.
 BusConnection *owner_of(kt5bus_client *client) {
-    if (client == nullptr) return nullptr;
+    if (client == nullptr)
+        return nullptr;
     return static_cast<BusConnection *>(__atomic_load_n(&client->owner, __ATOMIC_ACQUIRE));
 }
 
@@ -45,13 +46,16 @@ bool is_dm_client(const kt5bus_address *address) {
 void apply_presence(BusConnection *connection, kt5bus_address *chain, bool connected) {
     for (kt5bus_address *address = chain; address != nullptr; address = address->next) {
         char *text = zebus_address_to_text(address);
-        if (text == nullptr) continue;
+        if (text == nullptr)
+            continue;
         if (connected) {
-            if (is_dm_client(address)) connection->state |= ZEBUS_STATE_DM_CLIENT;
+            if (is_dm_client(address))
+                connection->state |= ZEBUS_STATE_DM_CLIENT;
             connection->state |= ZEBUS_STATE_CONNECTED;
             UOZ_DBGLOG(UOZ_LOG_INFO, "Connected: %s", text);
         } else {
-            if (is_dm_client(address)) connection->state &= ~ZEBUS_STATE_DM_CLIENT;
+            if (is_dm_client(address))
+                connection->state &= ~ZEBUS_STATE_DM_CLIENT;
             UOZ_DBGLOG(UOZ_LOG_INFO, "Disconnected: %s", text);
         }
         free(text);
@@ -70,7 +74,8 @@ void zebus_on_message(kt5bus_client *client, kt5bus_message *message) {
         return;
     }
     BusConnection *connection = owner_of(client);
-    if (connection == nullptr || connection->on_message == nullptr) return;
+    if (connection == nullptr || connection->on_message == nullptr)
+        return;
     connection->on_message(static_cast<const char *>(message->data), message->length,
                            message->source, connection->user_data);
 }
@@ -87,7 +92,8 @@ void zebus_on_status(kt5bus_client *, int status) {
 }
 
 void zebus_on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok) {
-    if (message == nullptr) return;
+    if (message == nullptr)
+        return;
     BusConnection *connection = owner_of(client);
     if (connection != nullptr) {
         if (ok) {
@@ -102,17 +108,20 @@ void zebus_on_delivered(kt5bus_client *client, kt5bus_message *message, void *, 
             ++connection->failed_deliveries;
         }
     }
-    if (connection != nullptr) pthread_rwlock_wrlock(&connection->send_lock);
+    if (connection != nullptr)
+        pthread_rwlock_wrlock(&connection->send_lock);
     free(message->data);
     zebus_ops.free_address(message->destination, 1);
     free(message);
-    if (connection != nullptr) pthread_rwlock_unlock(&connection->send_lock);
+    if (connection != nullptr)
+        pthread_rwlock_unlock(&connection->send_lock);
 }
 
 void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,
                        kt5bus_address *disconnected) {
     BusConnection *connection = owner_of(client);
-    if (connection == nullptr) return;
+    if (connection == nullptr)
+        return;
     pthread_mutex_lock(&connection->state_lock);
     apply_presence(connection, connected, true);
     apply_presence(connection, disconnected, false);
@@ -122,5 +131,6 @@ void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,
 
 void zebus_on_stopped(kt5bus_client *client) {
     BusConnection *connection = owner_of(client);
-    if (connection != nullptr) connection->running.store(0);
+    if (connection != nullptr)
+        connection->running.store(0);
 }

@@ -91,7 +91,8 @@ BusConnection *zebus_init(const char *cert_subdir, const char *cert_dir, const c
 // Waits without limit for the stopped callback: releasing the record while
 // the bus library may still call into it would be worse than hanging.
 void zebus_stop(BusConnection *connection) {
-    if (connection == nullptr) return;
+    if (connection == nullptr)
+        return;
     zebus_ops.stop_client(&connection->client);
     do {
         usleep(ZEBUS_STOP_POLL_US);

@@ -12,15 +12,18 @@ kt5bus_buffer **new_buffer_list() {
 }
 
 void release_buffer_list(kt5bus_buffer **list) {
-    if (list == nullptr) return;
-    for (kt5bus_buffer **entry = list; *entry != nullptr; ++entry) zebus_release_buffer(*entry);
+    if (list == nullptr)
+        return;
+    for (kt5bus_buffer **entry = list; *entry != nullptr; ++entry)
+        zebus_release_buffer(*entry);
     free(list);
 }
 
 }  // namespace
 
 void zebus_release_identity(kt5bus_identity *identity) {
-    if (identity == nullptr || identity->kind != KT5BUS_IDENTITY_X509) return;
+    if (identity == nullptr || identity->kind != KT5BUS_IDENTITY_X509)
+        return;
     release_buffer_list(identity->x509.trust);
     identity->x509.trust = nullptr;
     release_buffer_list(identity->x509.chain);
@@ -34,8 +37,8 @@ void zebus_release_identity(kt5bus_identity *identity) {
 
 // Files are read in the order private key, CA certificate, node certificate;
 // the first failure stops the load and releases what was read.
-int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path,
-                             const char *cert_path, const char *ca_path) {
+int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path, const char *cert_path,
+                             const char *ca_path) {
     memset(identity, 0, sizeof(*identity));
     identity->kind = KT5BUS_IDENTITY_X509;
     kt5bus_x509 &x509 = identity->x509;
@@ -51,7 +54,8 @@ int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path,
     } else if ((x509.chain[0] = zebus_read_file(cert_path)) == nullptr) {
         failure = "identity->x509.chain[0] is NULL";
     }
-    if (failure == nullptr) return 0;
+    if (failure == nullptr)
+        return 0;
     ZEBUS_ERROR("%s", failure);
     zebus_release_identity(identity);
     return 1;

@@ -9,7 +9,8 @@ namespace {
 constexpr const char *kContentType = "application/json";
 
 void release_message(kt5bus_message *message) {
-    if (message == nullptr) return;
+    if (message == nullptr)
+        return;
     free(message->data);
     zebus_ops.free_address(message->destination, 1);
     free(message);
@@ -55,11 +56,12 @@ bool check_arguments(BusConnection *connection, const char *text) {
 
 }  // namespace
 
-int zebus_send_message_to(BusConnection *connection, const char *text, int kind,
-                          const char *name) {
-    if (!check_arguments(connection, text)) return -1;
+int zebus_send_message_to(BusConnection *connection, const char *text, int kind, const char *name) {
+    if (!check_arguments(connection, text))
+        return -1;
     kt5bus_message *message = new_message(text);
-    if (message == nullptr) return -1;
+    if (message == nullptr)
+        return -1;
     int status = zebus_ops.chain_address(&message->destination, kind, name, 1);
     if (status != 0) {
         ZEBUS_ERROR("Failed to get address for %s\n", name);
@@ -79,9 +81,11 @@ int zebus_send_message_to(BusConnection *connection, const char *text, int kind,
 }
 
 int zebus_send_message(BusConnection *connection, const char *text, const char *const *names) {
-    if (!check_arguments(connection, text)) return -1;
+    if (!check_arguments(connection, text))
+        return -1;
     kt5bus_message *message = new_message(text);
-    if (message == nullptr) return -1;
+    if (message == nullptr)
+        return -1;
     bool chained = names != nullptr && names[0] != nullptr;
     for (size_t i = 0; chained && names[i] != nullptr; ++i) {
         if (zebus_ops.chain_address(&message->destination, KT5BUS_ADDR_GROUP, names[i], 1) != 0) {
@@ -107,7 +111,8 @@ int zebus_send_message(BusConnection *connection, const char *text, const char *
 }
 
 char *zebus_address_to_text(const kt5bus_address *address) {
-    if (address == nullptr) return nullptr;
+    if (address == nullptr)
+        return nullptr;
     char *text = nullptr;
     switch (address->kind) {
         case KT5BUS_ADDR_UA:

@@ -26,10 +26,12 @@ void *zebus_zalloc(size_t size) {
 }
 
 char *zebus_strdup(const char *text) {
-    if (text == nullptr) return nullptr;
+    if (text == nullptr)
+        return nullptr;
     size_t size = strlen(text) + 1;
     auto *copy = static_cast<char *>(zebus_zalloc(size));
-    if (copy != nullptr) memcpy(copy, text, size);
+    if (copy != nullptr)
+        memcpy(copy, text, size);
     return copy;
 }
 
@@ -42,12 +44,15 @@ char *zebus_asprintf(const char *format, ...) {
     return length < 0 ? nullptr : text;
 }
 
-void zebus_debug_sink(const char *text) { UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text); }
+void zebus_debug_sink(const char *text) {
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
+}
 
 namespace {
 
 void free_buffer(kt5bus_buffer *buffer) {
-    if (buffer == nullptr) return;
+    if (buffer == nullptr)
+        return;
     free(buffer->data);
     free(buffer);
 }
@@ -63,9 +68,10 @@ bool read_all(int fd, const char *path, char *data, size_t size) {
             return false;
         }
         if (got == 0) {
-            ZEBUS_ERROR("Premature EOF reading %s, file declared %zu bytes, read %ld bytes, "
-                        "remaining %ld bytes",
-                        path, size, static_cast<long>(done), static_cast<long>(size - done));
+            ZEBUS_ERROR(
+                "Premature EOF reading %s, file declared %zu bytes, read %ld bytes, "
+                "remaining %ld bytes",
+                path, size, static_cast<long>(done), static_cast<long>(size - done));
             return false;
         }
         done += static_cast<size_t>(got);
@@ -97,9 +103,8 @@ kt5bus_buffer *zebus_read_file(const char *path) {
     }
     buffer->length = static_cast<size_t>(size) + 1;
     buffer->data = zebus_zalloc(buffer->length);
-    bool complete =
-        buffer->data != nullptr && read_all(fd, path, static_cast<char *>(buffer->data),
-                                            static_cast<size_t>(size));
+    bool complete = buffer->data != nullptr && read_all(fd, path, static_cast<char *>(buffer->data),
+                                                        static_cast<size_t>(size));
     close(fd);
     if (!complete) {
         free_buffer(buffer);
@@ -108,4 +113,6 @@ kt5bus_buffer *zebus_read_file(const char *path) {
     return buffer;
 }
 
-void zebus_release_buffer(kt5bus_buffer *buffer) { free_buffer(buffer); }
+void zebus_release_buffer(kt5bus_buffer *buffer) {
+    free_buffer(buffer);
+}

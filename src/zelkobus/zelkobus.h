@@ -74,8 +74,8 @@ char *zebus_strdup(const char *text);
 char *zebus_asprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 kt5bus_buffer *zebus_read_file(const char *path);
 int zebus_load_identity(kt5bus_identity *identity, const char *directory);
-int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path,
-                             const char *cert_path, const char *ca_path);
+int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path, const char *cert_path,
+                             const char *ca_path);
 void zebus_release_identity(kt5bus_identity *identity);
 char *zebus_identity_name(kt5bus_identity *identity, int kind);
 void zebus_debug_sink(const char *text);

@@ -9,10 +9,10 @@
 void zebus_format_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Write a message into zebus_last_error and log it at ERR.
-#define ZEBUS_ERROR(...)                                     \
-    do {                                                     \
-        zebus_format_error(__VA_ARGS__);                     \
-        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", zebus_last_error);     \
+#define ZEBUS_ERROR(...)                                 \
+    do {                                                 \
+        zebus_format_error(__VA_ARGS__);                 \
+        UOZ_DBGLOG(UOZ_LOG_ERR, "%s", zebus_last_error); \
     } while (0)
 
 void zebus_release_buffer(kt5bus_buffer *buffer);

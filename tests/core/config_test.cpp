@@ -32,14 +32,16 @@ UDSOverZelkoHandle *load(const std::string &text, std::string *log = nullptr, in
     UDSOverZelkoHandle *handle = new_handle();
     LogCapture capture(level);
     int rc = load_ecu_config(handle, path.c_str());
-    if (log != nullptr) *log = capture.text();
+    if (log != nullptr)
+        *log = capture.text();
     unlink(path.c_str());
     return rc == 0 ? handle : nullptr;
 }
 
 int count(const UDSOverZelkoHandle *handle) {
     int n = 0;
-    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) ++n;
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next)
+        ++n;
     return n;
 }
 
@@ -87,16 +89,18 @@ TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
         UDSOverZelkoHandle *handle = load(R"({"configs":[)" + c.entry + "]}", &log);
         ASSERT_NE(handle, nullptr) << c.entry;
         EXPECT_EQ(count(handle), 0) << c.entry;
-        EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos) << c.entry << log;
+        EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos)
+            << c.entry << log;
         release_handle(handle);
     }
 }
 
 TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
-    std::string text = std::string(R"({"configs":[{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
-                       kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
-                       R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
-                       R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
+    std::string text =
+        std::string(R"({"configs":[{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
+        kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
+        R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
+        R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
     UDSOverZelkoHandle *handle = load(text);
     ASSERT_NE(handle, nullptr);
     ASSERT_EQ(count(handle), 3);
@@ -124,10 +128,11 @@ TEST(ConfigTest, targetAddressesReadAsThirtyTwoBitHexadecimal) {
     struct Case {
         const char *text;
         int32_t address;
-    } cases[] = {{"0x7E0", 0x7E0}, {"7e0", 0x7E0}, {"7E0 engine", 0x7E0}, {"  +0X10", 0x10},
-                 {"zz", 0},        {"", 0},        {"FFFFFFFF", -1},      {"-1", -1},
+    } cases[] = {{"0x7E0", 0x7E0}, {"7e0", 0x7E0},    {"7E0 engine", 0x7E0}, {"  +0X10", 0x10},
+                 {"zz", 0},        {"", 0},           {"FFFFFFFF", -1},      {"-1", -1},
                  {"-7E0", -0x7E0}, {"123456789", -1}, {"1FFFFFFFF", -1}};
-    for (const Case &c : cases) EXPECT_EQ(parse_target_address(c.text), c.address) << c.text;
+    for (const Case &c : cases)
+        EXPECT_EQ(parse_target_address(c.text), c.address) << c.text;
 }
 
 TEST(ConfigTest, emptyConfigsGiveOnlyTheBroadcastRecord) {
@@ -139,18 +144,27 @@ TEST(ConfigTest, emptyConfigsGiveOnlyTheBroadcastRecord) {
 }
 
 TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
-    std::string text = std::string(R"({"configs":[{"type":"CAN","targetAddress":"0x7E0","name":"e",)") + kCan +
-                       R"(,"ecu_version":{"uds":[]}},{"type":"DOIP","targetAddress":"12345678","name":"t","doip":{"sa":"1","ta":"2","gw-ip":"10.0.0.1"}}]})";
+    std::string text =
+        std::string(R"({"configs":[{"type":"CAN","targetAddress":"0x7E0","name":"e",)") + kCan +
+        R"(,"ecu_version":{"uds":[]}},{"type":"DOIP","targetAddress":"12345678","name":"t","doip":{"sa":"1","ta":"2","gw-ip":"10.0.0.1"}}]})";
     UDSOverZelkoHandle *handle = load(text);
     ASSERT_NE(handle, nullptr);
     LogCapture capture(2);
     print_ecu_config(handle);
     std::string log = capture.text();
-    std::string expected[] = {
-        "Target Address: 0x07E0\n", "ECU Version Information: { \"uds\": [ ] }\n", "TP Info:\n",
-        "CAN Interface Name can0:\n", "Request ID:0x7E0\n", "Response ID:0x7E8\n", "Block Size:0x00\n",
-        "Sepeartion :0x00\n", "Target Address: 0x12345678\n", "ECU Version Information: null\n",
-        "GW IP Address: 10.0.0.1\n", "SA: 1\n", "TA: 2\n"};
+    std::string expected[] = {"Target Address: 0x07E0\n",
+                              "ECU Version Information: { \"uds\": [ ] }\n",
+                              "TP Info:\n",
+                              "CAN Interface Name can0:\n",
+                              "Request ID:0x7E0\n",
+                              "Response ID:0x7E8\n",
+                              "Block Size:0x00\n",
+                              "Sepeartion :0x00\n",
+                              "Target Address: 0x12345678\n",
+                              "ECU Version Information: null\n",
+                              "GW IP Address: 10.0.0.1\n",
+                              "SA: 1\n",
+                              "TA: 2\n"};
     size_t at = 0;
     for (const std::string &line : expected) {
         size_t found = log.find(line, at);

@@ -8,7 +8,9 @@
 namespace uoztest {
 namespace {
 
-JsonPtr parse(const char *text) { return JsonPtr(json_tokener_parse(text)); }
+JsonPtr parse(const char *text) {
+    return JsonPtr(json_tokener_parse(text));
+}
 
 TEST(JsonGetTest, missingPathLogsEveryMissingKeyWithTheSearchedDocument) {
     JsonPtr entry = parse(R"({"name":"engine"})");
@@ -86,7 +88,8 @@ TEST(JsonHasTest, presenceIgnoresTypesAndCountsNull) {
     JsonPtr document = parse(R"({"diagnostic_period":{"start_time":null},"x":1})");
     EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", nullptr), 1);
     EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", "start_time", nullptr), 1);
-    EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", "start_time", "deeper", nullptr), 0);
+    EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", "start_time", "deeper", nullptr),
+              0);
     EXPECT_EQ(kt5_json_has(document.get(), "x", "y", nullptr), 0);
     EXPECT_EQ(kt5_json_has(nullptr, "x", nullptr), 0);
 }

@@ -13,18 +13,20 @@ namespace uoztest {
 
 // Replaces "[MM-DD:HH:MM:SS.mmm]" by "[T]" and drops the colour escapes.
 inline std::string masked(const std::string &log) {
-    std::string text = std::regex_replace(log, std::regex(R"(\[\d\d-\d\d:\d\d:\d\d:\d\d\.\d\d\d\])"), "[T]");
+    std::string text =
+        std::regex_replace(log, std::regex(R"(\[\d\d-\d\d:\d\d:\d\d:\d\d\.\d\d\d\])"), "[T]");
     return std::regex_replace(text, std::regex("\x1b\\[1;[0-9]+m"), "");
 }
 
 class LogCapture {
-public:
+  public:
     explicit LogCapture(int level) : saved_(uoz_dbg_level) {
         uoz_dbg_level = level;
         testing::internal::CaptureStdout();
     }
     ~LogCapture() {
-        if (!taken_) testing::internal::GetCapturedStdout();
+        if (!taken_)
+            testing::internal::GetCapturedStdout();
         uoz_dbg_level = saved_;
     }
     // The raw text written since the capture began.
@@ -35,7 +37,7 @@ public:
     }
     std::string text() { return masked(raw()); }
 
-private:
+  private:
     int saved_;
     bool taken_ = false;
 };

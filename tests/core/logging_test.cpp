@@ -14,8 +14,9 @@ TEST(LoggingTest, lineCarriesUtcStampColouredLabelBaseNameAndLine) {
     LogCapture capture(0);
     uoz_dbglog(UOZ_LOG_ERR, "/src/UDSOverZelko/exchange.cpp", 42, "abc\n");
     std::string raw = capture.raw();
-    EXPECT_TRUE(std::regex_match(raw, std::regex(R"(\[\d\d-\d\d:\d\d:\d\d:\d\d\.\d\d\d\] )"
-                                                 "\x1b\\[1;31mERR \x1b\\[1;0m exchange.cpp:42 abc\n")))
+    EXPECT_TRUE(
+        std::regex_match(raw, std::regex(R"(\[\d\d-\d\d:\d\d:\d\d:\d\d\.\d\d\d\] )"
+                                         "\x1b\\[1;31mERR \x1b\\[1;0m exchange.cpp:42 abc\n")))
         << raw;
 }
 
@@ -24,10 +25,17 @@ TEST(LoggingTest, labelsFollowTheLevelTableAndClampOutside) {
         int level;
         const char *label;
     } cases[] = {
-        {-5, ""},           {-2, ""},           {-1, "\x1b[1;31mFATAL\x1b[1;0m"},
-        {0, "\x1b[1;31mERR \x1b[1;0m"}, {1, "\x1b[1;33mWARN\x1b[1;0m"}, {2, "\x1b[1;32mINFO\x1b[1;0m"},
-        {3, "\x1b[1;35mDBG \x1b[1;0m"}, {4, "\x1b[1;36mD2BG\x1b[1;0m"}, {5, "\x1b[1;36mD3BG\x1b[1;0m"},
-        {6, ""},            {9, ""},
+        {-5, ""},
+        {-2, ""},
+        {-1, "\x1b[1;31mFATAL\x1b[1;0m"},
+        {0, "\x1b[1;31mERR \x1b[1;0m"},
+        {1, "\x1b[1;33mWARN\x1b[1;0m"},
+        {2, "\x1b[1;32mINFO\x1b[1;0m"},
+        {3, "\x1b[1;35mDBG \x1b[1;0m"},
+        {4, "\x1b[1;36mD2BG\x1b[1;0m"},
+        {5, "\x1b[1;36mD3BG\x1b[1;0m"},
+        {6, ""},
+        {9, ""},
     };
     for (const Case &c : cases) {
         LogCapture capture(9);
@@ -56,7 +64,8 @@ TEST(LoggingTest, longMessagesAreCutAndMarked) {
         std::string message(c.length, 'x');
         uoz_dbglog(UOZ_LOG_ERR, "f.c", 1, "%s", message.c_str());
         std::string text = capture.text();
-        std::string expected = "[T] ERR  f.c:1 " + std::string(c.kept, 'x') + (c.marked ? "..." : "") + "\n";
+        std::string expected =
+            "[T] ERR  f.c:1 " + std::string(c.kept, 'x') + (c.marked ? "..." : "") + "\n";
         EXPECT_EQ(text, expected) << c.length;
     }
 }

@@ -24,7 +24,7 @@ const char kEcus[] = R"({"configs":[
 ]})";
 
 class QueryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { handle_ = load(kEcus); }
     void TearDown() override { release_handle(handle_); }
 
@@ -47,7 +47,8 @@ protected:
         JsonPtr uds(json_tokener_parse(R"({"SID":"0x19"})"));
         EcuConfig *addressed = nullptr;
         JsonPtr built(build_query_body(handle_, address, kind, uds.get(), &addressed));
-        if (record != nullptr) *record = addressed;
+        if (record != nullptr)
+            *record = addressed;
         return built ? json_object_to_json_string(built.get()) : "NULL";
     }
 
@@ -56,32 +57,39 @@ protected:
 
 TEST_F(QueryTest, canBodyHasModeAddressBlockAndUds) {
     EcuConfig *record = nullptr;
-    EXPECT_EQ(body(0x7E0, QUERY_UDS_DATA, &record),
-              R"({ "mode": "CAN", "targetAddress": "0x07E0", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(
+        body(0x7E0, QUERY_UDS_DATA, &record),
+        R"({ "mode": "CAN", "targetAddress": "0x07E0", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, "uds": { "SID": "0x19" } })");
     EXPECT_STREQ(record->name, "A");
 }
 
 TEST_F(QueryTest, iocAndDoipBodiesCarryTheirBlocks) {
-    EXPECT_EQ(body(0x20, QUERY_UDS_DATA),
-              R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })");
-    EXPECT_EQ(body(0x1001, QUERY_UDS_DATA),
-              R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(
+        body(0x20, QUERY_UDS_DATA),
+        R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(
+        body(0x1001, QUERY_UDS_DATA),
+        R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })");
 }
 
 TEST_F(QueryTest, broadcastListsCanAndIocBlocksInOrder) {
-    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
-              R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })");
-    UDSOverZelkoHandle *only_doip =
-        load(R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
+    EXPECT_EQ(
+        body(-1, QUERY_UDS_DATA),
+        R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })");
+    UDSOverZelkoHandle *only_doip = load(
+        R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
     std::swap(handle_, only_doip);
-    EXPECT_EQ(body(-1, QUERY_UDS_DATA), R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
+              R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
     std::swap(handle_, only_doip);
     release_handle(only_doip);
 }
 
 TEST_F(QueryTest, longAddressesAreWrittenInFullUpToFiveDigits) {
-    EXPECT_NE(body(0x12345, QUERY_UDS_DATA).find(R"("targetAddress": "0x12345")"), std::string::npos);
-    EXPECT_NE(body(0x123456, QUERY_UDS_DATA).find(R"("targetAddress": "0x12345",)"), std::string::npos);
+    EXPECT_NE(body(0x12345, QUERY_UDS_DATA).find(R"("targetAddress": "0x12345")"),
+              std::string::npos);
+    EXPECT_NE(body(0x123456, QUERY_UDS_DATA).find(R"("targetAddress": "0x12345",)"),
+              std::string::npos);
 }
 
 TEST_F(QueryTest, unknownAddressCanfdAndBelowMinusOneFail) {
@@ -102,12 +110,15 @@ TEST_F(QueryTest, unknownAddressCanfdAndBelowMinusOneFail) {
 }
 
 TEST_F(QueryTest, versionQueriesSendTheDescription) {
-    EXPECT_EQ(body(0x7E0, QUERY_VERSION),
-              R"({ "mode": "CAN", "targetAddress": "0x07E0", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, "version": { "uds": [ { "did": "0xF189" } ] } })");
+    EXPECT_EQ(
+        body(0x7E0, QUERY_VERSION),
+        R"({ "mode": "CAN", "targetAddress": "0x07E0", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, "version": { "uds": [ { "did": "0xF189" } ] } })");
     // A CAN ECU sends its j1939 object with its interface, the same each time.
     for (int i = 0; i < 2; ++i) {
         std::string text = body(0x7E1, QUERY_VERSION);
-        EXPECT_NE(text.find(R"("version": { "pgn": "0xFEDA", "ifname": "can1" } })"), std::string::npos) << text;
+        EXPECT_NE(text.find(R"("version": { "pgn": "0xFEDA", "ifname": "can1" } })"),
+                  std::string::npos)
+            << text;
     }
     // Any other transport sends the whole description.
     EXPECT_NE(body(0x1001, QUERY_VERSION).find(R"("version": { "j1939": { "pgn": "0xFEDA" } } })"),

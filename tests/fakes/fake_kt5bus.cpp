@@ -31,7 +31,8 @@ kt5bus_address *copy_chain(const std::vector<kt5bus_address> &addresses) {
     for (const kt5bus_address &address : addresses) {
         auto *link = static_cast<kt5bus_address *>(calloc(1, sizeof(kt5bus_address)));
         *link = address;
-        if (address.kind != KT5BUS_ADDR_SPECIAL) link->value.name = strdup(address.value.name);
+        if (address.kind != KT5BUS_ADDR_SPECIAL)
+            link->value.name = strdup(address.value.name);
         link->next = nullptr;
         *tail = link;
         tail = &link->next;
@@ -66,12 +67,15 @@ std::vector<kt5bus_message *> accepted() {
     return g_accepted;
 }
 
-void on_bus_thread(const std::function<void()> &work) { std::thread(work).join(); }
+void on_bus_thread(const std::function<void()> &work) {
+    std::thread(work).join();
+}
 
 void report_delivery(kt5bus_message *message, int ok) {
     {
         std::lock_guard<std::mutex> hold(g_lock);
-        g_accepted.erase(std::remove(g_accepted.begin(), g_accepted.end(), message), g_accepted.end());
+        g_accepted.erase(std::remove(g_accepted.begin(), g_accepted.end(), message),
+                         g_accepted.end());
     }
     kt5bus_client *target = client();
     on_bus_thread([&] { target->on_delivered(target, message, nullptr, ok); });
@@ -95,7 +99,8 @@ int kt5bus_fini_ll(void) {
 int kt5bus_get_identity_data(kt5bus_identity *, kt5bus_address **out, void *, void *) {
     fakebus::record("get_identity_data");
     std::lock_guard<std::mutex> hold(g_lock);
-    if (g_settings.identity_result != 0) return g_settings.identity_result;
+    if (g_settings.identity_result != 0)
+        return g_settings.identity_result;
     *out = fakebus::copy_chain(g_settings.identity_addresses);
     return 0;
 }
@@ -103,7 +108,8 @@ int kt5bus_get_identity_data(kt5bus_identity *, kt5bus_address **out, void *, vo
 int kt5bus_init_client(kt5bus_client *client, const char *) {
     fakebus::record("init_client");
     std::lock_guard<std::mutex> hold(g_lock);
-    if (g_settings.init_client_result != 0) return g_settings.init_client_result;
+    if (g_settings.init_client_result != 0)
+        return g_settings.init_client_result;
     fakebus::g_client = client;
     return 0;
 }
@@ -115,7 +121,8 @@ int kt5bus_stop_client(kt5bus_client *client) {
         std::lock_guard<std::mutex> hold(g_lock);
         settings = g_settings;
     }
-    if (!settings.report_stopped) return 0;
+    if (!settings.report_stopped)
+        return 0;
     // Like the real library: the stop is reported from the bus thread, and the
     // call returns once that thread is done with the record.
     std::thread([client, settings] {
@@ -137,12 +144,15 @@ int kt5bus_chain_address(kt5bus_address **list, int kind, ...) {
         bool fail = g_settings.chain_result != 0 &&
                     (g_settings.chain_fail_on_call == 0 ||
                      g_settings.chain_fail_on_call == fakebus::g_chain_calls);
-        if (fail) return g_settings.chain_result;
+        if (fail)
+            return g_settings.chain_result;
     }
     auto *link = static_cast<kt5bus_address *>(calloc(1, sizeof(kt5bus_address)));
     link->kind = kind;
-    if (name != nullptr) link->value.name = strdup(name);
-    while (*list != nullptr) list = &(*list)->next;
+    if (name != nullptr)
+        link->value.name = strdup(name);
+    while (*list != nullptr)
+        list = &(*list)->next;
     *list = link;
     return 0;
 }
@@ -151,7 +161,8 @@ void kt5bus_free_address(kt5bus_address *chain, int free_names) {
     fakebus::record("free_address");
     while (chain != nullptr) {
         kt5bus_address *next = chain->next;
-        if (free_names && chain->kind != KT5BUS_ADDR_SPECIAL) free(chain->value.name);
+        if (free_names && chain->kind != KT5BUS_ADDR_SPECIAL)
+            free(chain->value.name);
         free(chain);
         chain = next;
     }
@@ -160,7 +171,8 @@ void kt5bus_free_address(kt5bus_address *chain, int free_names) {
 int kt5bus_send_message(kt5bus_client *, kt5bus_message *message, void *) {
     fakebus::record("send_message");
     std::lock_guard<std::mutex> hold(g_lock);
-    if (g_settings.send_result != 0) return g_settings.send_result;
+    if (g_settings.send_result != 0)
+        return g_settings.send_result;
     message->id = fakebus::g_next_id++;
     fakebus::g_accepted.push_back(message);
     return 0;

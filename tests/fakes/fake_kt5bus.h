@@ -15,10 +15,10 @@ namespace fakebus {
 struct Settings {
     int init_client_result = 0;
     int send_result = 0;
-    int chain_result = 0;               // for every chain_address call
-    int chain_fail_on_call = 0;         // 1-based call that fails with chain_result; 0: all
+    int chain_result = 0;        // for every chain_address call
+    int chain_fail_on_call = 0;  // 1-based call that fails with chain_result; 0: all
     int identity_result = 0;
-    bool report_stopped = true;         // call the stopped callback on stop
+    bool report_stopped = true;  // call the stopped callback on stop
     int stopped_delay_ms = 0;
     std::vector<kt5bus_address> identity_addresses;  // what get_identity_data names
 };

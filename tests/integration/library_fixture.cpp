@@ -35,19 +35,22 @@ const char kTestConfig[] = R"({
 std::string write_temp_file(const std::string &text) {
     char path[] = "/tmp/uoz-test-XXXXXX";
     int fd = mkstemp(path);
-    if (fd < 0) return "";
+    if (fd < 0)
+        return "";
     ssize_t written = write(fd, text.data(), text.size());
     close(fd);
     return written == static_cast<ssize_t>(text.size()) ? path : "";
 }
 
 std::string mask_reply_id(const std::string &query) {
-    return std::regex_replace(query, std::regex("\"reply-id\": \"[^\"]*\""), "\"reply-id\": \"<id>\"");
+    return std::regex_replace(query, std::regex("\"reply-id\": \"[^\"]*\""),
+                              "\"reply-id\": \"<id>\"");
 }
 
 std::string reply_id_of(const std::string &query) {
     std::smatch match;
-    if (!std::regex_search(query, match, std::regex("\"reply-id\": \"([^\"]*)\""))) return "";
+    if (!std::regex_search(query, match, std::regex("\"reply-id\": \"([^\"]*)\"")))
+        return "";
     return match[1];
 }
 
@@ -56,7 +59,9 @@ std::string reply_for(const std::string &query, const std::string &body) {
            "\",\"body\":" + body + "}";
 }
 
-std::string last_error() { return uoz_last_error; }
+std::string last_error() {
+    return uoz_last_error;
+}
 
 void LibraryTest::SetUp() {
     agent_ = std::make_unique<uozagent::AgentPeer>(identity_dir("agent"), broker_.url());
@@ -67,7 +72,8 @@ void LibraryTest::TearDown() {
     UDSOverZelko_Terminate(handle_);
     handle_ = nullptr;
     agent_.reset();
-    if (!config_path_.empty()) unlink(config_path_.c_str());
+    if (!config_path_.empty())
+        unlink(config_path_.c_str());
 }
 
 UDSOverZelkoHandle *LibraryTest::start_library(const std::string &config) {
@@ -86,7 +92,8 @@ UDSOverZelkoHandle *LibraryTest::start_library(const std::string &config) {
 }
 
 std::string LibraryTest::query_number(size_t n) {
-    if (!agent_->wait_for_messages(n, 5000)) return "";
+    if (!agent_->wait_for_messages(n, 5000))
+        return "";
     return agent_->received()[n - 1].text;
 }
 

@@ -35,7 +35,7 @@ std::string reply_for(const std::string &query, const std::string &body);
 std::string last_error();
 
 class LibraryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
     // Starts the library with the given configuration text and waits until

@@ -20,13 +20,14 @@ using uozagent::Received;
 int thread_count() {
     int count = 0;
     DIR *tasks = opendir("/proc/self/task");
-    while (dirent *entry = readdir(tasks)) count += entry->d_name[0] != '.';
+    while (dirent *entry = readdir(tasks))
+        count += entry->d_name[0] != '.';
     closedir(tasks);
     return count;
 }
 
 class LifecycleTest : public LibraryTest {
-protected:
+  protected:
     BrokerConfig config(const std::string &certs) {
         certs_ = certs;
         BrokerConfig broker{};
@@ -58,9 +59,9 @@ TEST_F(LifecycleTest, initChecksItsArgumentsInOrder) {
                  {&broker.node_address, "Invlaid node Address"}};
     for (const Case &c : cases) {
         BrokerConfig copy = broker;
-        *reinterpret_cast<const char **>(reinterpret_cast<char *>(&copy) +
-                                         (reinterpret_cast<char *>(c.field) - reinterpret_cast<char *>(&broker))) =
-            nullptr;
+        *reinterpret_cast<const char **>(
+            reinterpret_cast<char *>(&copy) +
+            (reinterpret_cast<char *>(c.field) - reinterpret_cast<char *>(&broker))) = nullptr;
         copy.debug_level = 1;
         EXPECT_EQ(UDSOverZelko_Init(&copy, path.c_str()), nullptr);
         EXPECT_EQ(last_error(), c.error);
@@ -95,7 +96,8 @@ TEST_F(LifecycleTest, hundredStartsAndStopsLeaveNoThreadBehind) {
 
 TEST_F(LifecycleTest, terminateAfterOtherThreadsReturnsPromptlyEvenWithTheBrokerGone) {
     agent_->set_responder([](const Received &query) {
-        return std::vector<Action>{Action(reply_for(query.text, R"({"targetAddress":"0x20","uds":{"data-record":[]}})"))};
+        return std::vector<Action>{
+            Action(reply_for(query.text, R"({"targetAddress":"0x20","uds":{"data-record":[]}})"))};
     });
     start_library(kTestConfig);
     std::vector<std::thread> threads;
@@ -117,17 +119,24 @@ TEST_F(LifecycleTest, terminateAfterOtherThreadsReturnsPromptlyEvenWithTheBroker
 TEST_F(LifecycleTest, hostileRepliesAreDroppedAndTheRightAnswerStillArrives) {
     std::string huge(16 * 1024 * 1024, 'A');
     agent_->set_responder([&huge](const Received &query) {
-        Action unterminated(R"({"type":"zelko.skyharbor-query-update","body":{"targetAddress":"0x20"}})");
+        Action unterminated(
+            R"({"type":"zelko.skyharbor-query-update","body":{"targetAddress":"0x20"}})");
         unterminated.include_terminator = false;
         return std::vector<Action>{
             Action("not json at all"),
             Action(R"({"no":"type"})"),
             Action(R"({"type":"zelko.skyharbor-query-update","body":{}})"),
             Action(R"({"type":"zelko.skyharbor-query","body":{"targetAddress":"0x20"}})"),
-            Action(R"({"type":"zelko.skyharbor-query-update","body":{"targetAddress":"0x123"},"pad":")" + huge + "\"}"),
+            Action(
+                R"({"type":"zelko.skyharbor-query-update","body":{"targetAddress":"0x123"},"pad":")" +
+                huge + "\"}"),
             Action(std::string(200, '[')),
             unterminated,
-            Action(reply_for(query.text, R"({"targetAddress":"0x20","uds":{"data-record":[{"phy-req-id":"0x720","data":"5902FF"}]}})"), 500),
+            Action(
+                reply_for(
+                    query.text,
+                    R"({"targetAddress":"0x20","uds":{"data-record":[{"phy-req-id":"0x720","data":"5902FF"}]}})"),
+                500),
         };
     });
     start_library(kTestConfig);
@@ -141,7 +150,9 @@ TEST_F(LifecycleTest, hostileRepliesAreDroppedAndTheRightAnswerStillArrives) {
     ASSERT_TRUE(agent_->wait_for_deliveries(8, 10000));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     agent_->set_responder([](const Received &query) {
-        return std::vector<Action>{Action(reply_for(query.text, R"({"targetAddress":"0x20","uds":{"data-record":[{"phy-req-id":"0x720","data":"5902FF"}]}})"))};
+        return std::vector<Action>{Action(reply_for(
+            query.text,
+            R"({"targetAddress":"0x20","uds":{"data-record":[{"phy-req-id":"0x720","data":"5902FF"}]}})"))};
     });
     EXPECT_EQ(UDSOverZelko_ReadDTCInfo(handle_, 0x20, 0x02, 0xFF, &buffer), 3);
     UDSOverZelko_FreeDTCBuffer(&buffer);
@@ -161,7 +172,8 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     memcpy(exact, text, sizeof(text) - 1);
     EXPECT_EQ(on_bus_message(exact, sizeof(text) - 1, nullptr, handle), 0);
     ASSERT_NE(handle->consent_wait.reply, nullptr);
-    EXPECT_STREQ(handle->consent_wait.reply, R"({ "type": "zelko.external-consent", "body": { } })");
+    EXPECT_STREQ(handle->consent_wait.reply,
+                 R"({ "type": "zelko.external-consent", "body": { } })");
     free(exact);
     free_handle(handle);
 }

@@ -34,13 +34,14 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     DTCBuffer buffer{};
     int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0x09, &buffer);
 
-    EXPECT_EQ(mask_reply_id(query_number(1)),
-              std::string("{ \"type\": \"zelko.skyharbor-query\", \"reply-id\": \"<id>\", "
-                          "\"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x07E0\", ") +
-                  kEngineBlock +
-                  ", \"uds\": { \"SID\": \"0x19\", \"subfunction\": \"UDS_REPORT_DTC_BY_STATUS_MASK\", "
-                  "\"data-record\": { \"type\": \"STATUS_MASK\", \"record\": [ "
-                  "\"UDS_STATUS_MASK_TEST_FAILED\", \"UDS_STATUS_MASK_CONFIRMED_DTC\" ] } } } }");
+    EXPECT_EQ(
+        mask_reply_id(query_number(1)),
+        std::string("{ \"type\": \"zelko.skyharbor-query\", \"reply-id\": \"<id>\", "
+                    "\"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x07E0\", ") +
+            kEngineBlock +
+            ", \"uds\": { \"SID\": \"0x19\", \"subfunction\": \"UDS_REPORT_DTC_BY_STATUS_MASK\", "
+            "\"data-record\": { \"type\": \"STATUS_MASK\", \"record\": [ "
+            "\"UDS_STATUS_MASK_TEST_FAILED\", \"UDS_STATUS_MASK_CONFIRMED_DTC\" ] } } } }");
     EXPECT_EQ(reply_id_of(query_number(1)).size(), 24u);
     ASSERT_EQ(rc, 11);
     ASSERT_EQ(buffer.count, 1);
@@ -48,7 +49,8 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     EXPECT_EQ(entry->length, 11);
     EXPECT_EQ(entry->target_address, 0x7E0);
     EXPECT_STREQ(entry->ecu_name, "engine");
-    const uint8_t expected[] = {0x59, 0x02, 0xFF, 0x03, 0x01, 0x00, 0x09, 0x12, 0xAB, 0x3C, 0x2F, 0};
+    const uint8_t expected[] = {0x59, 0x02, 0xFF, 0x03, 0x01, 0x00,
+                                0x09, 0x12, 0xAB, 0x3C, 0x2F, 0};
     EXPECT_EQ(memcmp(entry->data, expected, sizeof(expected)), 0);
     UDSOverZelko_FreeDTCBuffer(&buffer);
     EXPECT_EQ(buffer.entries, nullptr);
@@ -59,8 +61,8 @@ TEST_F(ServicesTest, readDtcByDtcAndRecordSendsTheNumbersAsOneText) {
         R"({"targetAddress":"0x7E0","uds":{"data-record":[{"phy-req-id":"0x7E0","data":"ABC"}]}})"));
     start_library(kTestConfig);
     DTCBuffer buffer{};
-    int rc = UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(handle_, 0x7E0, 0x04, 0x12AB3C, 0x05,
-                                                          &buffer);
+    int rc =
+        UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(handle_, 0x7E0, 0x04, 0x12AB3C, 0x05, &buffer);
     EXPECT_NE(query_number(1).find("\"data-record\": { \"type\": \"DTC_AND_RECORD\", \"record\": "
                                    "\"12AB3C05\" }"),
               std::string::npos)
@@ -90,8 +92,10 @@ TEST_F(ServicesTest, elementWithoutDataEndsTheDecodingWithAnImmatureResponse) {
     EXPECT_EQ(buffer.entries[2], nullptr);
     // The broadcast query names every CAN and IOC ECU, in configuration order.
     std::string query = query_number(1);
-    EXPECT_NE(query.find("\"mode\": \"IOC\", \"targetAddress\": \"-1\", \"ioc\": [ { \"ifname\": \"can0\""),
-              std::string::npos)
+    EXPECT_NE(
+        query.find(
+            "\"mode\": \"IOC\", \"targetAddress\": \"-1\", \"ioc\": [ { \"ifname\": \"can0\""),
+        std::string::npos)
         << query;
     UDSOverZelko_FreeDTCBuffer(&buffer);
 }
@@ -130,13 +134,15 @@ TEST_F(ServicesTest, unsupportedSubfunctionsSendNothing) {
 }
 
 TEST_F(ServicesTest, j1939VersionOfACanEcuIsSentWithItsInterfaceTwice) {
-    agent_->set_responder(answer_with(R"({"targetAddress":"0x7E1","version":"GBX-4.2.0-rc1-build-7781"})"));
+    agent_->set_responder(
+        answer_with(R"({"targetAddress":"0x7E1","version":"GBX-4.2.0-rc1-build-7781"})"));
     start_library(kTestConfig);
     char version[9] = {0};
     EXPECT_EQ(UDSOverZelko_ReadECUVersionInformation(handle_, 0x7E1, version, 8), 0);
     EXPECT_STREQ(version, "GBX-4.2.");
     char second[64] = {0};
-    EXPECT_EQ(UDSOverZelko_ReadECUVersionInformation(handle_, 0x7E1, second, sizeof(second) - 1), 0);
+    EXPECT_EQ(UDSOverZelko_ReadECUVersionInformation(handle_, 0x7E1, second, sizeof(second) - 1),
+              0);
     EXPECT_STREQ(second, "GBX-4.2.0-rc1-build-7781");
     const std::string sent = "\"version\": { \"pgn\": \"0xFEDA\", \"ifname\": \"can1\" } } }";
     EXPECT_NE(query_number(1).find(sent), std::string::npos) << query_number(1);
@@ -167,7 +173,8 @@ TEST_F(ServicesTest, clearDtcSendsTheRoutineAndReturnsTheWholeBody) {
                           "\"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x0007E0\", ") +
                   kEngineBlock +
                   ", \"routine\": { \"name\": \"ClearDTC_Routine\", \"commands\": [ { \"command\": "
-                  "\"ClearDTC\", \"service\": \"0x14\", \"subfn\": \"\", \"data\": \"0xFFFFFF\" } ] } } }");
+                  "\"ClearDTC\", \"service\": \"0x14\", \"subfn\": \"\", \"data\": \"0xFFFFFF\" } "
+                  "] } } }");
     EXPECT_STREQ(response.body_text, R"({ "targetAddress": "0x7E0", "result": "cleared" })");
     EXPECT_EQ(response.status, 0);
     UDSOverZelko_FreeCommandResponse(&response);
@@ -231,13 +238,16 @@ TEST_F(ServicesTest, remoteCommandsOutsideTheirPeriodOrMalformedSendNothing) {
         {R"({"commands":{},"ecu":{"ServerAddress":"7E0"}})", -1,
          "Could not find 'commands' property in JSON"},
         {R"({"commands":[]})", -1, "No TA found"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"999"}})", -1, "Could not get Transport Information"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"7E5"}})", -1, "Could not get Transport Information"},
+        {R"({"commands":[],"ecu":{"ServerAddress":"999"}})", -1,
+         "Could not get Transport Information"},
+        {R"({"commands":[],"ecu":{"ServerAddress":"7E5"}})", -1,
+         "Could not get Transport Information"},
     };
     for (const Case &c : cases) {
         uoz_set_last_error("");
-        EXPECT_EQ(UDSOverZelko_ExecuteRemoteCommand(handle_, c.document, strlen(c.document), &response),
-                  c.result)
+        EXPECT_EQ(
+            UDSOverZelko_ExecuteRemoteCommand(handle_, c.document, strlen(c.document), &response),
+            c.result)
             << c.document;
         if (c.error != nullptr) {
             EXPECT_EQ(last_error(), c.error) << c.document;
@@ -271,8 +281,9 @@ TEST_F(ServicesTest, consentAnswersMapToResults) {
         EXPECT_EQ(UDSOverZelkoSendExternalConsent(handle_, CONSENT_DOWNLOAD, "C-1"), c.result)
             << c.answer;
     }
-    EXPECT_EQ(query_number(1),
-              R"({ "type": "zelko.external-consent", "body": { "campaign-id": "C-1", "download-consent": "Yes", "install-consent": "No" } })");
+    EXPECT_EQ(
+        query_number(1),
+        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "C-1", "download-consent": "Yes", "install-consent": "No" } })");
     EXPECT_EQ(agent_->received()[0].source_name, "/uoz/app");
     EXPECT_EQ(UDSOverZelkoSendExternalConsent(handle_, 2, "C-1"), 4);
     EXPECT_EQ(UDSOverZelkoSendExternalConsent(handle_, CONSENT_INSTALL, nullptr), 7);
@@ -283,9 +294,10 @@ TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
     std::string config = R"({"configs":[)";
     for (int i = 0; i < 16; ++i) {
         char entry[256];
-        snprintf(entry, sizeof(entry),
-                 R"(%s{"type":"CAN","targetAddress":"0x%X","name":"ecu%d","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x%X","phy-resp-id":"0x%X"}})",
-                 i == 0 ? "" : ",", 0x700 + i, i, 0x700 + i, 0x708 + i);
+        snprintf(
+            entry, sizeof(entry),
+            R"(%s{"type":"CAN","targetAddress":"0x%X","name":"ecu%d","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x%X","phy-resp-id":"0x%X"}})",
+            i == 0 ? "" : ",", 0x700 + i, i, 0x700 + i, 0x708 + i);
         config += entry;
     }
     config += "]}";
@@ -293,14 +305,15 @@ TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
     agent_->set_responder([](const Received &query) {
         std::string text = query.text;
         if (text.find("external-consent") != std::string::npos) {
-            return std::vector<Action>{{R"({"type":"zelko.external-consent","body":{"consent-status":"accepted"}})", 5}};
+            return std::vector<Action>{
+                {R"({"type":"zelko.external-consent","body":{"consent-status":"accepted"}})", 5}};
         }
         size_t at = text.find("\"targetAddress\": \"0x");
         std::string address = text.substr(at + 20, 4);
-        return std::vector<Action>{{reply_for(text, "{\"targetAddress\":\"0x" + address +
-                                                        "\",\"uds\":{\"data-record\":[{\"phy-req-id\":\"0x" +
-                                                        address.substr(1) + "\",\"data\":\"" + address +
-                                                        "\"}]}}")}};
+        return std::vector<Action>{
+            {reply_for(text, "{\"targetAddress\":\"0x" + address +
+                                 "\",\"uds\":{\"data-record\":[{\"phy-req-id\":\"0x" +
+                                 address.substr(1) + "\",\"data\":\"" + address + "\"}]}}")}};
     });
     start_library(config);
     std::atomic<int> failures{0};
@@ -313,15 +326,18 @@ TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
                 bool own = rc == 2 && buffer.count == 1 && buffer.entries[0]->data[0] == 0x07 &&
                            buffer.entries[0]->data[1] == t &&
                            buffer.entries[0]->target_address == 0x700 + t;
-                if (!own) failures++;
+                if (!own)
+                    failures++;
                 UDSOverZelko_FreeDTCBuffer(&buffer);
             }
         });
     }
     threads.emplace_back([&] {
-        if (UDSOverZelkoSendExternalConsent(handle_, CONSENT_INSTALL, "C-2") != 1) failures++;
+        if (UDSOverZelkoSendExternalConsent(handle_, CONSENT_INSTALL, "C-2") != 1)
+            failures++;
     });
-    for (auto &thread : threads) thread.join();
+    for (auto &thread : threads)
+        thread.join();
     EXPECT_EQ(failures.load(), 0);
 }
 

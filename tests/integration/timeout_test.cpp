@@ -54,24 +54,30 @@ TEST_F(TimeoutTest, lateReplyIsNeverTakenByTheNextExchange) {
 
 TEST_F(TimeoutTest, clearDtcOfAllEcusAnsweredWithTheLongAddressIsNeverMatched) {
     agent_->set_responder([](const Received &query) {
-        return std::vector<Action>{Action(reply_for(query.text, R"({"targetAddress":"0xFFFFFFFF"})"))};
+        return std::vector<Action>{
+            Action(reply_for(query.text, R"({"targetAddress":"0xFFFFFFFF"})"))};
     });
     start_library(kTestConfig);
     CommandResponse response{};
     EXPECT_EQ(UDSOverZelkoClearDTC(handle_, -1, 0xFFFFFF, &response), -5);
     EXPECT_EQ(response.body_text, nullptr);
-    EXPECT_NE(query_number(1).find("\"targetAddress\": \"0xFFFFFFFF\", \"ioc\": ["), std::string::npos);
+    EXPECT_NE(query_number(1).find("\"targetAddress\": \"0xFFFFFFFF\", \"ioc\": ["),
+              std::string::npos);
 }
 
 TEST_F(TimeoutTest, consentWithoutAnswerAndAStaleAnswerDiscarded) {
     int calls = 0;
     agent_->set_responder([&calls](const Received &) {
         ++calls;
-        if (calls == 1) return std::vector<Action>{};
+        if (calls == 1)
+            return std::vector<Action>{};
         if (calls == 2) {
-            return std::vector<Action>{Action(R"({"type":"zelko.external-consent","body":{"consent-status":"rejected"}})", 10500)};
+            return std::vector<Action>{
+                Action(R"({"type":"zelko.external-consent","body":{"consent-status":"rejected"}})",
+                       10500)};
         }
-        return std::vector<Action>{Action(R"({"type":"zelko.external-consent","body":{"consent-status":"accepted"}})")};
+        return std::vector<Action>{
+            Action(R"({"type":"zelko.external-consent","body":{"consent-status":"accepted"}})")};
     });
     start_library(kTestConfig);
     EXPECT_EQ(UDSOverZelkoSendExternalConsent(handle_, CONSENT_DOWNLOAD, "C-1"), 5);
@@ -87,7 +93,8 @@ TEST_F(TimeoutTest, remoteCommandWithoutReplyAndReplyToAnUnknownAddress) {
     start_library(kTestConfig);
     const char document[] = R"({"commands":[{"type":"raw"}],"ecu":{"ServerAddress":"0x7E0"}})";
     CommandResponse response{};
-    EXPECT_EQ(UDSOverZelko_ExecuteRemoteCommand(handle_, document, sizeof(document), &response), -5);
+    EXPECT_EQ(UDSOverZelko_ExecuteRemoteCommand(handle_, document, sizeof(document), &response),
+              -5);
 }
 
 }  // namespace

@@ -119,10 +119,12 @@ TEST(BusTest, presenceReportsCleanStopAndAKilledProcess) {
     // A separate process holding the dm client's identity, killed outright.
     std::string certs = identity_dir("dmc");
     std::string url = "localhost:" + std::to_string(broker.port());
-    const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker", url.c_str(),
-                          "--debug", "-1", nullptr};
+    const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker",
+                          url.c_str(),    "--debug", "-1",          nullptr};
     pid_t child = 0;
-    ASSERT_EQ(posix_spawn(&child, UOZ_AGENT_PATH, nullptr, nullptr, const_cast<char **>(argv), environ), 0);
+    ASSERT_EQ(
+        posix_spawn(&child, UOZ_AGENT_PATH, nullptr, nullptr, const_cast<char **>(argv), environ),
+        0);
     EXPECT_TRUE(one->wait_for_peer("<DM-CLIENT>"));
     ASSERT_GT(child, 0);
     kill(child, SIGKILL);
@@ -139,26 +141,29 @@ TEST(BusTest, clientOfAnotherCaIsRefused) {
 
 // A bare MQTT client with a node's certificate, to try what our library never does.
 class RawClient {
-public:
+  public:
     RawClient(const std::string &node, int port) {
         mosquitto_lib_init();
         client_ = mosquitto_new(nullptr, true, this);
         mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
         std::string dir = identity_dir(node);
-        mosquitto_tls_set(client_, (pki_dir() + "/ca/ca.pem").c_str(), nullptr, (dir + "/cert.pem").c_str(),
-                          (dir + "/private.pem").c_str(), nullptr);
-        mosquitto_subscribe_v5_callback_set(client_, [](mosquitto *, void *self, int, int count,
-                                                        const int *granted, const mosquitto_property *) {
-            if (count > 0) static_cast<RawClient *>(self)->granted_ = granted[0];
-        });
-        mosquitto_message_v5_callback_set(client_, [](mosquitto *, void *self, const mosquitto_message *,
-                                                      const mosquitto_property *) {
-            static_cast<RawClient *>(self)->received_++;
-        });
-        mosquitto_publish_v5_callback_set(client_, [](mosquitto *, void *self, int, int reason,
-                                                      const mosquitto_property *) {
-            static_cast<RawClient *>(self)->published_ = reason;
-        });
+        mosquitto_tls_set(client_, (pki_dir() + "/ca/ca.pem").c_str(), nullptr,
+                          (dir + "/cert.pem").c_str(), (dir + "/private.pem").c_str(), nullptr);
+        mosquitto_subscribe_v5_callback_set(
+            client_, [](mosquitto *, void *self, int, int count, const int *granted,
+                        const mosquitto_property *) {
+                if (count > 0)
+                    static_cast<RawClient *>(self)->granted_ = granted[0];
+            });
+        mosquitto_message_v5_callback_set(
+            client_,
+            [](mosquitto *, void *self, const mosquitto_message *, const mosquitto_property *) {
+                static_cast<RawClient *>(self)->received_++;
+            });
+        mosquitto_publish_v5_callback_set(
+            client_, [](mosquitto *, void *self, int, int reason, const mosquitto_property *) {
+                static_cast<RawClient *>(self)->published_ = reason;
+            });
         connected_ = mosquitto_connect(client_, "localhost", port, 30) == MOSQ_ERR_SUCCESS &&
                      mosquitto_loop_start(client_) == MOSQ_ERR_SUCCESS;
     }
@@ -179,9 +184,10 @@ public:
     bool connected() const { return connected_; }
     int received() const { return received_.load(); }
 
-private:
+  private:
     static int wait(std::atomic<int> &value) {
-        for (int i = 0; i < 300 && value.load() < 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int i = 0; i < 300 && value.load() < 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         int result = value.load();
         value = -1;
         return result;
@@ -237,7 +243,8 @@ TEST(BusTest, stopReportsEveryPendingMessagePromptly) {
     Broker broker;
     broker.stop();
     auto one = peer("peer1", broker);
-    for (int i = 0; i < 5; ++i) one->send(to(KT5BUS_ADDR_UA, "/test/peer2", "never sent"));
+    for (int i = 0; i < 5; ++i)
+        one->send(to(KT5BUS_ADDR_UA, "/test/peer2", "never sent"));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(one->delivered_ok() + one->delivered_failed(), 0u);
     auto begin = std::chrono::steady_clock::now();

@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,17 +55,23 @@ bool accepts(int port) {
 
 std::string pki_dir() {
     const char *dir = getenv("UOZ_TEST_PKI");
-    if (dir == nullptr) throw std::runtime_error("UOZ_TEST_PKI is not set: run the tests with ctest");
+    if (dir == nullptr)
+        throw std::runtime_error("UOZ_TEST_PKI is not set: run the tests with ctest");
     return dir;
 }
 
-std::string other_pki_dir() { return pki_dir() + "-other"; }
+std::string other_pki_dir() {
+    return pki_dir() + "-other";
+}
 
-std::string identity_dir(const std::string &node) { return pki_dir() + "/" + node; }
+std::string identity_dir(const std::string &node) {
+    return pki_dir() + "/" + node;
+}
 
 Broker::Broker() {
     char work[] = "/tmp/uoz-broker-XXXXXX";
-    if (mkdtemp(work) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (mkdtemp(work) == nullptr)
+        throw std::runtime_error("mkdtemp failed");
     work_dir_ = work;
     port_ = free_port();
     std::string pki = pki_dir();
@@ -82,20 +88,25 @@ Broker::~Broker() {
     rmdir(work_dir_.c_str());
 }
 
-std::string Broker::url() const { return "tcp://localhost:" + std::to_string(port_); }
+std::string Broker::url() const {
+    return "tcp://localhost:" + std::to_string(port_);
+}
 
 // The broker dies with the test process, even when a sanitizer ends it without
 // running destructors.
 void Broker::start() {
-    if (pid_ > 0) return;
+    if (pid_ > 0)
+        return;
     std::string conf = work_dir_ + "/mosquitto.conf";
     std::string log = work_dir_ + "/mosquitto.log";
     pid_t parent = getpid();
     pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("cannot fork for mosquitto");
+    if (pid_ < 0)
+        throw std::runtime_error("cannot fork for mosquitto");
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(1);
+        if (getppid() != parent)
+            _exit(1);
         int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (fd >= 0) {
             dup2(fd, 1);
@@ -115,7 +126,8 @@ void Broker::wait_until_accepting() {
         int status = 0;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            throw std::runtime_error("mosquitto exited at start; see " + work_dir_ + "/mosquitto.log");
+            throw std::runtime_error("mosquitto exited at start; see " + work_dir_ +
+                                     "/mosquitto.log");
         }
         if (std::chrono::steady_clock::now() > deadline) {
             throw std::runtime_error("mosquitto does not accept connections");
@@ -125,14 +137,16 @@ void Broker::wait_until_accepting() {
 }
 
 void Broker::stop() {
-    if (pid_ <= 0) return;
+    if (pid_ <= 0)
+        return;
     ::kill(pid_, SIGTERM);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
 }
 
 void Broker::kill() {
-    if (pid_ <= 0) return;
+    if (pid_ <= 0)
+        return;
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
     pid_ = -1;
@@ -142,6 +156,8 @@ int load_identity(kt5bus_identity *identity, const std::string &dir) {
     return uozagent::load_identity(identity, dir) ? 0 : -1;
 }
 
-void free_identity(kt5bus_identity *identity) { uozagent::free_identity(identity); }
+void free_identity(kt5bus_identity *identity) {
+    uozagent::free_identity(identity);
+}
 
 }  // namespace uoztest

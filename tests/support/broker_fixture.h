@@ -18,7 +18,7 @@ std::string identity_dir(const std::string &node);
 
 // One mosquitto on a free loopback port, stopped and reaped on destruction.
 class Broker {
-public:
+  public:
     Broker();
     ~Broker();
     Broker(const Broker &) = delete;
@@ -30,7 +30,7 @@ public:
     void kill();   // SIGKILL and wait
     void start();  // (re)start on the same port and wait until it accepts
 
-private:
+  private:
     void wait_until_accepting();
 
     std::string work_dir_;

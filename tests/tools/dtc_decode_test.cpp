@@ -8,7 +8,9 @@
 namespace uozctl {
 namespace {
 
-DtcReport decode(const std::vector<uint8_t> &bytes) { return decode_dtc_response(bytes.data(), bytes.size()); }
+DtcReport decode(const std::vector<uint8_t> &bytes) {
+    return decode_dtc_response(bytes.data(), bytes.size());
+}
 
 TEST(DtcDecodeTest, dtcTextsFollowTheCustomaryForm) {
     struct Case {
@@ -16,7 +18,8 @@ TEST(DtcDecodeTest, dtcTextsFollowTheCustomaryForm) {
         const char *text;
     } cases[] = {{0x030100, "P0301-00"}, {0x017100, "P0171-00"}, {0x900113, "B1001-13"},
                  {0xC10000, "U0100-00"}, {0x4ABCDE, "C0ABC-DE"}, {0xFFFFFF, "U3FFF-FF"}};
-    for (const Case &c : cases) EXPECT_EQ(dtc_text(c.code), c.text);
+    for (const Case &c : cases)
+        EXPECT_EQ(dtc_text(c.code), c.text);
 }
 
 TEST(DtcDecodeTest, statusMaskReportsListDtcsWithTheirSetBits) {
@@ -39,7 +42,8 @@ TEST(DtcDecodeTest, countReportsGiveFormatAndCount) {
     EXPECT_EQ(report.count, 258);
     EXPECT_EQ(report.format, 0x01);
     EXPECT_NE(decode({0x59, 0x11, 0xFF, 0x01, 0x00}).note.find("too short"), std::string::npos);
-    EXPECT_NE(decode({0x59, 0x12, 0xFF, 0x01, 0x00, 0x01, 0xAA}).note.find("extra bytes"), std::string::npos);
+    EXPECT_NE(decode({0x59, 0x12, 0xFF, 0x01, 0x00, 0x01, 0xAA}).note.find("extra bytes"),
+              std::string::npos);
 }
 
 TEST(DtcDecodeTest, recordReportsKeepRecordNumbersAndBytes) {
@@ -81,12 +85,14 @@ TEST(DtcDecodeTest, truncatedPaddedNegativeAndForeignResponsesAreNamedNotCrashed
     EXPECT_TRUE(negative.negative);
     EXPECT_EQ(negative.nrc_name, "subFunctionNotSupported");
     EXPECT_NE(decode({0x7F, 0x19}).note.find("cut short"), std::string::npos);
-    EXPECT_NE(decode({0x62, 0xF1}).note.find("not a ReadDTCInformation response"), std::string::npos);
+    EXPECT_NE(decode({0x62, 0xF1}).note.find("not a ReadDTCInformation response"),
+              std::string::npos);
     EXPECT_EQ(decode({}).note, "empty response");
     EXPECT_NE(decode({0x59, 0x42, 0x01}).note.find("unknown report"), std::string::npos);
     for (size_t length = 0; length < 12; ++length) {  // every prefix of every family decodes
         for (uint8_t report = 0; report < 0x1A; ++report) {
-            std::vector<uint8_t> bytes = {0x59, report, 0xFF, 0x03, 0x01, 0x00, 0x2F, 0x01, 0x02, 0x03, 0x04, 0x05};
+            std::vector<uint8_t> bytes = {0x59, report, 0xFF, 0x03, 0x01, 0x00,
+                                          0x2F, 0x01,   0x02, 0x03, 0x04, 0x05};
             bytes.resize(length);
             decode(bytes);
         }
@@ -99,8 +105,9 @@ TEST(DtcDecodeTest, textAndJsonRenderings) {
               "  report 0x02: DTCs by status mask\n"
               "  P0301-00  (0x030100)  status 0x09 [testFailed, confirmedDTC]\n");
     json_object *json = report_to_json(report);
-    EXPECT_STREQ(json_object_to_json_string_ext(json, JSON_C_TO_STRING_PLAIN),
-                 R"({"negative":false,"report":2,"availability_mask":255,"dtcs":[{"dtc":"P0301-00","code":196864,"status":9,"status_bits":["testFailed","confirmedDTC"],"records":[]}]})");
+    EXPECT_STREQ(
+        json_object_to_json_string_ext(json, JSON_C_TO_STRING_PLAIN),
+        R"({"negative":false,"report":2,"availability_mask":255,"dtcs":[{"dtc":"P0301-00","code":196864,"status":9,"status_bits":["testFailed","confirmedDTC"],"records":[]}]})");
     json_object_put(json);
 }
 

@@ -1,10 +1,10 @@
 // uozctl end to end: the real broker, uoz-agent with its simulated vehicle,
 // every command in text and --json, and the exit codes.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
-#include <fcntl.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,19 +25,23 @@ struct Output {
 };
 
 class UozctlTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         std::string certs = identity_dir("agent");
         std::string broker = "localhost:" + std::to_string(broker_.port());
         log_ = "/tmp/uoz-agent-" + std::to_string(getpid()) + ".log";
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker", broker.c_str(),
-                              "--debug", "0", nullptr};
-        ASSERT_EQ(posix_spawn(&agent_, UOZ_AGENT_PATH, &actions, nullptr, const_cast<char **>(argv), environ), 0);
+        posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker",
+                              broker.c_str(), "--debug", "0",           nullptr};
+        ASSERT_EQ(posix_spawn(&agent_, UOZ_AGENT_PATH, &actions, nullptr, const_cast<char **>(argv),
+                              environ),
+                  0);
         posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; i < 200 && !agent_ready(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        for (int i = 0; i < 200 && !agent_ready(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         ASSERT_TRUE(agent_ready());
     }
     void TearDown() override {
@@ -45,29 +49,34 @@ protected:
         unlink(log_.c_str());
     }
     void stop_agent() {
-        if (agent_ <= 0) return;  // never kill(-1): that signals every process
+        if (agent_ <= 0)
+            return;  // never kill(-1): that signals every process
         kill(agent_, SIGTERM);
         waitpid(agent_, nullptr, 0);
         agent_ = -1;
     }
     bool agent_ready() {
         FILE *file = fopen(log_.c_str(), "r");
-        if (file == nullptr) return false;
+        if (file == nullptr)
+            return false;
         char line[512];
         bool ready = false;
-        while (fgets(line, sizeof(line), file) != nullptr) ready = ready || strstr(line, "uoz-agent ready");
+        while (fgets(line, sizeof(line), file) != nullptr)
+            ready = ready || strstr(line, "uoz-agent ready");
         fclose(file);
         return ready;
     }
     Output uozctl(const std::string &arguments) {
-        std::string command = std::string(UOZCTL_PATH) + " --broker localhost:" + std::to_string(broker_.port()) +
-                              " --certs " + identity_dir("app") + " --config " + UOZ_EXAMPLES + "/ecus.json " +
-                              arguments + " 2>&1";
+        std::string command = std::string(UOZCTL_PATH) +
+                              " --broker localhost:" + std::to_string(broker_.port()) +
+                              " --certs " + identity_dir("app") + " --config " + UOZ_EXAMPLES +
+                              "/ecus.json " + arguments + " 2>&1";
         Output output;
         FILE *pipe = popen(command.c_str(), "r");
         char chunk[4096];
         size_t got;
-        while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0) output.text.append(chunk, got);
+        while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
+            output.text.append(chunk, got);
         int status = pclose(pipe);
         output.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         return output;
@@ -81,14 +90,16 @@ protected:
 TEST_F(UozctlTest, readsDecodesAndClearsDtcs) {
     Output engine = uozctl("dtc read engine");
     EXPECT_EQ(engine.code, 0) << engine.text;
-    EXPECT_NE(engine.text.find("engine (0x7E0)\n  report 0x02: DTCs by status mask\n"
-                               "  P0301-00  (0x030100)  status 0x2F [testFailed, testFailedThisOperationCycle, "
-                               "pendingDTC, confirmedDTC, testFailedSinceLastClear]\n"),
+    EXPECT_NE(engine.text.find(
+                  "engine (0x7E0)\n  report 0x02: DTCs by status mask\n"
+                  "  P0301-00  (0x030100)  status 0x2F [testFailed, testFailedThisOperationCycle, "
+                  "pendingDTC, confirmedDTC, testFailedSinceLastClear]\n"),
               std::string::npos)
         << engine.text;
     Output all = uozctl("dtc read all");
     EXPECT_EQ(all.code, 0);
-    for (const char *ecu : {"engine (0x7E0)", "transmission (0x7E1)", "body (0x7E2)", "gateway (0x20)"}) {
+    for (const char *ecu :
+         {"engine (0x7E0)", "transmission (0x7E1)", "body (0x7E2)", "gateway (0x20)"}) {
         EXPECT_NE(all.text.find(ecu), std::string::npos) << ecu << all.text;
     }
     EXPECT_EQ(uozctl("dtc clear engine").code, 0);
@@ -100,7 +111,8 @@ TEST_F(UozctlTest, readsDecodesAndClearsDtcs) {
 TEST_F(UozctlTest, negativeResponsesAndUnsupportedReportsHaveTheirExitCodes) {
     Output negative = uozctl("dtc read transmission --report 0x14");
     EXPECT_EQ(negative.code, 4) << negative.text;
-    EXPECT_NE(negative.text.find("negative response: NRC 0x12 subFunctionNotSupported"), std::string::npos);
+    EXPECT_NE(negative.text.find("negative response: NRC 0x12 subFunctionNotSupported"),
+              std::string::npos);
     EXPECT_EQ(uozctl("dtc read engine --report 0x07").code, 2);
     EXPECT_EQ(uozctl("dtc read nosuchecu").code, 2);
     EXPECT_EQ(uozctl("dtc read engine --mask 1 --dtc 2").code, 2);
@@ -133,7 +145,8 @@ TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
     stop_agent();
     Output consent = uozctl("consent download C-1");
     EXPECT_EQ(consent.code, 3);
-    EXPECT_NE(consent.text.find("is uoz-agent running and connected to the broker?"), std::string::npos);
+    EXPECT_NE(consent.text.find("is uoz-agent running and connected to the broker?"),
+              std::string::npos);
 }
 
 }  // namespace

@@ -25,29 +25,35 @@ std::vector<std::string> messages(const std::string &log) {
     std::string text;
     while (std::getline(stream, text)) {
         std::smatch match;
-        if (std::regex_match(text, match, line)) lines.push_back(match[1]);
+        if (std::regex_match(text, match, line))
+            lines.push_back(match[1]);
     }
     return lines;
 }
 
 // <root>/node/{private.pem,cert.pem} and <root>/ca/ca.pem, any of them left out.
 class IdentityDir {
-public:
+  public:
     explicit IdentityDir(bool key = true, bool cert = true, bool ca = true) {
         char dir[] = "/tmp/uoz-identity-XXXXXX";
         root_ = mkdtemp(dir);
         mkdir((root_ + "/node").c_str(), 0755);
         mkdir((root_ + "/ca").c_str(), 0755);
-        if (key) write(node() + "/private.pem", "KEY");
-        if (cert) write(node() + "/cert.pem", "CERT");
-        if (ca) write(root_ + "/ca/ca.pem", "CA");
+        if (key)
+            write(node() + "/private.pem", "KEY");
+        if (cert)
+            write(node() + "/cert.pem", "CERT");
+        if (ca)
+            write(root_ + "/ca/ca.pem", "CA");
     }
     ~IdentityDir() { system(("rm -rf " + root_).c_str()); }
     std::string node() const { return root_ + "/node"; }
     std::string root() const { return root_; }
-    static void write(const std::string &path, const std::string &text) { std::ofstream(path) << text; }
+    static void write(const std::string &path, const std::string &text) {
+        std::ofstream(path) << text;
+    }
 
-private:
+  private:
     std::string root_;
 };
 
@@ -71,11 +77,12 @@ int count_messages(const char *, size_t, const kt5bus_address *, void *user_data
 }
 
 class ZelkobusTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         fakebus::Settings settings;
-        settings.identity_addresses = {address(KT5BUS_ADDR_GROUP, "grp"), address(KT5BUS_ADDR_UA, "/uoz/app"),
-                                       special(0), address(KT5BUS_ADDR_UA, "/second")};
+        settings.identity_addresses = {address(KT5BUS_ADDR_GROUP, "grp"),
+                                       address(KT5BUS_ADDR_UA, "/uoz/app"), special(0),
+                                       address(KT5BUS_ADDR_UA, "/second")};
         fakebus::reset(settings);
     }
 
@@ -88,8 +95,9 @@ protected:
 TEST_F(ZelkobusTest, nullCertDirFailsBeforeAnyBusCall) {
     LogCapture capture(4);
     EXPECT_EQ(zebus_init(nullptr, nullptr, "tcp://x:1", nullptr, nullptr, 0), nullptr);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"cert_dir is NULL", "Failed to init kt5bus client err=-1."}));
+    EXPECT_EQ(
+        messages(capture.text()),
+        (std::vector<std::string>{"cert_dir is NULL", "Failed to init kt5bus client err=-1."}));
     EXPECT_TRUE(fakebus::calls().empty());
     EXPECT_STREQ(zebus_last_error, "cert_dir is NULL");
 }
@@ -98,10 +106,11 @@ TEST_F(ZelkobusTest, missingPrivateKeyStopsTheLoadAndTheStart) {
     IdentityDir identity(false, true, true);
     LogCapture capture(4);
     EXPECT_EQ(start(identity), nullptr);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"unable to open path", "identity->x509.private_key is NULL",
-                                        "Failed to load identity certificate from " + identity.node(),
-                                        "Failed to init kt5bus client err=-1."}));
+    EXPECT_EQ(
+        messages(capture.text()),
+        (std::vector<std::string>{"unable to open path", "identity->x509.private_key is NULL",
+                                  "Failed to load identity certificate from " + identity.node(),
+                                  "Failed to init kt5bus client err=-1."}));
     EXPECT_EQ(fakebus::calls(), (std::vector<std::string>{"init_ll", "stop_client", "fini_ll"}));
 }
 
@@ -186,8 +195,9 @@ TEST_F(ZelkobusTest, refusedSendLogsThenReleasesEverything) {
     LogCapture capture(2);
     EXPECT_EQ(zebus_send_message_to(connection, "{}", KT5BUS_ADDR_UA, "/ZDATA/UDS"), 9);
     EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"zebus_send_message status=9, target=/ZDATA/UDS, id=00000, msg={}",
-                                        "Failed to send message over Zelko Bus"}));
+              (std::vector<std::string>{
+                  "zebus_send_message status=9, target=/ZDATA/UDS, id=00000, msg={}",
+                  "Failed to send message over Zelko Bus"}));
     EXPECT_EQ(zebus_send_message_to(nullptr, "{}", KT5BUS_ADDR_UA, "x"), -1);
     EXPECT_STREQ(zebus_last_error, "Zelko Bus connection is NULL");
     EXPECT_EQ(zebus_send_message_to(connection, nullptr, KT5BUS_ADDR_UA, "x"), -1);
@@ -209,7 +219,8 @@ TEST_F(ZelkobusTest, groupListsNeedEveryName) {
     const char *const groups[] = {"policy-agent", "second", "third", nullptr};
     EXPECT_EQ(zebus_send_message(connection, "{}", groups), -1);
     EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"Error while adding type handler", "Failed to get address for second",
+              (std::vector<std::string>{"Error while adding type handler",
+                                        "Failed to get address for second",
                                         "Error while adding type handler"}));
     EXPECT_EQ(fakebus::calls(),
               (std::vector<std::string>{"chain_address", "chain_address", "free_address"}));
@@ -221,9 +232,11 @@ TEST_F(ZelkobusTest, failedDeliveriesLogFourInARowUntilAnAcknowledgement) {
     IdentityDir identity;
     BusConnection *connection = start(identity);
     LogCapture capture(4);
-    for (int i = 0; i < 7; ++i) zebus_send_message_to(connection, "{}", KT5BUS_ADDR_UA, "a");
+    for (int i = 0; i < 7; ++i)
+        zebus_send_message_to(connection, "{}", KT5BUS_ADDR_UA, "a");
     auto accepted = fakebus::accepted();
-    for (int i = 0; i < 5; ++i) fakebus::report_delivery(accepted[i], 0);
+    for (int i = 0; i < 5; ++i)
+        fakebus::report_delivery(accepted[i], 0);
     EXPECT_EQ(connection->failed_deliveries, 5);
     fakebus::report_delivery(accepted[5], 1);
     EXPECT_EQ(connection->failed_deliveries, 0);
@@ -231,10 +244,12 @@ TEST_F(ZelkobusTest, failedDeliveriesLogFourInARowUntilAnAcknowledgement) {
     std::string log = capture.text();
     std::vector<std::string> reports;
     for (const std::string &line : messages(log)) {
-        if (line.rfind("BUS", 0) == 0) reports.push_back(line);
+        if (line.rfind("BUS", 0) == 0)
+            reports.push_back(line);
     }
-    EXPECT_EQ(reports, (std::vector<std::string>{"BUS ERR 00100 {}", "BUS ERR 00101 {}", "BUS ERR 00102 {}",
-                                                 "BUS ERR 00103 {}", "BUS ACK 00105 {}", "BUS ERR 00106 {}"}));
+    EXPECT_EQ(reports, (std::vector<std::string>{"BUS ERR 00100 {}", "BUS ERR 00101 {}",
+                                                 "BUS ERR 00102 {}", "BUS ERR 00103 {}",
+                                                 "BUS ACK 00105 {}", "BUS ERR 00106 {}"}));
     zebus_stop(connection);
 }
 
@@ -258,13 +273,15 @@ TEST_F(ZelkobusTest, presenceOfTheDmClientSetsAndClearsItsBit) {
 
 TEST_F(ZelkobusTest, statusCodesHaveTheirTexts) {
     LogCapture capture(2);
-    for (int status : {0, 1, 2, 3, 4, 5, 6, 7, 12}) zebus_on_status(nullptr, status);
+    for (int status : {0, 1, 2, 3, 4, 5, 6, 7, 12})
+        zebus_on_status(nullptr, status);
     EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"Zelko Bus connection: running", "Zelko Bus error: resolution failed",
-                                        "Zelko Bus error: connection failed", "Zelko Bus error: registration failed",
-                                        "Zelko Bus error: connection broke", "Zelko Bus error: connection aborted",
-                                        "Zelko Bus error: client stopped", "Zelko Bus connection: start",
-                                        "Zelko Bus error: condition=12"}));
+              (std::vector<std::string>{
+                  "Zelko Bus connection: running", "Zelko Bus error: resolution failed",
+                  "Zelko Bus error: connection failed", "Zelko Bus error: registration failed",
+                  "Zelko Bus error: connection broke", "Zelko Bus error: connection aborted",
+                  "Zelko Bus error: client stopped", "Zelko Bus connection: start",
+                  "Zelko Bus error: condition=12"}));
 }
 
 TEST_F(ZelkobusTest, addressesHaveTheirTextForms) {
@@ -300,7 +317,8 @@ TEST_F(ZelkobusTest, messagesReachTheHandlerOnlyOnceStarted) {
     LogCapture capture(0);
     zebus_on_message(nullptr, &message);
     zebus_on_message(&connection->client, nullptr);
-    EXPECT_EQ(messages(capture.text()), (std::vector<std::string>{"client is NULL", "msg is NULL"}));
+    EXPECT_EQ(messages(capture.text()),
+              (std::vector<std::string>{"client is NULL", "msg is NULL"}));
     zebus_stop(connection);
 }
 

@@ -9,15 +9,19 @@ namespace uozagent {
 
 namespace {
 
-AgentPeer *peer_of(kt5bus_client *client) { return static_cast<AgentPeer *>(client->owner); }
+AgentPeer *peer_of(kt5bus_client *client) {
+    return static_cast<AgentPeer *>(client->owner);
+}
 
 kt5bus_buffer *read_pem(const std::string &path) {
     FILE *file = fopen(path.c_str(), "r");
-    if (file == nullptr) return nullptr;
+    if (file == nullptr)
+        return nullptr;
     std::string content;
     char chunk[4096];
     size_t got;
-    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0) content.append(chunk, got);
+    while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0)
+        content.append(chunk, got);
     fclose(file);
     auto *buffer = static_cast<kt5bus_buffer *>(calloc(1, sizeof(kt5bus_buffer)));
     buffer->length = content.size() + 1;
@@ -28,7 +32,8 @@ kt5bus_buffer *read_pem(const std::string &path) {
 }
 
 void free_buffer(kt5bus_buffer *buffer) {
-    if (buffer == nullptr) return;
+    if (buffer == nullptr)
+        return;
     free(buffer->data);
     free(buffer);
 }
@@ -45,13 +50,16 @@ bool load_identity(kt5bus_identity *identity, const std::string &dir) {
     identity->x509.trust[0] = read_pem(dir + "/../ca/ca.pem");
     bool complete = identity->x509.private_key != nullptr && identity->x509.chain[0] != nullptr &&
                     identity->x509.trust[0] != nullptr;
-    if (!complete) free_identity(identity);
+    if (!complete)
+        free_identity(identity);
     return complete;
 }
 
 void free_identity(kt5bus_identity *identity) {
-    if (identity->x509.chain != nullptr) free_buffer(identity->x509.chain[0]);
-    if (identity->x509.trust != nullptr) free_buffer(identity->x509.trust[0]);
+    if (identity->x509.chain != nullptr)
+        free_buffer(identity->x509.chain[0]);
+    if (identity->x509.trust != nullptr)
+        free_buffer(identity->x509.trust[0]);
     free(identity->x509.chain);
     free(identity->x509.trust);
     free_buffer(identity->x509.private_key);
@@ -86,12 +94,15 @@ AgentPeer::AgentPeer(const std::string &identity_dir, const std::string &url) {
     }
 }
 
-AgentPeer::~AgentPeer() { stop(); }
+AgentPeer::~AgentPeer() {
+    stop();
+}
 
 void AgentPeer::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
-        if (stopped_) return;
+        if (stopped_)
+            return;
         stopped_ = true;
         stopping_ = true;
     }
@@ -104,7 +115,8 @@ void AgentPeer::stop() {
 
 bool AgentPeer::wait_running(int timeout_ms) {
     std::unique_lock<std::mutex> hold(lock_);
-    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [this] { return running_; });
+    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
+                             [this] { return running_; });
 }
 
 bool AgentPeer::wait_for_peer(const std::string &name, int timeout_ms) {
@@ -165,9 +177,8 @@ unsigned long AgentPeer::delivered_failed() const {
 void AgentPeer::send(const Action &action) {
     {
         std::lock_guard<std::mutex> hold(lock_);
-        scheduled_.emplace(std::chrono::steady_clock::now() +
-                               std::chrono::milliseconds(action.delay_ms),
-                           action);
+        scheduled_.emplace(
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(action.delay_ms), action);
     }
     changed_.notify_all();
 }
@@ -191,7 +202,8 @@ void AgentPeer::on_message(kt5bus_client *client, kt5bus_message *message) {
         responder = peer->responder_;
     }
     peer->changed_.notify_all();
-    if (!responder) return;
+    if (!responder)
+        return;
     for (Action action : responder(received)) {
         if (action.kind == 0) {
             action.kind = received.source_kind;
@@ -222,15 +234,17 @@ void AgentPeer::sender_loop() {
 }
 
 void AgentPeer::transmit(const Action &action) {
-    if (action.kind == 0) return;  // the sender was unknown: nowhere to answer
+    if (action.kind == 0)
+        return;  // the sender was unknown: nowhere to answer
     auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
     message->content_type = "application/json";
     message->length = action.text.size() + (action.include_terminator ? 1 : 0);
     message->data = calloc(1, action.text.size() + 1);
     memcpy(message->data, action.text.data(), action.text.size());
-    int rc = action.kind == KT5BUS_ADDR_SPECIAL
-                 ? kt5bus_chain_address(&message->destination, action.kind, KT5BUS_SPECIAL_DM_CLIENT)
-                 : kt5bus_chain_address(&message->destination, action.kind, action.name.c_str(), 1);
+    int rc =
+        action.kind == KT5BUS_ADDR_SPECIAL
+            ? kt5bus_chain_address(&message->destination, action.kind, KT5BUS_SPECIAL_DM_CLIENT)
+            : kt5bus_chain_address(&message->destination, action.kind, action.name.c_str(), 1);
     if (rc != 0 || kt5bus_send_message(&client_, message, nullptr) != 0) {
         on_delivered(&client_, message, nullptr, 0);
     }
@@ -253,8 +267,10 @@ void AgentPeer::on_status(kt5bus_client *client, int status) {
     {
         std::lock_guard<std::mutex> hold(peer->lock_);
         peer->statuses_.insert(status);
-        if (status == KT5BUS_STATUS_RUNNING) peer->running_ = true;
-        if (status == KT5BUS_STATUS_CONNECTION_BROKE) peer->running_ = false;
+        if (status == KT5BUS_STATUS_RUNNING)
+            peer->running_ = true;
+        if (status == KT5BUS_STATUS_CONNECTION_BROKE)
+            peer->running_ = false;
     }
     peer->changed_.notify_all();
 }

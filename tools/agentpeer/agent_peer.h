@@ -52,7 +52,7 @@ bool load_identity(kt5bus_identity *identity, const std::string &dir);
 void free_identity(kt5bus_identity *identity);
 
 class AgentPeer {
-public:
+  public:
     AgentPeer(const std::string &identity_dir, const std::string &url);
     ~AgentPeer();
     AgentPeer(const AgentPeer &) = delete;
@@ -78,7 +78,7 @@ public:
     unsigned long delivered_ok() const;
     unsigned long delivered_failed() const;
 
-private:
+  private:
     static void on_message(kt5bus_client *client, kt5bus_message *message);
     static void on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok);
     static void on_status(kt5bus_client *client, int status);

@@ -22,18 +22,22 @@ namespace {
 
 std::atomic<bool> g_stop{false};
 
-void request_stop(int) { g_stop = true; }
+void request_stop(int) {
+    g_stop = true;
+}
 
 bool ask_on_terminal(const std::string &campaign) {
     fprintf(stderr, "Consent requested for campaign %s. Accept? [y/N] ", campaign.c_str());
     char answer[16] = "";
-    if (fgets(answer, sizeof(answer), stdin) == nullptr) return false;
+    if (fgets(answer, sizeof(answer), stdin) == nullptr)
+        return false;
     return answer[0] == 'y' || answer[0] == 'Y';
 }
 
 std::string read_file(const std::string &path) {
     std::ifstream file(path);
-    if (!file) throw std::runtime_error("cannot read " + path);
+    if (!file)
+        throw std::runtime_error("cannot read " + path);
     std::stringstream text;
     text << file.rdbuf();
     return text.str();
@@ -62,15 +66,19 @@ int main(int argc, char **argv) {
         uozagent::Vehicle vehicle = uozagent::Vehicle::from_json(
             vehicle_path.empty() ? std::string(kDefaultVehicle) : read_file(vehicle_path));
         uozagent::ConsentPolicy policy = vehicle.default_policy();
-        if (policy_name == "accept") policy = uozagent::ConsentPolicy::kAccept;
-        if (policy_name == "reject") policy = uozagent::ConsentPolicy::kReject;
-        if (policy_name == "ask") policy = uozagent::ConsentPolicy::kAsk;
+        if (policy_name == "accept")
+            policy = uozagent::ConsentPolicy::kAccept;
+        if (policy_name == "reject")
+            policy = uozagent::ConsentPolicy::kReject;
+        if (policy_name == "ask")
+            policy = uozagent::ConsentPolicy::kAsk;
 
         uozagent::AgentPeer agent(certs, "tcp://" + broker);
         agent.set_responder([&](const uozagent::Received &message) {
             UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
             std::string reply = vehicle.answer_query(message.text);
-            if (reply.empty()) reply = vehicle.answer_consent(message.text, policy, ask_on_terminal);
+            if (reply.empty())
+                reply = vehicle.answer_consent(message.text, policy, ask_on_terminal);
             if (reply.empty()) {
                 UOZ_DBGLOG(UOZ_LOG_WARN, "not a query or consent request: ignored");
                 return std::vector<uozagent::Action>{};
@@ -84,7 +92,8 @@ int main(int argc, char **argv) {
             fprintf(stderr, "uoz-agent: not connected to %s yet; still trying\n", broker.c_str());
         }
         UOZ_DBGLOG(UOZ_LOG_ERR, "uoz-agent ready on %s", broker.c_str());
-        while (!g_stop) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        while (!g_stop)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-agent: %s\n", error.what());
         return 1;

@@ -40,7 +40,7 @@ std::vector<uint8_t> read_dtc_response(const SimulatedEcu &ecu, uint8_t report, 
                                        uint32_t dtc, uint8_t record);
 
 class Vehicle {
-public:
+  public:
     // Throws std::runtime_error for a file that does not describe a vehicle.
     static Vehicle from_json(const std::string &text);
     Vehicle(const Vehicle &other);
@@ -54,7 +54,7 @@ public:
     ConsentPolicy default_policy() const { return policy_; }
     std::vector<std::string> ecu_names() const;
 
-private:
+  private:
     Vehicle() = default;
 
     mutable std::mutex lock_;

@@ -19,12 +19,15 @@ namespace {
 std::vector<std::string> node_ids(const std::string &pki_dir) {
     std::vector<std::string> ids;
     DIR *dir = opendir(pki_dir.c_str());
-    if (dir == nullptr) throw std::runtime_error("cannot read " + pki_dir);
+    if (dir == nullptr)
+        throw std::runtime_error("cannot read " + pki_dir);
     while (dirent *entry = readdir(dir)) {
         std::string name = entry->d_name;
-        if (name == "." || name == ".." || name == "ca" || name == "broker") continue;
+        if (name == "." || name == ".." || name == "ca" || name == "broker")
+            continue;
         struct stat info;
-        if (stat((pki_dir + "/" + name + "/cert.pem").c_str(), &info) == 0) ids.push_back(name);
+        if (stat((pki_dir + "/" + name + "/cert.pem").c_str(), &info) == 0)
+            ids.push_back(name);
     }
     closedir(dir);
     std::sort(ids.begin(), ids.end());
@@ -34,7 +37,8 @@ std::vector<std::string> node_ids(const std::string &pki_dir) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{"Make the certificates of a bus: CA, broker, node identities, broker configuration"};
+    CLI::App app{
+        "Make the certificates of a bus: CA, broker, node identities, broker configuration"};
     app.require_subcommand(1);
     std::string dir;
     std::string ca_name = "udsoverzelko bus CA";

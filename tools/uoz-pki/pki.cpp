@@ -1,5 +1,6 @@
 #include "pki.h"
 
+#include <errno.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
@@ -8,7 +9,6 @@
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 #include <stdio.h>
-#include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
 
@@ -33,13 +33,15 @@ using CertPtr = std::unique_ptr<X509, CertFree>;
 [[noreturn]] void fail(const std::string &what) {
     unsigned long error = ERR_get_error();
     char text[256] = "";
-    if (error != 0) ERR_error_string_n(error, text, sizeof(text));
+    if (error != 0)
+        ERR_error_string_n(error, text, sizeof(text));
     throw std::runtime_error(what + (error != 0 ? std::string(": ") + text : ""));
 }
 
 KeyPtr new_key() {
     KeyPtr key(EVP_EC_gen("P-256"));
-    if (!key) fail("cannot generate a key");
+    if (!key)
+        fail("cannot generate a key");
     return key;
 }
 
@@ -51,44 +53,53 @@ void make_directory(const std::string &path) {
 
 void write_key(const std::string &path, EVP_PKEY *key) {
     FILE *file = fopen(path.c_str(), "w");
-    if (file == nullptr) throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
+    if (file == nullptr)
+        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
     // The broker and test processes may run as other users: keep keys readable
     // by the owner's group only where the directory allows; tests run as root.
     chmod(path.c_str(), 0640);
     bool ok = PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
     fclose(file);
-    if (!ok) fail("cannot write key " + path);
+    if (!ok)
+        fail("cannot write key " + path);
 }
 
 void write_certificate(const std::string &path, X509 *certificate) {
     FILE *file = fopen(path.c_str(), "w");
-    if (file == nullptr) throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
+    if (file == nullptr)
+        throw std::runtime_error("cannot write " + path + ": " + strerror(errno));
     bool ok = PEM_write_X509(file, certificate) == 1;
     fclose(file);
-    if (!ok) fail("cannot write certificate " + path);
+    if (!ok)
+        fail("cannot write certificate " + path);
 }
 
 KeyPtr read_key(const std::string &path) {
     FILE *file = fopen(path.c_str(), "r");
-    if (file == nullptr) throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
+    if (file == nullptr)
+        throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
     KeyPtr key(PEM_read_PrivateKey(file, nullptr, nullptr, nullptr));
     fclose(file);
-    if (!key) fail("cannot read key " + path);
+    if (!key)
+        fail("cannot read key " + path);
     return key;
 }
 
 CertPtr read_certificate(const std::string &path) {
     FILE *file = fopen(path.c_str(), "r");
-    if (file == nullptr) throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
+    if (file == nullptr)
+        throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
     CertPtr certificate(PEM_read_X509(file, nullptr, nullptr, nullptr));
     fclose(file);
-    if (!certificate) fail("cannot read certificate " + path);
+    if (!certificate)
+        fail("cannot read certificate " + path);
     return certificate;
 }
 
 void add_extension(X509 *certificate, X509V3_CTX *context, int nid, const std::string &value) {
     X509_EXTENSION *extension = X509V3_EXT_conf_nid(nullptr, context, nid, value.c_str());
-    if (extension == nullptr) fail("bad certificate extension " + value);
+    if (extension == nullptr)
+        fail("bad certificate extension " + value);
     X509_add_ext(certificate, extension, -1);
     X509_EXTENSION_free(extension);
 }
@@ -102,9 +113,11 @@ struct CertificateRequest {
 };
 
 // Issues a certificate for key, signed by issuer_key (self-signed without issuer).
-CertPtr issue(const CertificateRequest &request, EVP_PKEY *key, X509 *issuer, EVP_PKEY *issuer_key) {
+CertPtr issue(const CertificateRequest &request, EVP_PKEY *key, X509 *issuer,
+              EVP_PKEY *issuer_key) {
     CertPtr certificate(X509_new());
-    if (!certificate) fail("cannot create a certificate");
+    if (!certificate)
+        fail("cannot create a certificate");
     X509_set_version(certificate.get(), 2);
     unsigned char serial[16];
     RAND_bytes(serial, sizeof(serial));
@@ -128,9 +141,9 @@ CertPtr issue(const CertificateRequest &request, EVP_PKEY *key, X509 *issuer, EV
                    nullptr, nullptr, 0);
     add_extension(certificate.get(), &context, NID_basic_constraints,
                   request.is_ca ? "critical,CA:TRUE" : "CA:FALSE");
-    add_extension(certificate.get(), &context, NID_key_usage,
-                  request.is_ca ? "critical,keyCertSign,cRLSign"
-                                : "critical,digitalSignature,keyAgreement");
+    add_extension(
+        certificate.get(), &context, NID_key_usage,
+        request.is_ca ? "critical,keyCertSign,cRLSign" : "critical,digitalSignature,keyAgreement");
     add_extension(certificate.get(), &context, NID_subject_key_identifier, "hash");
     if (!request.is_ca) {
         add_extension(certificate.get(), &context, NID_ext_key_usage, "serverAuth,clientAuth");
@@ -158,10 +171,12 @@ void write_identity(const std::string &directory, const CertificateRequest &requ
 }  // namespace
 
 bool valid_node_id(const std::string &id) {
-    if (id.empty()) return false;
+    if (id.empty())
+        return false;
     for (char c : id) {
         bool allowed = isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '_' || c == '-';
-        if (!allowed) return false;
+        if (!allowed)
+            return false;
     }
     return true;
 }
@@ -200,14 +215,17 @@ void create_node(const std::string &pki_dir, const NodeRequest &node) {
         alt_names += (alt_names.empty() ? "URI:" : ",URI:") + uri;
     };
     for (const std::string &name : node.update_agents) {
-        if (!valid_address_name(name)) throw std::invalid_argument("invalid address name '" + name + "'");
+        if (!valid_address_name(name))
+            throw std::invalid_argument("invalid address name '" + name + "'");
         add("kt5:ua:" + name);
     }
     for (const std::string &name : node.groups) {
-        if (!valid_address_name(name)) throw std::invalid_argument("invalid group name '" + name + "'");
+        if (!valid_address_name(name))
+            throw std::invalid_argument("invalid group name '" + name + "'");
         add("kt5:group:" + name);
     }
-    if (node.dm_client) add("kt5:special:dm-client");
+    if (node.dm_client)
+        add("kt5:special:dm-client");
     CertificateRequest request;
     request.common_name = node.id;
     request.alt_names = alt_names;
@@ -226,7 +244,8 @@ std::string acl_text(const std::vector<NodeAddresses> &nodes) {
     for (const NodeAddresses &node : nodes) {
         acl << "\nuser " << node.id << "\n"
             << "topic read kt5/presence/#\n";
-        for (const std::string &topic : node.read_topics) acl << "topic read " << topic << "\n";
+        for (const std::string &topic : node.read_topics)
+            acl << "topic read " << topic << "\n";
     }
     return acl.str();
 }
@@ -260,13 +279,15 @@ std::vector<NodeAddresses> read_nodes(const std::string &pki_dir,
             X509_get_ext_d2i(certificate.get(), NID_subject_alt_name, nullptr, nullptr));
         for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names); ++i) {
             const GENERAL_NAME *name = sk_GENERAL_NAME_value(names, i);
-            if (name->type != GEN_URI) continue;
+            if (name->type != GEN_URI)
+                continue;
             std::string uri(reinterpret_cast<const char *>(
                                 ASN1_STRING_get0_data(name->d.uniformResourceIdentifier)),
                             ASN1_STRING_length(name->d.uniformResourceIdentifier));
             if (uri.rfind("kt5:ua:", 0) == 0) {
                 std::string agent = uri.substr(7);
-                node.read_topics.push_back("kt5/msg/+/ua" + (agent[0] == '/' ? agent : "/" + agent));
+                node.read_topics.push_back("kt5/msg/+/ua" +
+                                           (agent[0] == '/' ? agent : "/" + agent));
             } else if (uri.rfind("kt5:group:", 0) == 0) {
                 node.read_topics.push_back("kt5/msg/+/group/" + uri.substr(10));
             } else if (uri == "kt5:special:dm-client") {
@@ -282,7 +303,8 @@ std::vector<NodeAddresses> read_nodes(const std::string &pki_dir,
 void write_text(const std::string &path, const std::string &text) {
     std::ofstream file(path);
     file << text;
-    if (!file) throw std::runtime_error("cannot write " + path);
+    if (!file)
+        throw std::runtime_error("cannot write " + path);
 }
 
 }  // namespace uozpki

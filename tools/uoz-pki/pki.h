@@ -33,7 +33,8 @@ void create_broker(const std::string &pki_dir);
 // <dir>/<id>/{cert,private}.pem; throws std::invalid_argument for a bad id.
 void create_node(const std::string &pki_dir, const NodeRequest &node);
 
-std::vector<NodeAddresses> read_nodes(const std::string &pki_dir, const std::vector<std::string> &ids);
+std::vector<NodeAddresses> read_nodes(const std::string &pki_dir,
+                                      const std::vector<std::string> &ids);
 std::string acl_text(const std::vector<NodeAddresses> &nodes);
 std::string broker_config_text(const std::string &pki_dir, int port, const std::string &acl_path);
 void write_text(const std::string &path, const std::string &text);

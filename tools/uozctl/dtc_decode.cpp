@@ -7,39 +7,70 @@ namespace uozctl {
 namespace {
 
 const char *const kStatusBits[8] = {
-    "testFailed", "testFailedThisOperationCycle", "pendingDTC", "confirmedDTC",
-    "testNotCompletedSinceLastClear", "testFailedSinceLastClear",
-    "testNotCompletedThisOperationCycle", "warningIndicatorRequested",
+    "testFailed",
+    "testFailedThisOperationCycle",
+    "pendingDTC",
+    "confirmedDTC",
+    "testNotCompletedSinceLastClear",
+    "testFailedSinceLastClear",
+    "testNotCompletedThisOperationCycle",
+    "warningIndicatorRequested",
 };
 
 const char *report_title(int report) {
     switch (report) {
-        case 0x01: return "number of DTCs by status mask";
-        case 0x02: return "DTCs by status mask";
-        case 0x03: return "snapshot identification";
-        case 0x04: return "snapshot records of a DTC";
-        case 0x05: return "stored data by record number";
-        case 0x06: return "extended data records of a DTC";
-        case 0x07: return "number of DTCs by severity mask";
-        case 0x08: return "DTCs by severity mask";
-        case 0x09: return "severity of a DTC";
-        case 0x0A: return "supported DTCs";
-        case 0x0B: return "first test-failed DTC";
-        case 0x0C: return "first confirmed DTC";
-        case 0x0D: return "most recent test-failed DTC";
-        case 0x0E: return "most recent confirmed DTC";
-        case 0x0F: return "mirror memory DTCs by status mask";
-        case 0x10: return "mirror memory extended data of a DTC";
-        case 0x11: return "number of mirror memory DTCs";
-        case 0x12: return "number of emissions OBD DTCs";
-        case 0x13: return "emissions OBD DTCs by status mask";
-        case 0x14: return "fault detection counters";
-        case 0x15: return "DTCs with permanent status";
-        case 0x16: return "extended data by record number";
-        case 0x17: return "user memory DTCs by status mask";
-        case 0x18: return "user memory snapshot records of a DTC";
-        case 0x19: return "user memory extended data of a DTC";
-        default: return "unknown report";
+        case 0x01:
+            return "number of DTCs by status mask";
+        case 0x02:
+            return "DTCs by status mask";
+        case 0x03:
+            return "snapshot identification";
+        case 0x04:
+            return "snapshot records of a DTC";
+        case 0x05:
+            return "stored data by record number";
+        case 0x06:
+            return "extended data records of a DTC";
+        case 0x07:
+            return "number of DTCs by severity mask";
+        case 0x08:
+            return "DTCs by severity mask";
+        case 0x09:
+            return "severity of a DTC";
+        case 0x0A:
+            return "supported DTCs";
+        case 0x0B:
+            return "first test-failed DTC";
+        case 0x0C:
+            return "first confirmed DTC";
+        case 0x0D:
+            return "most recent test-failed DTC";
+        case 0x0E:
+            return "most recent confirmed DTC";
+        case 0x0F:
+            return "mirror memory DTCs by status mask";
+        case 0x10:
+            return "mirror memory extended data of a DTC";
+        case 0x11:
+            return "number of mirror memory DTCs";
+        case 0x12:
+            return "number of emissions OBD DTCs";
+        case 0x13:
+            return "emissions OBD DTCs by status mask";
+        case 0x14:
+            return "fault detection counters";
+        case 0x15:
+            return "DTCs with permanent status";
+        case 0x16:
+            return "extended data by record number";
+        case 0x17:
+            return "user memory DTCs by status mask";
+        case 0x18:
+            return "user memory snapshot records of a DTC";
+        case 0x19:
+            return "user memory extended data of a DTC";
+        default:
+            return "unknown report";
     }
 }
 
@@ -52,7 +83,8 @@ Dtc make_dtc(uint32_t code, int status) {
     dtc.code = code;
     dtc.text = dtc_text(code);
     dtc.status = status;
-    if (status >= 0) dtc.status_names = status_bit_names(static_cast<uint8_t>(status));
+    if (status >= 0)
+        dtc.status_names = status_bit_names(static_cast<uint8_t>(status));
     return dtc;
 }
 
@@ -60,10 +92,11 @@ Dtc make_dtc(uint32_t code, int status) {
 template <typename Each>
 void decode_items(const uint8_t *bytes, size_t length, size_t item, DtcReport &report, Each each) {
     size_t at = 0;
-    for (; at + item <= length; at += item) each(bytes + at);
+    for (; at + item <= length; at += item)
+        each(bytes + at);
     if (at < length) {
-        report.note = "trailing " + std::to_string(length - at) + " byte(s) that form no whole record: " +
-                      hex_of(bytes + at, length - at);
+        report.note = "trailing " + std::to_string(length - at) +
+                      " byte(s) that form no whole record: " + hex_of(bytes + at, length - at);
     }
 }
 
@@ -73,13 +106,17 @@ void decode_dtc_with_records(const uint8_t *bytes, size_t length, DtcReport &rep
         return;
     }
     Dtc dtc = make_dtc(dtc_at(bytes), bytes[3]);
-    if (length > 4) dtc.records.push_back({bytes[4], hex_of(bytes + 5, length - 5)});
+    if (length > 4)
+        dtc.records.push_back({bytes[4], hex_of(bytes + 5, length - 5)});
     report.dtcs.push_back(dtc);
 }
 
 void decode_body(int kind, const uint8_t *body, size_t length, DtcReport &report) {
     switch (kind) {
-        case 0x01: case 0x07: case 0x11: case 0x12:
+        case 0x01:
+        case 0x07:
+        case 0x11:
+        case 0x12:
             if (length < 4) {
                 report.note = "response too short for a count: " + hex_of(body, length);
                 return;
@@ -87,10 +124,19 @@ void decode_body(int kind, const uint8_t *body, size_t length, DtcReport &report
             report.availability_mask = body[0];
             report.format = body[1];
             report.count = (body[2] << 8) | body[3];
-            if (length > 4) report.note = "extra bytes after the count: " + hex_of(body + 4, length - 4);
+            if (length > 4)
+                report.note = "extra bytes after the count: " + hex_of(body + 4, length - 4);
             return;
-        case 0x02: case 0x0A: case 0x0B: case 0x0C: case 0x0D: case 0x0E: case 0x0F: case 0x13:
-        case 0x15: case 0x17:
+        case 0x02:
+        case 0x0A:
+        case 0x0B:
+        case 0x0C:
+        case 0x0D:
+        case 0x0E:
+        case 0x0F:
+        case 0x13:
+        case 0x15:
+        case 0x17:
             if (length < 1) {
                 report.note = "response without an availability mask";
                 return;
@@ -107,22 +153,29 @@ void decode_body(int kind, const uint8_t *body, size_t length, DtcReport &report
                 report.dtcs.push_back(dtc);
             });
             return;
-        case 0x04: case 0x06: case 0x10: case 0x18: case 0x19:
+        case 0x04:
+        case 0x06:
+        case 0x10:
+        case 0x18:
+        case 0x19:
             decode_dtc_with_records(body, length, report);
             return;
         case 0x05:
             if (length < 5) {
-                report.note = "response too short for a stored data record: " + hex_of(body, length);
+                report.note =
+                    "response too short for a stored data record: " + hex_of(body, length);
                 return;
             }
             {
                 Dtc dtc = make_dtc(dtc_at(body + 1), body[4]);
                 dtc.record_number = body[0];
-                if (length > 5) dtc.records.push_back({body[0], hex_of(body + 5, length - 5)});
+                if (length > 5)
+                    dtc.records.push_back({body[0], hex_of(body + 5, length - 5)});
                 report.dtcs.push_back(dtc);
             }
             return;
-        case 0x08: case 0x09:
+        case 0x08:
+        case 0x09:
             if (length < 1) {
                 report.note = "response without an availability mask";
                 return;
@@ -147,9 +200,10 @@ void decode_body(int kind, const uint8_t *body, size_t length, DtcReport &report
                 report.note = "response without a record number";
                 return;
             }
-            report.note = length > 1 ? "extended data of record " + std::to_string(body[0]) +
-                                           " (layout defined by the ECU): " + hex_of(body + 1, length - 1)
-                                     : "";
+            report.note = length > 1
+                              ? "extended data of record " + std::to_string(body[0]) +
+                                    " (layout defined by the ECU): " + hex_of(body + 1, length - 1)
+                              : "";
             return;
         default:
             report.note = "unknown report; bytes: " + hex_of(body, length);
@@ -180,26 +234,40 @@ std::string dtc_text(uint32_t code) {
 std::vector<std::string> status_bit_names(uint8_t status) {
     std::vector<std::string> names;
     for (int bit = 0; bit < 8; ++bit) {
-        if (status & (1u << bit)) names.push_back(kStatusBits[bit]);
+        if (status & (1u << bit))
+            names.push_back(kStatusBits[bit]);
     }
     return names;
 }
 
 std::string nrc_name(uint8_t nrc) {
     switch (nrc) {
-        case 0x10: return "generalReject";
-        case 0x11: return "serviceNotSupported";
-        case 0x12: return "subFunctionNotSupported";
-        case 0x13: return "incorrectMessageLengthOrInvalidFormat";
-        case 0x14: return "responseTooLong";
-        case 0x21: return "busyRepeatRequest";
-        case 0x22: return "conditionsNotCorrect";
-        case 0x31: return "requestOutOfRange";
-        case 0x33: return "securityAccessDenied";
-        case 0x78: return "requestCorrectlyReceivedResponsePending";
-        case 0x7E: return "subFunctionNotSupportedInActiveSession";
-        case 0x7F: return "serviceNotSupportedInActiveSession";
-        default: return "unknown";
+        case 0x10:
+            return "generalReject";
+        case 0x11:
+            return "serviceNotSupported";
+        case 0x12:
+            return "subFunctionNotSupported";
+        case 0x13:
+            return "incorrectMessageLengthOrInvalidFormat";
+        case 0x14:
+            return "responseTooLong";
+        case 0x21:
+            return "busyRepeatRequest";
+        case 0x22:
+            return "conditionsNotCorrect";
+        case 0x31:
+            return "requestOutOfRange";
+        case 0x33:
+            return "securityAccessDenied";
+        case 0x78:
+            return "requestCorrectlyReceivedResponsePending";
+        case 0x7E:
+            return "subFunctionNotSupportedInActiveSession";
+        case 0x7F:
+            return "serviceNotSupportedInActiveSession";
+        default:
+            return "unknown";
     }
 }
 
@@ -237,7 +305,8 @@ std::string report_to_text(const DtcReport &report) {
                  report.nrc_name.c_str());
         text += line;
     } else if (report.report >= 0) {
-        snprintf(line, sizeof(line), "  report 0x%02X: %s\n", report.report, report.report_name.c_str());
+        snprintf(line, sizeof(line), "  report 0x%02X: %s\n", report.report,
+                 report.report_name.c_str());
         text += line;
     }
     if (report.count >= 0) {
@@ -255,8 +324,10 @@ std::string report_to_text(const DtcReport &report) {
             snprintf(line, sizeof(line), "  status 0x%02X", dtc.status);
             text += line;
             std::string names;
-            for (const std::string &name : dtc.status_names) names += (names.empty() ? "" : ", ") + name;
-            if (!names.empty()) text += " [" + names + "]";
+            for (const std::string &name : dtc.status_names)
+                names += (names.empty() ? "" : ", ") + name;
+            if (!names.empty())
+                text += " [" + names + "]";
         }
         if (dtc.severity >= 0) {
             snprintf(line, sizeof(line), "  severity 0x%02X", dtc.severity);
@@ -273,18 +344,21 @@ std::string report_to_text(const DtcReport &report) {
         }
         text += "\n";
         for (const DataRecord &record : dtc.records) {
-            snprintf(line, sizeof(line), "      record 0x%02X: %s\n", record.number, record.hex.c_str());
+            snprintf(line, sizeof(line), "      record 0x%02X: %s\n", record.number,
+                     record.hex.c_str());
             text += line;
         }
     }
-    if (!report.note.empty()) text += "  note: " + report.note + "\n";
+    if (!report.note.empty())
+        text += "  note: " + report.note + "\n";
     return text;
 }
 
 json_object *report_to_json(const DtcReport &report) {
     json_object *object = json_object_new_object();
     auto add_int = [](json_object *target, const char *key, int value) {
-        if (value >= 0) json_object_object_add(target, key, json_object_new_int(value));
+        if (value >= 0)
+            json_object_object_add(target, key, json_object_new_int(value));
     };
     json_object_object_add(object, "negative", json_object_new_boolean(report.negative));
     add_int(object, "nrc", report.nrc);
@@ -321,7 +395,8 @@ json_object *report_to_json(const DtcReport &report) {
         json_object_array_add(dtcs, item);
     }
     json_object_object_add(object, "dtcs", dtcs);
-    if (!report.note.empty()) json_object_object_add(object, "note", json_object_new_string(report.note.c_str()));
+    if (!report.note.empty())
+        json_object_object_add(object, "note", json_object_new_string(report.note.c_str()));
     return object;
 }
 

@@ -12,19 +12,19 @@
 namespace uozctl {
 
 struct DataRecord {
-    int number = -1;        // -1 when the layout gives no record number
-    std::string hex;        // the record's bytes
+    int number = -1;  // -1 when the layout gives no record number
+    std::string hex;  // the record's bytes
 };
 
 struct Dtc {
-    uint32_t code = 0;              // three bytes
-    std::string text;               // "P0301-00"
-    int status = -1;                // -1 when the report carries none
+    uint32_t code = 0;  // three bytes
+    std::string text;   // "P0301-00"
+    int status = -1;    // -1 when the report carries none
     std::vector<std::string> status_names;
     int severity = -1;
     int functional_unit = -1;
     int fault_detection_counter = -1;
-    int record_number = -1;         // snapshot identification, stored data
+    int record_number = -1;  // snapshot identification, stored data
     std::vector<DataRecord> records;
 };
 
