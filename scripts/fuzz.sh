@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DUOZ_SANITIZE=fuzzer -DUOZ_BUILD_FUZZ=ON -DUOZ_BUILD_TESTS=OFF -DUOZ_BUILD_TOOLS=OFF >/dev/null
-targets=$(sed -n 's/^foreach(target \(.*\))$/\1/p' fuzz/CMakeLists.txt)
+targets="$(sed -n 's/^foreach(target \(.*\))$/\1/p' fuzz/CMakeLists.txt) fuzz_dtc_decode"
 cmake --build build-fuzz -j"${JOBS:-2}" --target $targets
 status=0
 for target in $targets; do

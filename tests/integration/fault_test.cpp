@@ -77,13 +77,17 @@ TEST_F(FaultTest, floodOfStrayRepliesKeepsMemoryFlatAndAnswersFlowing) {
         return std::vector<Action>{Action(reply_for(query.text, kVersionReply))};
     });
     start_library(kTestConfig);
+    // Another node floods the library's address; the agent's own bus client
+    // stays free for its answers.
+    uozagent::AgentPeer flooder(identity_dir("peer1"), broker_.url());
+    ASSERT_TRUE(flooder.wait_running());
     long before = resident_kib();
     std::thread flood([&] {
         for (int i = 0; i < 100000; ++i, ++sent) {
             Action stray(R"({"type":"zelko.skyharbor-query-update","reply-to":"x","body":{"targetAddress":"0x999"}})");
             stray.kind = KT5BUS_ADDR_UA;
             stray.name = "/uoz/app";
-            agent_->send(stray);
+            flooder.send(stray);
             // Paced to what one bus client may have unacknowledged.
             if (i % 500 == 499) std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
