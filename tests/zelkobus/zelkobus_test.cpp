@@ -97,7 +97,9 @@ TEST_F(ZelkobusTest, NullCertDirCallsNoBusOperation) {
 }
 
 TEST_F(ZelkobusTest, MissingPrivateKeyStopsBeforeOtherFiles) {
-    write_identity(false, true, true);
+    // Dangling links: opening either would log another "unable to open path".
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/ca/ca.pem").c_str()));
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
     std::string output;
     EXPECT_EQ(nullptr, start(&output));
     std::string dir = root_ + "/app";
@@ -112,9 +114,9 @@ TEST_F(ZelkobusTest, MissingPrivateKeyStopsBeforeOtherFiles) {
 }
 
 TEST_F(ZelkobusTest, MissingCaLeavesCertificateUnread) {
-    // cert.pem is a directory: reading it would log a read failure.
+    // A dangling cert.pem: opening it would log another "unable to open path".
     write_identity(true, false, false);
-    mkdir((root_ + "/app/cert.pem").c_str(), 0700);
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
     std::string output;
     EXPECT_EQ(nullptr, start(&output));
     auto lines = log_lines(output);
