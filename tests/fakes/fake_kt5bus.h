@@ -1,40 +1,50 @@
-// A fake bus library for the wrapper's unit tests: it records every call, can
-// refuse any operation, and reports from a thread of its own, as the real
-// library does.
+// A stand-in for the bus library: records every call with its arguments,
+// refuses operations on request and plays the library's callbacks from a
+// thread of its own, so that the bus wrapper can be tested without a broker.
 #ifndef UOZ_TESTS_FAKE_KT5BUS_H
 #define UOZ_TESTS_FAKE_KT5BUS_H
 
-#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kt5bus/kt5bus.h"
 
 namespace fakebus {
 
-struct Settings {
-    int init_client_result = 0;
-    int send_result = 0;
-    int chain_result = 0;        // for every chain_address call
-    int chain_fail_on_call = 0;  // 1-based call that fails with chain_result; 0: all
-    int identity_result = 0;
-    bool report_stopped = true;  // call the stopped callback on stop
-    int stopped_delay_ms = 0;
-    std::vector<kt5bus_address> identity_addresses;  // what get_identity_data names
-};
-
-// Resets the recorded calls and the settings.
-void reset(const Settings &settings = Settings());
-// Names of the calls made so far, in order ("init_ll", "send_message", ...).
+// Forget every call, result, pending message and client.
+void reset();
+// Every call so far, in order, e.g. "init_client(tcp://h:1)".
 std::vector<std::string> calls();
-// The client record given to kt5bus_init_client, or nullptr.
+// Result of the named operation ("init_client", "send_message",
+// "chain_address", "get_identity_data", "stop_client").
+void set_result(const std::string &operation, int result);
+// chain_address refuses this name with KT5BUS_ERR_INVALID.
+void refuse_name(const std::string &name);
+// Addresses that get_identity_data reports: (kind, name) with the special
+// code in decimal for KT5BUS_ADDR_SPECIAL.
+void set_identity_addresses(const std::vector<std::pair<int, std::string>> &addresses);
+// Whether stop_client calls the stopped callback (default true).
+void set_call_stopped(bool call);
+// Id given to the next accepted message (then counts up).
+void set_next_id(uint32_t id);
+
+// The client record of the last init_client, or nullptr.
 kt5bus_client *client();
-// Messages accepted by kt5bus_send_message and not yet reported.
-std::vector<kt5bus_message *> accepted();
-// Runs the function on the fake's own thread and waits for it.
-void on_bus_thread(const std::function<void()> &work);
-// Reports an accepted message as delivered (ok 1) or not (0), from the bus thread.
-void report_delivery(kt5bus_message *message, int ok);
+// Messages accepted and not yet handed back, oldest first.
+size_t pending_count();
+// Text and length of the i-th accepted message (still pending).
+std::string pending_text(size_t index);
+size_t pending_length(size_t index);
+std::string pending_content_type(size_t index);
+std::string pending_destination(size_t index);  // "kind:name,kind:name"
+
+// Callbacks, each run on a fresh thread that is joined before returning.
+void deliver_oldest(int ok);
+void inject_message(const std::string &text, size_t length, kt5bus_address *source);
+void inject_presence(kt5bus_address *connected, kt5bus_address *disconnected);
+void inject_status(int status);
+void inject_stopped();
 
 }  // namespace fakebus
 

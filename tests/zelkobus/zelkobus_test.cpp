@@ -1,339 +1,388 @@
-// The bus wrapper on the fake bus library: message sequences, identity files,
-// sending and ownership, and what the callbacks log and change.
+// The bus wrapper over the fake bus library: exact log texts, call order,
+// ownership of message records and the callbacks' threading.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <atomic>
 #include <fstream>
 #include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
 
-#include "../core/log_capture.h"
 #include "fake_kt5bus.h"
+#include "logging/uoz_log.h"
 #include "zelkobus/zelkobus.h"
 
-namespace uoztest {
 namespace {
 
-// Log lines without time stamps, file names and line numbers.
-std::vector<std::string> messages(const std::string &log) {
+// "[stamp] LABEL file:line text" becomes "LABEL file: text".
+std::vector<std::string> log_lines(const std::string &output) {
+    std::string plain = std::regex_replace(output, std::regex("\x1b\\[[0-9;]*m"), "");
+    static const std::regex line_form(R"(^\[[^\]]+\] +(\w+) +([\w.]+):[0-9]+ (.*)$)");
     std::vector<std::string> lines;
-    std::regex line(R"(\[T\] \S+ +\S+:\d+ (.*))");
-    std::istringstream stream(log);
-    std::string text;
-    while (std::getline(stream, text)) {
-        std::smatch match;
-        if (std::regex_match(text, match, line))
-            lines.push_back(match[1]);
+    std::istringstream stream(plain);
+    std::string line;
+    std::smatch match;
+    while (std::getline(stream, line)) {
+        if (std::regex_match(line, match, line_form))
+            lines.push_back(match[1].str() + " " + match[2].str() + ": " + match[3].str());
+        else if (!line.empty())
+            lines.push_back("? " + line);
     }
     return lines;
 }
 
-// <root>/node/{private.pem,cert.pem} and <root>/ca/ca.pem, any of them left out.
-class IdentityDir {
-  public:
-    explicit IdentityDir(bool key = true, bool cert = true, bool ca = true) {
-        char dir[] = "/tmp/uoz-identity-XXXXXX";
-        root_ = mkdtemp(dir);
-        mkdir((root_ + "/node").c_str(), 0755);
-        mkdir((root_ + "/ca").c_str(), 0755);
-        if (key)
-            write(node() + "/private.pem", "KEY");
-        if (cert)
-            write(node() + "/cert.pem", "CERT");
-        if (ca)
-            write(root_ + "/ca/ca.pem", "CA");
-    }
-    ~IdentityDir() { system(("rm -rf " + root_).c_str()); }
-    std::string node() const { return root_ + "/node"; }
-    std::string root() const { return root_; }
-    static void write(const std::string &path, const std::string &text) {
-        std::ofstream(path) << text;
-    }
-
-  private:
-    std::string root_;
-};
-
-kt5bus_address address(int kind, const char *name) {
-    kt5bus_address result{};
-    result.kind = kind;
-    result.value.name = const_cast<char *>(name);
-    return result;
-}
-
-kt5bus_address special(int code) {
-    kt5bus_address result{};
-    result.kind = KT5BUS_ADDR_SPECIAL;
-    result.value.special = code;
-    return result;
-}
-
-int count_messages(const char *, size_t, const kt5bus_address *, void *user_data) {
-    ++*static_cast<int *>(user_data);
-    return 0;
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary) << content;
 }
 
 class ZelkobusTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        fakebus::Settings settings;
-        settings.identity_addresses = {address(KT5BUS_ADDR_GROUP, "grp"),
-                                       address(KT5BUS_ADDR_UA, "/uoz/app"), special(0),
-                                       address(KT5BUS_ADDR_UA, "/second")};
-        fakebus::reset(settings);
+        fakebus::reset();
+        uoz_dbg_level = UOZ_LOG_D2BG;
+        char pattern[] = "/tmp/zelkobus-test-XXXXXX";
+        root_ = mkdtemp(pattern);
+        mkdir((root_ + "/ca").c_str(), 0700);
+        mkdir((root_ + "/app").c_str(), 0700);
     }
-
-    BusConnection *start(const IdentityDir &identity, void *user_data = nullptr) {
-        return zebus_init(nullptr, identity.node().c_str(), "tcp://localhost:1", user_data,
-                          count_messages, 0);
+    void TearDown() override {
+        std::string command = "rm -rf '" + root_ + "'";
+        ASSERT_EQ(0, system(command.c_str()));
     }
+    void write_identity(bool key = true, bool ca = true, bool cert = true) {
+        if (key)
+            write_file(root_ + "/app/private.pem", "KEY");
+        if (ca)
+            write_file(root_ + "/ca/ca.pem", "CA");
+        if (cert)
+            write_file(root_ + "/app/cert.pem", "CERT");
+    }
+    BusConnection *start(std::string *output = nullptr) {
+        testing::internal::CaptureStdout();
+        BusConnection *connection =
+            zebus_init("app", root_.c_str(), "tcp://broker:1", &user_data_, record_message, 0);
+        std::string text = testing::internal::GetCapturedStdout();
+        if (output)
+            *output = text;
+        return connection;
+    }
+    static int record_message(const char *data, size_t length, const kt5bus_address *source,
+                              void *user_data) {
+        auto *self = static_cast<std::vector<std::string> *>(user_data);
+        char *from = zebus_address_to_text(source);
+        self->push_back(std::string(data, length - 1) + "|" + (from ? from : "-"));
+        free(from);
+        return 0;
+    }
+    std::string root_;
+    std::vector<std::string> user_data_;
 };
 
-TEST_F(ZelkobusTest, nullCertDirFailsBeforeAnyBusCall) {
-    LogCapture capture(4);
-    EXPECT_EQ(zebus_init(nullptr, nullptr, "tcp://x:1", nullptr, nullptr, 0), nullptr);
+TEST_F(ZelkobusTest, NullCertDirCallsNoBusOperation) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(nullptr, zebus_init("app", nullptr, "tcp://broker:1", nullptr, nullptr, 0));
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
     EXPECT_EQ(
-        messages(capture.text()),
-        (std::vector<std::string>{"cert_dir is NULL", "Failed to init kt5bus client err=-1."}));
+        (std::vector<std::string>{"ERR connection.cpp: cert_dir is NULL",
+                                  "ERR connection.cpp: Failed to init kt5bus client err=-1."}),
+        lines);
     EXPECT_TRUE(fakebus::calls().empty());
-    EXPECT_STREQ(zebus_last_error, "cert_dir is NULL");
+    EXPECT_STREQ("cert_dir is NULL", zebus_last_error);
 }
 
-TEST_F(ZelkobusTest, missingPrivateKeyStopsTheLoadAndTheStart) {
-    IdentityDir identity(false, true, true);
-    LogCapture capture(4);
-    EXPECT_EQ(start(identity), nullptr);
-    EXPECT_EQ(
-        messages(capture.text()),
-        (std::vector<std::string>{"unable to open path", "identity->x509.private_key is NULL",
-                                  "Failed to load identity certificate from " + identity.node(),
-                                  "Failed to init kt5bus client err=-1."}));
-    EXPECT_EQ(fakebus::calls(), (std::vector<std::string>{"init_ll", "stop_client", "fini_ll"}));
+TEST_F(ZelkobusTest, MissingPrivateKeyStopsBeforeOtherFiles) {
+    // Dangling links: opening either would log another "unable to open path".
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/ca/ca.pem").c_str()));
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
+    std::string output;
+    EXPECT_EQ(nullptr, start(&output));
+    std::string dir = root_ + "/app";
+    EXPECT_EQ((std::vector<std::string>{
+                  "ERR util.cpp: unable to open path",
+                  "ERR identity.cpp: identity->x509.private_key is NULL",
+                  "ERR connection.cpp: Failed to load identity certificate from " + dir,
+                  "ERR connection.cpp: Failed to init kt5bus client err=-1."}),
+              log_lines(output));
+    EXPECT_EQ((std::vector<std::string>{"init_ll(debug)", "stop_client()", "fini_ll()"}),
+              fakebus::calls());
 }
 
-TEST_F(ZelkobusTest, missingCaIsReportedAsTrust) {
-    IdentityDir identity(true, true, false);
-    LogCapture capture(0);
-    EXPECT_EQ(start(identity), nullptr);
-    std::vector<std::string> lines = messages(capture.text());
-    ASSERT_GE(lines.size(), 2u);
-    EXPECT_EQ(lines[1], "identity->x509.trust[0] is NULL");
+TEST_F(ZelkobusTest, MissingCaLeavesCertificateUnread) {
+    // A dangling cert.pem: opening it would log another "unable to open path".
+    write_identity(true, false, false);
+    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
+    std::string output;
+    EXPECT_EQ(nullptr, start(&output));
+    auto lines = log_lines(output);
+    ASSERT_EQ(4u, lines.size());
+    EXPECT_EQ("ERR util.cpp: unable to open path", lines[0]);
+    EXPECT_EQ("ERR identity.cpp: identity->x509.trust[0] is NULL", lines[1]);
+    EXPECT_EQ("ERR connection.cpp: Failed to load identity certificate from " + root_ + "/app",
+              lines[2]);
 }
 
-TEST_F(ZelkobusTest, identityComesFromTheSubDirectoryAndItsSiblingCa) {
-    IdentityDir identity;
-    LogCapture capture(2);
-    BusConnection *connection =
-        zebus_init("node", identity.root().c_str(), "tcp://localhost:1", nullptr, nullptr, 0);
-    ASSERT_NE(connection, nullptr);
-    // <root>/node/../ca/ca.pem is <root>/ca/ca.pem, which exists; <root>/../ca would not.
-    EXPECT_STREQ(connection->node_name, "/uoz/app");
-    EXPECT_STREQ(connection->group_name, "grp");
-    EXPECT_EQ(connection->client.identity.x509.private_key->length, 4u);
-    EXPECT_EQ(connection->running.load(), 1);
-    EXPECT_EQ(fakebus::client(), &connection->client);
-    zebus_stop(connection);
-    std::vector<std::string> lines = messages(capture.text());
-    EXPECT_NE(std::find(lines.begin(), lines.end(), "node=/uoz/app, cert_dir=" + identity.root()),
-              lines.end());
-}
-
-TEST_F(ZelkobusTest, refusedStartReportsTheBusCodeTwice) {
-    IdentityDir identity;
-    fakebus::Settings settings;
-    settings.init_client_result = -7;
-    fakebus::reset(settings);
-    LogCapture capture(0);
-    EXPECT_EQ(start(identity), nullptr);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"Failed to init kt5bus client err=-7.",
-                                        "Failed to init kt5bus client err=-7."}));
-}
-
-TEST_F(ZelkobusTest, emptyPemLoadsAsOneZeroByte) {
-    IdentityDir identity;
-    IdentityDir::write(identity.node() + "/empty.pem", "");
-    kt5bus_buffer *buffer = zebus_read_file((identity.node() + "/empty.pem").c_str());
-    ASSERT_NE(buffer, nullptr);
-    EXPECT_EQ(buffer->length, 1u);
-    EXPECT_EQ(static_cast<char *>(buffer->data)[0], '\0');
-    EXPECT_EQ(buffer->encoding, KT5BUS_ENCODING_PEM);
-    free(buffer->data);
-    free(buffer);
-}
-
-TEST_F(ZelkobusTest, sendHandsOverACopyWithContentTypeAndTerminator) {
-    IdentityDir identity;
-    BusConnection *connection = start(identity);
-    ASSERT_NE(connection, nullptr);
-    char *text = strdup("{\"a\":1}");
-    LogCapture capture(2);
-    EXPECT_EQ(zebus_send_message_to(connection, text, KT5BUS_ADDR_UA, "/ZDATA/UDS"), 0);
-    free(text);  // the caller's text is never taken over
-    auto accepted = fakebus::accepted();
-    ASSERT_EQ(accepted.size(), 1u);
-    EXPECT_STREQ(accepted[0]->content_type, "application/json");
-    EXPECT_EQ(accepted[0]->length, 8u);
-    EXPECT_STREQ(static_cast<char *>(accepted[0]->data), "{\"a\":1}");
-    EXPECT_STREQ(accepted[0]->destination->value.name, "/ZDATA/UDS");
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{
-                  "zebus_send_message status=0, target=/ZDATA/UDS, id=00100, msg={\"a\":1}"}));
-    fakebus::report_delivery(accepted[0], 1);  // released by the wrapper (ASan checks)
-    zebus_stop(connection);
-}
-
-TEST_F(ZelkobusTest, refusedSendLogsThenReleasesEverything) {
-    IdentityDir identity;
-    BusConnection *connection = start(identity);
-    fakebus::Settings settings;
-    settings.send_result = 9;
-    fakebus::reset(settings);
-    LogCapture capture(2);
-    EXPECT_EQ(zebus_send_message_to(connection, "{}", KT5BUS_ADDR_UA, "/ZDATA/UDS"), 9);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{
-                  "zebus_send_message status=9, target=/ZDATA/UDS, id=00000, msg={}",
-                  "Failed to send message over Zelko Bus"}));
-    EXPECT_EQ(zebus_send_message_to(nullptr, "{}", KT5BUS_ADDR_UA, "x"), -1);
-    EXPECT_STREQ(zebus_last_error, "Zelko Bus connection is NULL");
-    EXPECT_EQ(zebus_send_message_to(connection, nullptr, KT5BUS_ADDR_UA, "x"), -1);
-    EXPECT_STREQ(zebus_last_error, "message is NULL");
-    fakebus::reset();
-    zebus_stop(connection);
-}
-
-TEST_F(ZelkobusTest, groupListsNeedEveryName) {
-    IdentityDir identity;
-    BusConnection *connection = start(identity);
-    const char *const empty[] = {nullptr};
-    LogCapture capture(0);
-    EXPECT_EQ(zebus_send_message(connection, "{}", empty), -1);
-    fakebus::Settings settings;
-    settings.chain_result = 5;
-    settings.chain_fail_on_call = 2;
-    fakebus::reset(settings);
-    const char *const groups[] = {"policy-agent", "second", "third", nullptr};
-    EXPECT_EQ(zebus_send_message(connection, "{}", groups), -1);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"Error while adding type handler",
-                                        "Failed to get address for second",
-                                        "Error while adding type handler"}));
-    EXPECT_EQ(fakebus::calls(),
-              (std::vector<std::string>{"chain_address", "chain_address", "free_address"}));
-    fakebus::reset();
-    zebus_stop(connection);
-}
-
-TEST_F(ZelkobusTest, failedDeliveriesLogFourInARowUntilAnAcknowledgement) {
-    IdentityDir identity;
-    BusConnection *connection = start(identity);
-    LogCapture capture(4);
-    for (int i = 0; i < 7; ++i)
-        zebus_send_message_to(connection, "{}", KT5BUS_ADDR_UA, "a");
-    auto accepted = fakebus::accepted();
-    for (int i = 0; i < 5; ++i)
-        fakebus::report_delivery(accepted[i], 0);
-    EXPECT_EQ(connection->failed_deliveries, 5);
-    fakebus::report_delivery(accepted[5], 1);
-    EXPECT_EQ(connection->failed_deliveries, 0);
-    fakebus::report_delivery(accepted[6], 0);
-    std::string log = capture.text();
-    std::vector<std::string> reports;
-    for (const std::string &line : messages(log)) {
-        if (line.rfind("BUS", 0) == 0)
-            reports.push_back(line);
+TEST_F(ZelkobusTest, ReadFileLengthIsSizePlusOne) {
+    const struct {
+        std::string content;
+    } cases[] = {{""}, {"A"}, {std::string(1024, 'x')}, {std::string(3000, 'y')}};
+    for (const auto &c : cases) {
+        std::string path = root_ + "/file.pem";
+        write_file(path, c.content);
+        kt5bus_buffer *buffer = zebus_read_file(path.c_str());
+        ASSERT_NE(nullptr, buffer);
+        EXPECT_EQ(c.content.size() + 1, buffer->length);
+        EXPECT_EQ(KT5BUS_ENCODING_PEM, buffer->encoding);
+        EXPECT_EQ(0, memcmp(buffer->data, c.content.data(), c.content.size()));
+        EXPECT_EQ('\0', static_cast<char *>(buffer->data)[c.content.size()]);
+        free(buffer->data);
+        free(buffer);
     }
-    EXPECT_EQ(reports, (std::vector<std::string>{"BUS ERR 00100 {}", "BUS ERR 00101 {}",
-                                                 "BUS ERR 00102 {}", "BUS ERR 00103 {}",
-                                                 "BUS ACK 00105 {}", "BUS ERR 00106 {}"}));
+}
+
+TEST_F(ZelkobusTest, IdentityDirectoryWithAndWithoutSubdirectory) {
+    write_identity();
+    fakebus::set_identity_addresses({{KT5BUS_ADDR_UA, "/uoz/app"}, {KT5BUS_ADDR_GROUP, "g1"}});
+    std::string output;
+    BusConnection *connection = start(&output);
+    ASSERT_NE(nullptr, connection);
+    EXPECT_STREQ("/uoz/app", connection->node_name);
+    EXPECT_STREQ("g1", connection->group_name);
+    auto lines = log_lines(output);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ("INFO connection.cpp: node=/uoz/app, cert_dir=" + root_, lines.back());
+    zebus_stop(connection);
+
+    fakebus::reset();
+    std::string app = root_ + "/app";
+    testing::internal::CaptureStdout();
+    connection = zebus_init(nullptr, app.c_str(), "tcp://broker:1", nullptr, nullptr, 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_NE(nullptr, connection);
+    EXPECT_EQ("get_identity_data(KEY)", fakebus::calls().at(1));
     zebus_stop(connection);
 }
 
-TEST_F(ZelkobusTest, presenceOfTheDmClientSetsAndClearsItsBit) {
-    IdentityDir identity;
-    BusConnection *connection = start(identity);
-    kt5bus_address dm = special(0);
-    kt5bus_address agent = address(KT5BUS_ADDR_UA, "/ZDATA/UDS");
-    LogCapture capture(2);
-    fakebus::on_bus_thread([&] { zebus_on_presence(&connection->client, &dm, nullptr); });
-    EXPECT_EQ(connection->state, 0x06u);
-    fakebus::on_bus_thread([&] { zebus_on_presence(&connection->client, nullptr, &dm); });
-    EXPECT_EQ(connection->state, 0x02u);
-    fakebus::on_bus_thread([&] { zebus_on_presence(&connection->client, &agent, nullptr); });
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"Connected: <DM-CLIENT>", "Zelko Bus state: 0x06",
-                                        "Disconnected: <DM-CLIENT>", "Zelko Bus state: 0x02",
-                                        "Connected: <UA: /ZDATA/UDS> ", "Zelko Bus state: 0x02"}));
-    zebus_stop(connection);
+TEST_F(ZelkobusTest, RefusedClientStartReportsItsCode) {
+    write_identity();
+    fakebus::set_result("init_client", KT5BUS_ERR_URL);
+    std::string output;
+    EXPECT_EQ(nullptr, start(&output));
+    auto lines = log_lines(output);
+    ASSERT_GE(lines.size(), 1u);
+    EXPECT_EQ("ERR connection.cpp: Failed to init kt5bus client err=-4.", lines.back());
+    auto calls = fakebus::calls();
+    ASSERT_GE(calls.size(), 3u);
+    EXPECT_EQ("init_client(tcp://broker:1)", calls[calls.size() - 3]);
+    EXPECT_EQ("stop_client()", calls[calls.size() - 2]);
+    EXPECT_EQ("fini_ll()", calls.back());
 }
 
-TEST_F(ZelkobusTest, statusCodesHaveTheirTexts) {
-    LogCapture capture(2);
-    for (int status : {0, 1, 2, 3, 4, 5, 6, 7, 12})
-        zebus_on_status(nullptr, status);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{
-                  "Zelko Bus connection: running", "Zelko Bus error: resolution failed",
-                  "Zelko Bus error: connection failed", "Zelko Bus error: registration failed",
-                  "Zelko Bus error: connection broke", "Zelko Bus error: connection aborted",
-                  "Zelko Bus error: client stopped", "Zelko Bus connection: start",
-                  "Zelko Bus error: condition=12"}));
+class StartedTest : public ZelkobusTest {
+  protected:
+    void SetUp() override {
+        ZelkobusTest::SetUp();
+        write_identity();
+        connection_ = start();
+        ASSERT_NE(nullptr, connection_);
+    }
+    void TearDown() override {
+        if (connection_)
+            zebus_stop(connection_);
+        ZelkobusTest::TearDown();
+    }
+    BusConnection *connection_ = nullptr;
+};
+
+TEST_F(StartedTest, SendCopiesTextAndLogsIt) {
+    fakebus::set_next_id(0x1a);
+    char *text = strdup("{\"a\":1}");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, zebus_send_message_to(connection_, text, KT5BUS_ADDR_UA, "/ZDATA/UDS"));
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    memset(text, 'X', strlen(text));
+    free(text);
+    EXPECT_EQ((std::vector<std::string>{"INFO send.cpp: zebus_send_message status=0, "
+                                        "target=/ZDATA/UDS, id=0001a, msg={\"a\":1}"}),
+              lines);
+    ASSERT_EQ(1u, fakebus::pending_count());
+    EXPECT_EQ("{\"a\":1}", fakebus::pending_text(0));
+    EXPECT_EQ(strlen("{\"a\":1}") + 1, fakebus::pending_length(0));
+    EXPECT_EQ("application/json", fakebus::pending_content_type(0));
+    EXPECT_EQ("2:/ZDATA/UDS", fakebus::pending_destination(0));
 }
 
-TEST_F(ZelkobusTest, addressesHaveTheirTextForms) {
-    struct Case {
-        kt5bus_address address;
+TEST_F(StartedTest, RefusedSendReleasesEverything) {
+    fakebus::set_result("send_message", KT5BUS_ERR_FULL);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(KT5BUS_ERR_FULL, zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ("INFO send.cpp: zebus_send_message status=-6, target=g, id=00000, msg={}", lines[0]);
+    EXPECT_EQ(0u, fakebus::pending_count());  // leaks would show under ASan
+}
+
+TEST_F(StartedTest, SendToGroupsNeedsEveryName) {
+    const char *empty[] = {nullptr};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty));
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    EXPECT_EQ((std::vector<std::string>{"ERR send.cpp: Error while adding type handler"}), lines);
+
+    fakebus::refuse_name("bad");
+    const char *names[] = {"good", "bad", nullptr};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, zebus_send_message(connection_, "{}", names));
+    lines = log_lines(testing::internal::GetCapturedStdout());
+    EXPECT_EQ((std::vector<std::string>{"ERR send.cpp: Failed to get address for bad",
+                                        "ERR send.cpp: Error while adding type handler"}),
+              lines);
+    EXPECT_EQ(0u, fakebus::pending_count());
+
+    const char *two[] = {"g1", "g2", nullptr};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(0, zebus_send_message(connection_, "{}", two));
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ("3:g1,3:g2", fakebus::pending_destination(0));
+}
+
+TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
+    for (int i = 0; i < 7; ++i) {
+        testing::internal::CaptureStdout();
+        zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u");
+        testing::internal::GetCapturedStdout();
+    }
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 5; ++i)
+        fakebus::deliver_oldest(0);
+    fakebus::deliver_oldest(1);
+    fakebus::deliver_oldest(0);
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    EXPECT_EQ((std::vector<std::string>{
+                  "WARN callbacks.cpp: BUS ERR 00001 {}", "WARN callbacks.cpp: BUS ERR 00002 {}",
+                  "WARN callbacks.cpp: BUS ERR 00003 {}", "WARN callbacks.cpp: BUS ERR 00004 {}",
+                  "D2BG callbacks.cpp: BUS ACK 00006 {}", "WARN callbacks.cpp: BUS ERR 00007 {}"}),
+              lines);
+}
+
+kt5bus_address *chain(std::initializer_list<std::pair<int, const char *>> entries) {
+    kt5bus_address *list = nullptr;
+    for (const auto &entry : entries) {
+        if (entry.first == KT5BUS_ADDR_SPECIAL)
+            kt5bus_chain_address(&list, entry.first, atoi(entry.second));
+        else
+            kt5bus_chain_address(&list, entry.first, entry.second, 1);
+    }
+    return list;
+}
+
+TEST_F(StartedTest, PresenceBits) {
+    kt5bus_address *dm = chain({{KT5BUS_ADDR_SPECIAL, "0"}});
+    kt5bus_address *ua = chain({{KT5BUS_ADDR_UA, "/x"}});
+    testing::internal::CaptureStdout();
+    fakebus::inject_presence(ua, nullptr);
+    fakebus::inject_presence(dm, nullptr);
+    fakebus::inject_presence(nullptr, dm);
+    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    EXPECT_EQ((std::vector<std::string>{"INFO callbacks.cpp: Connected: <UA: /x> ",
+                                        "INFO callbacks.cpp: Zelko Bus state: 0x02",
+                                        "INFO callbacks.cpp: Connected: <DM-CLIENT>",
+                                        "INFO callbacks.cpp: Zelko Bus state: 0x06",
+                                        "INFO callbacks.cpp: Disconnected: <DM-CLIENT>",
+                                        "INFO callbacks.cpp: Zelko Bus state: 0x02"}),
+              lines);
+    kt5bus_free_address(dm, 1);
+    kt5bus_free_address(ua, 1);
+}
+
+TEST_F(StartedTest, StatusTexts) {
+    const struct {
+        int status;
+        const char *line;
+    } cases[] = {
+        {0, "INFO callbacks.cpp: Zelko Bus connection: running"},
+        {1, "ERR callbacks.cpp: Zelko Bus error: resolution failed"},
+        {2, "ERR callbacks.cpp: Zelko Bus error: connection failed"},
+        {3, "ERR callbacks.cpp: Zelko Bus error: registration failed"},
+        {4, "ERR callbacks.cpp: Zelko Bus error: connection broke"},
+        {5, "ERR callbacks.cpp: Zelko Bus error: connection aborted"},
+        {6, "ERR callbacks.cpp: Zelko Bus error: client stopped"},
+        {7, "INFO callbacks.cpp: Zelko Bus connection: start"},
+        {12, "ERR callbacks.cpp: Zelko Bus error: condition=12"},
+    };
+    for (const auto &c : cases) {
+        testing::internal::CaptureStdout();
+        fakebus::inject_status(c.status);
+        EXPECT_EQ(std::vector<std::string>{c.line},
+                  log_lines(testing::internal::GetCapturedStdout()));
+    }
+    EXPECT_EQ(1, connection_->running.load());  // status 6 does not end the client
+}
+
+TEST_F(StartedTest, MessagesReachTheCallback) {
+    kt5bus_address *from = chain({{KT5BUS_ADDR_UA, "/ZDATA/UDS"}});
+    fakebus::inject_message("{\"r\":1}", 8, from);
+    EXPECT_EQ((std::vector<std::string>{"{\"r\":1}|<UA: /ZDATA/UDS> "}), user_data_);
+    kt5bus_free_address(from, 1);
+}
+
+TEST_F(StartedTest, StopWaitsForTheStoppedCallback) {
+    fakebus::set_call_stopped(false);
+    std::atomic<bool> done{false};
+    std::thread stopper([&] {
+        zebus_stop(connection_);
+        done = true;
+    });
+    usleep(100000);
+    EXPECT_FALSE(done.load());
+    fakebus::inject_stopped();
+    stopper.join();
+    EXPECT_TRUE(done.load());
+    connection_ = nullptr;
+    auto calls = fakebus::calls();
+    EXPECT_EQ("stop_client()", calls[calls.size() - 2]);
+    EXPECT_EQ("fini_ll()", calls.back());
+}
+
+TEST(ZelkobusCallbacks, MessageBeforeOwnerIsIgnored) {
+    kt5bus_client client{};
+    kt5bus_message message{};
+    message.data = const_cast<char *>("{}");
+    message.length = 3;
+    testing::internal::CaptureStdout();
+    zebus_on_message(&client, &message);
+    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+}
+
+TEST(ZelkobusAddressText, Forms) {
+    kt5bus_address address{};
+    char name[] = "n";
+    const struct {
+        int kind;
+        int special;
         const char *text;
-    } cases[] = {{address(KT5BUS_ADDR_UA, "/ZDATA/UDS"), "<UA: /ZDATA/UDS> "},
-                 {address(KT5BUS_ADDR_GROUP, "policy-agent"), "<GRP: policy-agent>"},
-                 {special(0), "<DM-CLIENT>"},
-                 {special(5), "<UNKNOWN SPECIAL 5>"},
-                 {address(9, "x"), "<UNKNOWN TYPE 9>"}};
-    for (const Case &c : cases) {
-        char *text = zebus_address_to_text(&c.address);
-        EXPECT_STREQ(text, c.text);
+    } cases[] = {{KT5BUS_ADDR_UA, 0, "<UA: n> "},
+                 {KT5BUS_ADDR_GROUP, 0, "<GRP: n>"},
+                 {KT5BUS_ADDR_SPECIAL, 0, "<DM-CLIENT>"},
+                 {KT5BUS_ADDR_SPECIAL, 5, "<UNKNOWN SPECIAL 5>"},
+                 {9, 0, "<UNKNOWN TYPE 9>"}};
+    for (const auto &c : cases) {
+        address.kind = c.kind;
+        if (c.kind == KT5BUS_ADDR_SPECIAL)
+            address.value.special = c.special;
+        else
+            address.value.name = name;
+        char *text = zebus_address_to_text(&address);
+        ASSERT_NE(nullptr, text);
+        EXPECT_STREQ(c.text, text);
         free(text);
     }
-}
-
-TEST_F(ZelkobusTest, messagesReachTheHandlerOnlyOnceStarted) {
-    IdentityDir identity;
-    int received = 0;
-    BusConnection *connection = start(identity, &received);
-    kt5bus_message message{};
-    message.data = const_cast<char *>("");
-    message.length = 0;
-    void *owner = connection->client.owner;
-    connection->client.owner = nullptr;
-    zebus_on_message(&connection->client, &message);
-    EXPECT_EQ(received, 0);
-    connection->client.owner = owner;
-    zebus_on_message(&connection->client, &message);
-    EXPECT_EQ(received, 1);
-    LogCapture capture(0);
-    zebus_on_message(nullptr, &message);
-    zebus_on_message(&connection->client, nullptr);
-    EXPECT_EQ(messages(capture.text()),
-              (std::vector<std::string>{"client is NULL", "msg is NULL"}));
-    zebus_stop(connection);
-}
-
-TEST_F(ZelkobusTest, stopWaitsForTheStoppedCallback) {
-    IdentityDir identity;
-    fakebus::Settings settings;
-    settings.stopped_delay_ms = 80;
-    fakebus::reset(settings);
-    BusConnection *connection = start(identity);
-    auto begin = std::chrono::steady_clock::now();
-    zebus_stop(connection);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(80));
-    EXPECT_EQ(fakebus::calls().back(), "fini_ll");
-    zebus_stop(nullptr);
+    EXPECT_EQ(nullptr, zebus_address_to_text(nullptr));
 }
 
 }  // namespace
-}  // namespace uoztest
