@@ -102,7 +102,13 @@ TEST_F(FaultTest, floodOfStrayRepliesKeepsMemoryFlatAndAnswersFlowing) {
     flood.join();
     EXPECT_EQ(sent.load(), 100000);
     EXPECT_EQ(answered, asked);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // Sanitizers hold freed memory back (quarantine, shadow): resident size
+    // says nothing there; their own leak check does.
+    (void)before;
+#else
     EXPECT_LT(resident_kib() - before, 64 * 1024) << "resident memory grew by more than 64 MiB";
+#endif
 }
 
 }  // namespace
