@@ -264,7 +264,11 @@ std::string broker_config_text(const std::string &pki_dir, int port, const std::
          << "keyfile " << pki_dir << "/broker/private.pem\n"
          << "require_certificate true\n"
          << "use_identity_as_username true\n"
-         << "set_tcp_nodelay true\n";
+         << "set_tcp_nodelay true\n"
+         // A node's inbox: QoS 1 messages the broker holds for a slow reader
+         // before it drops new ones (the default of 1000 loses answers under
+         // a flood of stray messages).
+         << "max_queued_messages 20000\n";
     return conf.str();
 }
 
