@@ -38,9 +38,9 @@ const BlockMember kDoipMembers[] = {
     {"gw-ip", &EcuConfig::gw_ip, "Could not add 'gw-ip' to JSON"},
 };
 
-// Adds a new string member; the object takes the value over.
-bool add_string(json_object *object, const char *key, const char *text) {
-    json_object *value = json_object_new_string(text != nullptr ? text : "");
+// Adds a member; the object takes the value over, and a value that cannot be
+// added is released.
+bool add_member(json_object *object, const char *key, json_object *value) {
     if (value == nullptr)
         return false;
     if (json_object_object_add(object, key, value) != 0) {
@@ -50,14 +50,8 @@ bool add_string(json_object *object, const char *key, const char *text) {
     return true;
 }
 
-bool add_member(json_object *object, const char *key, json_object *value) {
-    if (value == nullptr)
-        return false;
-    if (json_object_object_add(object, key, value) != 0) {
-        json_object_put(value);
-        return false;
-    }
-    return true;
+bool add_string(json_object *object, const char *key, const char *text) {
+    return add_member(object, key, json_object_new_string(text != nullptr ? text : ""));
 }
 
 template <size_t N>

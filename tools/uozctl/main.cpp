@@ -136,6 +136,17 @@ bool resolve_ecu(UDSOverZelkoHandle *handle, const std::string &text, int32_t *a
     return *address != -1;
 }
 
+// Starts the library and resolves the ECU argument; 0 or an exit code.
+int start_for_ecu(const Options &options, const std::string &ecu, Session *session,
+                  int32_t *address) {
+    if (int rc = start(options, session))
+        return rc;
+    if (!resolve_ecu(session->handle, ecu, address)) {
+        return fail(options, kInvalid, "unknown ECU '" + ecu + "': see 'uozctl ecus'");
+    }
+    return kOk;
+}
+
 std::string ecu_label(UDSOverZelkoHandle *handle, const DTCBufferEntry *entry) {
     char text[96];
     const char *name = entry->ecu_name != nullptr
@@ -149,12 +160,9 @@ std::string ecu_label(UDSOverZelkoHandle *handle, const DTCBufferEntry *entry) {
 int run_dtc_read(const Options &options, const std::string &ecu, uint32_t report, uint32_t mask,
                  int64_t dtc, int record) {
     Session session;
-    if (int rc = start(options, &session))
-        return rc;
     int32_t address = 0;
-    if (!resolve_ecu(session.handle, ecu, &address)) {
-        return fail(options, kInvalid, "unknown ECU '" + ecu + "': see 'uozctl ecus'");
-    }
+    if (int rc = start_for_ecu(options, ecu, &session, &address))
+        return rc;
     DTCBuffer buffer{};
     int rc;
     auto started = std::chrono::steady_clock::now();
@@ -241,12 +249,9 @@ int show_command_response(const Options &options, int rc, CommandResponse *respo
 
 int run_dtc_clear(const Options &options, const std::string &ecu, uint32_t group) {
     Session session;
-    if (int rc = start(options, &session))
-        return rc;
     int32_t address = 0;
-    if (!resolve_ecu(session.handle, ecu, &address)) {
-        return fail(options, kInvalid, "unknown ECU '" + ecu + "': see 'uozctl ecus'");
-    }
+    if (int rc = start_for_ecu(options, ecu, &session, &address))
+        return rc;
     CommandResponse response{};
     int rc;
     {
