@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include "UDSOverZelko/config.h"
@@ -18,7 +19,19 @@ const char kConfig[] = R"({"configs": [
  {"type": "DOIP", "targetAddress": "0x1001", "name": "telematics",
   "doip": {"sa": "0x0E80", "ta": "0x1001", "gw-ip": "192.168.0.10"}},
  {"type": "CANFD", "targetAddress": "0x7E5", "name": "adas"}
+],
+"pre-defined-routines": [
+ {"name": "SelfTest", "commands": [{"service": "0x31", "subfn": "0x01", "data": "0x0203"}]},
+ {"name": "ResetECU", "commands": [{"service": "0x11", "subfn": "0x01"}]},
+ {"name": 7},
+ "not a routine"
 ]})";
+
+char config_path[] = "/tmp/uoz-fuzz-ecus-XXXXXX";
+
+void remove_config() {
+    unlink(config_path);
+}
 
 void free_reply(ReplyWait *wait) {
     pthread_mutex_lock(&wait->lock);
@@ -37,15 +50,16 @@ UDSOverZelkoHandle *empty_handle() {
 
 UDSOverZelkoHandle *offline_handle() {
     uoz_dbg_level = -1;
-    char path[] = "/tmp/uoz-fuzz-ecus-XXXXXX";
-    int fd = mkstemp(path);
+    int fd = mkstemp(config_path);
     if (fd < 0 || write(fd, kConfig, sizeof(kConfig) - 1) < 0)
         abort();
     close(fd);
+    atexit(remove_config);
     UDSOverZelkoHandle *handle = empty_handle();
-    if (load_ecu_config(handle, path) != 0)
+    if (load_ecu_config(handle, config_path) != 0)
         abort();
-    unlink(path);
+    // Kept for the process's life: remote commands read their routines from it.
+    handle->config_path = strdup(config_path);
     return handle;
 }
 

@@ -8,7 +8,8 @@ namespace uozfuzz {
 
 // A zero-filled handle with its consent wait, ready for load_ecu_config.
 UDSOverZelkoHandle *empty_handle();
-// A handle loaded from a configuration with CAN, IOC, DOIP and CANFD ECUs.
+// A handle loaded from a configuration with CAN, IOC, DOIP and CANFD ECUs and
+// two pre-defined routines ("SelfTest", "ResetECU"); call it once per process.
 UDSOverZelkoHandle *offline_handle();
 // Frees the replies that the handler stored, as waiting callers would.
 void drain_replies(UDSOverZelkoHandle *handle);

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Build the libFuzzer targets with clang (ASan+UBSan) and run each for
-# FUZZ_SECONDS (default 60) on its seed corpus. Findings are written to
+# FUZZ_SECONDS (default 60) on its seed corpus; FUZZ_TARGETS picks some. Findings are written to
 # build-fuzz/findings/<target>/ and make the script fail.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DUOZ_SANITIZE=fuzzer -DUOZ_BUILD_FUZZ=ON -DUOZ_BUILD_TESTS=OFF -DUOZ_BUILD_TOOLS=OFF >/dev/null
-targets="$(sed -n 's/^foreach(target \(.*\))$/\1/p' fuzz/CMakeLists.txt) fuzz_dtc_decode"
+targets=${FUZZ_TARGETS:-"$(sed -n 's/^foreach(target \(.*\))$/\1/p' fuzz/CMakeLists.txt) fuzz_dtc_decode fuzz_kt5bus_inbox"}
 cmake --build build-fuzz -j"${JOBS:-2}" --target $targets
 status=0
 for target in $targets; do

@@ -17,11 +17,6 @@
 
 namespace {
 
-struct FreeText {
-    void operator()(char *text) const { free(text); }
-};
-using TextPtr = std::unique_ptr<char, FreeText>;
-
 struct timespec reply_deadline() {
     struct timespec deadline = {};
     clock_gettime(CLOCK_REALTIME, &deadline);

@@ -6,6 +6,9 @@
 #include <json-c/json.h>
 #include <pthread.h>
 #include <stdint.h>
+#include <stdlib.h>
+
+#include <memory>
 
 #include "logging/uoz_log.h"
 #include "udsoverzelko.h"
@@ -28,6 +31,12 @@ enum TransportType {
     TRANSPORT_DOIP = 2,
     TRANSPORT_IOC = 3,
 };
+
+// Owns a malloc'd text.
+struct FreeText {
+    void operator()(char *text) const { free(text); }
+};
+using TextPtr = std::unique_ptr<char, FreeText>;
 
 // Where one waiting caller meets the bus delivery thread. `lock` guards `reply`.
 struct ReplyWait {

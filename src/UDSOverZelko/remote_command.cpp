@@ -121,30 +121,36 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
     return chosen.release();
 }
 
-int execute(UDSOverZelkoHandle *handle, json_object *document, CommandResponse *response) {
-    int period = check_period(document);
+}  // namespace
+
+int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
+                               RoutineQuery *query) {
+    JsonPtr parsed(json_tokener_parse(document));
+    if (!parsed) {
+        UOZ_SET_ERROR("Could not convert JSON Object");
+        return UOZ_ERR_GENERAL;
+    }
+    int period = check_period(parsed.get());
     if (period < 0)
         return UOZ_ERR_GENERAL;
     if (period == 0)
         return UOZ_ERR_VALIDITY;
     json_object *commands = nullptr;
-    if (kt5_json_get(document, json_type_array, &commands, "commands", nullptr) != 0) {
+    if (kt5_json_get(parsed.get(), json_type_array, &commands, "commands", nullptr) != 0) {
         UOZ_SET_ERROR("Could not find 'commands' property in JSON");
         return UOZ_ERR_GENERAL;
     }
     JsonPtr owned_commands(commands);
-    JsonPtr routine(choose_routine(handle, document, commands));
+    JsonPtr routine(choose_routine(handle, parsed.get(), commands));
     const char *server_address = nullptr;
-    if (kt5_json_get(document, json_type_string, &server_address, "ecu", "ServerAddress",
+    if (kt5_json_get(parsed.get(), json_type_string, &server_address, "ecu", "ServerAddress",
                      nullptr) != 0) {
         UOZ_SET_ERROR("No TA found");
         return UOZ_ERR_GENERAL;
     }
-    return run_routine_query(handle, parse_target_address(server_address), server_address,
-                             routine.release(), "Unable to get transport mode", response);
+    return build_routine_query(handle, parse_target_address(server_address), server_address,
+                               routine.release(), "Unable to get transport mode", query);
 }
-
-}  // namespace
 
 int check_command_validity(const char *start_time, const char *end_time) {
     struct tm start_calendar = {};
@@ -188,12 +194,9 @@ int UDSOverZelko_ExecuteRemoteCommand(UDSOverZelkoHandle *handle, const char *do
         return UOZ_ERR_GENERAL;
     }
     UOZ_DBGLOG(UOZ_LOG_DBG, "Received msg: %s\n", document);
-    JsonPtr parsed(json_tokener_parse(document));
-    if (!parsed) {
-        UOZ_SET_ERROR("Could not convert JSON Object");
-        return UOZ_ERR_GENERAL;
-    }
-    return execute(handle, parsed.get(), response);
+    RoutineQuery query;
+    int rc = build_remote_command_query(handle, document, &query);
+    return rc != UOZ_OK ? rc : send_routine_query(handle, query, response);
 }
 
 int UDSOverZelko_ExecuteRemoteCommand_Async(UDSOverZelkoHandle *, const char *, uint32_t,

@@ -2,31 +2,55 @@
 
 #include <stdlib.h>
 
-#include <memory>
-
 #include "UDSOverZelko/exchange_internal.h"
 #include "UDSOverZelko/query.h"
 #include "kt5Utils/kt5_json.h"
 
-namespace {
+int build_routine_query(UDSOverZelkoHandle *handle, int32_t target_address,
+                        const char *address_text, json_object *routine, const char *mode_failure,
+                        RoutineQuery *query) {
+    JsonPtr owned_routine(routine);
+    JsonPtr block(build_transport_block(handle, target_address, &query->record));
+    if (!block) {
+        UOZ_SET_ERROR("Could not get Transport Information");
+        return UOZ_ERR_GENERAL;
+    }
+    query->reply_id.reset(generate_reply_id(REPLY_ID_LENGTH));
+    if (!query->reply_id) {
+        UOZ_SET_ERROR("Unable to get replyID");
+        return UOZ_ERR_GENERAL;
+    }
+    JsonPtr body(json_object_new_object());
+    char key[8];
+    json_object *mode = transport_mode_name(query->record->type, key, sizeof(key));
+    if (!body || mode == nullptr) {
+        UOZ_SET_ERROR(mode_failure);
+        return UOZ_ERR_GENERAL;
+    }
+    bool added = json_object_object_add(body.get(), "mode", mode) == 0 &&
+                 json_object_object_add(body.get(), "targetAddress",
+                                        json_object_new_string(address_text)) == 0 &&
+                 json_object_object_add(body.get(), key, block.release()) == 0 &&
+                 json_object_object_add(body.get(), "routine", owned_routine.release()) == 0;
+    if (!added) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return UOZ_ERR_GENERAL;
+    }
+    query->envelope.reset(wrap_query(query->reply_id.get(), body.release()));
+    return query->envelope ? UOZ_OK : UOZ_ERR_GENERAL;
+}
 
-struct FreeText {
-    void operator()(char *text) const { free(text); }
-};
-using TextPtr = std::unique_ptr<char, FreeText>;
-
-// Waits for the reply to the sent envelope and takes its "body".
-int await_body(UDSOverZelkoHandle *handle, EcuConfig *record, json_object *envelope,
-               const char *reply_id, CommandResponse *response) {
-    const char *text = json_object_to_json_string(envelope);
+int send_routine_query(UDSOverZelkoHandle *handle, const RoutineQuery &query,
+                       CommandResponse *response) {
+    const char *text = json_object_to_json_string(query.envelope.get());
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
     char *delivered = nullptr;
-    if (!send_and_wait(handle, record, text, &delivered))
+    if (!send_and_wait(handle, query.record, text, &delivered))
         return UOZ_ERR_TIMEOUT;
     TextPtr reply_text(delivered);
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", reply_text.get());
     JsonPtr reply(json_tokener_parse(reply_text.get()));
-    if (!reply_answers(reply.get(), reply_id))
+    if (!reply_answers(reply.get(), query.reply_id.get()))
         return UOZ_ERR_GENERAL;
     json_object *body = nullptr;
     if (kt5_json_get(reply.get(), json_type_object, &body, "body", nullptr) != 0) {
@@ -44,40 +68,10 @@ int await_body(UDSOverZelkoHandle *handle, EcuConfig *record, json_object *envel
     return UOZ_OK;
 }
 
-}  // namespace
-
 int run_routine_query(UDSOverZelkoHandle *handle, int32_t target_address, const char *address_text,
                       json_object *routine, const char *mode_failure, CommandResponse *response) {
-    JsonPtr owned_routine(routine);
-    EcuConfig *record = nullptr;
-    JsonPtr block(build_transport_block(handle, target_address, &record));
-    if (!block) {
-        UOZ_SET_ERROR("Could not get Transport Information");
-        return UOZ_ERR_GENERAL;
-    }
-    TextPtr reply_id(generate_reply_id(REPLY_ID_LENGTH));
-    if (!reply_id) {
-        UOZ_SET_ERROR("Unable to get replyID");
-        return UOZ_ERR_GENERAL;
-    }
-    JsonPtr body(json_object_new_object());
-    char key[8];
-    json_object *mode = transport_mode_name(record->type, key, sizeof(key));
-    if (!body || mode == nullptr) {
-        UOZ_SET_ERROR(mode_failure);
-        return UOZ_ERR_GENERAL;
-    }
-    bool added = json_object_object_add(body.get(), "mode", mode) == 0 &&
-                 json_object_object_add(body.get(), "targetAddress",
-                                        json_object_new_string(address_text)) == 0 &&
-                 json_object_object_add(body.get(), key, block.release()) == 0 &&
-                 json_object_object_add(body.get(), "routine", owned_routine.release()) == 0;
-    if (!added) {
-        UOZ_SET_ERROR("Memory Allocation failed");
-        return UOZ_ERR_GENERAL;
-    }
-    JsonPtr envelope(wrap_query(reply_id.get(), body.release()));
-    if (!envelope)
-        return UOZ_ERR_GENERAL;
-    return await_body(handle, record, envelope.get(), reply_id.get(), response);
+    RoutineQuery query;
+    int rc =
+        build_routine_query(handle, target_address, address_text, routine, mode_failure, &query);
+    return rc != UOZ_OK ? rc : send_routine_query(handle, query, response);
 }

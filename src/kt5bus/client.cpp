@@ -12,9 +12,9 @@
 #include <memory>
 #include <mutex>
 #include <random>
-#include <set>
 #include <thread>
 
+#include "kt5bus/inbox.h"
 #include "kt5bus/kt5bus_internal.h"
 
 namespace kt5 {
@@ -39,11 +39,6 @@ struct Pending {
     bool ok = true;         // every acknowledgement so far said delivered
     bool returned = false;  // kt5bus_send_message has finished with it
     Clock::time_point deadline;
-};
-
-struct Peer {
-    std::vector<Address> addresses;
-    std::set<std::string> connections;  // client ids with a presence record
 };
 
 struct Url {
@@ -85,7 +80,8 @@ class Client {
           addresses_(identity.addresses),
           certificate_pem_(std::move(certificate_pem)),
           tls_(tls),
-          client_id_(cn_ + "-" + random_suffix()) {}
+          client_id_(cn_ + "-" + random_suffix()),
+          inbox_(record, client_id_, SSL_CTX_get_cert_store(tls)) {}
     ~Client();
 
     int start();
@@ -111,10 +107,6 @@ class Client {
     void report_finished();
     void expire_pending();
     void fail_all_pending();
-    void handle_presence(const std::string &cn, const std::string &client_id,
-                         const mosquitto_message *message);
-    void handle_message(const std::string &sender_cn, const mosquitto_message *message,
-                        const mosquitto_property *properties);
     Pending *finish_if_done(std::map<uint32_t, Pending>::iterator entry);
     int publish(uint32_t id, Pending &pending);
     void release_held();
@@ -126,6 +118,7 @@ class Client {
     std::string certificate_pem_;
     SSL_CTX *tls_;
     std::string client_id_;
+    Inbox inbox_;  // only touched on the client thread
     mosquitto *mosq_ = nullptr;
     std::thread thread_;
 
@@ -139,8 +132,6 @@ class Client {
     std::map<uint32_t, Pending> pending_;  // by message id
     std::map<int, uint32_t> publishes_;    // MQTT message id -> message id
     std::deque<std::pair<kt5bus_message *, bool>> finished_;
-
-    std::map<std::string, Peer> peers_;  // only touched on the client thread
 };
 
 Client::~Client() {
@@ -462,95 +453,8 @@ int Client::send(kt5bus_message *message) {
 
 void Client::on_message(mosquitto *, void *self, const mosquitto_message *message,
                         const mosquitto_property *properties) {
-    auto *client = static_cast<Client *>(self);
-    std::string topic = message->topic != nullptr ? message->topic : "";
-    const std::string presence = "kt5/presence/", direct = "kt5/msg/";
-    if (topic.compare(0, presence.size(), presence) == 0) {
-        std::string rest = topic.substr(presence.size());
-        size_t slash = rest.find('/');
-        if (slash == std::string::npos)
-            return;
-        client->handle_presence(rest.substr(0, slash), rest.substr(slash + 1), message);
-    } else if (topic.compare(0, direct.size(), direct) == 0) {
-        std::string rest = topic.substr(direct.size());
-        client->handle_message(rest.substr(0, rest.find('/')), message, properties);
-    }
-}
-
-// A presence record holds the certificate of one connection of its node; it
-// counts only when that certificate comes from our CA and names the topic's CN.
-void Client::handle_presence(const std::string &cn, const std::string &client_id,
-                             const mosquitto_message *message) {
-    if (client_id == client_id_)
-        return;
-    auto peer = peers_.find(cn);
-    if (message->payloadlen == 0) {
-        if (peer == peers_.end() || peer->second.connections.erase(client_id) == 0)
-            return;
-        if (!peer->second.connections.empty())
-            return;
-        kt5bus_address *gone = new_address_chain(peer->second.addresses);
-        peers_.erase(peer);
-        if (record_->on_presence != nullptr && gone != nullptr)
-            record_->on_presence(record_, nullptr, gone);
-        kt5bus_free_address(gone, 1);
-        return;
-    }
-    X509 *certificate = parse_certificate(static_cast<const char *>(message->payload),
-                                          static_cast<size_t>(message->payloadlen));
-    bool trusted =
-        certificate != nullptr && verify_certificate(SSL_CTX_get_cert_store(tls_), certificate);
-    CertificateInfo info;
-    if (trusted)
-        info = certificate_info(certificate);
-    X509_free(certificate);
-    if (!trusted || info.common_name != cn) {
-        debug("presence of %s/%s ignored: certificate not trusted or not its own", cn.c_str(),
-              client_id.c_str());
-        return;
-    }
-    Peer &known = peers_[cn];
-    bool first = known.connections.empty();
-    known.addresses = info.addresses;
-    known.connections.insert(client_id);
-    if (!first || record_->on_presence == nullptr)
-        return;
-    kt5bus_address *appeared = new_address_chain(info.addresses);
-    if (appeared != nullptr)
-        record_->on_presence(record_, appeared, nullptr);
-    kt5bus_free_address(appeared, 1);
-}
-
-// The source of a message is the first address of its sender's verified
-// presence; a sender whose presence is not (yet) known is passed on with no
-// source, since nothing vouches for its addresses.
-void Client::handle_message(const std::string &sender_cn, const mosquitto_message *message,
-                            const mosquitto_property *properties) {
-    if (record_->on_message == nullptr)
-        return;
-    char *content_type = nullptr;
-    mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &content_type, false);
-    kt5bus_address source{};
-    auto peer = peers_.find(sender_cn);
-    bool known = peer != peers_.end() && !peer->second.addresses.empty();
-    if (known) {
-        const Address &first = peer->second.addresses.front();
-        source.kind = first.kind;
-        if (first.kind == KT5BUS_ADDR_SPECIAL) {
-            source.value.special = first.special;
-        } else {
-            source.value.name = const_cast<char *>(first.name.c_str());
-        }
-    } else {
-        debug("message from %s without a known presence", sender_cn.c_str());
-    }
-    kt5bus_message received{};
-    received.content_type = content_type;
-    received.source = known ? &source : nullptr;
-    received.data = message->payload;
-    received.length = static_cast<size_t>(message->payloadlen);
-    record_->on_message(record_, &received);
-    free(content_type);
+    static_cast<Client *>(self)->inbox_.receive(message->topic, message->payload,
+                                                message->payloadlen, properties);
 }
 
 }  // namespace
