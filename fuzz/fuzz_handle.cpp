@@ -35,8 +35,7 @@ void remove_config() {
 
 void free_reply(ReplyWait *wait) {
     pthread_mutex_lock(&wait->lock);
-    free(wait->reply);
-    wait->reply = nullptr;
+    reply_slot_clear(wait);
     pthread_mutex_unlock(&wait->lock);
 }
 

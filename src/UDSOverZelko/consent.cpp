@@ -25,8 +25,9 @@ json_object *consent_message(int32_t consent_type, const char *campaign_id) {
     return message;
 }
 
-// Waits, with the slot's lock held, until an answer is there or the time is up.
-char *wait_for_answer(ReplyWait *wait) {
+// Waits, with the slot's lock held, until an answer is there or the time is
+// up; true with the answer taken out of the slot.
+bool wait_for_answer(ReplyWait *wait, JsonPtr *answer) {
     struct timespec deadline = {};
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
@@ -34,17 +35,13 @@ char *wait_for_answer(ReplyWait *wait) {
         if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
             break;
     }
-    char *answer = wait->reply;
-    wait->reply = nullptr;
-    return answer;
+    TextPtr text;
+    return reply_slot_take(wait, &text, answer);
 }
 
-int consent_result(char *answer) {
-    JsonPtr parsed(json_tokener_parse(answer));
-    free(answer);
+int consent_result(json_object *answer) {
     const char *status = nullptr;
-    if (kt5_json_get(parsed.get(), json_type_string, &status, "body", "consent-status", nullptr) !=
-        0) {
+    if (kt5_json_get(answer, json_type_string, &status, "body", "consent-status", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "No property found\n");
         return CONSENT_NO_STATUS;
     }
@@ -71,13 +68,12 @@ int UDSOverZelkoSendExternalConsent(UDSOverZelkoHandle *handle, int32_t consent_
         result = CONSENT_INVALID_CAMPAIGN;
     } else {
         // An answer left from an earlier request is not this request's answer.
-        free(wait->reply);
-        wait->reply = nullptr;
+        reply_slot_clear(wait);
         JsonPtr message(consent_message(consent_type, campaign_id));
         const char *const groups[] = {UOZ_POLICY_AGENT_GROUP, nullptr};
         zebus_send_message(handle->bus, json_object_to_json_string(message.get()), groups);
-        char *answer = wait_for_answer(wait);
-        result = answer != nullptr ? consent_result(answer) : CONSENT_NO_REPLY;
+        JsonPtr answer;
+        result = wait_for_answer(wait, &answer) ? consent_result(answer.get()) : CONSENT_NO_REPLY;
     }
     pthread_mutex_unlock(&wait->lock);
     return result;

@@ -24,14 +24,15 @@ struct timespec reply_deadline() {
     return deadline;
 }
 
-// Stores a delivered text in a reply slot and wakes its waiter. A text left
-// there by nobody's wait is replaced.
-void deliver(ReplyWait *wait, char *text) {
+// Stores a delivered text, with the JSON parsed from it, in a reply slot and
+// wakes its waiter. A message left there by nobody's wait is replaced.
+void deliver(ReplyWait *wait, char *text, JsonPtr parsed) {
     if (text == nullptr)
         return;
     pthread_mutex_lock(&wait->lock);
-    free(wait->reply);
+    reply_slot_clear(wait);
     wait->reply = text;
+    wait->parsed = parsed.release();
     pthread_cond_signal(&wait->cond);
     pthread_mutex_unlock(&wait->lock);
 }
@@ -139,15 +140,16 @@ EcuConfig *record_for_reply(UDSOverZelkoHandle *handle, int32_t target_address) 
     return nullptr;
 }
 
-void route_query_reply(UDSOverZelkoHandle *handle, json_object *message, const char *text) {
+void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, const char *text) {
     const char *target = nullptr;
-    if (kt5_json_get(message, json_type_string, &target, "body", "targetAddress", nullptr) != 0) {
+    if (kt5_json_get(message.get(), json_type_string, &target, "body", "targetAddress", nullptr) !=
+        0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not find target Address\n");
         return;
     }
     EcuConfig *record = record_for_reply(handle, reply_target_address(target));
     if (record != nullptr)
-        deliver(&record->reply_wait, uoz_strdup(text));
+        deliver(&record->reply_wait, uoz_strdup(text), std::move(message));
 }
 
 int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
@@ -174,12 +176,12 @@ int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
 
 }  // namespace
 
-bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text, char **reply) {
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text,
+                   TextPtr *reply_text, JsonPtr *reply) {
     ReplyWait *wait = &record->reply_wait;
     // A reply that came after an earlier exchange gave up is not this one's.
     pthread_mutex_lock(&wait->lock);
-    free(wait->reply);
-    wait->reply = nullptr;
+    reply_slot_clear(wait);
     pthread_mutex_unlock(&wait->lock);
 
     zebus_send_message_to(handle->bus, text, KT5BUS_ADDR_UA, UOZ_AGENT_ADDRESS);
@@ -190,12 +192,11 @@ bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *te
         if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
             break;
     }
-    *reply = wait->reply;
-    wait->reply = nullptr;
+    bool replied = reply_slot_take(wait, reply_text, reply);
     pthread_mutex_unlock(&wait->lock);
-    if (*reply == nullptr)
+    if (!replied)
         UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
-    return *reply != nullptr;
+    return replied;
 }
 
 bool reply_answers(json_object *reply, const char *reply_id) {
@@ -212,13 +213,13 @@ bool reply_answers(json_object *reply, const char *reply_id) {
 }
 
 int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuffer *result) {
-    json_object *records = nullptr;
-    if (kt5_json_get(reply, json_type_array, &records, "body", "uds", "data-record", nullptr) !=
-        0) {
+    // Read in place: the reply outlives the decoding, so no copy is needed.
+    json_object *records =
+        kt5_json_borrow(reply, json_type_array, "body", "uds", "data-record", nullptr);
+    if (records == nullptr) {
         UOZ_SET_ERROR("could not find ''data-record");
         return -2;
     }
-    JsonPtr owned(records);
     size_t count = json_object_array_length(records);
     result->count = static_cast<int32_t>(count);
     result->entries = static_cast<DTCBufferEntry **>(calloc(count + 1, sizeof(DTCBufferEntry *)));
@@ -256,13 +257,13 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
     if (!envelope)
         return -2;
 
-    char *delivered = nullptr;
-    if (!send_and_wait(handle, record, json_object_to_json_string(envelope.get()), &delivered)) {
+    TextPtr reply_text;
+    JsonPtr reply;
+    if (!send_and_wait(handle, record, json_object_to_json_string(envelope.get()), &reply_text,
+                       &reply)) {
         return -5;
     }
-    TextPtr reply_text(delivered);
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", reply_text.get());
-    JsonPtr reply(json_tokener_parse(reply_text.get()));
     if (!reply_answers(reply.get(), reply_id.get()))
         return -2;
     switch (kind) {
@@ -294,10 +295,13 @@ int on_bus_message(const char *data, size_t length, const kt5bus_address *source
         return 0;
     }
     auto *handle = static_cast<UDSOverZelkoHandle *>(user_data);
+    // The parsed message goes with the text to the waiting caller, which then
+    // need not parse it again.
     if (strcmp(type, "zelko.skyharbor-query-update") == 0) {
-        route_query_reply(handle, message.get(), text.c_str());
+        route_query_reply(handle, std::move(message), text.c_str());
     } else if (strcmp(type, "zelko.external-consent") == 0) {
-        deliver(&handle->consent_wait, uoz_strdup(json_object_to_json_string(message.get())));
+        char *serialised = uoz_strdup(json_object_to_json_string(message.get()));
+        deliver(&handle->consent_wait, serialised, std::move(message));
     }
     return 0;
 }

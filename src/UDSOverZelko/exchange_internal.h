@@ -8,9 +8,10 @@
 
 // Empties the record's reply slot, sends text to the diagnostic agent and
 // waits up to REPLY_TIMEOUT_SECONDS for the next reply routed to the record.
-// True with the reply text in *reply (the caller frees it); false on time-out,
-// after logging "response not received".
-bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text, char **reply);
+// True with the reply's text and its JSON (NULL when the text is no JSON);
+// false on time-out, after logging "response not received".
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text,
+                   TextPtr *reply_text, JsonPtr *reply);
 
 // True when the parsed reply's "reply-to" is reply_id; otherwise reports
 // "could not find 'reply-to'" or "Wrong reply-id %s %s".

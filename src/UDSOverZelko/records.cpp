@@ -34,6 +34,7 @@ char *uoz_strdup(const char *text) {
 
 int reply_wait_init(ReplyWait *wait) {
     wait->reply = nullptr;
+    wait->parsed = nullptr;
     if (pthread_mutex_init(&wait->lock, nullptr) != 0)
         return -1;
     if (pthread_cond_init(&wait->cond, nullptr) != 0) {
@@ -43,9 +44,25 @@ int reply_wait_init(ReplyWait *wait) {
     return 0;
 }
 
-void reply_wait_destroy(ReplyWait *wait) {
+void reply_slot_clear(ReplyWait *wait) {
     free(wait->reply);
     wait->reply = nullptr;
+    json_object_put(wait->parsed);
+    wait->parsed = nullptr;
+}
+
+bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json) {
+    if (wait->reply == nullptr)
+        return false;
+    text->reset(wait->reply);
+    json->reset(wait->parsed != nullptr ? wait->parsed : json_tokener_parse(wait->reply));
+    wait->reply = nullptr;
+    wait->parsed = nullptr;
+    return true;
+}
+
+void reply_wait_destroy(ReplyWait *wait) {
+    reply_slot_clear(wait);
     pthread_cond_destroy(&wait->cond);
     pthread_mutex_destroy(&wait->lock);
 }

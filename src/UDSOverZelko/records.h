@@ -10,6 +10,7 @@
 
 #include <memory>
 
+#include "kt5Utils/kt5_json.h"
 #include "logging/uoz_log.h"
 #include "udsoverzelko.h"
 
@@ -38,11 +39,15 @@ struct FreeText {
 };
 using TextPtr = std::unique_ptr<char, FreeText>;
 
-// Where one waiting caller meets the bus delivery thread. `lock` guards `reply`.
+// Where one waiting caller meets the bus delivery thread. `lock` guards
+// `reply` and `parsed`.
 struct ReplyWait {
     pthread_mutex_t lock;
     pthread_cond_t cond;
     char *reply;  // heap text of the last delivered, unconsumed message, or NULL
+    // The same message as the delivery thread parsed it (owned), so that the
+    // waiting caller need not parse it again; NULL when none was kept.
+    json_object *parsed;
 };
 
 // One configured ECU (or the broadcast record of target address -1).
@@ -100,10 +105,16 @@ void uoz_format_last_error(const char *format, ...) __attribute__((format(printf
 #define UOZ_LOG_BANNER() \
     UOZ_DBGLOG(UOZ_LOG_ERR, "UDSOverZelko Library Version: %s-%s", UOZ_VERSION_TEXT, UOZ_BUILD_TEXT)
 
-// Create lock and cond of a reply wait (reply NULL); 0 on success.
+// Create lock and cond of a reply wait (slot empty); 0 on success.
 int reply_wait_init(ReplyWait *wait);
-// Free a pending reply text and destroy lock and cond.
+// Free a pending reply and destroy lock and cond.
 void reply_wait_destroy(ReplyWait *wait);
+// With wait->lock held: free what the slot holds and empty it.
+void reply_slot_clear(ReplyWait *wait);
+// With wait->lock held: move the slot's message out and empty the slot. The
+// JSON is parsed from the text when the delivery thread kept none; it is NULL
+// when the text is no JSON. False when the slot was empty.
+bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json);
 
 // Release everything the handle owns except the bus connection, then the
 // handle itself: the body of UDSOverZelko_Terminate after the bus stop.

@@ -44,20 +44,18 @@ int send_routine_query(UDSOverZelkoHandle *handle, const RoutineQuery &query,
                        CommandResponse *response) {
     const char *text = json_object_to_json_string(query.envelope.get());
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
-    char *delivered = nullptr;
-    if (!send_and_wait(handle, query.record, text, &delivered))
+    TextPtr reply_text;
+    JsonPtr reply;
+    if (!send_and_wait(handle, query.record, text, &reply_text, &reply))
         return UOZ_ERR_TIMEOUT;
-    TextPtr reply_text(delivered);
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", reply_text.get());
-    JsonPtr reply(json_tokener_parse(reply_text.get()));
     if (!reply_answers(reply.get(), query.reply_id.get()))
         return UOZ_ERR_GENERAL;
-    json_object *body = nullptr;
-    if (kt5_json_get(reply.get(), json_type_object, &body, "body", nullptr) != 0) {
+    json_object *body = kt5_json_borrow(reply.get(), json_type_object, "body", nullptr);
+    if (body == nullptr) {
         UOZ_SET_ERROR("Could not get");
         return UOZ_ERR_GENERAL;
     }
-    JsonPtr owned_body(body);
     char *body_text = uoz_strdup(json_object_to_json_string(body));
     if (body_text == nullptr) {
         UOZ_SET_ERROR("Memory Allocation failed");

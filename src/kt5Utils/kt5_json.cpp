@@ -57,11 +57,13 @@ json_object *kt5_json_copy(json_object *obj) {
     return json_tokener_parse(json_object_to_json_string(obj));
 }
 
-int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
-    int result = 0;
+namespace {
+
+// The value at the key path, with a log line for every missing key; nullptr
+// when a key is missing or the value is JSON null.
+json_object *walk(json_object *obj, va_list keys, bool *missing) {
     json_object *current = obj;
-    va_list keys;
-    va_start(keys, out);
+    *missing = false;
     for (const char *key = va_arg(keys, const char *); key != nullptr;
          key = va_arg(keys, const char *)) {
         bool found = false;
@@ -69,25 +71,50 @@ int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
         if (!found) {
             UOZ_DBGLOG(UOZ_LOG_INFO, "No %s property in %s\n", key,
                        json_object_to_json_string(obj));
-            result = -1;
+            *missing = true;
         }
     }
+    return current;
+}
+
+bool is_handed_out_type(json_type type) {
+    return type == json_type_boolean || type == json_type_double || type == json_type_int ||
+           type == json_type_object || type == json_type_array || type == json_type_string;
+}
+
+}  // namespace
+
+int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
+    va_list keys;
+    va_start(keys, out);
+    bool missing = false;
+    json_object *value = walk(obj, keys, &missing);
     va_end(keys);
 
-    bool valid_type = type == json_type_boolean || type == json_type_double ||
-                      type == json_type_int || type == json_type_object ||
-                      type == json_type_array || type == json_type_string;
-    if (result == 0 && (!valid_type || current == nullptr || !json_object_is_type(current, type))) {
+    int result = 0;
+    if (missing || !is_handed_out_type(type) || value == nullptr ||
+        !json_object_is_type(value, type)) {
         result = -1;
     }
     if (result == 0) {
-        store(current, type, out);
+        store(value, type, out);
     } else if (is_owned_copy(type)) {
         auto **slot = static_cast<json_object **>(out);
         json_object_put(*slot);
         *slot = nullptr;
     }
     return result;
+}
+
+json_object *kt5_json_borrow(json_object *obj, json_type type, ...) {
+    va_list keys;
+    va_start(keys, type);
+    bool missing = false;
+    json_object *value = walk(obj, keys, &missing);
+    va_end(keys);
+    if (missing || value == nullptr || !is_owned_copy(type) || !json_object_is_type(value, type))
+        return nullptr;
+    return value;
 }
 
 int kt5_json_has(json_object *obj, ...) {

@@ -21,6 +21,12 @@
 // another type (the slot of scalar types is then untouched).
 int kt5_json_get(json_object *obj, json_type type, void *out, ...) __attribute__((sentinel));
 
+// Like kt5_json_get for json_type_object and json_type_array, with the same
+// log lines, but lends the value instead of copying it: the result belongs to
+// obj and lives as long as obj does. NULL when a key is missing, the value
+// has another type, or type is neither object nor array.
+json_object *kt5_json_borrow(json_object *obj, json_type type, ...) __attribute__((sentinel));
+
 // 1 when every key of the path (ended by NULL) exists (a JSON null value
 // counts), else 0. Logs nothing.
 int kt5_json_has(json_object *obj, ...) __attribute__((sentinel));

@@ -84,6 +84,28 @@ TEST(JsonGetTest, searchFromNullReportsTheFirstKeyAgainstNull) {
     EXPECT_NE(capture.text().find("No type property in null"), std::string::npos);
 }
 
+TEST(JsonBorrowTest, lendsTheValueInPlaceAndLogsLikeGet) {
+    JsonPtr document = parse(R"({"body":{"uds":{"data-record":[1,2]}},"s":"x"})");
+    json_object *body = nullptr;
+    json_object_object_get_ex(document.get(), "body", &body);
+    EXPECT_EQ(kt5_json_borrow(document.get(), json_type_object, "body", nullptr), body);
+    json_object *records =
+        kt5_json_borrow(document.get(), json_type_array, "body", "uds", "data-record", nullptr);
+    ASSERT_NE(records, nullptr);
+    EXPECT_EQ(json_object_array_length(records), 2u);
+
+    {
+        LogCapture capture(2);
+        EXPECT_EQ(kt5_json_borrow(document.get(), json_type_array, "body", "uds", nullptr),
+                  nullptr);
+        EXPECT_EQ(kt5_json_borrow(document.get(), json_type_string, "s", nullptr), nullptr);
+        EXPECT_EQ(capture.raw(), "");
+    }
+    LogCapture capture(2);
+    EXPECT_EQ(kt5_json_borrow(document.get(), json_type_object, "nobody", nullptr), nullptr);
+    EXPECT_NE(capture.text().find("No nobody property in"), std::string::npos);
+}
+
 TEST(JsonHasTest, presenceIgnoresTypesAndCountsNull) {
     JsonPtr document = parse(R"({"diagnostic_period":{"start_time":null},"x":1})");
     EXPECT_EQ(kt5_json_has(document.get(), "diagnostic_period", nullptr), 1);

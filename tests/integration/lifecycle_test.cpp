@@ -174,6 +174,16 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     ASSERT_NE(handle->consent_wait.reply, nullptr);
     EXPECT_STREQ(handle->consent_wait.reply,
                  R"({ "type": "zelko.external-consent", "body": { } })");
+    // The parsed message travels with its text, and is taken out with it.
+    ASSERT_NE(handle->consent_wait.parsed, nullptr);
+    EXPECT_TRUE(json_object_object_get_ex(handle->consent_wait.parsed, "body", nullptr));
+    TextPtr taken_text;
+    JsonPtr taken_json;
+    ASSERT_TRUE(reply_slot_take(&handle->consent_wait, &taken_text, &taken_json));
+    EXPECT_EQ(handle->consent_wait.reply, nullptr);
+    EXPECT_EQ(handle->consent_wait.parsed, nullptr);
+    EXPECT_STREQ(json_object_to_json_string(taken_json.get()), taken_text.get());
+    EXPECT_FALSE(reply_slot_take(&handle->consent_wait, &taken_text, &taken_json));
     free(exact);
     free_handle(handle);
 }
