@@ -65,9 +65,16 @@ double elapsed_us(Clock::time_point start) {
     return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
-// Runs `total` calls of `one(thread)` spread over `threads` threads; returns
-// calls per second.
-double throughput(int threads, int total, const std::function<bool(int)> &one) {
+// Calls made and seconds spent, summed over rounds.
+struct Rate {
+    double calls = 0;
+    double seconds = 0;
+    double per_second() const { return seconds > 0 ? calls / seconds : 0; }
+};
+
+// Runs `total` calls of `one(thread)` spread over `threads` threads and adds
+// them to *rate.
+void run_parallel(int threads, int total, const std::function<bool(int)> &one, Rate *rate) {
     std::atomic<int> failures{0};
     int each = std::max(1, total / threads);
     auto start = Clock::now();
@@ -82,24 +89,41 @@ double throughput(int threads, int total, const std::function<bool(int)> &one) {
     }
     for (auto &worker : workers)
         worker.join();
-    double seconds = elapsed_us(start) / 1e6;
     if (failures.load() > 0)
         fprintf(stderr, "warning: %d calls failed\n", failures.load());
-    return each * threads / seconds;
+    rate->calls += each * threads;
+    rate->seconds += elapsed_us(start) / 1e6;
 }
 
-Summary latency(int warmup, int count, const std::function<bool()> &one) {
+double time_one(const std::function<bool()> &one) {
+    auto start = Clock::now();
+    if (!one())
+        fprintf(stderr, "warning: a timed call failed\n");
+    return elapsed_us(start);
+}
+
+// The anchor and the library take turns request by request, so that a change
+// in the machine's load while the benchmark runs falls on both alike.
+void paired_latency(int warmup, int count, const std::function<bool()> &anchor,
+                    const std::function<bool()> &library, Summary *anchor_summary,
+                    Summary *library_summary) {
     for (int i = 0; i < warmup; ++i)
-        one();
-    std::vector<double> samples;
-    samples.reserve(count);
+        anchor(), library();
+    std::vector<double> anchor_samples, library_samples;
+    anchor_samples.reserve(count);
+    library_samples.reserve(count);
     for (int i = 0; i < count; ++i) {
-        auto start = Clock::now();
-        if (!one())
-            fprintf(stderr, "warning: a timed call failed\n");
-        samples.push_back(elapsed_us(start));
+        // Alternate which goes first, so neither always follows the other.
+        if (i % 2 == 0) {
+            anchor_samples.push_back(time_one(anchor));
+            library_samples.push_back(time_one(library));
+        } else {
+            library_samples.push_back(time_one(library));
+            anchor_samples.push_back(time_one(anchor));
+        }
     }
-    return summarize(samples);
+    *anchor_summary = summarize(anchor_samples);
+    *library_summary = summarize(library_samples);
 }
 
 UDSOverZelkoHandle *init_handle(const uoztest::Broker &broker, const std::string &config_path) {
@@ -140,18 +164,7 @@ int main(int argc, char **argv) {
     std::string config_path = write_ecu_config(64);
     size_t query_size = typical_query_size(config_path);
 
-    fprintf(stderr, "anchor: bare libmosquitto ping-pong, %zu-byte payload...\n", query_size);
-    Summary anchor;
-    double anchor16 = 0;
-    {
-        MosquittoPair pair(pki, broker.port(), query_size, 64);
-        anchor = latency(options.warmup, options.requests, [&] { return pair.round_trip(0); });
-        anchor16 = throughput(16, options.throughput_requests * 4,
-                              [&](int t) { return pair.round_trip(t); });
-    }
-    report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
-    report.add_rate("bare ping-pong, 16 in flight", anchor16, anchor16);
-
+    MosquittoPair pair(pki, broker.port(), query_size, 64);
     MinimalResponder responder(uoztest::identity_dir("agent"), broker.url());
     if (!responder.wait_running()) {
         fprintf(stderr, "responder did not connect\n");
@@ -159,23 +172,45 @@ int main(int argc, char **argv) {
     }
     UDSOverZelkoHandle *handle = init_handle(broker, config_path);
 
-    fprintf(stderr, "UDSOverZelko_ReadDTCInfo latency...\n");
-    Summary library =
-        latency(options.warmup, options.requests, [&] { return read_dtc(handle, 0); });
+    fprintf(stderr,
+            "latency: bare ping-pong (%zu-byte payload) and UDSOverZelko_ReadDTCInfo, "
+            "taking turns...\n",
+            query_size);
+    Summary anchor, library;
+    paired_latency(
+        options.warmup, options.requests, [&] { return pair.round_trip(0); },
+        [&] { return read_dtc(handle, 0); }, &anchor, &library);
+    report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
     report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
 
-    for (int ecus : {1, 4, 16, 64}) {
-        fprintf(stderr, "throughput with %d ECUs...\n", ecus);
-        double rate = throughput(ecus, options.throughput_requests,
-                                 [&](int t) { return read_dtc(handle, t); });
-        report.add_rate("ReadDTCInfo, " + std::to_string(ecus) + " ECUs in parallel", rate,
-                        anchor16);
+    fprintf(stderr, "throughput: 16 in flight and 1, 4, 16, 64 ECUs, in rounds...\n");
+    const std::vector<int> ecu_counts = {1, 4, 16, 64};
+    Rate anchor16;
+    std::vector<Rate> rates(ecu_counts.size());
+    constexpr int kRounds = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        run_parallel(
+            16, options.throughput_requests * 4 / kRounds,
+            [&](int t) { return pair.round_trip(t); }, &anchor16);
+        for (size_t i = 0; i < ecu_counts.size(); ++i) {
+            run_parallel(
+                ecu_counts[i], options.throughput_requests / kRounds,
+                [&](int t) { return read_dtc(handle, t); }, &rates[i]);
+        }
+    }
+    report.add_rate("bare ping-pong, 16 in flight", anchor16.per_second(), anchor16.per_second());
+    for (size_t i = 0; i < ecu_counts.size(); ++i) {
+        report.add_rate("ReadDTCInfo, " + std::to_string(ecu_counts[i]) + " ECUs in parallel",
+                        rates[i].per_second(), anchor16.per_second());
     }
 
     fprintf(stderr, "memory growth over %d requests...\n", options.growth_requests);
-    throughput(16, options.growth_requests / 10, [&](int t) { return read_dtc(handle, t); });
+    Rate ignored;
+    run_parallel(
+        16, options.growth_requests / 10, [&](int t) { return read_dtc(handle, t); }, &ignored);
     long before = resident_bytes();
-    throughput(16, options.growth_requests, [&](int t) { return read_dtc(handle, t); });
+    run_parallel(
+        16, options.growth_requests, [&](int t) { return read_dtc(handle, t); }, &ignored);
     long after = resident_bytes();
     report.add_memory(
         "resident growth over " + std::to_string(options.growth_requests) + " requests",

@@ -66,7 +66,8 @@ void BM_BuildQuery(benchmark::State &state) {
     }
 }
 
-// Routing of one reply by its target address into the ECU's reply slot.
+// Routing of one reply by its target address into the ECU's reply slot: the
+// one parse of the reply, the copy of its text, the hand-over.
 void BM_RouteReply(benchmark::State &state) {
     OfflineHandle offline;
     std::string reply = reply_with_records(1, "0x100");
@@ -78,12 +79,13 @@ void BM_RouteReply(benchmark::State &state) {
     }
 }
 
-// Decoding of a reply's data records into a DTCBuffer.
+// Decoding of a reply's data records into a DTCBuffer. The caller decodes the
+// JSON that the routing already parsed, so parsing is not counted again.
 void BM_DecodeReply(benchmark::State &state) {
     OfflineHandle offline;
     std::string reply = reply_with_records(static_cast<int>(state.range(0)), "0x100");
+    JsonPtr parsed(json_tokener_parse(reply.c_str()));
     for (auto _ : state) {
-        JsonPtr parsed(json_tokener_parse(reply.c_str()));
         DTCBuffer buffer{};
         benchmark::DoNotOptimize(decode_uds_reply(offline.handle, parsed.get(), &buffer));
         UDSOverZelko_FreeDTCBuffer(&buffer);

@@ -11,10 +11,15 @@ namespace uozbench {
 
 namespace {
 
-constexpr const char *kRequestTopic = "kt5/msg/app/ua/ZDATA/UDS";
-constexpr const char *kReplyTopic = "kt5/msg/agent/ua/uoz/app";
-constexpr const char *kRequestSubscription = "kt5/msg/+/ua/ZDATA/UDS";
-constexpr const char *kReplySubscription = "kt5/msg/+/ua/uoz/app";
+// Identities and topics of their own, so that the pair can run beside the
+// library's "app" and "agent" on the same broker without either seeing the
+// other's messages.
+constexpr const char *kRequester = "peer1";
+constexpr const char *kReplier = "peer2";
+constexpr const char *kRequestTopic = "kt5/msg/peer1/ua/test/peer2";
+constexpr const char *kReplyTopic = "kt5/msg/peer2/ua/test/peer1";
+constexpr const char *kRequestSubscription = "kt5/msg/+/ua/test/peer2";
+constexpr const char *kReplySubscription = "kt5/msg/+/ua/test/peer1";
 constexpr int kQos = 1;
 
 std::string random_client_id(const std::string &node) {
@@ -35,8 +40,8 @@ void check(int rc, const char *what) {
 MosquittoPair::MosquittoPair(const std::string &pki_dir, int port, size_t payload_size, int slots)
     : pki_dir_(pki_dir), port_(port), payload_size_(payload_size), slots_(slots) {
     mosquitto_lib_init();
-    replier_ = connect_client("agent");
-    requester_ = connect_client("app");
+    replier_ = connect_client(kReplier);
+    requester_ = connect_client(kRequester);
     std::unique_lock<std::mutex> hold(subscribed_lock_);
     if (!subscribed_changed_.wait_for(hold, std::chrono::seconds(10),
                                       [this] { return subscribed_ == 2; })) {
@@ -67,7 +72,7 @@ mosquitto *MosquittoPair::connect_client(const std::string &node) {
     std::string key = pki_dir_ + "/" + node + "/private.pem";
     check(mosquitto_tls_set(client, ca.c_str(), nullptr, cert.c_str(), key.c_str(), nullptr),
           "tls_set");
-    bool replier = node == "agent";
+    bool replier = node == kReplier;
     mosquitto_message_v5_callback_set(
         client, replier ? &MosquittoPair::on_request : &MosquittoPair::on_reply);
     mosquitto_connect_v5_callback_set(client, replier ? &MosquittoPair::on_replier_connect

@@ -15,8 +15,8 @@ namespace uozbench {
 
 class MosquittoPair {
   public:
-    // Connects a requester (identity "app") and an echoing replier (identity
-    // "agent") to the broker at localhost:port; waits until both subscribed.
+    // Connects a requester (identity "peer1") and an echoing replier (identity
+    // "peer2") to the broker at localhost:port; waits until both subscribed.
     MosquittoPair(const std::string &pki_dir, int port, size_t payload_size, int slots);
     ~MosquittoPair();
     MosquittoPair(const MosquittoPair &) = delete;
