@@ -1,9 +1,9 @@
-// Feeds sequences of incoming MQTT messages (topic, content type, payload) to
-// the bus library's inbox: presence records with real, forged and mangled
+// Feeds sequences of incoming MQTT messages to the bus library's inbox. The
+// input is fields separated by the byte 0xFF: topic, content type, payload,
+// topic, ... (a missing field is empty). It holds presence records with real, forged and mangled
 // certificates, absences, and messages to our addresses. Besides memory
 // errors it catches a message delivered with a source that no certificate of
 // our CA vouches for.
-#include <fuzzer/FuzzedDataProvider.h>
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <openssl/pem.h>
@@ -76,6 +76,18 @@ void on_presence(kt5bus_client *, kt5bus_address *connected, kt5bus_address *dis
     check_chain(disconnected);
 }
 
+constexpr uint8_t kSeparator = 0xFF;
+
+// The next field of the input, starting at *position.
+std::string next_field(const uint8_t *data, size_t size, size_t *position) {
+    size_t start = *position;
+    size_t end = start;
+    while (end < size && data[end] != kSeparator)
+        ++end;
+    *position = end < size ? end + 1 : size;
+    return std::string(reinterpret_cast<const char *>(data) + start, end - start);
+}
+
 mosquitto_property *content_type_property(const std::string &content_type) {
     mosquitto_property *properties = nullptr;
     if (!content_type.empty())
@@ -91,12 +103,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     record.on_message = on_message;
     record.on_presence = on_presence;
     kt5::Inbox inbox(&record, "app-0123456789abcdef", store);
-    FuzzedDataProvider input(data, size);
-    while (input.remaining_bytes() > 0) {
+    size_t position = 0;
+    while (position < size) {
         // A topic is a C text for the inbox: it ends at its first NUL.
-        std::string topic = input.ConsumeRandomLengthString(256).c_str();
-        std::string content_type = input.ConsumeRandomLengthString(64);
-        std::string payload = input.ConsumeRandomLengthString(8192);
+        std::string topic = next_field(data, size, &position).c_str();
+        std::string content_type = next_field(data, size, &position);
+        std::string payload = next_field(data, size, &position);
         std::string direct = "kt5/msg/";
         g_sender_cn =
             topic.compare(0, direct.size(), direct) == 0

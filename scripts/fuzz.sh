@@ -7,7 +7,8 @@ cd "$(dirname "$0")/.."
 seconds=${FUZZ_SECONDS:-60}
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DUOZ_SANITIZE=fuzzer -DUOZ_BUILD_FUZZ=ON -DUOZ_BUILD_TESTS=OFF -DUOZ_BUILD_TOOLS=OFF >/dev/null
-targets=${FUZZ_TARGETS:-"$(sed -n 's/^foreach(target \(.*\))$/\1/p' fuzz/CMakeLists.txt) fuzz_dtc_decode fuzz_kt5bus_inbox"}
+all_targets=$(sed -n '/^set(UOZ_FUZZ_TARGETS/,/)/p' fuzz/CMakeLists.txt | tr -d '()' | sed 's/set//; s/UOZ_FUZZ_TARGETS//' | xargs)
+targets=${FUZZ_TARGETS:-$all_targets}
 cmake --build build-fuzz -j"${JOBS:-2}" --target $targets
 status=0
 for target in $targets; do
