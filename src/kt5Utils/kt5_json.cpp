@@ -59,13 +59,13 @@ json_object *kt5_json_copy(json_object *obj) {
 
 namespace {
 
-// The value at the key path, with a log line for every missing key; nullptr
-// when a key is missing or the value is JSON null.
-json_object *walk(json_object *obj, va_list keys, bool *missing) {
+// The value at the key path (first_key, then the keys of the list up to
+// NULL), with a log line for every missing key; nullptr when a key is missing
+// or the value is JSON null.
+json_object *walk(json_object *obj, const char *first_key, va_list keys, bool *missing) {
     json_object *current = obj;
     *missing = false;
-    for (const char *key = va_arg(keys, const char *); key != nullptr;
-         key = va_arg(keys, const char *)) {
+    for (const char *key = first_key; key != nullptr; key = va_arg(keys, const char *)) {
         bool found = false;
         current = member(current, key, &found);
         if (!found) {
@@ -88,7 +88,8 @@ int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
     va_list keys;
     va_start(keys, out);
     bool missing = false;
-    json_object *value = walk(obj, keys, &missing);
+    const char *first_key = va_arg(keys, const char *);
+    json_object *value = walk(obj, first_key, keys, &missing);
     va_end(keys);
 
     int result = 0;
@@ -106,11 +107,11 @@ int kt5_json_get(json_object *obj, json_type type, void *out, ...) {
     return result;
 }
 
-json_object *kt5_json_borrow(json_object *obj, json_type type, ...) {
+json_object *kt5_json_borrow(json_object *obj, json_type type, const char *first_key, ...) {
     va_list keys;
-    va_start(keys, type);
+    va_start(keys, first_key);
     bool missing = false;
-    json_object *value = walk(obj, keys, &missing);
+    json_object *value = walk(obj, first_key, keys, &missing);
     va_end(keys);
     if (missing || value == nullptr || !is_owned_copy(type) || !json_object_is_type(value, type))
         return nullptr;

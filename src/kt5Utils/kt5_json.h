@@ -24,8 +24,10 @@ int kt5_json_get(json_object *obj, json_type type, void *out, ...) __attribute__
 // Like kt5_json_get for json_type_object and json_type_array, with the same
 // log lines, but lends the value instead of copying it: the result belongs to
 // obj and lives as long as obj does. NULL when a key is missing, the value
-// has another type, or type is neither object nor array.
-json_object *kt5_json_borrow(json_object *obj, json_type type, ...) __attribute__((sentinel));
+// has another type, or type is neither object nor array. The path has at
+// least one key.
+json_object *kt5_json_borrow(json_object *obj, json_type type, const char *first_key, ...)
+    __attribute__((sentinel));
 
 // 1 when every key of the path (ended by NULL) exists (a JSON null value
 // counts), else 0. Logs nothing.
