@@ -2,7 +2,7 @@
 // round trip, in one run on one broker. Prints one table and writes the same
 // figures as JSON.
 //
-//   uoz-bench [--requests N] [--json FILE] [--quick]
+//   uoz-bench [--requests N] [--json FILE] [--quick] [--latency-only]
 //
 // Needs UOZ_TEST_PKI (a PKI made by uoz-pki with nodes "app" and "agent"), as
 // scripts/bench.sh sets it.
@@ -38,6 +38,7 @@ struct Options {
     int throughput_requests = 4000;  // per measurement, spread over the threads
     int growth_requests = 100000;
     std::string json_path = "bench-results.json";
+    bool latency_only = false;  // for quick comparisons while optimising
 };
 
 Options parse_options(int argc, char **argv) {
@@ -48,13 +49,17 @@ Options parse_options(int argc, char **argv) {
             options.requests = atoi(argv[++i]);
         } else if (arg == "--json" && i + 1 < argc) {
             options.json_path = argv[++i];
+        } else if (arg == "--latency-only") {
+            options.latency_only = true;
         } else if (arg == "--quick") {
             options.requests = 500;
             options.warmup = 50;
             options.throughput_requests = 800;
             options.growth_requests = 5000;
         } else {
-            fprintf(stderr, "usage: uoz-bench [--requests N] [--json FILE] [--quick]\n");
+            fprintf(stderr,
+                    "usage: uoz-bench [--requests N] [--json FILE] [--quick] "
+                    "[--latency-only]\n");
             exit(2);
         }
     }
@@ -182,6 +187,14 @@ int main(int argc, char **argv) {
         [&] { return read_dtc(handle, 0); }, &anchor, &library);
     report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
     report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
+    fprintf(stderr, "anchor payload %zu bytes, library query %zu bytes\n", query_size,
+            responder.last_query_length());
+
+    if (options.latency_only) {
+        UDSOverZelko_Terminate(handle);
+        report.print(stdout);
+        return 0;
+    }
 
     fprintf(stderr, "throughput: 16 in flight and 1, 4, 16, 64 ECUs, in rounds...\n");
     const std::vector<int> ecu_counts = {1, 4, 16, 64};

@@ -9,6 +9,7 @@
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/query.h"
+#include "UDSOverZelko/read_dtc.h"
 #include "kt5Utils/kt5_json.h"
 
 namespace uozbench {
@@ -177,9 +178,8 @@ size_t typical_query_size(const std::string &config_path) {
     reply_wait_init(&handle->consent_wait);
     size_t size = 0;
     if (load_ecu_config(handle, config_path.c_str()) == 0) {
-        JsonPtr uds(json_tokener_parse(
-            "{\"SID\":\"0x19\",\"subfunction\":\"UDS_REPORT_DTC_BY_STATUS_MASK\","
-            "\"data-record\":{\"type\":\"STATUS_MASK\",\"record\":[]}}"));
+        // The request that the benchmark's ReadDTCInfo (report 0x02, mask 0xFF) sends.
+        JsonPtr uds(build_read_dtc_body(0x02, 0xFF, 0, 0));
         EcuConfig *record = nullptr;
         json_object *body =
             build_query_body(handle, ecu_address(0), QUERY_UDS_DATA, uds.get(), &record);

@@ -92,6 +92,7 @@ void MinimalResponder::on_delivered(kt5bus_client *, kt5bus_message *message, vo
 
 void MinimalResponder::answer(const kt5bus_message &query) {
     const char *text = static_cast<const char *>(query.data);
+    last_query_length_.store(strnlen(text, query.length));
     std::string reply_id = find_string_member(text, query.length, "reply-id");
     std::string target = find_string_member(text, query.length, "targetAddress");
     std::string request_id = find_string_member(text, query.length, "phy-req-id");

@@ -23,6 +23,8 @@ class MinimalResponder {
     // Waits until the client is connected; false after 10 s.
     bool wait_running();
     unsigned long answered() const { return answered_.load(); }
+    // Length of the last query received, to check the anchor's payload size.
+    size_t last_query_length() const { return last_query_length_.load(); }
 
   private:
     static void on_message(kt5bus_client *client, kt5bus_message *message);
@@ -38,6 +40,7 @@ class MinimalResponder {
     std::condition_variable running_changed_;
     bool running_ = false;
     std::atomic<unsigned long> answered_{0};
+    std::atomic<size_t> last_query_length_{0};
 };
 
 // Value of the first member `key` of a JSON text whose value is a string, or

@@ -33,8 +33,11 @@ void deliver(ReplyWait *wait, char *text, JsonPtr parsed) {
     reply_slot_clear(wait);
     wait->reply = text;
     wait->parsed = parsed.release();
-    pthread_cond_signal(&wait->cond);
     pthread_mutex_unlock(&wait->lock);
+    // Signalled after unlocking, so that the woken caller does not at once
+    // block again on the lock that this thread still holds. The caller
+    // re-checks the slot under the lock, so no wake-up is lost.
+    pthread_cond_signal(&wait->cond);
 }
 
 int hex_digit(char c) {

@@ -12,8 +12,8 @@
 //   json_type_double  -> double in *(double *)out
 //   json_type_int     -> int32_t in *(int32_t *)out
 //   json_type_string  -> const char * borrowed from obj in *(const char **)out
-//   json_type_object / json_type_array -> an independent copy (serialised and
-//     parsed again) in *(json_object **)out; the caller owns it. The slot is
+//   json_type_object / json_type_array -> an independent copy (kt5_json_copy)
+//     in *(json_object **)out; the caller owns it. The slot is
 //     owned by the call: a non-null object in it is released on success and
 //     on failure (the slot is then NULL).
 // Every missing key logs at INFO "No %s property in %s\n" with the key and the
@@ -39,7 +39,8 @@ struct JsonPut {
 };
 using JsonPtr = std::unique_ptr<json_object, JsonPut>;
 
-// Independent copy of a value, made by serialising and parsing it again.
+// Independent copy of a value, equal to what serialising it and parsing the
+// text again would give (numbers keep their written form); NULL for NULL.
 json_object *kt5_json_copy(json_object *obj);
 
 #endif

@@ -77,6 +77,21 @@ TEST(JsonGetTest, copiesAreIndependentOfTheDocument) {
     EXPECT_STREQ(json_object_to_json_string(copy), R"({ "k": "v", "added": 1 })");
 }
 
+TEST(JsonCopyTest, copySerialisesExactlyAsTheOriginal) {
+    const char *text =
+        R"({"n":1.50,"e":1e3,"big":123456789012345678901,"s":"\u00e9\"","a":[null,true,{}]})";
+    JsonPtr document = parse(text);
+    JsonPtr copy(kt5_json_copy(document.get()));
+    ASSERT_NE(copy, nullptr);
+    EXPECT_NE(copy.get(), document.get());
+    EXPECT_STREQ(json_object_to_json_string(copy.get()),
+                 json_object_to_json_string(document.get()));
+    JsonPtr reparsed(json_tokener_parse(json_object_to_json_string(document.get())));
+    EXPECT_STREQ(json_object_to_json_string(copy.get()),
+                 json_object_to_json_string(reparsed.get()));
+    EXPECT_EQ(kt5_json_copy(nullptr), nullptr);
+}
+
 TEST(JsonGetTest, searchFromNullReportsTheFirstKeyAgainstNull) {
     LogCapture capture(2);
     const char *text = nullptr;
