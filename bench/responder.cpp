@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <string_view>
 
 #include "broker_fixture.h"
 
@@ -22,7 +23,8 @@ MinimalResponder *owner_of(kt5bus_client *client) {
 }  // namespace
 
 std::string find_string_member(const char *text, size_t length, const char *key) {
-    std::string haystack(text, strnlen(text, length));
+    // A view, not a copy: the responder must cost as little as the anchor's echo.
+    std::string_view haystack(text, strnlen(text, length));
     std::string quoted = std::string("\"") + key + "\"";
     size_t at = haystack.find(quoted);
     if (at == std::string::npos)
@@ -36,7 +38,7 @@ std::string find_string_member(const char *text, size_t length, const char *key)
     size_t close = haystack.find('"', open + 1);
     if (close == std::string::npos)
         return "";
-    return haystack.substr(open + 1, close - open - 1);
+    return std::string(haystack.substr(open + 1, close - open - 1));
 }
 
 MinimalResponder::MinimalResponder(const std::string &identity_dir, const std::string &url) {

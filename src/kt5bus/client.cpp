@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -131,7 +130,10 @@ class Client {
     uint32_t next_id_ = 0;
     std::map<uint32_t, Pending> pending_;  // by message id
     std::map<int, uint32_t> publishes_;    // MQTT message id -> message id
-    std::deque<std::pair<kt5bus_message *, bool>> finished_;
+    // Reported messages and their outcome, in order; a vector so that an
+    // empty report costs no allocation.
+    std::vector<std::pair<kt5bus_message *, bool>> finished_;
+    Clock::time_point next_expiry_scan_{};  // client thread only
 };
 
 Client::~Client() {
@@ -346,9 +348,11 @@ void Client::acknowledge(int mid, bool ok) {
 
 // Delivery reports run here, on the client thread, outside the lock.
 void Client::report_finished() {
-    std::deque<std::pair<kt5bus_message *, bool>> finished;
+    std::vector<std::pair<kt5bus_message *, bool>> finished;
     {
         std::lock_guard<std::mutex> hold(lock_);
+        if (finished_.empty())
+            return;
         finished.swap(finished_);
     }
     for (auto &[message, ok] : finished) {
@@ -358,10 +362,15 @@ void Client::report_finished() {
     }
 }
 
+// Deadlines are seconds long: looking for expired messages once per loop
+// timeout is enough, and spares the scan on every packet.
 void Client::expire_pending() {
+    Clock::time_point now = Clock::now();
+    if (now < next_expiry_scan_)
+        return;
+    next_expiry_scan_ = now + std::chrono::milliseconds(kLoopTimeoutMs);
     {
         std::lock_guard<std::mutex> hold(lock_);
-        Clock::time_point now = Clock::now();
         for (auto entry = pending_.begin(); entry != pending_.end();) {
             auto current = entry++;
             if (!current->second.returned || current->second.deadline > now)
