@@ -1,7 +1,8 @@
-// Typed look-ups at key paths in arbitrary JSON documents. The first bytes
+// Typed and borrowed look-ups at key paths in arbitrary JSON documents. The first bytes
 // choose the expected type and the path; the rest is the document.
 #include <json-c/json.h>
 #include <stdint.h>
+#include <stdlib.h>
 
 #include <string>
 
@@ -37,5 +38,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (type == json_type_object || type == json_type_array)
         json_object_put(slot.object);
     kt5_json_has(document.get(), first, second, nullptr);
+    // A borrowed value is the document's own: it must have the asked type,
+    // and serialising it must stay within the document.
+    json_object *lent = kt5_json_borrow(document.get(), type, first, second, nullptr);
+    if (lent != nullptr) {
+        if (!json_object_is_type(lent, type))
+            abort();
+        json_object_to_json_string(lent);
+    }
     return 0;
 }
