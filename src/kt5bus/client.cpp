@@ -32,11 +32,11 @@ constexpr int kQos = 1;
 // A message accepted by kt5bus_send_message and not yet reported.
 struct Pending {
     kt5bus_message *message = nullptr;
-    std::vector<std::string> topics;  // where it goes
-    std::string content_type;
-    int outstanding = 0;    // publishes without an acknowledgement
-    bool ok = true;         // every acknowledgement so far said delivered
-    bool returned = false;  // kt5bus_send_message has finished with it
+    std::vector<std::string> topics;     // where it goes
+    const char *content_type = nullptr;  // the message's own: valid until it is reported
+    int outstanding = 0;                 // publishes without an acknowledgement
+    bool ok = true;                      // every acknowledgement so far said delivered
+    bool returned = false;               // kt5bus_send_message has finished with it
     Clock::time_point deadline;
 };
 
@@ -397,9 +397,8 @@ void Client::fail_all_pending() {
 // Called with lock_ held.
 int Client::publish(uint32_t id, Pending &pending) {
     mosquitto_property *properties = nullptr;
-    if (!pending.content_type.empty()) {
-        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE,
-                                      pending.content_type.c_str());
+    if (pending.content_type != nullptr && pending.content_type[0] != '\0') {
+        mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, pending.content_type);
     }
     int published = 0;
     for (const std::string &topic : pending.topics) {
@@ -444,7 +443,7 @@ int Client::send(kt5bus_message *message) {
     Pending &pending = pending_[id];
     pending.message = message;
     pending.topics = std::move(topics);
-    pending.content_type = message->content_type != nullptr ? message->content_type : "";
+    pending.content_type = message->content_type;
     pending.outstanding = static_cast<int>(pending.topics.size());
     pending.deadline = Clock::now() + std::chrono::seconds(KT5BUS_DELIVERY_TIMEOUT_SECONDS);
     message->id = id;

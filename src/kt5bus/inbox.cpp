@@ -7,16 +7,16 @@ namespace kt5 {
 
 void Inbox::receive(const char *topic_text, const void *payload, int payload_length,
                     const mosquitto_property *properties) {
-    std::string topic = topic_text != nullptr ? topic_text : "";
-    const std::string presence = "kt5/presence/", direct = "kt5/msg/";
+    std::string_view topic = topic_text != nullptr ? topic_text : "";
+    constexpr std::string_view presence = "kt5/presence/", direct = "kt5/msg/";
     if (payload_length < 0)
         return;
-    if (topic.compare(0, presence.size(), presence) == 0) {
-        std::string rest = topic.substr(presence.size());
+    if (topic.substr(0, presence.size()) == presence) {
+        std::string_view rest = topic.substr(presence.size());
         size_t slash = rest.find('/');
-        if (slash == std::string::npos)
+        if (slash == std::string_view::npos)
             return;
-        std::string cn = rest.substr(0, slash), client_id = rest.substr(slash + 1);
+        std::string cn(rest.substr(0, slash)), client_id(rest.substr(slash + 1));
         if (client_id == own_client_id_)
             return;
         if (payload_length == 0) {
@@ -24,8 +24,8 @@ void Inbox::receive(const char *topic_text, const void *payload, int payload_len
         } else {
             handle_presence(cn, client_id, payload, payload_length);
         }
-    } else if (topic.compare(0, direct.size(), direct) == 0) {
-        std::string rest = topic.substr(direct.size());
+    } else if (topic.substr(0, direct.size()) == direct) {
+        std::string_view rest = topic.substr(direct.size());
         handle_message(rest.substr(0, rest.find('/')), payload, payload_length, properties);
     }
 }
@@ -76,7 +76,7 @@ void Inbox::handle_presence(const std::string &cn, const std::string &client_id,
 // The source of a message is the first address of its sender's verified
 // presence; a sender whose presence is not (yet) known is passed on with no
 // source, since nothing vouches for its addresses.
-void Inbox::handle_message(const std::string &sender_cn, const void *payload, int payload_length,
+void Inbox::handle_message(std::string_view sender_cn, const void *payload, int payload_length,
                            const mosquitto_property *properties) {
     if (record_->on_message == nullptr)
         return;
@@ -94,7 +94,8 @@ void Inbox::handle_message(const std::string &sender_cn, const void *payload, in
             source.value.name = const_cast<char *>(first.name.c_str());
         }
     } else {
-        debug("message from %s without a known presence", sender_cn.c_str());
+        debug("message from %.*s without a known presence", static_cast<int>(sender_cn.size()),
+              sender_cn.data());
     }
     kt5bus_message received{};
     received.content_type = content_type;

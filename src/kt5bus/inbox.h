@@ -10,6 +10,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kt5bus/kt5bus_internal.h"
@@ -39,13 +40,13 @@ class Inbox {
     void handle_presence(const std::string &cn, const std::string &client_id, const void *payload,
                          int payload_length);
     void handle_absence(const std::string &cn, const std::string &client_id);
-    void handle_message(const std::string &sender_cn, const void *payload, int payload_length,
+    void handle_message(std::string_view sender_cn, const void *payload, int payload_length,
                         const mosquitto_property *properties);
 
     kt5bus_client *record_;
     std::string own_client_id_;
     X509_STORE *trust_;
-    std::map<std::string, Peer> peers_;  // by CN
+    std::map<std::string, Peer, std::less<>> peers_;  // by CN; found by string_view too
 };
 
 }  // namespace kt5
