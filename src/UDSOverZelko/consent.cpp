@@ -1,8 +1,6 @@
 // External consent for an update campaign, answered by the bus's policy agent.
-#include <errno.h>
 #include <stdlib.h>
 #include <strings.h>
-#include <time.h>
 
 #include "UDSOverZelko/records.h"
 
@@ -23,20 +21,6 @@ json_object *consent_message(int32_t consent_type, const char *campaign_id) {
     json_object_object_add(message, "type", json_object_new_string("zelko.external-consent"));
     json_object_object_add(message, "body", body);
     return message;
-}
-
-// Waits, with the slot's lock held, until an answer is there or the time is
-// up; true with the answer taken out of the slot.
-bool wait_for_answer(ReplyWait *wait, JsonPtr *answer) {
-    struct timespec deadline = {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
-    while (wait->reply == nullptr) {
-        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
-            break;
-    }
-    TextPtr text;
-    return reply_slot_take(wait, &text, answer);
 }
 
 int consent_result(json_object *answer) {
@@ -72,8 +56,10 @@ int UDSOverZelkoSendExternalConsent(UDSOverZelkoHandle *handle, int32_t consent_
         JsonPtr message(consent_message(consent_type, campaign_id));
         const char *const groups[] = {UOZ_POLICY_AGENT_GROUP, nullptr};
         zebus_send_message(handle->bus, json_object_to_json_string(message.get()), groups);
+        TextPtr answer_text;
         JsonPtr answer;
-        result = wait_for_answer(wait, &answer) ? consent_result(answer.get()) : CONSENT_NO_REPLY;
+        result = reply_slot_wait(wait, &answer_text, &answer) ? consent_result(answer.get())
+                                                              : CONSENT_NO_REPLY;
     }
     pthread_mutex_unlock(&wait->lock);
     return result;

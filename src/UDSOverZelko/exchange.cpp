@@ -2,12 +2,10 @@
 // the bus thread routes to the addressed ECU record, match and decode it.
 #include "UDSOverZelko/exchange.h"
 
-#include <errno.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <string>
 
@@ -16,13 +14,6 @@
 #include "zelkobus/zelkobus.h"
 
 namespace {
-
-struct timespec reply_deadline() {
-    struct timespec deadline = {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
-    return deadline;
-}
 
 // Stores a delivered text, with the JSON parsed from it, in a reply slot and
 // wakes its waiter. A message left there by nobody's wait is replaced.
@@ -188,14 +179,9 @@ bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *te
     pthread_mutex_unlock(&wait->lock);
 
     zebus_send_message_to(handle->bus, text, KT5BUS_ADDR_UA, UOZ_AGENT_ADDRESS);
-    struct timespec deadline = reply_deadline();
 
     pthread_mutex_lock(&wait->lock);
-    while (wait->reply == nullptr) {
-        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
-            break;
-    }
-    bool replied = reply_slot_take(wait, reply_text, reply);
+    bool replied = reply_slot_wait(wait, reply_text, reply);
     pthread_mutex_unlock(&wait->lock);
     if (!replied)
         UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");

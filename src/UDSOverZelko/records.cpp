@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 #include "UDSOverZelko/config.h"
 
@@ -59,6 +60,18 @@ bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json) {
     wait->reply = nullptr;
     wait->parsed = nullptr;
     return true;
+}
+
+bool reply_slot_wait(ReplyWait *wait, TextPtr *text, JsonPtr *json) {
+    struct timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
+    // Loops over spurious wake-ups until a message is there or the time is up.
+    while (wait->reply == nullptr) {
+        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
+            break;
+    }
+    return reply_slot_take(wait, text, json);
 }
 
 void reply_wait_destroy(ReplyWait *wait) {

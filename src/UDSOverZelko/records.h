@@ -115,6 +115,9 @@ void reply_slot_clear(ReplyWait *wait);
 // JSON is parsed from the text when the delivery thread kept none; it is NULL
 // when the text is no JSON. False when the slot was empty.
 bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json);
+// With wait->lock held: waits up to REPLY_TIMEOUT_SECONDS (realtime clock)
+// for a message, then takes it as reply_slot_take does; false on time-out.
+bool reply_slot_wait(ReplyWait *wait, TextPtr *text, JsonPtr *json);
 
 // Release everything the handle owns except the bus connection, then the
 // handle itself: the body of UDSOverZelko_Terminate after the bus stop.

@@ -135,12 +135,12 @@ int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
         return UOZ_ERR_GENERAL;
     if (period == 0)
         return UOZ_ERR_VALIDITY;
-    json_object *commands = nullptr;
-    if (kt5_json_get(parsed.get(), json_type_array, &commands, "commands", nullptr) != 0) {
+    // Read in place: the custom routine makes its own copy of the commands.
+    json_object *commands = kt5_json_borrow(parsed.get(), json_type_array, "commands", nullptr);
+    if (commands == nullptr) {
         UOZ_SET_ERROR("Could not find 'commands' property in JSON");
         return UOZ_ERR_GENERAL;
     }
-    JsonPtr owned_commands(commands);
     JsonPtr routine(choose_routine(handle, parsed.get(), commands));
     const char *server_address = nullptr;
     if (kt5_json_get(parsed.get(), json_type_string, &server_address, "ecu", "ServerAddress",
