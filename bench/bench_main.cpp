@@ -182,11 +182,17 @@ int main(int argc, char **argv) {
             "taking turns...\n",
             query_size);
     Summary anchor, library;
+    CpuTimes cpu_before = cpu_times(broker.pid());
+    auto started = std::chrono::steady_clock::now();
     paired_latency(
         options.warmup, options.requests, [&] { return pair.round_trip(0); },
         [&] { return read_dtc(handle, 0); }, &anchor, &library);
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
+    CpuTimes cpu_after = cpu_times(broker.pid());
     report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
     report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
+    report.add_other_load("CPU taken by others during the latencies", cpu_before, cpu_after,
+                          took.count());
     fprintf(stderr, "anchor payload %zu bytes, library query %zu bytes\n", query_size,
             responder.last_query_length());
 

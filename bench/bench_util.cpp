@@ -77,6 +77,19 @@ void Report::add_cpu(const std::string &name, double nanoseconds, double goal_na
                      goal_nanoseconds > 0 ? nanoseconds / goal_nanoseconds : 0});
 }
 
+void Report::add_other_load(const std::string &name, const CpuTimes &before, const CpuTimes &after,
+                            double seconds) {
+    double others = (after.machine_busy_ms - before.machine_busy_ms) -
+                    (after.own_ms - before.own_ms) - (after.broker_ms - before.broker_ms);
+    double stolen = after.stolen_ms - before.stolen_ms;
+    others = std::max(others, 0.0);
+    char figure[96];
+    snprintf(figure, sizeof(figure), "other programs %.0f ms, hypervisor %.0f ms", others, stolen);
+    double share = seconds > 0 ? (others + stolen) / (seconds * 1000) : 0;
+    rows_.push_back({name, figure, format("%.0f%% of one core", share * 100), "other_cpu_ms",
+                     others + stolen, 0});
+}
+
 void Report::note_handle_memory(int ecus, long bytes) {
     handle_memory_.emplace_back(ecus, bytes);
     if (handle_memory_.size() < 2)
@@ -192,6 +205,52 @@ size_t typical_query_size(const std::string &config_path) {
     }
     uoz_dbg_level = saved_level;
     return size > 0 ? size : 200;
+}
+
+namespace {
+
+// utime + stime of a process, in clock ticks; 0 when it cannot be read.
+long process_ticks(pid_t pid) {
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+    FILE *stat = fopen(path, "r");
+    if (stat == nullptr)
+        return 0;
+    char line[1024];
+    long ticks = 0;
+    if (fgets(line, sizeof(line), stat) != nullptr) {
+        // The command name may hold spaces: the fields after it start at the last ')'.
+        const char *rest = strrchr(line, ')');
+        unsigned long user = 0, system = 0;
+        if (rest != nullptr &&
+            sscanf(rest + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user,
+                   &system) == 2) {
+            ticks = static_cast<long>(user + system);
+        }
+    }
+    fclose(stat);
+    return ticks;
+}
+
+}  // namespace
+
+CpuTimes cpu_times(pid_t broker) {
+    CpuTimes times;
+    double ms_per_tick = 1000.0 / sysconf(_SC_CLK_TCK);
+    FILE *stat = fopen("/proc/stat", "r");
+    if (stat != nullptr) {
+        unsigned long long user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0,
+                           softirq = 0, steal = 0;
+        if (fscanf(stat, "cpu %llu %llu %llu %llu %llu %llu %llu %llu", &user, &nice, &system,
+                   &idle, &iowait, &irq, &softirq, &steal) == 8) {
+            times.machine_busy_ms = (user + nice + system + irq + softirq) * ms_per_tick;
+            times.stolen_ms = steal * ms_per_tick;
+        }
+        fclose(stat);
+    }
+    times.own_ms = process_ticks(getpid()) * ms_per_tick;
+    times.broker_ms = broker > 0 ? process_ticks(broker) * ms_per_tick : 0;
+    return times;
 }
 
 long resident_bytes() {

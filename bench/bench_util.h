@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -19,6 +20,18 @@ struct Summary {
 };
 
 Summary summarize(std::vector<double> samples);
+
+// CPU time in milliseconds: of the whole machine (busy and stolen by the
+// hypervisor), of this process and of the broker. Other programs take what
+// is left, and a busy machine slows the library's round trips more than the
+// anchor's, which need less CPU.
+struct CpuTimes {
+    double machine_busy_ms = 0;
+    double stolen_ms = 0;
+    double own_ms = 0;
+    double broker_ms = 0;
+};
+CpuTimes cpu_times(pid_t broker);
 
 // One row of the report: a figure, its unit, and its ratio to an anchor or
 // its goal where there is one.
@@ -37,6 +50,9 @@ class Report {
     void add_rate(const std::string &name, double per_second, double anchor_per_second);
     void add_memory(const std::string &name, long bytes);
     void add_cpu(const std::string &name, double nanoseconds, double goal_nanoseconds);
+    // What other programs and the hypervisor took while a figure was measured.
+    void add_other_load(const std::string &name, const CpuTimes &before, const CpuTimes &after,
+                        double seconds);
     // Remembers the resident size of a handle with `ecus` ECUs, for the
     // per-ECU figure.
     void note_handle_memory(int ecus, long bytes);

@@ -25,6 +25,7 @@ class Broker {
     Broker &operator=(const Broker &) = delete;
 
     int port() const { return port_; }
+    pid_t pid() const { return pid_; }
     std::string url() const;
     void stop();   // SIGTERM and wait
     void kill();   // SIGKILL and wait
