@@ -1,5 +1,6 @@
 #include "responder.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -15,6 +16,10 @@ namespace {
 
 // A positive response to report 0x02 with one DTC (P0301, status 0x09).
 constexpr const char *kDtcData = "5902FF03010009";
+constexpr const char *kReplyFormat =
+    "{\"type\":\"zelko.skyharbor-query-update\",\"reply-to\":\"%.*s\",\"body\":{"
+    "\"targetAddress\":\"%.*s\",\"uds\":{\"data-record\":[{\"phy-req-id\":\"%.*s\","
+    "\"data\":\"%s\"}]}}}";
 
 MinimalResponder *owner_of(kt5bus_client *client) {
     return static_cast<MinimalResponder *>(client->owner);
@@ -22,23 +27,22 @@ MinimalResponder *owner_of(kt5bus_client *client) {
 
 }  // namespace
 
-std::string find_string_member(const char *text, size_t length, const char *key) {
-    // A view, not a copy: the responder must cost as little as the anchor's echo.
-    std::string_view haystack(text, strnlen(text, length));
-    std::string quoted = std::string("\"") + key + "\"";
-    size_t at = haystack.find(quoted);
-    if (at == std::string::npos)
-        return "";
-    size_t colon = haystack.find(':', at + quoted.size());
-    if (colon == std::string::npos)
-        return "";
-    size_t open = haystack.find('"', colon + 1);
-    if (open == std::string::npos)
-        return "";
-    size_t close = haystack.find('"', open + 1);
-    if (close == std::string::npos)
-        return "";
-    return std::string(haystack.substr(open + 1, close - open - 1));
+// Neither copies nor allocates: the responder must cost as little as the
+// anchor's echo, so that the comparison measures the library.
+std::string_view find_string_member(std::string_view text, std::string_view key) {
+    for (size_t at = text.find(key); at != std::string_view::npos; at = text.find(key, at + 1)) {
+        bool quoted = at > 0 && at + key.size() < text.size() && text[at - 1] == '"' &&
+                      text[at + key.size()] == '"';
+        if (!quoted)
+            continue;
+        size_t colon = text.find(':', at + key.size());
+        size_t open = colon == std::string_view::npos ? colon : text.find('"', colon + 1);
+        size_t close = open == std::string_view::npos ? open : text.find('"', open + 1);
+        if (close == std::string_view::npos)
+            return {};
+        return text.substr(open + 1, close - open - 1);
+    }
+    return {};
 }
 
 MinimalResponder::MinimalResponder(const std::string &identity_dir, const std::string &url) {
@@ -93,22 +97,27 @@ void MinimalResponder::on_delivered(kt5bus_client *, kt5bus_message *message, vo
 }
 
 void MinimalResponder::answer(const kt5bus_message &query) {
-    const char *text = static_cast<const char *>(query.data);
-    last_query_length_.store(strnlen(text, query.length));
-    std::string reply_id = find_string_member(text, query.length, "reply-id");
-    std::string target = find_string_member(text, query.length, "targetAddress");
-    std::string request_id = find_string_member(text, query.length, "phy-req-id");
+    std::string_view text(static_cast<const char *>(query.data),
+                          strnlen(static_cast<const char *>(query.data), query.length));
+    last_query_length_.store(text.size());
+    std::string_view reply_id = find_string_member(text, "reply-id");
+    std::string_view target = find_string_member(text, "targetAddress");
+    std::string_view request_id = find_string_member(text, "phy-req-id");
     if (reply_id.empty() || query.source == nullptr || query.source->kind != KT5BUS_ADDR_UA)
         return;
 
-    std::string reply = "{\"type\":\"zelko.skyharbor-query-update\",\"reply-to\":\"" + reply_id +
-                        "\",\"body\":{\"targetAddress\":\"" + target +
-                        "\",\"uds\":{\"data-record\":[{\"phy-req-id\":\"" + request_id +
-                        "\",\"data\":\"" + kDtcData + "\"}]}}}";
     auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
+    int length = asprintf(reinterpret_cast<char **>(&message->data), kReplyFormat,
+                          static_cast<int>(reply_id.size()), reply_id.data(),
+                          static_cast<int>(target.size()), target.data(),
+                          static_cast<int>(request_id.size()), request_id.data(), kDtcData);
+    if (length < 0) {
+        message->data = nullptr;
+        on_delivered(&client_, message, nullptr, 0);
+        return;
+    }
     message->content_type = "application/json";
-    message->data = strdup(reply.c_str());
-    message->length = reply.size() + 1;
+    message->length = static_cast<size_t>(length) + 1;
     if (kt5bus_chain_address(&message->destination, KT5BUS_ADDR_UA, query.source->value.name, 1) !=
             0 ||
         kt5bus_send_message(&client_, message, nullptr) != 0) {

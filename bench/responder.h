@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "kt5bus/kt5bus.h"
 
@@ -44,8 +45,9 @@ class MinimalResponder {
 };
 
 // Value of the first member `key` of a JSON text whose value is a string, or
-// "" when there is none. Enough for the library's own query texts.
-std::string find_string_member(const char *text, size_t length, const char *key);
+// "" when there is none: a view into text. Enough for the library's own
+// query texts.
+std::string_view find_string_member(std::string_view text, std::string_view key);
 
 }  // namespace uozbench
 
