@@ -107,6 +107,25 @@ double time_one(const std::function<bool()> &one) {
     return elapsed_us(start);
 }
 
+// Medians of consecutive stretches of requests, in the order they ran: the
+// scheduler's placement of the threads on the cores shifts during a run, and
+// with it the round trip of one side or the other.
+void print_medians_over_time(const std::vector<double> &anchor,
+                             const std::vector<double> &library) {
+    constexpr size_t kStretch = 500;
+    fprintf(stderr, "medians per %zu requests, anchor/library in us:", kStretch);
+    for (size_t start = 0; start + kStretch <= std::min(anchor.size(), library.size());
+         start += kStretch) {
+        auto median_of = [&](const std::vector<double> &samples) {
+            std::vector<double> stretch(samples.begin() + start,
+                                        samples.begin() + start + kStretch);
+            return summarize(stretch).median_us;
+        };
+        fprintf(stderr, " %.0f/%.0f", median_of(anchor), median_of(library));
+    }
+    fprintf(stderr, "\n");
+}
+
 // The anchor and the library take turns request by request, so that a change
 // in the machine's load while the benchmark runs falls on both alike.
 void paired_latency(int warmup, int count, const std::function<bool()> &anchor,
@@ -127,6 +146,7 @@ void paired_latency(int warmup, int count, const std::function<bool()> &anchor,
             anchor_samples.push_back(time_one(anchor));
         }
     }
+    print_medians_over_time(anchor_samples, library_samples);
     *anchor_summary = summarize(anchor_samples);
     *library_summary = summarize(library_samples);
 }
