@@ -107,9 +107,9 @@ double time_one(const std::function<bool()> &one) {
     return elapsed_us(start);
 }
 
-// Medians of consecutive stretches of requests, in the order they ran: the
-// scheduler's placement of the threads on the cores shifts during a run, and
-// with it the round trip of one side or the other.
+// Medians of consecutive stretches of requests, in the order they ran: how
+// fast an idle core wakes can change during a run, and with it the round
+// trip of one side or the other.
 void print_medians_over_time(const std::vector<double> &anchor,
                              const std::vector<double> &library) {
     constexpr size_t kStretch = 500;

@@ -22,9 +22,8 @@ struct Summary {
 Summary summarize(std::vector<double> samples);
 
 // CPU time in milliseconds: of the whole machine (busy and stolen by the
-// hypervisor), of this process and of the broker. Other programs take what
-// is left, and a busy machine slows the library's round trips more than the
-// anchor's, which need less CPU.
+// hypervisor), of this process and of the broker. What is left went to other
+// programs; it tells a slow run from a busy machine.
 struct CpuTimes {
     double machine_busy_ms = 0;
     double stolen_ms = 0;
