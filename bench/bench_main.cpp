@@ -2,7 +2,7 @@
 // round trip, in one run on one broker. Prints one table and writes the same
 // figures as JSON.
 //
-//   uoz-bench [--requests N] [--json FILE] [--quick] [--latency-only]
+//   uoz-bench [--requests N] [--json FILE] [--quick] [--latency-only | --throughput-only]
 //
 // Needs UOZ_TEST_PKI (a PKI made by uoz-pki with nodes "app" and "agent"), as
 // scripts/bench.sh sets it.
@@ -35,10 +35,12 @@ using Clock = std::chrono::steady_clock;
 struct Options {
     int requests = 5000;
     int warmup = 500;
-    int throughput_requests = 4000;  // per measurement, spread over the threads
+    int throughput_requests = 16000;  // per measurement, spread over rounds and threads
     int growth_requests = 100000;
     std::string json_path = "bench-results.json";
-    bool latency_only = false;  // for quick comparisons while optimising
+    // For quick comparisons while optimising: one part, table only.
+    bool latency_only = false;
+    bool throughput_only = false;
 };
 
 Options parse_options(int argc, char **argv) {
@@ -51,15 +53,17 @@ Options parse_options(int argc, char **argv) {
             options.json_path = argv[++i];
         } else if (arg == "--latency-only") {
             options.latency_only = true;
+        } else if (arg == "--throughput-only") {
+            options.throughput_only = true;
         } else if (arg == "--quick") {
             options.requests = 500;
             options.warmup = 50;
-            options.throughput_requests = 800;
+            options.throughput_requests = 1600;
             options.growth_requests = 5000;
         } else {
             fprintf(stderr,
                     "usage: uoz-bench [--requests N] [--json FILE] [--quick] "
-                    "[--latency-only]\n");
+                    "[--latency-only | --throughput-only]\n");
             exit(2);
         }
     }
@@ -77,16 +81,17 @@ struct Rate {
     double per_second() const { return seconds > 0 ? calls / seconds : 0; }
 };
 
-// Runs `total` calls of `one(thread)` spread over `threads` threads and adds
-// them to *rate.
+// Runs `total` calls of `one(thread)` on `threads` threads and adds them to
+// *rate. The threads draw calls from one pool, so that all stay busy until
+// the pool is empty and the run does not end with a tail of stragglers.
 void run_parallel(int threads, int total, const std::function<bool(int)> &one, Rate *rate) {
     std::atomic<int> failures{0};
-    int each = std::max(1, total / threads);
+    std::atomic<int> remaining{total};
     auto start = Clock::now();
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
-            for (int i = 0; i < each; ++i) {
+            while (remaining.fetch_sub(1) > 0) {
                 if (!one(t))
                     failures.fetch_add(1);
             }
@@ -96,7 +101,7 @@ void run_parallel(int threads, int total, const std::function<bool(int)> &one, R
         worker.join();
     if (failures.load() > 0)
         fprintf(stderr, "warning: %d calls failed\n", failures.load());
-    rate->calls += each * threads;
+    rate->calls += total;
     rate->seconds += elapsed_us(start) / 1e6;
 }
 
@@ -176,6 +181,83 @@ bool read_dtc(UDSOverZelkoHandle *handle, int ecu_index) {
     return rc > 0;
 }
 
+// Latency of one request at a time, the anchor and the library taking turns.
+void measure_latency(const Options &options, const uoztest::Broker &broker, MosquittoPair &pair,
+                     UDSOverZelkoHandle *handle, size_t query_size,
+                     const MinimalResponder &responder, Report &report) {
+    fprintf(stderr,
+            "latency: bare ping-pong (%zu-byte payload) and UDSOverZelko_ReadDTCInfo, "
+            "taking turns...\n",
+            query_size);
+    Summary anchor, library;
+    CpuTimes cpu_before = cpu_times(broker.pid());
+    auto started = std::chrono::steady_clock::now();
+    paired_latency(
+        options.warmup, options.requests, [&] { return pair.round_trip(0); },
+        [&] { return read_dtc(handle, 0); }, &anchor, &library);
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
+    CpuTimes cpu_after = cpu_times(broker.pid());
+    report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
+    report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
+    report.add_other_load("CPU taken by others during the latencies", cpu_before, cpu_after,
+                          took.count());
+    fprintf(stderr, "anchor payload %zu bytes, library query %zu bytes\n", query_size,
+            responder.last_query_length());
+}
+
+// Round trips per second: the anchor with 16 in flight, the library with one
+// thread per ECU, in rounds so that a change in load falls on all alike.
+void measure_throughput(const Options &options, MosquittoPair &pair, UDSOverZelkoHandle *handle,
+                        Report &report) {
+    fprintf(stderr, "throughput: 16 in flight and 1, 4, 16, 64 ECUs, in rounds...\n");
+    const std::vector<int> ecu_counts = {1, 4, 16, 64};
+    Rate anchor16;
+    std::vector<Rate> rates(ecu_counts.size());
+    constexpr int kRounds = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        run_parallel(
+            16, options.throughput_requests / kRounds, [&](int t) { return pair.round_trip(t); },
+            &anchor16);
+        for (size_t i = 0; i < ecu_counts.size(); ++i) {
+            run_parallel(
+                ecu_counts[i], options.throughput_requests / kRounds,
+                [&](int t) { return read_dtc(handle, t); }, &rates[i]);
+        }
+    }
+    report.add_rate("bare ping-pong, 16 in flight", anchor16.per_second(), anchor16.per_second());
+    for (size_t i = 0; i < ecu_counts.size(); ++i) {
+        report.add_rate("ReadDTCInfo, " + std::to_string(ecu_counts[i]) + " ECUs in parallel",
+                        rates[i].per_second(), anchor16.per_second());
+    }
+}
+
+void measure_growth(const Options &options, UDSOverZelkoHandle *handle, Report &report) {
+    fprintf(stderr, "memory growth over %d requests...\n", options.growth_requests);
+    Rate ignored;
+    run_parallel(
+        16, options.growth_requests / 10, [&](int t) { return read_dtc(handle, t); }, &ignored);
+    long before = resident_bytes();
+    run_parallel(
+        16, options.growth_requests, [&](int t) { return read_dtc(handle, t); }, &ignored);
+    long after = resident_bytes();
+    report.add_memory(
+        "resident growth over " + std::to_string(options.growth_requests) + " requests",
+        after - before);
+}
+
+void measure_handle_sizes(const uoztest::Broker &broker, Report &report) {
+    for (int ecus : {10, 1000, 10000}) {
+        std::string path = write_ecu_config(ecus);
+        long start = resident_bytes();
+        UDSOverZelkoHandle *sized = init_handle(broker, path);
+        long used = resident_bytes() - start;
+        UDSOverZelko_Terminate(sized);
+        unlink(path.c_str());
+        report.add_memory("handle with " + std::to_string(ecus) + " ECUs", used);
+        report.note_handle_memory(ecus, used);
+    }
+}
+
 }  // namespace
 }  // namespace uozbench
 
@@ -197,75 +279,19 @@ int main(int argc, char **argv) {
     }
     UDSOverZelkoHandle *handle = init_handle(broker, config_path);
 
-    fprintf(stderr,
-            "latency: bare ping-pong (%zu-byte payload) and UDSOverZelko_ReadDTCInfo, "
-            "taking turns...\n",
-            query_size);
-    Summary anchor, library;
-    CpuTimes cpu_before = cpu_times(broker.pid());
-    auto started = std::chrono::steady_clock::now();
-    paired_latency(
-        options.warmup, options.requests, [&] { return pair.round_trip(0); },
-        [&] { return read_dtc(handle, 0); }, &anchor, &library);
-    std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
-    CpuTimes cpu_after = cpu_times(broker.pid());
-    report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
-    report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
-    report.add_other_load("CPU taken by others during the latencies", cpu_before, cpu_after,
-                          took.count());
-    fprintf(stderr, "anchor payload %zu bytes, library query %zu bytes\n", query_size,
-            responder.last_query_length());
-
-    if (options.latency_only) {
+    if (!options.throughput_only)
+        measure_latency(options, broker, pair, handle, query_size, responder, report);
+    if (!options.latency_only)
+        measure_throughput(options, pair, handle, report);
+    if (options.latency_only || options.throughput_only) {
         UDSOverZelko_Terminate(handle);
+        unlink(config_path.c_str());
         report.print(stdout);
         return 0;
     }
-
-    fprintf(stderr, "throughput: 16 in flight and 1, 4, 16, 64 ECUs, in rounds...\n");
-    const std::vector<int> ecu_counts = {1, 4, 16, 64};
-    Rate anchor16;
-    std::vector<Rate> rates(ecu_counts.size());
-    constexpr int kRounds = 4;
-    for (int round = 0; round < kRounds; ++round) {
-        run_parallel(
-            16, options.throughput_requests * 4 / kRounds,
-            [&](int t) { return pair.round_trip(t); }, &anchor16);
-        for (size_t i = 0; i < ecu_counts.size(); ++i) {
-            run_parallel(
-                ecu_counts[i], options.throughput_requests / kRounds,
-                [&](int t) { return read_dtc(handle, t); }, &rates[i]);
-        }
-    }
-    report.add_rate("bare ping-pong, 16 in flight", anchor16.per_second(), anchor16.per_second());
-    for (size_t i = 0; i < ecu_counts.size(); ++i) {
-        report.add_rate("ReadDTCInfo, " + std::to_string(ecu_counts[i]) + " ECUs in parallel",
-                        rates[i].per_second(), anchor16.per_second());
-    }
-
-    fprintf(stderr, "memory growth over %d requests...\n", options.growth_requests);
-    Rate ignored;
-    run_parallel(
-        16, options.growth_requests / 10, [&](int t) { return read_dtc(handle, t); }, &ignored);
-    long before = resident_bytes();
-    run_parallel(
-        16, options.growth_requests, [&](int t) { return read_dtc(handle, t); }, &ignored);
-    long after = resident_bytes();
-    report.add_memory(
-        "resident growth over " + std::to_string(options.growth_requests) + " requests",
-        after - before);
+    measure_growth(options, handle, report);
     UDSOverZelko_Terminate(handle);
-
-    for (int ecus : {10, 1000, 10000}) {
-        std::string path = write_ecu_config(ecus);
-        long start = resident_bytes();
-        UDSOverZelkoHandle *sized = init_handle(broker, path);
-        long used = resident_bytes() - start;
-        UDSOverZelko_Terminate(sized);
-        unlink(path.c_str());
-        report.add_memory("handle with " + std::to_string(ecus) + " ECUs", used);
-        report.note_handle_memory(ecus, used);
-    }
+    measure_handle_sizes(broker, report);
 
     fprintf(stderr, "library CPU without the bus...\n");
     run_micro_benchmarks(config_path, report);
