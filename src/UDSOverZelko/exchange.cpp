@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <string>
+#include <utility>
 
 #include "UDSOverZelko/exchange_internal.h"
 #include "kt5Utils/kt5_json.h"
@@ -170,7 +171,7 @@ int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
 
 }  // namespace
 
-bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text,
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, JsonPtr message,
                    TextPtr *reply_text, JsonPtr *reply) {
     ReplyWait *wait = &record->reply_wait;
     // A reply that came after an earlier exchange gave up is not this one's.
@@ -178,7 +179,9 @@ bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *te
     reply_slot_clear(wait);
     pthread_mutex_unlock(&wait->lock);
 
-    zebus_send_message_to(handle->bus, text, KT5BUS_ADDR_UA, UOZ_AGENT_ADDRESS);
+    zebus_send_message_to(handle->bus, json_object_to_json_string(message.get()), KT5BUS_ADDR_UA,
+                          UOZ_AGENT_ADDRESS);
+    message.reset();
 
     pthread_mutex_lock(&wait->lock);
     bool replied = reply_slot_wait(wait, reply_text, reply);
@@ -231,9 +234,10 @@ int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuff
 }
 
 int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,
-                       json_object *uds, QueryKind kind) {
+                       JsonPtr uds, QueryKind kind) {
     EcuConfig *record = nullptr;
-    json_object *body = build_query_body(handle, target_address, kind, uds, &record);
+    json_object *body = build_query_body(handle, target_address, kind, uds.get(), &record);
+    uds.reset();
     if (body == nullptr)
         return -2;
     TextPtr reply_id(generate_reply_id(REPLY_ID_LENGTH));
@@ -248,8 +252,7 @@ int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBu
 
     TextPtr reply_text;
     JsonPtr reply;
-    if (!send_and_wait(handle, record, json_object_to_json_string(envelope.get()), &reply_text,
-                       &reply)) {
+    if (!send_and_wait(handle, record, std::move(envelope), &reply_text, &reply)) {
         return -5;
     }
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", reply_text.get());

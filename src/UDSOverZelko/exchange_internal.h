@@ -6,11 +6,13 @@
 
 #include "UDSOverZelko/records.h"
 
-// Empties the record's reply slot, sends text to the diagnostic agent and
-// waits up to REPLY_TIMEOUT_SECONDS for the next reply routed to the record.
+// Empties the record's reply slot, sends the message's text to the diagnostic
+// agent and waits up to REPLY_TIMEOUT_SECONDS for the next reply routed to the
+// record. The message is released once sent, while the request is on its
+// way, so that freeing it does not lengthen the round trip.
 // True with the reply's text and its JSON (NULL when the text is no JSON);
 // false on time-out, after logging "response not received".
-bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, const char *text,
+bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, JsonPtr message,
                    TextPtr *reply_text, JsonPtr *reply);
 
 // True when the parsed reply's "reply-to" is reply_id; otherwise reports

@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <utility>
+
 #include "UDSOverZelko/exchange.h"
 #include "UDSOverZelko/read_dtc.h"
 #include "kt5Utils/kt5_json.h"
@@ -246,7 +248,8 @@ int read_dtc_info(UDSOverZelkoHandle *handle, int32_t target_address, uint32_t s
         UOZ_SET_ERROR("DTCBuffer is NULL");
         return UOZ_ERR_GENERAL;
     }
-    int32_t result = query_exchange(handle, target_address, dtc_buffer, body.get(), QUERY_UDS_DATA);
+    int32_t result =
+        query_exchange(handle, target_address, dtc_buffer, std::move(body), QUERY_UDS_DATA);
     if (result < 0) {
         UOZ_SET_ERROR("getting dtc failed");
         return UOZ_ERR_GENERAL;

@@ -6,6 +6,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <utility>
+
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/routine_query.h"
 #include "kt5Utils/kt5_json.h"
@@ -196,7 +198,7 @@ int UDSOverZelko_ExecuteRemoteCommand(UDSOverZelkoHandle *handle, const char *do
     UOZ_DBGLOG(UOZ_LOG_DBG, "Received msg: %s\n", document);
     RoutineQuery query;
     int rc = build_remote_command_query(handle, document, &query);
-    return rc != UOZ_OK ? rc : send_routine_query(handle, query, response);
+    return rc != UOZ_OK ? rc : send_routine_query(handle, std::move(query), response);
 }
 
 int UDSOverZelko_ExecuteRemoteCommand_Async(UDSOverZelkoHandle *, const char *, uint32_t,

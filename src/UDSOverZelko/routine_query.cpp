@@ -2,6 +2,8 @@
 
 #include <stdlib.h>
 
+#include <utility>
+
 #include "UDSOverZelko/exchange_internal.h"
 #include "UDSOverZelko/query.h"
 #include "kt5Utils/kt5_json.h"
@@ -40,13 +42,11 @@ int build_routine_query(UDSOverZelkoHandle *handle, int32_t target_address,
     return query->envelope ? UOZ_OK : UOZ_ERR_GENERAL;
 }
 
-int send_routine_query(UDSOverZelkoHandle *handle, const RoutineQuery &query,
-                       CommandResponse *response) {
-    const char *text = json_object_to_json_string(query.envelope.get());
-    UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
+int send_routine_query(UDSOverZelkoHandle *handle, RoutineQuery query, CommandResponse *response) {
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(query.envelope.get()));
     TextPtr reply_text;
     JsonPtr reply;
-    if (!send_and_wait(handle, query.record, text, &reply_text, &reply))
+    if (!send_and_wait(handle, query.record, std::move(query.envelope), &reply_text, &reply))
         return UOZ_ERR_TIMEOUT;
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", reply_text.get());
     if (!reply_answers(reply.get(), query.reply_id.get()))
@@ -71,5 +71,5 @@ int run_routine_query(UDSOverZelkoHandle *handle, int32_t target_address, const 
     RoutineQuery query;
     int rc =
         build_routine_query(handle, target_address, address_text, routine, mode_failure, &query);
-    return rc != UOZ_OK ? rc : send_routine_query(handle, query, response);
+    return rc != UOZ_OK ? rc : send_routine_query(handle, std::move(query), response);
 }

@@ -23,10 +23,10 @@ int build_routine_query(UDSOverZelkoHandle *handle, int32_t target_address,
                         const char *address_text, json_object *routine, const char *mode_failure,
                         RoutineQuery *query);
 
-// Sends a built query, waits for the matching reply and stores its "body" in
-// response. Returns 0; -1 when the reply is unusable; -5 on time-out.
-int send_routine_query(UDSOverZelkoHandle *handle, const RoutineQuery &query,
-                       CommandResponse *response);
+// Sends a built query (its envelope released once sent), waits for the
+// matching reply and stores its "body" in response. Returns 0; -1 when the
+// reply is unusable; -5 on time-out.
+int send_routine_query(UDSOverZelkoHandle *handle, RoutineQuery query, CommandResponse *response);
 
 // build_routine_query, then send_routine_query.
 int run_routine_query(UDSOverZelkoHandle *handle, int32_t target_address, const char *address_text,

@@ -19,7 +19,7 @@ int UDSOverZelko_ReadECUVersionInformation(UDSOverZelkoHandle *handle, int32_t t
         return UOZ_ERR_GENERAL;
     }
     DTCBuffer version{};
-    int32_t result = query_exchange(handle, target_address, &version, nullptr, QUERY_VERSION);
+    int32_t result = query_exchange(handle, target_address, &version, JsonPtr(), QUERY_VERSION);
     if (result == 0 && version.entries != nullptr) {
         DTCBufferEntry *entry = version.entries[0];
         if (entry != nullptr && entry->data != nullptr) {
