@@ -9,9 +9,9 @@ rm -rf "$dir" "$dir-other"
 "$pki_tool" node --dir "$dir" --id peer1 --ua /test/peer1 --group grp-a --group grp-b >/dev/null
 "$pki_tool" node --dir "$dir" --id peer2 --ua /test/peer2 --group grp-a >/dev/null
 "$pki_tool" node --dir "$dir" --id dmc --dm-client >/dev/null
-"$pki_tool" node --dir "$dir" --id noaddr >/dev/null
+"$pki_tool" node --dir "$dir" --id noaddr --no-reply-address >/dev/null
 "$pki_tool" node --dir "$dir" --id expired --ua /test/expired --expired >/dev/null
-"$pki_tool" broker-config --dir "$dir" --port 1 >/dev/null
+"$pki_tool" broker-config --dir "$dir" --port 1 --open-acl >/dev/null
 "$pki_tool" init --dir "$dir-other" --ca-name "another CA" >/dev/null
 "$pki_tool" node --dir "$dir-other" --id intruder --ua /test/peer1 >/dev/null
 echo "test PKI ready in $dir"

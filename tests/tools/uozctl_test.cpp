@@ -145,7 +145,7 @@ TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
     stop_agent();
     Output consent = uozctl("consent download C-1");
     EXPECT_EQ(consent.code, 3);
-    EXPECT_NE(consent.text.find("is uoz-agent running and connected to the broker?"),
+    EXPECT_NE(consent.text.find("is uoz-agent running and connected to it?"),
               std::string::npos);
 }
 

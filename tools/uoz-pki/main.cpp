@@ -1,19 +1,26 @@
 // uoz-pki: make the certificates of a bus and the broker's configuration.
 //
-//   uoz-pki init --dir D                       CA and broker certificate
+//   uoz-pki init --dir D [--force]              CA and broker certificate
 //   uoz-pki node --dir D --id N [--ua NAME]... [--group NAME]... [--dm-client]
-//   uoz-pki broker-config --dir D --port P     D/acl and D/mosquitto.conf
+//   uoz-pki broker-config --dir D --port P [--open-acl]   D/acl and D/mosquitto.conf
+//   uoz-pki add --dir D --id N [...]            node, then the ACL again
 #include <dirent.h>
+#include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <stdexcept>
 
+#include "exit_codes.h"
 #include "pki.h"
+#include "terminal.h"
 
 namespace {
+
+using namespace uoztools;
 
 // Node identities are the directories that hold a cert.pem, except the broker's.
 std::vector<std::string> node_ids(const std::string &pki_dir) {
@@ -34,55 +41,126 @@ std::vector<std::string> node_ids(const std::string &pki_dir) {
     return ids;
 }
 
+// The broker reads its files from its own working directory: give it
+// absolute paths.
+std::string absolute(const std::string &path) {
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved) == nullptr)
+        throw std::runtime_error("cannot find " + path + ": run 'uoz-pki init --dir " + path +
+                                 "' first");
+    return resolved;
+}
+
+void write_acl(const std::string &dir, uozpki::AclMode mode) {
+    std::string acl = dir + "/acl";
+    uozpki::write_text(acl, uozpki::acl_text(uozpki::read_nodes(dir, node_ids(dir)), mode));
+}
+
+void make_node(const std::string &dir, uozpki::NodeRequest node, bool no_reply_address) {
+    bool addressless = node.update_agents.empty() && node.groups.empty() && !node.dm_client;
+    if (addressless && !no_reply_address)
+        node.update_agents.push_back(uozpki::default_reply_address(node.id));
+    uozpki::create_node(dir, node);
+    std::string addresses;
+    for (const std::string &name : node.update_agents)
+        addresses += " ua:" + name;
+    for (const std::string &name : node.groups)
+        addresses += " group:" + name;
+    if (node.dm_client)
+        addresses += " dm-client";
+    printf("created node      %s/%s/cert.pem (addresses:%s)\n", dir.c_str(), node.id.c_str(),
+           addresses.empty() ? " none: no reply can reach it" : addresses.c_str());
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
     CLI::App app{
-        "Make the certificates of a bus: CA, broker, node identities, broker configuration"};
+        "Make the certificates of a bus: CA, broker, node identities, broker "
+        "configuration.\n" +
+        std::string(exit_code_help())};
     app.require_subcommand(1);
+    app.fallthrough();
+    app.set_version_flag("--version", std::string("uoz-pki ") + project_version());
     std::string dir;
+    app.add_option("--dir", dir, "PKI directory")->required();
     std::string ca_name = "udsoverzelko bus CA";
+    bool force = false;
     auto *init = app.add_subcommand("init", "create the CA and the broker's certificate");
-    init->add_option("--dir", dir, "PKI directory")->required();
-    init->add_option("--ca-name", ca_name, "the CA's common name");
+    init->add_option("--ca-name", ca_name, "the CA's common name")->capture_default_str();
+    init->add_flag("--force", force,
+                   "replace an existing CA (every identity it signed stops working)");
 
     uozpki::NodeRequest node;
+    bool no_reply_address = false;
+    auto node_options = [&](CLI::App *command) {
+        command->add_option("--id", node.id, "node id (certificate CN)")->required();
+        command->add_option("--ua", node.update_agents,
+                            "update-agent address (repeatable); an application without any "
+                            "address gets /uoz/<id>, where its replies arrive");
+        command->add_option("--group", node.groups, "group address (repeatable)");
+        command->add_flag("--dm-client", node.dm_client, "the device-management client address");
+        command->add_flag("--no-reply-address", no_reply_address,
+                          "give a node without addresses none (it receives nothing)");
+        command->add_flag("--force", node.force, "replace an existing identity");
+        command->add_flag("--expired", node.expired, "make a certificate that has expired (tests)");
+    };
     auto *node_cmd = app.add_subcommand("node", "create a node identity signed by the CA");
-    node_cmd->add_option("--dir", dir, "PKI directory")->required();
-    node_cmd->add_option("--id", node.id, "node id (certificate CN)")->required();
-    node_cmd->add_option("--ua", node.update_agents, "update-agent address (repeatable)");
-    node_cmd->add_option("--group", node.groups, "group address (repeatable)");
-    node_cmd->add_flag("--dm-client", node.dm_client, "the device-management client address");
-    node_cmd->add_flag("--expired", node.expired, "make a certificate that has expired (tests)");
+    node_options(node_cmd);
+    auto *add = app.add_subcommand(
+        "add", "create a node identity and rewrite the broker's ACL (then reload the broker)");
+    node_options(add);
 
     int port = 8883;
+    bool open_acl = false;
     auto *config = app.add_subcommand("broker-config", "write the broker's ACL and mosquitto.conf");
-    config->add_option("--dir", dir, "PKI directory")->required();
-    config->add_option("--port", port, "listener port on 127.0.0.1")->check(CLI::Range(1, 65535));
+    config->add_option("--port", port, "listener port on 127.0.0.1")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    config->add_flag("--open-acl", open_acl,
+                     "let every node send to every address (the default lets applications "
+                     "exchange messages only with the diagnostic and policy agents)");
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        int rc = app.exit(error);
+        return rc == 0 ? kExitOk : kExitInvalidInput;
+    }
     try {
         if (init->parsed()) {
-            uozpki::create_ca(dir, ca_name);
+            uozpki::create_ca(dir, ca_name, force);
+            dir = absolute(dir);
             printf("created CA        %s/ca/ca.pem\n", dir.c_str());
             uozpki::create_broker(dir);
-            printf("created broker    %s/broker/cert.pem (localhost, 127.0.0.1)\n", dir.c_str());
-        } else if (node_cmd->parsed()) {
-            uozpki::create_node(dir, node);
-            printf("created node      %s/%s/cert.pem\n", dir.c_str(), node.id.c_str());
+            printf("created broker    %s/broker/cert.pem (localhost, 127.0.0.1, ::1)\n",
+                   dir.c_str());
+        } else if (node_cmd->parsed() || add->parsed()) {
+            dir = absolute(dir);
+            make_node(dir, node, no_reply_address);
+            if (add->parsed()) {
+                std::string acl = dir + "/acl";
+                write_acl(dir, uozpki::acl_mode_of(acl));
+                printf(
+                    "wrote             %s\n"
+                    "reload the broker so that it reads the new ACL: kill -HUP <broker pid> "
+                    "(or systemctl reload mosquitto)\n",
+                    acl.c_str());
+            }
         } else if (config->parsed()) {
+            dir = absolute(dir);
             std::string acl = dir + "/acl";
-            uozpki::write_text(acl, uozpki::acl_text(uozpki::read_nodes(dir, node_ids(dir))));
+            write_acl(dir, open_acl ? uozpki::AclMode::kOpen : uozpki::AclMode::kLeastPrivilege);
             uozpki::write_text(dir + "/mosquitto.conf", uozpki::broker_config_text(dir, port, acl));
-            printf("wrote             %s/mosquitto.conf (port %d) and %s\n", dir.c_str(), port,
-                   acl.c_str());
+            printf("wrote             %s/mosquitto.conf (port %d) and %s (%s)\n", dir.c_str(), port,
+                   acl.c_str(), open_acl ? "open" : "least privilege");
         }
     } catch (const std::invalid_argument &error) {
         fprintf(stderr, "uoz-pki: %s\n", error.what());
-        return 2;
+        return kExitInvalidInput;
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-pki: %s\n", error.what());
-        return 1;
+        return kExitCannotStart;
     }
-    return 0;
+    return kExitOk;
 }

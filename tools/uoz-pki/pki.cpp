@@ -45,7 +45,15 @@ KeyPtr new_key() {
     return key;
 }
 
+// Creates the directory and any missing parents, as "mkdir -p" does.
 void make_directory(const std::string &path) {
+    size_t slash = path.find_last_of('/');
+    if (slash != std::string::npos && slash > 0) {
+        struct stat info;
+        std::string parent = path.substr(0, slash);
+        if (stat(parent.c_str(), &info) != 0)
+            make_directory(parent);
+    }
     if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
         throw std::runtime_error("cannot create directory " + path + ": " + strerror(errno));
     }
@@ -168,7 +176,55 @@ void write_identity(const std::string &directory, const CertificateRequest &requ
     write_certificate(directory + "/cert.pem", certificate.get());
 }
 
+bool exists(const std::string &path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0;
+}
+
+void refuse_to_replace(const std::string &path, bool force, const std::string &why) {
+    if (!force && exists(path))
+        throw std::invalid_argument(path + " exists: " + why + "; add --force to replace it");
+}
+
+const char kDiagnosticAgentAddress[] = "ua/ZDATA/UDS";
+const char kPolicyAgentAddress[] = "group/policy-agent";
+const char kOpenMarker[] = "# mode: open\n";
+
+void write_least_privilege(std::ostringstream &acl, const std::vector<NodeAddresses> &nodes) {
+    acl << "# Least privilege: an application exchanges messages only with the nodes that\n"
+        << "# serve it (update agent /ZDATA/UDS, group policy-agent), and those only with\n"
+        << "# the applications.\n"
+        << "pattern write kt5/presence/%u/#\n";
+    for (const NodeAddresses &node : nodes) {
+        acl << "\nuser " << node.id << "\n"
+            << "topic read kt5/presence/#\n";
+        for (const NodeAddresses &peer : nodes) {
+            if (peer.serving == node.serving)
+                continue;
+            for (const std::string &address : node.addresses)
+                acl << "topic read kt5/msg/" << peer.id << "/" << address << "\n";
+            for (const std::string &address : peer.addresses)
+                acl << "topic write kt5/msg/" << node.id << "/" << address << "\n";
+        }
+    }
+}
+
+void write_open(std::ostringstream &acl, const std::vector<NodeAddresses> &nodes) {
+    acl << kOpenMarker << "pattern write kt5/msg/%u/#\n"
+        << "pattern write kt5/presence/%u/#\n";
+    for (const NodeAddresses &node : nodes) {
+        acl << "\nuser " << node.id << "\n"
+            << "topic read kt5/presence/#\n";
+        for (const std::string &topic : node.read_topics)
+            acl << "topic read " << topic << "\n";
+    }
+}
+
 }  // namespace
+
+std::string default_reply_address(const std::string &id) {
+    return "/uoz/" + id;
+}
 
 bool valid_node_id(const std::string &id) {
     if (id.empty())
@@ -185,7 +241,9 @@ bool valid_address_name(const std::string &name) {
     return !name.empty() && name.find_first_of("+#,\n") == std::string::npos;
 }
 
-void create_ca(const std::string &pki_dir, const std::string &name) {
+void create_ca(const std::string &pki_dir, const std::string &name, bool force) {
+    refuse_to_replace(pki_dir + "/ca/ca.pem", force,
+                      "init would replace the CA and so invalidate every identity it signed");
     make_directory(pki_dir);
     make_directory(pki_dir + "/ca");
     KeyPtr key = new_key();
@@ -226,6 +284,8 @@ void create_node(const std::string &pki_dir, const NodeRequest &node) {
     }
     if (node.dm_client)
         add("kt5:special:dm-client");
+    refuse_to_replace(pki_dir + "/" + node.id + "/cert.pem", node.force,
+                      "node would replace this identity");
     CertificateRequest request;
     request.common_name = node.id;
     request.alt_names = alt_names;
@@ -236,18 +296,24 @@ void create_node(const std::string &pki_dir, const NodeRequest &node) {
     write_identity(pki_dir + "/" + node.id, request, pki_dir);
 }
 
-std::string acl_text(const std::vector<NodeAddresses> &nodes) {
+std::string acl_text(const std::vector<NodeAddresses> &nodes, AclMode mode) {
     std::ostringstream acl;
-    acl << "# Written by uoz-pki from the node certificates.\n"
-        << "pattern write kt5/msg/%u/#\n"
-        << "pattern write kt5/presence/%u/#\n";
-    for (const NodeAddresses &node : nodes) {
-        acl << "\nuser " << node.id << "\n"
-            << "topic read kt5/presence/#\n";
-        for (const std::string &topic : node.read_topics)
-            acl << "topic read " << topic << "\n";
-    }
+    acl << "# Written by uoz-pki from the node certificates.\n";
+    if (mode == AclMode::kOpen)
+        write_open(acl, nodes);
+    else
+        write_least_privilege(acl, nodes);
     return acl.str();
+}
+
+AclMode acl_mode_of(const std::string &acl_path) {
+    std::ifstream file(acl_path);
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line + "\n" == kOpenMarker)
+            return AclMode::kOpen;
+    }
+    return AclMode::kLeastPrivilege;
 }
 
 std::string broker_config_text(const std::string &pki_dir, int port, const std::string &acl_path) {
@@ -288,15 +354,21 @@ std::vector<NodeAddresses> read_nodes(const std::string &pki_dir,
             std::string uri(reinterpret_cast<const char *>(
                                 ASN1_STRING_get0_data(name->d.uniformResourceIdentifier)),
                             ASN1_STRING_length(name->d.uniformResourceIdentifier));
+            std::string address;
             if (uri.rfind("kt5:ua:", 0) == 0) {
                 std::string agent = uri.substr(7);
-                node.read_topics.push_back("kt5/msg/+/ua" +
-                                           (agent[0] == '/' ? agent : "/" + agent));
+                address = "ua" + (agent[0] == '/' ? agent : "/" + agent);
             } else if (uri.rfind("kt5:group:", 0) == 0) {
-                node.read_topics.push_back("kt5/msg/+/group/" + uri.substr(10));
+                address = "group/" + uri.substr(10);
             } else if (uri == "kt5:special:dm-client") {
-                node.read_topics.push_back("kt5/msg/+/dmc");
+                address = "dmc";
             }
+            if (address.empty())
+                continue;
+            node.read_topics.push_back("kt5/msg/+/" + address);
+            node.addresses.push_back(address);
+            node.serving = node.serving || address == kDiagnosticAgentAddress ||
+                           address == kPolicyAgentAddress;
         }
         GENERAL_NAMES_free(names);
         nodes.push_back(node);

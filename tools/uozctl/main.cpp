@@ -1,13 +1,13 @@
 // uozctl: UDS diagnostics from the shell, through libudsoverzelko.
 //
-// Exit codes: 0 success; 1 the library could not start (configuration,
-// certificates); 2 refused or invalid input; 3 no reply within 10 s;
-// 4 failure reported by the agent or the ECU (negative response, rejected
-// consent, unusable reply).
+// Results go to standard output (text, or JSON with --json, also for
+// failures); messages, progress and the library's log lines go to standard
+// error. Exit codes are those of every tool of the project (exit_codes.h).
 #include <json-c/json.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -15,48 +15,65 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <sstream>
 #include <thread>
 
+#include "bus_probe.h"
+#include "config_check.h"
+#include "console.h"
+#include "document_check.h"
 #include "dtc_decode.h"
+#include "exit_codes.h"
+#include "parse.h"
+#include "terminal.h"
 #include "udsoverzelko.h"
 
 namespace {
 
-enum ExitCode { kOk = 0, kStartFailed = 1, kInvalid = 2, kNoReply = 3, kAgentFailure = 4 };
+using namespace uoztools;
+using uozctl::Json;
 
-const char kNoReplyHint[] =
-    "no reply from the diagnostic agent within 10 s: is uoz-agent running and connected to the "
-    "broker?";
+// Time the broker probe may take: connection failures are told well within 5 s.
+constexpr int kProbeTimeoutMs = 4000;
 
 struct Options {
     std::string broker = "localhost:8883";
     std::string certs;
     std::string config;
     int debug = -1;
+    int timeout = UOZ_REPLY_TIMEOUT_SECONDS;
     bool json = false;
 };
 
-struct JsonFree {
-    void operator()(json_object *object) const { json_object_put(object); }
-};
-using Json = std::unique_ptr<json_object, JsonFree>;
+struct Tool {
+    Options options;
+    uozctl::Console *console = nullptr;
 
-void print_json(json_object *object) {
-    printf("%s\n", json_object_to_json_string_ext(
-                       object, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
-}
+    FILE *out() const { return console != nullptr ? console->results() : stdout; }
 
-int fail(const Options &options, int code, const std::string &message) {
-    if (options.json) {
-        Json object(json_object_new_object());
-        json_object_object_add(object.get(), "error", json_object_new_string(message.c_str()));
-        json_object_object_add(object.get(), "exit_code", json_object_new_int(code));
-        print_json(object.get());
+    int fail(int code, const std::string &message) const {
+        if (options.json) {
+            Json object(json_object_new_object());
+            json_object_object_add(object.get(), "error", json_object_new_string(message.c_str()));
+            json_object_object_add(object.get(), "exit_code", json_object_new_int(code));
+            print_json(object.get());
+        }
+        fprintf(stderr, "uozctl: %s\n", message.c_str());
+        return code;
     }
-    fprintf(stderr, "uozctl: %s\n", message.c_str());
-    return code;
-}
+    void print_json(json_object *object) const {
+        fprintf(out(), "%s\n",
+                json_object_to_json_string_ext(
+                    object, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
+        fflush(out());
+    }
+    std::string no_reply_hint(const char *who) const {
+        return std::string("no reply from the ") + who + " within " +
+               std::to_string(options.timeout) +
+               " s: the broker is up; is uoz-agent running and connected to it?";
+    }
+};
 
 // Shows the time spent waiting on a terminal; silent when stderr is piped.
 class WaitIndicator {
@@ -90,21 +107,60 @@ class WaitIndicator {
     std::thread thread_;
 };
 
+// Runs one blocking library call with the progress indicator. When the
+// user's --timeout passes first, the tool ends at once with "no reply": the
+// call cannot be cancelled, and the process ending releases what it holds.
+int call_with_timeout(const Tool &tool, const char *what, const char *who,
+                      std::function<int()> call) {
+    WaitIndicator waiting(what);
+    std::packaged_task<int()> task(std::move(call));
+    std::future<int> result = task.get_future();
+    std::thread worker(std::move(task));
+    if (result.wait_for(std::chrono::seconds(tool.options.timeout)) == std::future_status::ready) {
+        worker.join();
+        return result.get();
+    }
+    worker.detach();
+    tool.fail(kExitNoReply, tool.no_reply_hint(who));
+    fflush(nullptr);
+    _exit(kExitNoReply);
+}
+
 struct Session {
     UDSOverZelkoHandle *handle = nullptr;
     ~Session() { UDSOverZelko_Terminate(handle); }
 };
 
-int start(const Options &options, Session *session) {
-    size_t colon = options.broker.rfind(':');
-    if (colon == std::string::npos)
-        return fail(options, kInvalid, "--broker must be HOST:PORT");
-    std::string host = options.broker.substr(0, colon);
-    int port = atoi(options.broker.c_str() + colon + 1);
-    if (port <= 0 || port > 65535)
-        return fail(options, kInvalid, "--broker has no valid port");
+// The library reads the configuration without telling the tool what it
+// dropped: say it here, before anything is sent.
+void warn_about_config(const uozctl::ConfigReport &report) {
+    for (const uozctl::EntryReport &entry : report.entries) {
+        if (!entry.problem.empty()) {
+            fprintf(stderr, "uozctl: warning: configuration entry %zu%s%s: %s%s\n", entry.index,
+                    entry.name.empty() ? "" : " ", entry.name.c_str(), entry.problem.c_str(),
+                    entry.loaded ? "" : " (dropped)");
+        }
+    }
+}
+
+int start(const Tool &tool, Session *session) {
+    const Options &options = tool.options;
+    std::string host, error;
+    int port = 0;
+    if (!parse_host_port(options.broker, "--broker", &host, &port, &error))
+        return tool.fail(kExitInvalidInput, error);
     if (options.certs.empty())
-        return fail(options, kInvalid, "--certs DIR is required");
+        return tool.fail(kExitInvalidInput, "--certs DIR is required for this command");
+    uozctl::ConfigReport config = uozctl::check_config(options.config);
+    if (!config.file_error.empty())
+        return tool.fail(kExitCannotStart, config.file_error);
+    warn_about_config(config);
+    std::string warning = missing_reply_address(options.certs);
+    if (!warning.empty())
+        fprintf(stderr, "uozctl: warning: %s\n", warning.c_str());
+    ProbeResult probe = probe_broker(host, port, options.certs, kProbeTimeoutMs);
+    if (!probe.ok)
+        return tool.fail(kExitCannotStart, probe.reason);
     BrokerConfig broker{};
     broker.broker_ip = host.c_str();
     broker.port = port;
@@ -113,81 +169,101 @@ int start(const Options &options, Session *session) {
     broker.debug_level = options.debug;
     session->handle = UDSOverZelko_Init(&broker, options.config.c_str());
     if (session->handle == nullptr) {
-        return fail(options, kStartFailed,
-                    "cannot start the library: check --config " + options.config + " and --certs " +
-                        options.certs + " (run with --debug 2 for details)");
+        return tool.fail(kExitCannotStart, "cannot start the library with --config " +
+                                               options.config + " and --certs " + options.certs +
+                                               " (run with --debug 2 for details)");
     }
-    return kOk;
+    return kExitOk;
 }
 
-// "all", a target address (0x7E0, 2016) or an ECU name.
+// "all", an ECU name, or a target address in hexadecimal (0x7E0 or 7E0).
 bool resolve_ecu(UDSOverZelkoHandle *handle, const std::string &text, int32_t *address) {
     if (text == "all") {
         *address = -1;
         return true;
     }
-    char *end = nullptr;
-    long value = strtol(text.c_str(), &end, 0);
-    if (!text.empty() && *end == '\0') {
-        *address = static_cast<int32_t>(value);
-        return true;
-    }
     *address = UDSOverZelkoGetTargetAddressFromECUName(handle, text.c_str());
-    return *address != -1;
+    if (*address != -1)
+        return true;
+    uint32_t value = 0;
+    std::string ignored;
+    if (!parse_hex(text, 0x7FFFFFFF, "ECU", &value, &ignored))
+        return false;
+    *address = static_cast<int32_t>(value);
+    return UDSOverZelkoGetECUNameFromTargetAddress(handle, *address) != nullptr;
 }
 
-// Starts the library and resolves the ECU argument; 0 or an exit code.
-int start_for_ecu(const Options &options, const std::string &ecu, Session *session,
-                  int32_t *address) {
-    if (int rc = start(options, session))
+int start_for_ecu(const Tool &tool, const std::string &ecu, Session *session, int32_t *address) {
+    if (int rc = start(tool, session))
         return rc;
     if (!resolve_ecu(session->handle, ecu, address)) {
-        return fail(options, kInvalid, "unknown ECU '" + ecu + "': see 'uozctl ecus'");
+        return tool.fail(kExitInvalidInput,
+                         "unknown ECU '" + ecu +
+                             "': give a configured name, its target address or 'all' (see "
+                             "'uozctl ecus')");
     }
-    return kOk;
+    return kExitOk;
 }
 
-std::string ecu_label(UDSOverZelkoHandle *handle, const DTCBufferEntry *entry) {
-    char text[96];
-    const char *name = entry->ecu_name != nullptr
-                           ? entry->ecu_name
-                           : UDSOverZelkoGetECUNameFromTargetAddress(handle, entry->target_address);
-    snprintf(text, sizeof(text), "%s (0x%X)", name != nullptr ? name : "unknown ECU",
-             entry->target_address);
+std::string hex_text(uint32_t value, int digits) {
+    char text[16];
+    snprintf(text, sizeof(text), "0x%0*X", digits, value);
     return text;
 }
 
-int run_dtc_read(const Options &options, const std::string &ecu, uint32_t report, uint32_t mask,
-                 int64_t dtc, int record) {
-    Session session;
-    int32_t address = 0;
-    if (int rc = start_for_ecu(options, ecu, &session, &address))
-        return rc;
-    DTCBuffer buffer{};
-    int rc;
-    auto started = std::chrono::steady_clock::now();
-    {
-        WaitIndicator waiting("reading DTCs");
-        rc = dtc >= 0 || record >= 0
-                 ? UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(
-                       session.handle, address, report, static_cast<uint32_t>(dtc < 0 ? 0 : dtc),
-                       static_cast<uint8_t>(record < 0 ? 0 : record), &buffer)
-                 : UDSOverZelko_ReadDTCInfo(session.handle, address, report, mask, &buffer);
-    }
-    double waited =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+// The ECU an answer came from: its configured name, or the one asked when the
+// answer names none (DoIP ECUs are not matched by a CAN request id).
+std::string ecu_label(UDSOverZelkoHandle *handle, const DTCBufferEntry *entry, int32_t asked) {
+    int32_t address = entry->target_address;
+    const char *name = entry->ecu_name;
+    if (name == nullptr && address == 0 && asked != -1)
+        address = asked;
+    if (name == nullptr)
+        name = UDSOverZelkoGetECUNameFromTargetAddress(handle, address);
+    char text[96];
+    snprintf(text, sizeof(text), "%s (0x%X)", name != nullptr ? name : "unknown ECU",
+             static_cast<unsigned>(address));
+    return text;
+}
+
+struct DtcRequest {
+    std::string ecu;
+    uint32_t report = 0x02;
+    uint32_t mask = 0xFF;
+    bool by_dtc_or_record = false;
+    uint32_t dtc = 0;
+    uint32_t record = 0;
+};
+
+// The request's exchange; the byte count or a library code.
+int read_dtcs(const Tool &tool, UDSOverZelkoHandle *handle, int32_t address,
+              const DtcRequest &request, DTCBuffer *buffer) {
+    return call_with_timeout(tool, "reading DTCs", "diagnostic agent", [&] {
+        return request.by_dtc_or_record ? UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(
+                                              handle, address, request.report, request.dtc,
+                                              static_cast<uint8_t>(request.record), buffer)
+                                        : UDSOverZelko_ReadDTCInfo(handle, address, request.report,
+                                                                   request.mask, buffer);
+    });
+}
+
+// The exit code of a failed read.
+int explain_read_failure(const Tool &tool, int rc, uint32_t report, double waited) {
     if (rc == UOZ_ERR_UNSUPPORTED_SUBFUNCTION) {
-        return fail(options, kInvalid, "report 0x" + std::to_string(report) + " is not supported");
+        return tool.fail(kExitInvalidInput,
+                         "report " + hex_text(report, 2) +
+                             " is not supported (supported: " + "0x01-0x06, 0x09-0x16)");
     }
-    if (rc < 0) {
-        UDSOverZelko_FreeDTCBuffer(&buffer);
-        // The library reports every failed exchange as -1; a full wait means no reply.
-        if (waited >= UOZ_REPLY_TIMEOUT_SECONDS - 0.5)
-            return fail(options, kNoReply, kNoReplyHint);
-        return fail(options, kAgentFailure,
-                    "the read failed: unknown ECU, or a reply that does not answer it (--debug 2 "
-                    "shows why)");
-    }
+    // The library reports every other failed exchange as -1; a full wait means no reply.
+    if (waited >= UOZ_REPLY_TIMEOUT_SECONDS - 0.5)
+        return tool.fail(kExitNoReply, tool.no_reply_hint("diagnostic agent"));
+    return tool.fail(kExitFailureReported,
+                     "the read failed: a reply that does not answer it (--debug 2 shows why)");
+}
+
+// Prints the answers; true when one of them is a negative response.
+bool print_dtc_answers(const Tool &tool, UDSOverZelkoHandle *handle, int32_t asked,
+                       const DTCBuffer &buffer, int total_bytes) {
     bool negative = false;
     Json results(json_object_new_array());
     for (int32_t i = 0; i < buffer.count; ++i) {
@@ -196,146 +272,215 @@ int run_dtc_read(const Options &options, const std::string &ecu, uint32_t report
             continue;
         uozctl::DtcReport decoded = uozctl::decode_dtc_response(entry->data, entry->length);
         negative = negative || decoded.negative;
-        if (options.json) {
+        if (!tool.options.json) {
+            fprintf(tool.out(), "%s\n%s", ecu_label(handle, entry, asked).c_str(),
+                    uozctl::report_to_text(decoded).c_str());
+            continue;
+        }
+        int32_t address = entry->target_address == 0 && entry->ecu_name == nullptr && asked != -1
+                              ? asked
+                              : entry->target_address;
+        const char *name = entry->ecu_name != nullptr
+                               ? entry->ecu_name
+                               : UDSOverZelkoGetECUNameFromTargetAddress(handle, address);
+        json_object *item = json_object_new_object();
+        json_object_object_add(item, "ecu",
+                               name != nullptr ? json_object_new_string(name) : nullptr);
+        json_object_object_add(item, "target_address", json_object_new_int(address));
+        json_object_object_add(item, "length", json_object_new_int(entry->length));
+        json_object_object_add(
+            item, "bytes",
+            json_object_new_string(uozctl::hex_of(entry->data, entry->length).c_str()));
+        json_object_object_add(item, "decoded", uozctl::report_to_json(decoded));
+        json_object_array_add(results.get(), item);
+    }
+    if (tool.options.json) {
+        Json object(json_object_new_object());
+        json_object_object_add(object.get(), "total_length", json_object_new_int(total_bytes));
+        json_object_object_add(object.get(), "ecus", json_object_get(results.get()));
+        tool.print_json(object.get());
+    } else if (buffer.count == 0) {
+        fprintf(tool.out(), "no ECU answered\n");
+    }
+    return negative;
+}
+
+int run_dtc_read(const Tool &tool, const DtcRequest &request) {
+    Session session;
+    int32_t address = 0;
+    if (int rc = start_for_ecu(tool, request.ecu, &session, &address))
+        return rc;
+    DTCBuffer buffer{};
+    auto started = std::chrono::steady_clock::now();
+    int rc = read_dtcs(tool, session.handle, address, request, &buffer);
+    double waited =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    if (rc < 0) {
+        UDSOverZelko_FreeDTCBuffer(&buffer);
+        return explain_read_failure(tool, rc, request.report, waited);
+    }
+    bool negative = print_dtc_answers(tool, session.handle, address, buffer, rc);
+    UDSOverZelko_FreeDTCBuffer(&buffer);
+    return negative ? kExitFailureReported : kExitOk;
+}
+
+// Every {"ecu": ..., "response": "<hex>"} of an agent's answer, wherever it is.
+void collect_responses(json_object *object, json_object *into) {
+    if (json_object_is_type(object, json_type_array)) {
+        for (size_t i = 0; i < json_object_array_length(object); ++i)
+            collect_responses(json_object_array_get_idx(object, i), into);
+        return;
+    }
+    if (!json_object_is_type(object, json_type_object))
+        return;
+    json_object *response = nullptr;
+    if (json_object_object_get_ex(object, "response", &response) &&
+        json_object_is_type(response, json_type_string)) {
+        json_object_array_add(into, json_object_get(object));
+        return;
+    }
+    json_object_object_foreach(object, key, value) {
+        (void)key;
+        collect_responses(value, into);
+    }
+}
+
+// "7F" service NRC: a negative response; its text, or empty.
+std::string negative_response_text(const std::string &response) {
+    if (response.size() < 6 || strncasecmp(response.c_str(), "7F", 2) != 0)
+        return "";
+    uint8_t nrc = static_cast<uint8_t>(strtoul(response.substr(4, 2).c_str(), nullptr, 16));
+    return "negative response: NRC " + hex_text(nrc, 2) + " " + uozctl::nrc_name(nrc);
+}
+
+// Shows a routine's answer (clear DTCs, remote commands): one line per ECU.
+int show_command_response(const Tool &tool, int rc, CommandResponse *response, const char *what) {
+    if (rc == UOZ_ERR_TIMEOUT)
+        return tool.fail(kExitNoReply, tool.no_reply_hint("diagnostic agent"));
+    if (rc == UOZ_ERR_VALIDITY) {
+        return tool.fail(kExitInvalidInput,
+                         "the command is outside its diagnostic_period (or its times are "
+                         "unreadable)");
+    }
+    if (rc != 0) {
+        return tool.fail(kExitFailureReported, std::string(what) + " failed (--debug 2 shows why)");
+    }
+    Json body(json_tokener_parse(response->body_text != nullptr ? response->body_text : ""));
+    UDSOverZelko_FreeCommandResponse(response);
+    Json answers(json_object_new_array());
+    collect_responses(body.get(), answers.get());
+    bool negative = false;
+    Json results(json_object_new_array());
+    for (size_t i = 0; i < json_object_array_length(answers.get()); ++i) {
+        json_object *answer = json_object_array_get_idx(answers.get(), i);
+        json_object *ecu = nullptr, *bytes = nullptr;
+        json_object_object_get_ex(answer, "ecu", &ecu);
+        json_object_object_get_ex(answer, "response", &bytes);
+        std::string text = json_object_get_string(bytes);
+        std::string nrc = negative_response_text(text);
+        negative = negative || !nrc.empty();
+        const char *name = ecu != nullptr ? json_object_get_string(ecu) : "ECU";
+        if (tool.options.json) {
             json_object *item = json_object_new_object();
-            json_object_object_add(item, "ecu",
-                                   json_object_new_string(entry->ecu_name ? entry->ecu_name : ""));
-            json_object_object_add(item, "target_address",
-                                   json_object_new_int(entry->target_address));
-            json_object_object_add(
-                item, "bytes",
-                json_object_new_string(uozctl::hex_of(entry->data, entry->length).c_str()));
-            json_object_object_add(item, "decoded", uozctl::report_to_json(decoded));
+            json_object_object_add(item, "ecu", json_object_new_string(name));
+            json_object_object_add(item, "response", json_object_new_string(text.c_str()));
+            json_object_object_add(item, "negative", json_object_new_boolean(!nrc.empty()));
             json_object_array_add(results.get(), item);
         } else {
-            printf("%s\n%s", ecu_label(session.handle, entry).c_str(),
-                   uozctl::report_to_text(decoded).c_str());
+            fprintf(tool.out(), "%s: %s: %s\n", what, name,
+                    nrc.empty() ? ("done, response " + text).c_str() : nrc.c_str());
         }
     }
-    if (options.json) {
+    if (tool.options.json) {
         Json object(json_object_new_object());
-        json_object_object_add(object.get(), "bytes", json_object_new_int(rc));
-        json_object_object_add(object.get(), "ecus", json_object_get(results.get()));
-        print_json(object.get());
-    } else if (buffer.count == 0) {
-        printf("no ECU answered\n");
+        json_object_object_add(object.get(), "result",
+                               json_object_new_string(negative ? "negative response" : "done"));
+        json_object_object_add(object.get(), "responses", json_object_get(results.get()));
+        tool.print_json(object.get());
+    } else if (json_object_array_length(answers.get()) == 0) {
+        fprintf(tool.out(), "%s: done\n", what);
     }
-    UDSOverZelko_FreeDTCBuffer(&buffer);
-    return negative ? kAgentFailure : kOk;
+    return negative ? kExitFailureReported : kExitOk;
 }
 
-int show_command_response(const Options &options, int rc, CommandResponse *response,
-                          const char *what) {
-    if (rc == UOZ_ERR_TIMEOUT)
-        return fail(options, kNoReply, kNoReplyHint);
-    if (rc == UOZ_ERR_VALIDITY) {
-        return fail(options, kInvalid,
-                    "the command is outside its diagnostic_period (or its times are unreadable)");
-    }
-    if (rc != 0)
-        return fail(options, kAgentFailure, std::string(what) + " failed (--debug 2 shows why)");
-    if (options.json) {
-        Json body(json_tokener_parse(response->body_text));
-        print_json(body.get());
-    } else {
-        Json body(json_tokener_parse(response->body_text));
-        printf("%s: done\n%s\n", what,
-               json_object_to_json_string_ext(
-                   body.get(), JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
-    }
-    UDSOverZelko_FreeCommandResponse(response);
-    return kOk;
-}
-
-int run_dtc_clear(const Options &options, const std::string &ecu, uint32_t group) {
+int run_dtc_clear(const Tool &tool, const std::string &ecu, uint32_t group) {
     Session session;
     int32_t address = 0;
-    if (int rc = start_for_ecu(options, ecu, &session, &address))
+    if (int rc = start_for_ecu(tool, ecu, &session, &address))
         return rc;
     CommandResponse response{};
-    int rc;
-    {
-        WaitIndicator waiting("clearing DTCs");
-        rc = UDSOverZelkoClearDTC(session.handle, address, group, &response);
-    }
-    if (rc == UOZ_ERR_GENERAL && response.body_text == nullptr && address != -1 &&
-        UDSOverZelkoGetECUNameFromTargetAddress(session.handle, address) == nullptr) {
-        return fail(options, kInvalid, "no ECU is configured at that address: see 'uozctl ecus'");
-    }
-    return show_command_response(options, rc, &response, "clear DTCs");
+    int rc = call_with_timeout(tool, "clearing DTCs", "diagnostic agent", [&] {
+        return UDSOverZelkoClearDTC(session.handle, address, group, &response);
+    });
+    return show_command_response(tool, rc, &response, "clear DTCs");
 }
 
-int run_version(const Options &options, const std::string &ecu) {
+int run_version(const Tool &tool, const std::string &ecu) {
     Session session;
-    if (int rc = start(options, &session))
-        return rc;
     int32_t address = 0;
-    if (!resolve_ecu(session.handle, ecu, &address) || address == -1) {
-        return fail(options, kInvalid, "name one ECU ('" + ecu + "' is none): see 'uozctl ecus'");
-    }
+    if (int rc = start_for_ecu(tool, ecu, &session, &address))
+        return rc;
+    if (address == -1)
+        return tool.fail(kExitInvalidInput, "name one ECU: 'all' has no version");
     char version[1024] = {0};
-    int rc;
-    {
-        WaitIndicator waiting("reading the version");
-        rc = UDSOverZelko_ReadECUVersionInformation(session.handle, address, version,
-                                                    sizeof(version) - 1);
-    }
+    int rc = call_with_timeout(tool, "reading the version", "diagnostic agent", [&] {
+        return UDSOverZelko_ReadECUVersionInformation(session.handle, address, version,
+                                                      sizeof(version) - 1);
+    });
     if (rc == UOZ_ERR_TIMEOUT)
-        return fail(options, kNoReply, kNoReplyHint);
+        return tool.fail(kExitNoReply, tool.no_reply_hint("diagnostic agent"));
     if (rc != 0) {
-        return fail(options, rc == UOZ_ERR_EXCHANGE ? kAgentFailure : kInvalid,
-                    "cannot read the version: the ECU needs an \"ecu_version\" description and the "
-                    "reply a \"version\" text (--debug 2 shows why)");
+        return tool.fail(rc == UOZ_ERR_EXCHANGE ? kExitFailureReported : kExitInvalidInput,
+                         "cannot read the version: the ECU needs an \"ecu_version\" description "
+                         "and the reply a \"version\" text (--debug 2 shows why)");
     }
-    if (options.json) {
+    const char *name = UDSOverZelkoGetECUNameFromTargetAddress(session.handle, address);
+    if (tool.options.json) {
         Json object(json_object_new_object());
+        json_object_object_add(object.get(), "ecu", json_object_new_string(name));
         json_object_object_add(object.get(), "target_address", json_object_new_int(address));
         json_object_object_add(object.get(), "version", json_object_new_string(version));
-        print_json(object.get());
+        tool.print_json(object.get());
     } else {
-        printf("%s (0x%X): %s\n", UDSOverZelkoGetECUNameFromTargetAddress(session.handle, address),
-               address, version);
+        fprintf(tool.out(), "%s (0x%X): %s\n", name, static_cast<unsigned>(address), version);
     }
-    return kOk;
+    return kExitOk;
 }
 
-int run_document(const Options &options, const std::string &path) {
+int run_document(const Tool &tool, const std::string &path) {
     std::ifstream file(path);
     if (!file)
-        return fail(options, kInvalid, "cannot read " + path);
+        return tool.fail(kExitInvalidInput, "cannot read " + path + ": " + strerror(errno));
     std::stringstream text;
     text << file.rdbuf();
     std::string document = text.str();
+    uozctl::ConfigReport config = uozctl::check_config(tool.options.config);
+    if (!config.file_error.empty())
+        return tool.fail(kExitCannotStart, config.file_error);
+    std::string problem = uozctl::check_document(document, config, time(nullptr));
+    if (!problem.empty())
+        return tool.fail(kExitInvalidInput, path + ": " + problem);
     Session session;
-    if (int rc = start(options, &session))
+    if (int rc = start(tool, &session))
         return rc;
     CommandResponse response{};
-    int rc;
-    {
-        WaitIndicator waiting("running the remote command");
-        rc = UDSOverZelko_ExecuteRemoteCommand(session.handle, document.c_str(),
-                                               static_cast<uint32_t>(document.size() + 1),
-                                               &response);
-    }
-    if (rc == UOZ_ERR_GENERAL && response.body_text == nullptr) {
-        Json parsed(json_tokener_parse(document.c_str()));
-        if (!parsed)
-            return fail(options, kInvalid, path + " is not a JSON document");
-    }
-    return show_command_response(options, rc, &response, "remote command");
+    int rc = call_with_timeout(tool, "running the remote command", "diagnostic agent", [&] {
+        return UDSOverZelko_ExecuteRemoteCommand(session.handle, document.c_str(),
+                                                 static_cast<uint32_t>(document.size() + 1),
+                                                 &response);
+    });
+    return show_command_response(tool, rc, &response, "remote command");
 }
 
-int run_consent(const Options &options, const std::string &kind, const std::string &campaign) {
+int run_consent(const Tool &tool, const std::string &kind, const std::string &campaign) {
     Session session;
-    if (int rc = start(options, &session))
+    if (int rc = start(tool, &session))
         return rc;
-    int rc;
-    {
-        WaitIndicator waiting("waiting for the policy agent");
-        rc = UDSOverZelkoSendExternalConsent(
+    int rc = call_with_timeout(tool, "waiting for the policy agent", "policy agent", [&] {
+        return UDSOverZelkoSendExternalConsent(
             session.handle, kind == "download" ? CONSENT_DOWNLOAD : CONSENT_INSTALL,
             campaign.c_str());
-    }
+    });
     static const char *const kTexts[] = {"",
                                          "accepted",
                                          "rejected",
@@ -344,117 +489,170 @@ int run_consent(const Options &options, const std::string &kind, const std::stri
                                          "no reply",
                                          "answer without a status",
                                          "invalid campaign"};
-    if (rc == CONSENT_NO_REPLY) {
-        return fail(
-            options, kNoReply,
-            "no reply from the policy agent within 10 s: is uoz-agent running and connected "
-            "to the broker?");
-    }
-    if (options.json) {
+    if (rc == CONSENT_NO_REPLY)
+        return tool.fail(kExitNoReply, tool.no_reply_hint("policy agent"));
+    const char *result = rc >= 1 && rc <= 7 ? kTexts[rc] : "unknown result";
+    if (tool.options.json) {
         Json object(json_object_new_object());
         json_object_object_add(object.get(), "campaign", json_object_new_string(campaign.c_str()));
         json_object_object_add(object.get(), "consent", json_object_new_string(kind.c_str()));
-        json_object_object_add(object.get(), "result",
-                               json_object_new_string(rc >= 1 && rc <= 7 ? kTexts[rc] : "?"));
-        print_json(object.get());
+        json_object_object_add(object.get(), "result", json_object_new_string(result));
+        tool.print_json(object.get());
     } else {
-        printf("%s consent for campaign %s: %s\n", kind.c_str(), campaign.c_str(),
-               rc >= 1 && rc <= 7 ? kTexts[rc] : "?");
+        fprintf(tool.out(), "%s consent for campaign %s: %s\n", kind.c_str(), campaign.c_str(),
+                result);
     }
-    return rc == CONSENT_ACCEPTED ? kOk : kAgentFailure;
+    return rc == CONSENT_ACCEPTED ? kExitOk : kExitFailureReported;
 }
 
-// The table of configured ECUs, read from the configuration file itself.
-int run_ecus(const Options &options) {
-    Json config(json_object_from_file(options.config.c_str()));
-    json_object *configs = nullptr;
-    if (!config || !json_object_object_get_ex(config.get(), "configs", &configs) ||
-        !json_object_is_type(configs, json_type_array)) {
-        return fail(options, kInvalid,
-                    options.config + " is not an ECU configuration (no \"configs\" array)");
+// The configured ECUs as the library loads them; with check_only, also a
+// verdict per entry. Dropped and unreachable entries are named with why.
+int run_ecus(const Tool &tool, bool check_only) {
+    uozctl::ConfigReport report = uozctl::check_config(tool.options.config);
+    if (!report.file_error.empty())
+        return tool.fail(kExitCannotStart, report.file_error);
+    int code = report.all_usable() ? kExitOk : kExitInvalidInput;
+    if (tool.options.json) {
+        Json entries(json_object_new_array());
+        for (const uozctl::EntryReport &entry : report.entries)
+            json_object_array_add(entries.get(), uozctl::entry_to_json(entry));
+        Json object(json_object_new_object());
+        json_object_object_add(object.get(), "file",
+                               json_object_new_string(tool.options.config.c_str()));
+        json_object_object_add(object.get(), "entries", json_object_get(entries.get()));
+        json_object_object_add(object.get(), "all_usable",
+                               json_object_new_boolean(report.all_usable()));
+        tool.print_json(object.get());
+        return check_only ? code : kExitOk;
     }
-    if (options.json) {
-        print_json(configs);
-        return kOk;
+    FILE *out = tool.out();
+    if (!check_only) {
+        fprintf(out, "%-14s %-8s %-6s %-8s %s\n", "NAME", "ADDRESS", "TP", "VERSION", "PARAMETERS");
     }
-    printf("%-14s %-8s %-6s %-50s %s\n", "NAME", "ADDRESS", "TP", "PARAMETERS", "VERSION");
-    for (size_t i = 0; i < json_object_array_length(configs); ++i) {
-        json_object *entry = json_object_array_get_idx(configs, i);
-        auto text = [](json_object *object, const char *key) {
-            json_object *value = nullptr;
-            return json_object_object_get_ex(object, key, &value) &&
-                           json_object_is_type(value, json_type_string)
-                       ? std::string(json_object_get_string(value))
-                       : std::string("-");
-        };
-        std::string type = text(entry, "type");
-        std::string parameters;
-        json_object *block = nullptr;
-        std::string key = type == "DOIP" ? "doip" : type == "IOC" ? "ioc" : "can";
-        if (type != "CANFD" && json_object_object_get_ex(entry, key.c_str(), &block)) {
-            json_object_object_foreach(block, name, value) {
-                parameters += (parameters.empty() ? "" : " ") + std::string(name) + "=" +
-                              json_object_get_string(value);
-            }
+    for (const uozctl::EntryReport &entry : report.entries) {
+        std::string address = entry.target_address >= 0
+                                  ? hex_text(static_cast<uint32_t>(entry.target_address), 1)
+                                  : "-";
+        if (check_only) {
+            fprintf(out, "entry %zu %s: %s%s%s\n", entry.index,
+                    entry.name.empty() ? "(no name)" : entry.name.c_str(),
+                    entry.loaded ? "loaded" : "dropped",
+                    entry.problem.empty() ? ""
+                    : entry.loaded        ? ", but "
+                                          : ": ",
+                    entry.problem.c_str());
+        } else if (entry.loaded) {
+            fprintf(out, "%-14s %-8s %-6s %-8s %s\n", entry.name.c_str(), address.c_str(),
+                    entry.type.c_str(), entry.version_source.c_str(), entry.parameters.c_str());
         }
-        json_object *version = nullptr;
-        std::string source = "-";
-        if (json_object_object_get_ex(entry, "ecu_version", &version)) {
-            source = json_object_object_get_ex(version, "j1939", nullptr) ? "J1939"
-                     : json_object_object_get_ex(version, "uds", nullptr) ? "UDS"
-                                                                          : "?";
-        }
-        printf("%-14s %-8s %-6s %-50s %s\n", text(entry, "name").c_str(),
-               text(entry, "targetAddress").c_str(), type.c_str(), parameters.c_str(),
-               source.c_str());
     }
-    return kOk;
+    if (check_only) {
+        fprintf(out, "%s: %s\n", tool.options.config.c_str(),
+                code == kExitOk ? "every entry loads" : "some entries are dropped or unreachable");
+    } else {
+        warn_about_config(report);
+    }
+    return check_only ? code : kExitOk;
 }
 
-uint32_t parse_number(const std::string &text) {
-    return static_cast<uint32_t>(strtoul(text.c_str(), nullptr, 0));
+struct Parsed {
+    DtcRequest dtc;
+    uint32_t group = 0xFFFFFF;
+};
+
+// The numbers of dtc read/clear, strictly; 0 or an exit code.
+int parse_dtc_numbers(const Tool &tool, CLI::App *read, CLI::App *clear,
+                      const std::map<std::string, std::string> &texts, Parsed *parsed) {
+    std::string error;
+    auto hex = [&](const char *option, uint32_t max, uint32_t *value) {
+        return parse_hex(texts.at(option), max, option, value, &error);
+    };
+    if (read->parsed()) {
+        parsed->dtc.by_dtc_or_record = read->count("--dtc") + read->count("--record") > 0;
+        bool ok = hex("--report", 0xFF, &parsed->dtc.report) &&
+                  hex("--mask", 0xFF, &parsed->dtc.mask) &&
+                  (read->count("--dtc") == 0 ||
+                   parse_dtc(texts.at("--dtc"), "--dtc", &parsed->dtc.dtc, &error)) &&
+                  (read->count("--record") == 0 || hex("--record", 0xFF, &parsed->dtc.record));
+        if (!ok)
+            return tool.fail(kExitInvalidInput, error);
+        uint32_t report = parsed->dtc.report;
+        if (!((report >= 0x01 && report <= 0x06) || (report >= 0x09 && report <= 0x16))) {
+            return tool.fail(kExitInvalidInput, "--report " + hex_text(report, 2) +
+                                                    " is not supported (supported: 0x01-0x06, "
+                                                    "0x09-0x16)");
+        }
+    }
+    if (clear->parsed() && !parse_dtc(texts.at("--group"), "--group", &parsed->group, &error))
+        return tool.fail(kExitInvalidInput, error);
+    return kExitOk;
+}
+
+bool wants_json(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--json") == 0)
+            return true;
+    }
+    return false;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{
-        "UDS diagnostics through libudsoverzelko.\n"
-        "Exit codes: 0 ok, 1 cannot start, 2 invalid input, 3 no reply, 4 failure reported"};
+    CLI::App app{"UDS diagnostics through libudsoverzelko.\n" + std::string(exit_code_help())};
     app.require_subcommand(1);
-    Options options;
+    app.fallthrough();
+    app.set_version_flag("--version", std::string("uozctl ") + project_version());
+    Tool tool;
+    Options &options = tool.options;
     app.add_option("--broker", options.broker, "broker HOST:PORT")->capture_default_str();
     app.add_option("--certs", options.certs,
-                   "identity directory (private.pem, cert.pem; ../ca/ca.pem)");
+                   "identity directory (private.pem, cert.pem; ../ca/ca.pem); needed by every "
+                   "command that talks to the bus");
     app.add_option("--config", options.config, "ECU configuration file")->required();
-    app.add_option("--debug", options.debug, "library log level on stdout (-1 none .. 4 most)");
-    app.add_flag("--json", options.json, "machine-readable output");
+    app.add_option("--debug", options.debug,
+                   "library log level on standard error (-1 none .. 4 most)")
+        ->check(CLI::Range(-1, 5));
+    app.add_option("--timeout", options.timeout, "seconds to wait for a reply (1-10)")
+        ->check(CLI::Range(1, UOZ_REPLY_TIMEOUT_SECONDS))
+        ->capture_default_str();
+    app.add_flag("--json", options.json, "machine-readable output, also for failures");
 
-    app.add_subcommand("ecus", "list the configured ECUs");
+    app.add_subcommand("ecus", "list the configured ECUs (dropped entries on standard error)");
+    auto *check = app.add_subcommand(
+        "check-config", "say per entry what the library loads and what it drops, and why");
 
     auto *dtc = app.add_subcommand("dtc", "read or clear DTCs");
     dtc->require_subcommand(1);
-    std::string ecu, report_text = "0x02", mask_text = "0xFF", dtc_text, record_text,
-                     group_text = "0xFFFFFF";
+    std::string ecu;
+    std::map<std::string, std::string> texts = {{"--report", "0x02"},
+                                                {"--mask", "0xFF"},
+                                                {"--dtc", ""},
+                                                {"--record", ""},
+                                                {"--group", "0xFFFFFF"}};
     auto *read = dtc->add_subcommand("read", "ReadDTCInformation (0x19)");
     read->add_option("ECU", ecu, "ECU name, target address (0x7E0) or all")->required();
-    read->add_option("--report", report_text, "report subfunction")->capture_default_str();
-    auto *mask = read->add_option("--mask", mask_text, "DTC status mask")->capture_default_str();
-    auto *dtc_option = read->add_option("--dtc", dtc_text, "DTC number (three bytes)");
-    auto *record_option = read->add_option("--record", record_text, "record number");
+    read->add_option("--report", texts["--report"], "report subfunction, hex (0x02 or 02)")
+        ->capture_default_str();
+    auto *mask = read->add_option("--mask", texts["--mask"], "DTC status mask, hex (0x00-0xFF)")
+                     ->capture_default_str();
+    auto *dtc_option = read->add_option("--dtc", texts["--dtc"],
+                                        "DTC: three bytes in hex (0x030100) or a code (P0301)");
+    read->add_option("--record", texts["--record"], "record number, hex (0x00-0xFF)");
     mask->excludes(dtc_option);
     auto *clear = dtc->add_subcommand("clear", "ClearDiagnosticInformation (0x14)");
     clear->add_option("ECU", ecu, "ECU name, target address or all")->required();
-    clear->add_option("--group", group_text, "group of DTC")->capture_default_str();
+    clear
+        ->add_option("--group", texts["--group"],
+                     "group of DTC: three bytes in hex (0xFFFFFF: all) or a code (P0301)")
+        ->capture_default_str();
 
     auto *version = app.add_subcommand("version", "read an ECU's version");
     version->add_option("ECU", ecu, "ECU name or target address")->required();
 
     std::string document;
-    auto *run = app.add_subcommand("run", "run a remote command document");
-    run->add_option("FILE", document, "remote command document (JSON)")
-        ->required()
-        ->check(CLI::ExistingFile);
+    auto *run = app.add_subcommand("run", "check and run a remote command document");
+    run->add_option("FILE", document, "remote command document (JSON)")->required();
 
     std::string consent_kind, campaign;
     auto *consent =
@@ -467,26 +665,34 @@ int main(int argc, char **argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != 0 && wants_json(argc, argv)) {
+            tool.options.json = true;
+            tool.fail(kExitInvalidInput, error.what());
+            return kExitInvalidInput;
+        }
         int rc = app.exit(error);
-        return rc == 0 ? kOk : kInvalid;
+        return rc == 0 ? kExitOk : kExitInvalidInput;
     }
-    if (options.debug < 0)
-        uoz_dbg_level = -1;
+    uozctl::Console console;
+    tool.console = &console;
+    uoz_dbg_level = options.debug;
+    Parsed parsed;
+    if (int rc = parse_dtc_numbers(tool, read, clear, texts, &parsed))
+        return rc;
+    parsed.dtc.ecu = ecu;
     if (app.got_subcommand("ecus"))
-        return run_ecus(options);
-    if (read->parsed()) {
-        return run_dtc_read(
-            options, ecu, parse_number(report_text), parse_number(mask_text),
-            dtc_option->count() ? static_cast<int64_t>(parse_number(dtc_text)) : -1,
-            record_option->count() ? static_cast<int>(parse_number(record_text)) : -1);
-    }
+        return run_ecus(tool, false);
+    if (check->parsed())
+        return run_ecus(tool, true);
+    if (read->parsed())
+        return run_dtc_read(tool, parsed.dtc);
     if (clear->parsed())
-        return run_dtc_clear(options, ecu, parse_number(group_text));
+        return run_dtc_clear(tool, ecu, parsed.group);
     if (version->parsed())
-        return run_version(options, ecu);
+        return run_version(tool, ecu);
     if (run->parsed())
-        return run_document(options, document);
+        return run_document(tool, document);
     if (consent->parsed())
-        return run_consent(options, consent_kind, campaign);
-    return kInvalid;
+        return run_consent(tool, consent_kind, campaign);
+    return kExitInvalidInput;
 }
