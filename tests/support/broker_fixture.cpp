@@ -68,7 +68,9 @@ std::string identity_dir(const std::string &node) {
     return pki_dir() + "/" + node;
 }
 
-Broker::Broker() {
+Broker::Broker() : Broker(pki_dir() + "/acl") {}
+
+Broker::Broker(const std::string &acl_path) {
     char work[] = "/tmp/uoz-broker-XXXXXX";
     if (mkdtemp(work) == nullptr)
         throw std::runtime_error("mkdtemp failed");
@@ -76,7 +78,7 @@ Broker::Broker() {
     port_ = free_port();
     std::string pki = pki_dir();
     uozpki::write_text(work_dir_ + "/mosquitto.conf",
-                       uozpki::broker_config_text(pki, port_, pki + "/acl"));
+                       uozpki::broker_config_text(pki, port_, acl_path));
     start();
 }
 

@@ -20,6 +20,8 @@ std::string identity_dir(const std::string &node);
 class Broker {
   public:
     Broker();
+    // With the access rules of acl_path instead of the test PKI's.
+    explicit Broker(const std::string &acl_path);
     ~Broker();
     Broker(const Broker &) = delete;
     Broker &operator=(const Broker &) = delete;

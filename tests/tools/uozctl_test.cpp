@@ -1,152 +1,180 @@
-// uozctl end to end: the real broker, uoz-agent with its simulated vehicle,
-// every command in text and --json, and the exit codes.
-#include <fcntl.h>
+// uozctl end to end: the real broker, the diagnostic agent with its simulated
+// vehicle, every command in text and --json, and the exit codes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/wait.h>
+#include <stdlib.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
+#include <fstream>
 
 #include "broker_fixture.h"
-
-extern char **environ;
+#include "tool_runner.h"
 
 namespace uoztest {
 namespace {
 
-struct Output {
-    int code = -1;
-    std::string text;
-};
-
 class UozctlTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string certs = identity_dir("agent");
-        std::string broker = "localhost:" + std::to_string(broker_.port());
-        log_ = "/tmp/uoz-agent-" + std::to_string(getpid()) + ".log";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                         0644);
-        const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker",
-                              broker.c_str(), "--debug", "0",           nullptr};
-        ASSERT_EQ(posix_spawn(&agent_, UOZ_AGENT_PATH, &actions, nullptr, const_cast<char **>(argv),
-                              environ),
-                  0);
-        posix_spawn_file_actions_destroy(&actions);
-        for (int i = 0; i < 200 && !agent_ready(); ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        ASSERT_TRUE(agent_ready());
+    void SetUp() override { ASSERT_TRUE(agent_.ready()); }
+    ToolRun uozctl(const std::string &arguments) {
+        return run(std::string(UOZCTL_PATH) +
+                   " --broker localhost:" + std::to_string(broker_.port()) + " --certs " +
+                   identity_dir("app") + " --config " + UOZ_EXAMPLES + "/ecus.json " + arguments);
+    }
+    std::string document(const std::string &text) {
+        std::string path = "/tmp/uozctl-doc-" + std::to_string(getpid()) + ".json";
+        std::ofstream(path) << text;
+        documents_.push_back(path);
+        return path;
     }
     void TearDown() override {
-        stop_agent();
-        unlink(log_.c_str());
-    }
-    void stop_agent() {
-        if (agent_ <= 0)
-            return;  // never kill(-1): that signals every process
-        kill(agent_, SIGTERM);
-        waitpid(agent_, nullptr, 0);
-        agent_ = -1;
-    }
-    bool agent_ready() {
-        FILE *file = fopen(log_.c_str(), "r");
-        if (file == nullptr)
-            return false;
-        char line[512];
-        bool ready = false;
-        while (fgets(line, sizeof(line), file) != nullptr)
-            ready = ready || strstr(line, "uoz-agent ready");
-        fclose(file);
-        return ready;
-    }
-    Output uozctl(const std::string &arguments) {
-        std::string command = std::string(UOZCTL_PATH) +
-                              " --broker localhost:" + std::to_string(broker_.port()) +
-                              " --certs " + identity_dir("app") + " --config " + UOZ_EXAMPLES +
-                              "/ecus.json " + arguments + " 2>&1";
-        Output output;
-        FILE *pipe = popen(command.c_str(), "r");
-        char chunk[4096];
-        size_t got;
-        while ((got = fread(chunk, 1, sizeof(chunk), pipe)) > 0)
-            output.text.append(chunk, got);
-        int status = pclose(pipe);
-        output.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return output;
+        for (const std::string &path : documents_)
+            unlink(path.c_str());
     }
 
     Broker broker_;
-    pid_t agent_ = -1;
-    std::string log_;
+    AgentProcess agent_{broker_.port()};
+    std::vector<std::string> documents_;
 };
 
 TEST_F(UozctlTest, readsDecodesAndClearsDtcs) {
-    Output engine = uozctl("dtc read engine");
-    EXPECT_EQ(engine.code, 0) << engine.text;
-    EXPECT_NE(engine.text.find(
+    ToolRun engine = uozctl("dtc read engine");
+    EXPECT_EQ(engine.code, 0) << engine.err;
+    EXPECT_NE(engine.out.find(
                   "engine (0x7E0)\n  report 0x02: DTCs by status mask\n"
                   "  P0301-00  (0x030100)  status 0x2F [testFailed, testFailedThisOperationCycle, "
                   "pendingDTC, confirmedDTC, testFailedSinceLastClear]\n"),
               std::string::npos)
-        << engine.text;
-    Output all = uozctl("dtc read all");
+        << engine.out;
+    EXPECT_EQ(engine.err, "");
+    ToolRun all = uozctl("dtc read all");
     EXPECT_EQ(all.code, 0);
     for (const char *ecu :
          {"engine (0x7E0)", "transmission (0x7E1)", "body (0x7E2)", "gateway (0x20)"}) {
-        EXPECT_NE(all.text.find(ecu), std::string::npos) << ecu << all.text;
+        EXPECT_NE(all.out.find(ecu), std::string::npos) << ecu << all.out;
     }
-    EXPECT_EQ(uozctl("dtc clear engine").code, 0);
-    Output after = uozctl("--json dtc read engine");
+    ToolRun clear = uozctl("dtc clear engine --group P0301");
+    EXPECT_EQ(clear.code, 0);
+    EXPECT_EQ(clear.out, "clear DTCs: engine: done, response 54\n");
+    ToolRun after = uozctl("--json dtc read engine");
     EXPECT_EQ(after.code, 0);
-    EXPECT_NE(after.text.find("\"dtcs\":[\n        ]"), std::string::npos) << after.text;
+    EXPECT_TRUE(is_json(after.out)) << after.out;
+    EXPECT_EQ(after.out.find("P0301"), std::string::npos) << after.out;
+    EXPECT_NE(after.out.find("P0171"), std::string::npos) << after.out;
+}
+
+TEST_F(UozctlTest, aDoipEcuIsNamedByTheAddressAsked) {
+    ToolRun telematics = uozctl("dtc read telematics");
+    EXPECT_EQ(telematics.code, 0) << telematics.err;
+    EXPECT_EQ(telematics.out.rfind("telematics (0x1001)\n", 0), 0u) << telematics.out;
+    ToolRun json = uozctl("dtc read 0x1001 --json");
+    EXPECT_NE(json.out.find("\"ecu\":\"telematics\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"target_address\":4097"), std::string::npos) << json.out;
 }
 
 TEST_F(UozctlTest, negativeResponsesAndUnsupportedReportsHaveTheirExitCodes) {
-    Output negative = uozctl("dtc read transmission --report 0x14");
-    EXPECT_EQ(negative.code, 4) << negative.text;
-    EXPECT_NE(negative.text.find("negative response: NRC 0x12 subFunctionNotSupported"),
+    ToolRun negative = uozctl("dtc read transmission --report 0x14");
+    EXPECT_EQ(negative.code, 4) << negative.out;
+    EXPECT_NE(negative.out.find("negative response: NRC 0x12 subFunctionNotSupported"),
               std::string::npos);
-    EXPECT_EQ(uozctl("dtc read engine --report 0x07").code, 2);
+    ToolRun unsupported = uozctl("dtc read engine --report 0x07");
+    EXPECT_EQ(unsupported.code, 2);
+    EXPECT_EQ(unsupported.err,
+              "uozctl: --report 0x07 is not supported (supported: 0x01-0x06, 0x09-0x16)\n");
     EXPECT_EQ(uozctl("dtc read nosuchecu").code, 2);
     EXPECT_EQ(uozctl("dtc read engine --mask 1 --dtc 2").code, 2);
 }
 
 TEST_F(UozctlTest, versionsRoutinesAndConsent) {
-    Output version = uozctl("version transmission");
+    ToolRun version = uozctl("version transmission");
     EXPECT_EQ(version.code, 0);
-    EXPECT_EQ(version.text, "transmission (0x7E1): TCU-8HP-5.0.3\n");
-    Output json = uozctl("--json version 0x7E0");
-    EXPECT_NE(json.text.find("\"version\":\"ENG-2.4.1 (hw B3)\""), std::string::npos) << json.text;
-    Output run = uozctl(std::string("run ") + UOZ_EXAMPLES + "/remote-command.json");
-    EXPECT_EQ(run.code, 0) << run.text;
-    EXPECT_NE(run.text.find("62F190"), std::string::npos) << run.text;
-    Output consent = uozctl("consent install C-9");
+    EXPECT_EQ(version.out, "transmission (0x7E1): TCU-8HP-5.0.3\n");
+    ToolRun json = uozctl("--json version 0x7E0");
+    EXPECT_NE(json.out.find("\"version\":\"ENG-2.4.1 (hw B3)\""), std::string::npos) << json.out;
+    ToolRun routine = uozctl(std::string("run ") + UOZ_EXAMPLES + "/remote-command.json");
+    EXPECT_EQ(routine.code, 0) << routine.err;
+    EXPECT_EQ(routine.out,
+              "remote command: engine: done, response 62F190575A4C303030303030303030303031\n");
+    ToolRun consent = uozctl("consent install C-9");
     EXPECT_EQ(consent.code, 0);
-    EXPECT_EQ(consent.text, "install consent for campaign C-9: accepted\n");
+    EXPECT_EQ(consent.out, "install consent for campaign C-9: accepted\n");
     EXPECT_EQ(uozctl("version adas").code, 4);
 }
 
+TEST_F(UozctlTest, aRoutineTheEcuRefusesIsANegativeResponse) {
+    std::string path = document(
+        R"({"commands": [{"type": "predefined", "command": "ResetECU"}], "ecu": {"ServerAddress": "0x7E2"}})");
+    ToolRun refused = uozctl("run " + path);
+    EXPECT_EQ(refused.code, 4) << refused.out << refused.err;
+    EXPECT_EQ(refused.out, "remote command: body: negative response: NRC 0x31 requestOutOfRange\n");
+    ToolRun json = uozctl("--json run " + path);
+    EXPECT_EQ(json.code, 4);
+    EXPECT_TRUE(is_json(json.out)) << json.out;
+    EXPECT_NE(json.out.find("\"negative\":true"), std::string::npos) << json.out;
+}
+
+TEST_F(UozctlTest, anUnknownRoutineIsRefusedBeforeSending) {
+    std::string path = document(
+        R"({"commands": [{"type": "predefined", "command": "ReadVIM"}], "ecu": {"ServerAddress": "0x7E0"}})");
+    ToolRun refused = uozctl("run " + path);
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.out, "");
+    EXPECT_EQ(refused.err, "uozctl: " + path +
+                               ": commands[0].command: the configuration has no pre-defined "
+                               "routine 'ReadVIM' (it has: ResetECU, ReadVIN)\n");
+}
+
+// Every command's --json output is one JSON document, on success and on
+// failure, with snake_case keys only.
+TEST_F(UozctlTest, jsonOutputAlwaysParses) {
+    const char *commands[] = {
+        "dtc read engine",
+        "dtc read all",
+        "dtc read engine --report 0x06 --dtc P0301 --record 1",
+        "dtc read transmission --report 0x14",
+        "dtc read engine --mask 0xZZ",
+        "dtc read nosuchecu",
+        "dtc clear engine",
+        "dtc clear engine --group xyz",
+        "version engine",
+        "version adas",
+        "run /nonexistent.json",
+        "consent download C-1",
+        "ecus",
+        "check-config",
+        "--debug 2 dtc read body",
+        "dtc read",
+    };
+    for (const char *command : commands) {
+        ToolRun result = uozctl(std::string("--json ") + command);
+        EXPECT_TRUE(is_json(result.out)) << command << "\n" << result.out;
+        EXPECT_EQ(result.out.find("\x1b["), std::string::npos) << command;
+        for (const char *camel : {"targetAddress", "exitCode", "phyReqId"})
+            EXPECT_EQ(result.out.find(camel), std::string::npos) << command << result.out;
+    }
+}
+
+TEST_F(UozctlTest, theLibrarysLogLinesGoToStandardErrorWithoutColour) {
+    ToolRun result = uozctl("--debug 2 version engine");
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.out, "engine (0x7E0): ENG-2.4.1 (hw B3)\n");
+    EXPECT_NE(result.err.find(" INFO "), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("\x1b["), std::string::npos) << result.err;
+}
+
 TEST_F(UozctlTest, listsTheConfiguredEcus) {
-    Output ecus = uozctl("ecus");
+    ToolRun ecus = uozctl("ecus");
     EXPECT_EQ(ecus.code, 0);
-    EXPECT_NE(ecus.text.find("transmission   0x7E1    CAN"), std::string::npos) << ecus.text;
-    EXPECT_NE(ecus.text.find("J1939"), std::string::npos);
-    EXPECT_EQ(uozctl("--config /nonexistent ecus").code, 2);
+    EXPECT_NE(ecus.out.find("transmission   0x7E1    CAN    J1939"), std::string::npos) << ecus.out;
 }
 
 TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
-    stop_agent();
-    Output consent = uozctl("consent download C-1");
+    agent_.stop();
+    ToolRun consent = uozctl("--timeout 2 consent download C-1");
     EXPECT_EQ(consent.code, 3);
-    EXPECT_NE(consent.text.find("is uoz-agent running and connected to it?"),
-              std::string::npos);
+    EXPECT_EQ(consent.err,
+              "uozctl: no reply from the policy agent within 2 s: the broker is up; is uoz-agent "
+              "running and connected to it?\n");
+    EXPECT_LT(consent.seconds, 5.0) << "--timeout must shorten the wait";
 }
 
 }  // namespace
