@@ -4,7 +4,7 @@ JOBS ?= 2
 CTEST_JOBS ?= 8
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz install clean format
+.PHONY: all deps build test test-asan test-tsan demo bench fuzz install package clean format
 
 all: build
 
@@ -45,8 +45,15 @@ fuzz:
 install: build
 	cmake --install build
 
+# Debian packages (runtime, -dev, -dbgsym) in build-package/, for /usr.
+package: deps
+	cmake -S . -B build-package -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DUOZ_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	cmake --build build-package -j$(JOBS)
+	cd build-package && cpack
+
 format:
 	find include src tools tests bench fuzz examples -name '*.[ch]' -o -name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-package

@@ -1,12 +1,17 @@
-# Installation: libraries, headers, tools, a pkg-config file and a CMake
-# package (find_package(udsoverzelko) gives udsoverzelko::udsoverzelko).
+# Installation: libraries, headers, tools, man pages, documentation, a
+# pkg-config file and a CMake package (find_package(udsoverzelko) gives
+# udsoverzelko::udsoverzelko); and the Debian packages (make package).
+#
+# Components: "runtime" (shared libraries, tools, man pages, documentation)
+# and "dev" (headers, the unversioned library link, pkg-config and CMake
+# files).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS udsoverzelko kt5bus EXPORT udsoverzelkoTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(EXPORT udsoverzelkoTargets NAMESPACE udsoverzelko::
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/udsoverzelko)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/udsoverzelko COMPONENT dev)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/udsoverzelkoConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelkoConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/udsoverzelko)
@@ -14,19 +19,80 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/udsoverzelkoConfigV
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelkoConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelkoConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/udsoverzelko)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/udsoverzelko COMPONENT dev)
 # The .pc file finds its prefix from where it lies, so the tree can be moved.
 file(RELATIVE_PATH UOZ_PC_TO_PREFIX "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/udsoverzelko.pc.in ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelko.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelko.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelko.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/ecus.json ${PROJECT_SOURCE_DIR}/examples/vehicle.json
   ${PROJECT_SOURCE_DIR}/examples/remote-command.json ${PROJECT_SOURCE_DIR}/examples/minimal.c
-  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
+file(GLOB UOZ_DOCS ${PROJECT_SOURCE_DIR}/docs/*.md)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${UOZ_DOCS}
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 
+# Installed tools find the project's libraries beside them, from any prefix.
+file(RELATIVE_PATH UOZ_BIN_TO_LIB "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
+set(UOZ_TOOLS uozctl uoz-pki uoz-agent uoz-ecusim)
+foreach(tool ${UOZ_TOOLS})
+  if(TARGET ${tool})
+    set_target_properties(${tool} PROPERTIES INSTALL_RPATH "$ORIGIN/${UOZ_BIN_TO_LIB}")
+  endif()
+endforeach()
+
+# Man pages made from each tool's --help. Not in sanitizer builds: running a
+# tool there at build time would need the sanitizer's runtime settings.
+find_program(UOZ_HELP2MAN help2man)
+if(UOZ_HELP2MAN AND NOT UOZ_SANITIZE)
+  set(UOZ_MAN_PAGES)
+  set(UOZ_MAN_SUMMARY_uozctl "UDS diagnostics from the shell through libudsoverzelko")
+  set(UOZ_MAN_SUMMARY_uoz-pki "make the certificates and broker configuration of a bus")
+  set(UOZ_MAN_SUMMARY_uoz-agent "reference diagnostic agent and policy agent")
+  set(UOZ_MAN_SUMMARY_uoz-ecusim "simulated ECUs for the diagnostic agent")
+  foreach(tool ${UOZ_TOOLS})
+    if(TARGET ${tool})
+      set(page ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1.gz)
+      add_custom_command(OUTPUT ${page}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/man
+        COMMAND ${UOZ_HELP2MAN} --no-info --no-discard-stderr
+          --version-string=${PROJECT_VERSION} --name=${UOZ_MAN_SUMMARY_${tool}}
+          --output=${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1 $<TARGET_FILE:${tool}>
+        COMMAND gzip -9nf ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1
+        DEPENDS ${tool}
+        COMMENT "Man page of ${tool}")
+      list(APPEND UOZ_MAN_PAGES ${page})
+    endif()
+  endforeach()
+  add_custom_target(man_pages ALL DEPENDS ${UOZ_MAN_PAGES})
+  install(FILES ${UOZ_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+endif()
+
+# Debian packages: the runtime package (libraries, tools, man pages, docs),
+# the -dev package, and -dbgsym packages with the debug symbols that are
+# stripped from the others. Configure with -DCMAKE_INSTALL_PREFIX=/usr for
+# the multiarch library directory (make package does).
 set(CPACK_PACKAGE_NAME libudsoverzelko)
-set(CPACK_PACKAGE_CONTACT "libudsoverzelko developers")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "libudsoverzelko developers <libudsoverzelko@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "UDS diagnostics over an authenticated message bus")
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libjson-c5, libmosquitto1, libssl3")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "mosquitto")
+set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libudsoverzelko${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "mosquitto")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libudsoverzelko-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libjson-c-dev, libmosquitto-dev, libssl-dev")
+set(CPACK_COMPONENT_DEV_DEPENDS runtime)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+  "UDS diagnostics over an authenticated message bus: libraries and tools")
+set(CPACK_COMPONENT_DEV_DESCRIPTION
+  "UDS diagnostics over an authenticated message bus: headers and build files")
 include(CPack)

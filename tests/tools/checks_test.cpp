@@ -124,6 +124,7 @@ TEST_F(ChecksTest, remoteCommandDocumentsAreCheckedFieldByField) {
          "ecu.ServerAddress: no configured ECU has the address 0x999 (see 'uozctl ecus')"},
         {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "engine"}})",
          "ecu.ServerAddress: 'engine' is not a hexadecimal address"},
+        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "FFFFFFFF"}})", ""},
         {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E1"}})",
          "ecu.ServerAddress: no configured ECU has the address 0x7E1 (see 'uozctl ecus')"},
         {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs into a temporary prefix and builds examples/minimal.c with
-# pkg-config alone, then links a CMake project with find_package.
+# pkg-config alone, then links a CMake project with find_package; checks that
+# the installed tools run from any prefix and that man pages and docs are there.
 set -euo pipefail
-build=$1 source=$2
+build=$1 source=$2 version=$3
 prefix=$(mktemp -d /tmp/uoz-install-XXXXXX)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build" --prefix "$prefix" >/dev/null
@@ -25,4 +26,21 @@ cmake -S "$prefix/consumer" -B "$prefix/consumer/build" -DCMAKE_PREFIX_PATH="$pr
 cmake --build "$prefix/consumer/build" >/dev/null
 for tool in uozctl uoz-agent uoz-pki; do [ -x "$prefix/bin/$tool" ] || { echo "missing $tool"; exit 1; }; done
 [ -f "$prefix/include/kt5bus.h" ] || { echo "missing kt5bus.h"; exit 1; }
-echo "installed, built with pkg-config and with find_package"
+# The installed tools find their libraries from where they lie (no
+# LD_LIBRARY_PATH), also when the whole tree is moved.
+moved=$prefix/moved
+mkdir "$moved" && cp -a "$prefix/bin" "$prefix/lib" "$moved/"
+for tool in uozctl uoz-pki; do
+  for root in "$prefix" "$moved"; do
+    said=$(env -u LD_LIBRARY_PATH "$root/bin/$tool" --version) || { echo "$root/bin/$tool --version failed"; exit 1; }
+    [ "$said" = "$tool $version" ] || { echo "$tool --version said: $said"; exit 1; }
+  done
+done
+for page in uozctl uoz-pki uoz-agent; do
+  [ -f "$prefix/share/man/man1/$page.1.gz" ] || { echo "missing man page $page.1.gz"; exit 1; }
+done
+zcat "$prefix/share/man/man1/uozctl.1.gz" | grep -q 'Exit codes: 0 success' || { echo "uozctl.1 lacks the exit codes"; exit 1; }
+for doc in README.md quickstart.md troubleshooting.md security.md; do
+  [ -f "$prefix/share/doc/udsoverzelko/$doc" ] || { echo "missing doc $doc"; exit 1; }
+done
+echo "installed, built with pkg-config and with find_package; tools run from any prefix"

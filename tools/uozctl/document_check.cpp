@@ -95,6 +95,8 @@ std::string check_server_address(json_object *document, const ConfigReport &conf
     long value = strtol(address.c_str(), &end, 16);
     if (address.empty() || *end != '\0')
         return "ecu.ServerAddress: '" + address + "' is not a hexadecimal address";
+    if (value == 0xFFFFFFFFL)
+        return "";  // every CAN and IOC ECU
     for (const EntryReport &entry : config.entries) {
         if (entry.loaded && entry.target_address == value)
             return "";

@@ -603,6 +603,15 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", std::string("uozctl ") + project_version());
+    app.footer(
+        "ECU is a configured name (engine), a target address in hexadecimal (0x7E0) or 'all'.\n"
+        "Numbers are hexadecimal, with or without 0x; DTCs may also be codes (P0301).\n"
+        "Each command's options: uozctl COMMAND --help (e.g. uozctl dtc read --help).\n\n"
+        "Examples:\n"
+        "  uozctl --config ecus.json check-config\n"
+        "  uozctl --config ecus.json --certs pki/app dtc read engine --mask 0x08\n"
+        "  uozctl --config ecus.json --certs pki/app --json dtc read all\n"
+        "  uozctl --config ecus.json --certs pki/app dtc clear engine --group P0301");
     Tool tool;
     Options &options = tool.options;
     app.add_option("--broker", options.broker, "broker HOST:PORT")->capture_default_str();
