@@ -169,8 +169,7 @@ TEST(UozctlCliTest, checkConfigNamesDroppedEntriesAndFileErrors) {
     EXPECT_EQ(missing.code, 1);
     EXPECT_EQ(missing.err,
               "uozctl: cannot read /nonexistent/ecus.json: No such file or directory\n");
-    ToolRun good =
-        run(std::string(UOZCTL_PATH) + " check-config --config " + UOZ_EXAMPLES + "/ecus.json");
+    ToolRun good = run(std::string(UOZCTL_PATH) + " check-config " + UOZ_EXAMPLES + "/ecus.json");
     EXPECT_EQ(good.code, 0) << good.err;
 }
 
@@ -209,7 +208,10 @@ TEST(UozctlCliTest, exitCodesAndConventionsAreThoseOfEveryTool) {
     ToolRun version = run(ctl + " --version");
     EXPECT_EQ(version.out, "uozctl " UOZ_VERSION "\n");
     EXPECT_EQ(run(pki + " --version").out, "uoz-pki " UOZ_VERSION "\n");
-    EXPECT_NE(run(ctl + " --help").out.find("--config TEXT REQUIRED"), std::string::npos);
+    EXPECT_NE(run(ctl + " --help").out.find("ECU configuration file (required)"),
+              std::string::npos);
+    EXPECT_EQ(run(ctl + " ecus").err,
+              "uozctl: --config FILE is required: the ECU configuration file\n");
     // Options may follow the command.
     ToolRun after = run(ctl + " ecus --config " + UOZ_EXAMPLES + "/ecus.json --json");
     EXPECT_EQ(after.code, 0) << after.err;

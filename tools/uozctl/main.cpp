@@ -618,7 +618,9 @@ int main(int argc, char **argv) {
     app.add_option("--certs", options.certs,
                    "identity directory (private.pem, cert.pem; ../ca/ca.pem); needed by every "
                    "command that talks to the bus");
-    app.add_option("--config", options.config, "ECU configuration file")->required();
+    // Required by every command; checked after parsing so that check-config
+    // may take the file as its argument instead.
+    app.add_option("--config", options.config, "ECU configuration file (required)");
     app.add_option("--debug", options.debug,
                    "library log level on standard error (-1 none .. 4 most)")
         ->check(CLI::Range(-1, 5));
@@ -630,6 +632,7 @@ int main(int argc, char **argv) {
     app.add_subcommand("ecus", "list the configured ECUs (dropped entries on standard error)");
     auto *check = app.add_subcommand(
         "check-config", "say per entry what the library loads and what it drops, and why");
+    check->add_option("FILE", options.config, "ECU configuration file (instead of --config)");
 
     auto *dtc = app.add_subcommand("dtc", "read or clear DTCs");
     dtc->require_subcommand(1);
@@ -681,6 +684,10 @@ int main(int argc, char **argv) {
         }
         int rc = app.exit(error);
         return rc == 0 ? kExitOk : kExitInvalidInput;
+    }
+    if (options.config.empty()) {
+        return tool.fail(kExitInvalidInput,
+                         "--config FILE is required: the ECU configuration file");
     }
     uozctl::Console console;
     tool.console = &console;
