@@ -9,6 +9,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -301,8 +302,28 @@ std::string missing_reply_address(const std::string &identity_dir) {
            "the identity with 'uoz-pki node --ua NAME'";
 }
 
+namespace {
+
+// A broker that drops the connection while the probe writes must end the
+// probe, not the process: SIGPIPE is ignored while it runs.
+class IgnoreBrokenPipe {
+  public:
+    IgnoreBrokenPipe() {
+        struct sigaction ignore = {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGPIPE, &ignore, &saved_);
+    }
+    ~IgnoreBrokenPipe() { sigaction(SIGPIPE, &saved_, nullptr); }
+
+  private:
+    struct sigaction saved_ = {};
+};
+
+}  // namespace
+
 ProbeResult probe_broker(const std::string &host, int port, const std::string &identity_dir,
                          int timeout_ms) {
+    IgnoreBrokenPipe ignore_broken_pipe;
     ProbeResult result;
     result.reason = identity_problem(identity_dir);
     if (!result.reason.empty())
