@@ -82,6 +82,16 @@ int main(int argc, char **argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", std::string("uoz-pki ") + project_version());
+    app.footer(
+        "--dir may come before or after the command. Nothing is overwritten without --force.\n"
+        "The diagnostic agent needs --ua /ZDATA/UDS --group policy-agent; an application\n"
+        "without addresses gets the reply address /uoz/<id>.\n\n"
+        "Example:\n"
+        "  uoz-pki init --dir pki\n"
+        "  uoz-pki node --dir pki --id agent --ua /ZDATA/UDS --group policy-agent\n"
+        "  uoz-pki node --dir pki --id app\n"
+        "  uoz-pki broker-config --dir pki --port 8883\n"
+        "  uoz-pki add --dir pki --id workshop    (then: kill -HUP <broker pid>)");
     std::string dir;
     app.add_option("--dir", dir, "PKI directory")->required();
     std::string ca_name = "udsoverzelko bus CA";
