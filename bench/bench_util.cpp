@@ -187,8 +187,7 @@ std::string write_ecu_config(int ecus) {
 size_t typical_query_size(const std::string &config_path) {
     int saved_level = uoz_dbg_level;
     uoz_dbg_level = -1;
-    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-    reply_wait_init(&handle->consent_wait);
+    UDSOverZelkoHandle *handle = new_handle();
     size_t size = 0;
     if (load_ecu_config(handle, config_path.c_str()) == 0) {
         // The request that the benchmark's ReadDTCInfo (report 0x02, mask 0xFF) sends.
@@ -201,8 +200,8 @@ size_t typical_query_size(const std::string &config_path) {
         if (envelope)
             size = strlen(json_object_to_json_string(envelope.get()));
         free(reply_id);
-        release_handle(handle);
     }
+    release_handle(handle);
     uoz_dbg_level = saved_level;
     return size > 0 ? size : 200;
 }

@@ -10,7 +10,6 @@
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/exchange.h"
-#include "UDSOverZelko/exchange_internal.h"
 #include "UDSOverZelko/query.h"
 #include "kt5Utils/kt5_json.h"
 
@@ -24,10 +23,11 @@ std::string g_config_path;
 struct OfflineHandle {
     UDSOverZelkoHandle *handle = nullptr;
     OfflineHandle() {
-        handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-        reply_wait_init(&handle->consent_wait);
-        if (load_ecu_config(handle, g_config_path.c_str()) != 0)
+        handle = new_handle();
+        if (load_ecu_config(handle, g_config_path.c_str()) != 0) {
+            release_handle(handle);
             handle = nullptr;
+        }
     }
     ~OfflineHandle() { release_handle(handle); }
 };

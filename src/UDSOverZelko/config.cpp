@@ -11,65 +11,38 @@
 
 namespace {
 
-// A transport parameter: the configuration key and the record field it fills.
-struct TransportKey {
-    const char *key;
-    char *EcuConfig::*field;
-    const char *missing_message;
-};
-
-const TransportKey kCanKeys[] = {
-    {"ifname", &EcuConfig::ifname, "could not find 'ifname'"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
-};
-const TransportKey kCanOptionalKeys[] = {
-    {"st-min", &EcuConfig::st_min, nullptr},
-    {"bsize", &EcuConfig::bsize, nullptr},
-};
-const TransportKey kDoipKeys[] = {
-    {"sa", &EcuConfig::sa, "could not find 'sa"},
-    {"ta", &EcuConfig::ta, "could not find 'ta"},
-    {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip"},
-};
-const TransportKey kIocKeys[] = {
-    {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
-};
-
 constexpr const char *kDefaultCanTiming = "0x00";
 
-// Reads the required keys of one transport block in order; -1 at the first
-// missing one, after reporting it. Texts copied before stay with the record.
-template <size_t N>
-int read_required(EcuConfig *record, json_object *entry, const char *block,
-                  const TransportKey (&keys)[N]) {
-    for (const TransportKey &key : keys) {
-        const char *text = nullptr;
-        if (kt5_json_get(entry, json_type_string, &text, block, key.key, nullptr) != 0) {
-            UOZ_SET_ERROR(key.missing_message);
+const char *block_key(TransportType type) {
+    switch (type) {
+        case TRANSPORT_CAN:
+            return "can";
+        case TRANSPORT_DOIP:
+            return "doip";
+        case TRANSPORT_IOC:
+            return "ioc";
+        case TRANSPORT_CANFD:
+            break;
+    }
+    return nullptr;
+}
+
+// Reads the transport block's texts in order; -1 at the first missing
+// required one, after reporting it. Texts copied before stay with the record.
+int read_transport(EcuConfig *record, json_object *entry) {
+    const char *block = block_key(record->type);
+    for (const TransportParam &param : transport_params(record->type)) {
+        const char *text = param.missing == nullptr ? kDefaultCanTiming : nullptr;
+        if (kt5_json_get(entry, json_type_string, &text, block, param.key, nullptr) != 0 &&
+            param.missing != nullptr) {
+            UOZ_SET_ERROR(param.missing);
             return -1;
         }
-        record->*key.field = uoz_strdup(text);
-        if (record->*key.field == nullptr) {
+        record->*param.field = uoz_strdup(text);
+        if (record->*param.field == nullptr) {
             UOZ_SET_ERROR("Memory Allocation failed");
             return -1;
         }
-    }
-    return 0;
-}
-
-// An optional CAN timing text: the configured text, or "0x00".
-int read_optional(EcuConfig *record, json_object *entry, const TransportKey &key) {
-    const char *text = kDefaultCanTiming;
-    kt5_json_get(entry, json_type_string, &text, "can", key.key, nullptr);
-    record->*key.field = uoz_strdup(text);
-    if (record->*key.field == nullptr) {
-        UOZ_SET_ERROR("Memory Allocation failed");
-        return -1;
     }
     return 0;
 }
@@ -84,23 +57,6 @@ void free_texts(EcuConfig *record) {
         free(record->*field);
         record->*field = nullptr;
     }
-}
-
-int read_transport(EcuConfig *record, json_object *entry, bool *ioc_seen) {
-    switch (record->type) {
-        case TRANSPORT_CAN:
-            return read_can_params(record, entry);
-        case TRANSPORT_DOIP:
-            return read_doip_params(record, entry);
-        case TRANSPORT_IOC:
-            if (read_ioc_params(record, entry) != 0)
-                return -1;
-            *ioc_seen = true;
-            return 0;
-        case TRANSPORT_CANFD:
-            return 0;
-    }
-    return -1;
 }
 
 // Builds the record of one "configs" element, or returns nullptr after
@@ -132,15 +88,14 @@ EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
         return nullptr;
     }
     record->name = uoz_strdup(text);
-    bool ioc_passed = false;
-    if (record->name == nullptr || read_transport(record, entry, &ioc_passed) != 0) {
+    if (record->name == nullptr || read_transport(record, entry) != 0) {
         *out_of_memory = record->name == nullptr;
         free_ecu_config(record);
         free(record);
         return nullptr;
     }
     // An IOC entry makes the broadcast record IOC even when it is dropped below.
-    if (ioc_passed)
+    if (record->type == TRANSPORT_IOC)
         *ioc_seen = true;
     if (read_ecu_version(entry, record) != 0 || reply_wait_init(&record->reply_wait) != 0) {
         free_ecu_config(record);
@@ -161,11 +116,6 @@ EcuConfig *new_broadcast_record(bool ioc_seen) {
         return nullptr;
     }
     return record;
-}
-
-int fail_load(UDSOverZelkoHandle *handle) {
-    release_handle(handle);
-    return -1;
 }
 
 }  // namespace
@@ -198,24 +148,6 @@ int32_t parse_target_address(const char *text) {
         return -1;
     uint32_t bits = static_cast<uint32_t>(magnitude);
     return static_cast<int32_t>(negative ? 0u - bits : bits);
-}
-
-int read_can_params(EcuConfig *record, json_object *entry) {
-    if (read_required(record, entry, "can", kCanKeys) != 0)
-        return -1;
-    for (const TransportKey &key : kCanOptionalKeys) {
-        if (read_optional(record, entry, key) != 0)
-            return -1;
-    }
-    return 0;
-}
-
-int read_doip_params(EcuConfig *record, json_object *entry) {
-    return read_required(record, entry, "doip", kDoipKeys);
-}
-
-int read_ioc_params(EcuConfig *record, json_object *entry) {
-    return read_required(record, entry, "ioc", kIocKeys);
 }
 
 int read_ecu_version(json_object *entry, EcuConfig *record) {
@@ -258,12 +190,12 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
     JsonPtr document(path != nullptr ? json_object_from_file(path) : nullptr);
     if (!document) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Config failure");
-        return fail_load(handle);
+        return -1;
     }
     json_object *configs = nullptr;
     if (!json_object_object_get_ex(document.get(), "configs", &configs) ||
         !json_object_is_type(configs, json_type_array)) {
-        return fail_load(handle);
+        return -1;
     }
     bool ioc_seen = false;
     bool out_of_memory = false;
@@ -280,7 +212,7 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
     handle->broadcast_ecu = new_broadcast_record(ioc_seen);
     if (handle->broadcast_ecu == nullptr) {
         UOZ_SET_ERROR("Memory Allocation failed");
-        return fail_load(handle);
+        return -1;
     }
     return 0;
 }

@@ -10,85 +10,34 @@
 
 namespace {
 
-// One member of a transport block: its key, the record's text, and the
-// message reported when it cannot be added.
-struct BlockMember {
-    const char *key;
-    char *EcuConfig::*field;
-    const char *failure;
-};
-
-const BlockMember kCanMembers[] = {
-    {"ifname", &EcuConfig::ifname, "Could not add 'ifname' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
-    {"st-min", &EcuConfig::st_min, "Could not add 'st-min' to JSON"},
-    {"bsize", &EcuConfig::bsize, "Could not add 'bsize' to JSON"},
-};
-const BlockMember kIocMembers[] = {
-    {"bus-id", &EcuConfig::bus_id, "Could not add 'bus_id' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
-};
-const BlockMember kDoipMembers[] = {
-    {"sa", &EcuConfig::sa, "Could not add 'sa' to JSON"},
-    {"ta", &EcuConfig::ta, "Could not add 'ta' to JSON"},
-    {"gw-ip", &EcuConfig::gw_ip, "Could not add 'gw-ip' to JSON"},
-};
-
-// Adds a member; the object takes the value over, and a value that cannot be
-// added is released.
-bool add_member(json_object *object, const char *key, json_object *value) {
-    if (value == nullptr)
-        return false;
-    if (json_object_object_add(object, key, value) != 0) {
-        json_object_put(value);
-        return false;
-    }
-    return true;
-}
-
 bool add_string(json_object *object, const char *key, const char *text) {
-    return add_member(object, key, json_object_new_string(text != nullptr ? text : ""));
+    return kt5_json_add(object, key, json_object_new_string(text != nullptr ? text : ""));
 }
 
-template <size_t N>
-json_object *build_block(const EcuConfig *record, const BlockMember (&members)[N],
-                         const char *create_failure) {
+json_object *build_block(const EcuConfig *record, const char *create_failure) {
     JsonPtr block(json_object_new_object());
     if (!block) {
         UOZ_SET_ERROR(create_failure);
         return nullptr;
     }
-    for (const BlockMember &member : members) {
-        if (!add_string(block.get(), member.key, record->*member.field)) {
-            UOZ_SET_ERROR(member.failure);
+    for (const TransportParam &param : transport_params(record->type)) {
+        if (!add_string(block.get(), param.key, record->*param.field)) {
+            UOZ_SET_ERROR(param.not_added);
             return nullptr;
         }
     }
     return block.release();
 }
 
-EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
-    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address)
-            return record;
-    }
-    return nullptr;
-}
-
 json_object *build_ecu_block(const EcuConfig *record) {
     switch (record->type) {
         case TRANSPORT_CAN:
-            return build_can_block(record);
         case TRANSPORT_IOC:
-            return build_ioc_block(record);
+            return build_block(record, "Could not create new JSON object");
         case TRANSPORT_DOIP:
-            return build_doip_block(record);
+            return build_block(record, "Could not create new JSON Message");
         case TRANSPORT_CANFD:
-            return nullptr;
+            break;
     }
     return nullptr;
 }
@@ -149,7 +98,7 @@ bool add_version(json_object *body, EcuConfig *record) {
     }
     if (record->type == TRANSPORT_CAN && !derive_j1939_version(record))
         return false;
-    if (!add_member(body, "version", copy_version(record))) {
+    if (!kt5_json_add(body, "version", copy_version(record))) {
         UOZ_SET_ERROR("Could not add 'version' to JSON");
         return false;
     }
@@ -198,20 +147,6 @@ json_object *transport_mode_name(TransportType type, char *key, size_t key_size)
     return json_object_new_string(mode);
 }
 
-json_object *build_can_block(const EcuConfig *record) {
-    return build_block(record, kCanMembers, "Could not create new JSON object");
-}
-
-json_object *build_ioc_block(const EcuConfig *record) {
-    return build_block(record, kIocMembers, "Could not create new JSON object");
-}
-
-json_object *build_doip_block(const EcuConfig *record) {
-    if (record->type != TRANSPORT_DOIP)
-        return nullptr;
-    return build_block(record, kDoipMembers, "Could not create new JSON Message");
-}
-
 json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,
                                    EcuConfig **record) {
     if (target_address == -1) {
@@ -235,21 +170,20 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
     if (!body)
         return nullptr;
     EcuConfig *addressed = nullptr;
-    json_object *block = build_transport_block(handle, target_address, &addressed);
+    JsonPtr block(build_transport_block(handle, target_address, &addressed));
     if (record != nullptr)
         *record = addressed;
-    if (block == nullptr) {
+    if (!block) {
         UOZ_SET_ERROR("Could not get tp blob");
         return nullptr;
     }
-    JsonPtr owned_block(block);
-    char key[32];
+    char key[8];
     json_object *mode = transport_mode_name(addressed->type, key, sizeof(key));
     if (mode == nullptr) {
         UOZ_SET_ERROR("Could not get tp mode");
         return nullptr;
     }
-    if (!add_member(body.get(), "mode", mode)) {
+    if (!kt5_json_add(body.get(), "mode", mode)) {
         UOZ_SET_ERROR("Could not add 'mode' to JSON");
         return nullptr;
     }
@@ -260,12 +194,12 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
         UOZ_SET_ERROR("Could not add 'targetAddress' to JSON");
         return nullptr;
     }
-    if (!add_member(body.get(), key, owned_block.release())) {
+    if (!kt5_json_add(body.get(), key, block.release())) {
         UOZ_SET_ERROR("Could not add 'can' to JSON");
         return nullptr;
     }
     if (kind == QUERY_UDS_DATA) {
-        if (uds == nullptr || !add_member(body.get(), "uds", kt5_json_copy(uds))) {
+        if (uds == nullptr || !kt5_json_add(body.get(), "uds", kt5_json_copy(uds))) {
             UOZ_SET_ERROR("Could not add 'uds' to JSON");
             return nullptr;
         }
@@ -276,12 +210,36 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
     return body.release();
 }
 
+json_object *build_routine_body(UDSOverZelkoHandle *handle, int32_t target_address,
+                                const char *address_text, json_object *routine,
+                                const char *mode_failure, EcuConfig **record) {
+    JsonPtr owned_routine(routine);
+    JsonPtr block(build_transport_block(handle, target_address, record));
+    if (!block) {
+        UOZ_SET_ERROR("Could not get Transport Information");
+        return nullptr;
+    }
+    JsonPtr body(json_object_new_object());
+    char key[8];
+    json_object *mode = transport_mode_name((*record)->type, key, sizeof(key));
+    if (!body || mode == nullptr) {
+        json_object_put(mode);
+        UOZ_SET_ERROR(mode_failure);
+        return nullptr;
+    }
+    kt5_json_add(body.get(), "mode", mode);
+    add_string(body.get(), "targetAddress", address_text);
+    kt5_json_add(body.get(), key, block.release());
+    kt5_json_add(body.get(), "routine", owned_routine.release());
+    return body.release();
+}
+
 json_object *wrap_query(const char *reply_id, json_object *body) {
     JsonPtr owned_body(body);
     JsonPtr envelope(json_object_new_object());
     if (!envelope || !add_string(envelope.get(), "type", "zelko.skyharbor-query") ||
         reply_id == nullptr || !add_string(envelope.get(), "reply-id", reply_id) ||
-        !add_member(envelope.get(), "body", owned_body.release())) {
+        !kt5_json_add(envelope.get(), "body", owned_body.release())) {
         UOZ_SET_ERROR("Could not add 'uds' to JSON");
         return nullptr;
     }

@@ -3,6 +3,7 @@
 #include "UDSOverZelko/remote_command.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
@@ -15,6 +16,13 @@
 namespace {
 
 constexpr const char *kTimeFormat = "%Y-%m-%dT%H:%M:%SZ";
+
+// strtoul's value in base 16, its low 32 bits taken as a signed number: the
+// configuration file's rule of all bits set for a long text does not apply,
+// so a mistyped long address does not become the address of every ECU.
+int32_t command_target_address(const char *text) {
+    return static_cast<int32_t>(static_cast<uint32_t>(strtoul(text, nullptr, 16)));
+}
 
 // Parses a UTC time text into calendar fields; false after printing why not.
 bool parse_utc(const char *text, struct tm *calendar) {
@@ -49,14 +57,13 @@ int check_period(json_object *document) {
 // configuration file has none of that name.
 json_object *find_predefined_routine(const char *config_path, const char *name, bool *copy_failed) {
     JsonPtr config(config_path != nullptr ? json_object_from_file(config_path) : nullptr);
-    json_object *routines = nullptr;
-    if (kt5_json_get(config.get(), json_type_array, &routines, "pre-defined-routines", nullptr) !=
-        0) {
+    json_object *routines =
+        kt5_json_borrow(config.get(), json_type_array, "pre-defined-routines", nullptr);
+    if (routines == nullptr) {
         UOZ_DBGLOG(UOZ_LOG_WARN, "No pre-defined routines in %s for command %s",
                    config_path != nullptr ? config_path : "(none)", name);
         return nullptr;
     }
-    JsonPtr owned(routines);
     size_t count = json_object_array_length(routines);
     for (size_t i = 0; i < count; ++i) {
         json_object *routine = json_object_array_get_idx(routines, i);
@@ -81,14 +88,14 @@ json_object *find_predefined_routine(const char *config_path, const char *name, 
 }
 
 json_object *custom_routine(json_object *document, json_object *commands) {
+    // Built without testing the additions (see kt5_json_add).
     json_object *routine = json_object_new_object();
-    json_object_object_add(routine, "name", json_object_new_string("custom_commands"));
-    json_object_object_add(routine, "commands", kt5_json_copy(commands));
-    json_object *security_access = nullptr;
-    if (kt5_json_get(document, json_type_object, &security_access, "security_access", nullptr) ==
-        0) {
-        json_object_object_add(routine, "security_access", security_access);
-    }
+    kt5_json_add(routine, "name", json_object_new_string("custom_commands"));
+    kt5_json_add(routine, "commands", kt5_json_copy(commands));
+    json_object *security_access =
+        kt5_json_borrow(document, json_type_object, "security_access", nullptr);
+    if (security_access != nullptr)
+        kt5_json_add(routine, "security_access", kt5_json_copy(security_access));
     return routine;
 }
 
@@ -125,8 +132,8 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
 
 }  // namespace
 
-int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
-                               RoutineQuery *query) {
+int build_remote_command_request(UDSOverZelkoHandle *handle, const char *document,
+                                 Request *request) {
     JsonPtr parsed(json_tokener_parse(document));
     if (!parsed) {
         UOZ_SET_ERROR("Could not convert JSON Object");
@@ -150,8 +157,8 @@ int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
         UOZ_SET_ERROR("No TA found");
         return UOZ_ERR_GENERAL;
     }
-    return build_routine_query(handle, parse_target_address(server_address), server_address,
-                               routine.release(), "Unable to get transport mode", query);
+    return build_routine_request(handle, command_target_address(server_address), server_address,
+                                 routine.release(), "Unable to get transport mode", request);
 }
 
 int check_command_validity(const char *start_time, const char *end_time) {
@@ -196,9 +203,9 @@ int UDSOverZelko_ExecuteRemoteCommand(UDSOverZelkoHandle *handle, const char *do
         return UOZ_ERR_GENERAL;
     }
     UOZ_DBGLOG(UOZ_LOG_DBG, "Received msg: %s\n", document);
-    RoutineQuery query;
-    int rc = build_remote_command_query(handle, document, &query);
-    return rc != UOZ_OK ? rc : send_routine_query(handle, std::move(query), response);
+    Request request;
+    int rc = build_remote_command_request(handle, document, &request);
+    return rc != UOZ_OK ? rc : run_routine_request(handle, std::move(request), response);
 }
 
 int UDSOverZelko_ExecuteRemoteCommand_Async(UDSOverZelkoHandle *, const char *, uint32_t,

@@ -83,14 +83,14 @@ char *zebus_identity_name(kt5bus_identity *identity, int kind) {
             switch (address->kind) {
                 case KT5BUS_ADDR_UA:
                     if (name == nullptr && kind == KT5BUS_ADDR_UA) {
-                        name = zebus_strdup(address->value.name);
+                        name = uoz_strdup(address->value.name);
                         UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, ua=%s", address->kind,
                                    address->value.name);
                     }
                     break;
                 case KT5BUS_ADDR_GROUP:
                     if (name == nullptr && kind == KT5BUS_ADDR_GROUP) {
-                        name = zebus_strdup(address->value.name);
+                        name = uoz_strdup(address->value.name);
                         UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, group=%s", address->kind,
                                    address->value.name);
                     }

@@ -33,8 +33,7 @@ class QueryTest : public ::testing::Test {
         int fd = mkstemp(path);
         EXPECT_EQ(write(fd, text, strlen(text)), static_cast<ssize_t>(strlen(text)));
         close(fd);
-        auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-        reply_wait_init(&handle->consent_wait);
+        UDSOverZelkoHandle *handle = new_handle();
         int saved = uoz_dbg_level;
         uoz_dbg_level = -1;
         EXPECT_EQ(load_ecu_config(handle, path), 0);

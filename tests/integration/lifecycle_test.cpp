@@ -160,8 +160,7 @@ TEST_F(LifecycleTest, hostileRepliesAreDroppedAndTheRightAnswerStillArrives) {
 
 TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     uoz_dbg_level = -1;
-    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-    reply_wait_init(&handle->consent_wait);
+    UDSOverZelkoHandle *handle = new_handle();
     EXPECT_EQ(on_bus_message(nullptr, 5, nullptr, handle), 0);
     EXPECT_STREQ(uoz_last_error, "msg is NULL");
     EXPECT_EQ(on_bus_message("{}", 0, nullptr, handle), 0);
@@ -185,7 +184,7 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     EXPECT_STREQ(json_object_to_json_string(taken_json.get()), taken_text.get());
     EXPECT_FALSE(reply_slot_take(&handle->consent_wait, &taken_text, &taken_json));
     free(exact);
-    free_handle(handle);
+    release_handle(handle);
 }
 
 }  // namespace
