@@ -31,15 +31,15 @@ const char *block_key(TransportType type) {
 // required one, after reporting it. Texts copied before stay with the record.
 int read_transport(EcuConfig *record, json_object *entry) {
     const char *block = block_key(record->type);
-    for (const TransportParam &param : transport_params(record->type)) {
-        const char *text = param.missing == nullptr ? kDefaultCanTiming : nullptr;
-        if (kt5_json_get(entry, json_type_string, &text, block, param.key, nullptr) != 0 &&
-            param.missing != nullptr) {
-            UOZ_SET_ERROR(param.missing);
+    for (const TransportParam *param : transport_params(record->type)) {
+        const char *text = param->missing == nullptr ? kDefaultCanTiming : nullptr;
+        if (kt5_json_get(entry, json_type_string, &text, block, param->key, nullptr) != 0 &&
+            param->missing != nullptr) {
+            UOZ_SET_ERROR(param->missing);
             return -1;
         }
-        record->*param.field = uoz_strdup(text);
-        if (record->*param.field == nullptr) {
+        record->*param->field = uoz_strdup(text);
+        if (record->*param->field == nullptr) {
             UOZ_SET_ERROR("Memory Allocation failed");
             return -1;
         }

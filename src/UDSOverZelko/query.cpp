@@ -20,9 +20,9 @@ json_object *build_block(const EcuConfig *record, const char *create_failure) {
         UOZ_SET_ERROR(create_failure);
         return nullptr;
     }
-    for (const TransportParam &param : transport_params(record->type)) {
-        if (!add_string(block.get(), param.key, record->*param.field)) {
-            UOZ_SET_ERROR(param.not_added);
+    for (const TransportParam *param : transport_params(record->type)) {
+        if (!add_string(block.get(), param->key, record->*param->field)) {
+            UOZ_SET_ERROR(param->not_added);
             return nullptr;
         }
     }

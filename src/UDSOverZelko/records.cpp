@@ -24,39 +24,43 @@ void uoz_format_last_error(const char *format, ...) {
 
 namespace {
 
-const TransportParam kCanParams[] = {
-    {"ifname", &EcuConfig::ifname, "could not find 'ifname'", "Could not add 'ifname' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'",
-     "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'",
-     "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'",
-     "Could not add 'phy-resp-id' to JSON"},
-    {"st-min", &EcuConfig::st_min, nullptr, "Could not add 'st-min' to JSON"},
-    {"bsize", &EcuConfig::bsize, nullptr, "Could not add 'bsize' to JSON"},
-};
-const TransportParam kIocParams[] = {
-    {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'", "Could not add 'bus_id' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'",
-     "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'",
-     "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'",
-     "Could not add 'phy-resp-id' to JSON"},
-};
+const TransportParam kIfname = {"ifname", &EcuConfig::ifname, "could not find 'ifname'",
+                                "Could not add 'ifname' to JSON"};
+const TransportParam kFuncAddr = {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'",
+                                  "Could not add 'func-addr' to JSON"};
+const TransportParam kPhyReqId = {"phy-req-id", &EcuConfig::phy_req_id,
+                                  "could not find 'phy-req-id'",
+                                  "Could not add 'phy-req-id' to JSON"};
+const TransportParam kPhyRespId = {"phy-resp-id", &EcuConfig::phy_resp_id,
+                                   "could not find 'phy-resp-id'",
+                                   "Could not add 'phy-resp-id' to JSON"};
+const TransportParam kStMin = {"st-min", &EcuConfig::st_min, nullptr,
+                               "Could not add 'st-min' to JSON"};
+const TransportParam kBsize = {"bsize", &EcuConfig::bsize, nullptr,
+                               "Could not add 'bsize' to JSON"};
+const TransportParam kBusId = {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'",
+                               "Could not add 'bus_id' to JSON"};
 // The configuration's messages lack their closing quote, as they always have.
-const TransportParam kDoipParams[] = {
-    {"sa", &EcuConfig::sa, "could not find 'sa", "Could not add 'sa' to JSON"},
-    {"ta", &EcuConfig::ta, "could not find 'ta", "Could not add 'ta' to JSON"},
-    {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip", "Could not add 'gw-ip' to JSON"},
-};
+const TransportParam kSa = {"sa", &EcuConfig::sa, "could not find 'sa",
+                            "Could not add 'sa' to JSON"};
+const TransportParam kTa = {"ta", &EcuConfig::ta, "could not find 'ta",
+                            "Could not add 'ta' to JSON"};
+const TransportParam kGwIp = {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip",
+                              "Could not add 'gw-ip' to JSON"};
+
+const TransportParam *const kCanParams[] = {&kIfname,    &kFuncAddr, &kPhyReqId,
+                                            &kPhyRespId, &kStMin,    &kBsize};
+const TransportParam *const kIocParams[] = {&kBusId, &kFuncAddr, &kPhyReqId, &kPhyRespId};
+const TransportParam *const kDoipParams[] = {&kSa, &kTa, &kGwIp};
 
 template <size_t N>
-TransportParams params_of(const TransportParam (&params)[N]) {
+TransportParams params_of(const TransportParam *const (&params)[N]) {
     return {params, params + N};
 }
 
 void release_ecu_record(EcuConfig *record) {
+    if (record == nullptr)
+        return;
     free_ecu_config(record);
     reply_wait_destroy(&record->reply_wait);
     free(record);
@@ -90,15 +94,12 @@ UDSOverZelkoHandle *new_handle() {
 void release_handle(UDSOverZelkoHandle *handle) {
     if (handle == nullptr)
         return;
-    while (handle->ecus != nullptr) {
-        EcuConfig *next = handle->ecus->next;
-        release_ecu_record(handle->ecus);
-        handle->ecus = next;
+    for (EcuConfig *record = handle->ecus; record != nullptr;) {
+        EcuConfig *next = record->next;
+        release_ecu_record(record);
+        record = next;
     }
-    if (handle->broadcast_ecu != nullptr) {
-        release_ecu_record(handle->broadcast_ecu);
-        handle->broadcast_ecu = nullptr;
-    }
+    release_ecu_record(handle->broadcast_ecu);
     free(handle->config_path);
     reply_wait_destroy(&handle->consent_wait);
     free(handle);

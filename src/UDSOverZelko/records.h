@@ -112,10 +112,10 @@ struct TransportParam {
 };
 // The parameters of one transport, in the order of its block.
 struct TransportParams {
-    const TransportParam *first;
-    const TransportParam *last;
-    const TransportParam *begin() const { return first; }
-    const TransportParam *end() const { return last; }
+    const TransportParam *const *first;
+    const TransportParam *const *last;
+    const TransportParam *const *begin() const { return first; }
+    const TransportParam *const *end() const { return last; }
 };
 // The parameters of CAN, DOIP and IOC records; none for CANFD.
 TransportParams transport_params(TransportType type);

@@ -53,6 +53,16 @@ int check_period(json_object *document) {
     return check_command_validity(start, end) > 0 ? 1 : 0;
 }
 
+// The i-th element of array, logged at DBG, with its text member `key` in
+// *text (NULL when it has none).
+json_object *element_with_text(json_object *array, size_t i, const char *key, const char **text) {
+    json_object *element = json_object_array_get_idx(array, i);
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(element));
+    *text = nullptr;
+    kt5_json_get(element, json_type_string, text, key, nullptr);
+    return element;
+}
+
 // A copy of the configured routine named `name`, or NULL when the
 // configuration file has none of that name.
 json_object *find_predefined_routine(const char *config_path, const char *name, bool *copy_failed) {
@@ -66,12 +76,9 @@ json_object *find_predefined_routine(const char *config_path, const char *name, 
     }
     size_t count = json_object_array_length(routines);
     for (size_t i = 0; i < count; ++i) {
-        json_object *routine = json_object_array_get_idx(routines, i);
-        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(routine));
         const char *routine_name = nullptr;
-        if (kt5_json_get(routine, json_type_string, &routine_name, "name", nullptr) != 0)
-            continue;
-        if (strcmp(routine_name, name) != 0)
+        json_object *routine = element_with_text(routines, i, "name", &routine_name);
+        if (routine_name == nullptr || strcmp(routine_name, name) != 0)
             continue;
         json_object *copy = kt5_json_copy(routine);
         if (copy == nullptr) {
@@ -107,11 +114,9 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
     JsonPtr chosen;
     size_t count = json_object_array_length(commands);
     for (size_t i = 0; i < count; ++i) {
-        json_object *command = json_object_array_get_idx(commands, i);
-        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(command));
         const char *type = nullptr;
-        if (kt5_json_get(command, json_type_string, &type, "type", nullptr) != 0 ||
-            strcmp(type, "predefined") != 0) {
+        json_object *command = element_with_text(commands, i, "type", &type);
+        if (type == nullptr || strcmp(type, "predefined") != 0) {
             return custom_routine(document, commands);
         }
         const char *name = nullptr;

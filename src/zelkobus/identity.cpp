@@ -82,17 +82,11 @@ char *zebus_identity_name(kt5bus_identity *identity, int kind) {
         for (kt5bus_address *address = chain; address != nullptr; address = address->next) {
             switch (address->kind) {
                 case KT5BUS_ADDR_UA:
-                    if (name == nullptr && kind == KT5BUS_ADDR_UA) {
-                        name = uoz_strdup(address->value.name);
-                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, ua=%s", address->kind,
-                                   address->value.name);
-                    }
-                    break;
                 case KT5BUS_ADDR_GROUP:
-                    if (name == nullptr && kind == KT5BUS_ADDR_GROUP) {
+                    if (name == nullptr && kind == address->kind) {
                         name = uoz_strdup(address->value.name);
-                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, group=%s", address->kind,
-                                   address->value.name);
+                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, %s=%s", address->kind,
+                                   kind == KT5BUS_ADDR_UA ? "ua" : "group", address->value.name);
                     }
                     break;
                 case KT5BUS_ADDR_SPECIAL:
