@@ -115,8 +115,13 @@ char *generate_reply_id(int32_t length) {
         return nullptr;
     static const char kAlphabet[] = REPLY_ID_ALPHABET;
     constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
+    // Reseeded from the calendar second at every call, so identifiers made
+    // within one second repeat; the reply wait never relies on them differing
+    // across ECUs. rand() is shared by concurrent callers, which at worst
+    // interleave their draws.
     srand(static_cast<unsigned>(time(nullptr)));
     for (int32_t i = 0; i < length; ++i) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe)
         id[i] = kAlphabet[static_cast<unsigned>(rand()) % kAlphabetSize];
     }
     id[length] = '\0';

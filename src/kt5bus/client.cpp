@@ -288,6 +288,7 @@ void Client::subscribe_and_announce() {
     }
     topics.push_back("kt5/presence/#");
     std::vector<char *> pointers;
+    pointers.reserve(topics.size());
     for (std::string &topic : topics)
         pointers.push_back(&topic[0]);
     mosquitto_subscribe_multiple(mosq_, nullptr, static_cast<int>(pointers.size()), pointers.data(),
