@@ -174,11 +174,6 @@ TEST(ReadDtcBodyTest, everyServedReportTypeHasItsBody) {
     }
 }
 
-TEST(ReadDtcBodyTest, refusedReportTypesAreThoseNotServed) {
-    for (uint32_t subfunction : {0x00u, 0x07u, 0x08u, 0x17u, 0x18u, 0x19u, 0x1Au, 0xFFu, 0x119u})
-        EXPECT_EQ(dtc_subfunction_supported(subfunction), -3) << subfunction;
-}
-
 TEST(ReadDtcBodyTest, masksListTheirBitsInOrderAndEmptyWhenZero) {
     struct Case {
         uint32_t mask;
