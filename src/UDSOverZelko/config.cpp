@@ -158,14 +158,10 @@ int read_ecu_version(json_object *entry, EcuConfig *record) {
     }
     JsonPtr owned(version);
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(version));
-    json_object *uds = nullptr;
-    bool has_uds = kt5_json_get(version, json_type_array, &uds, "uds", nullptr) == 0;
-    JsonPtr uds_copy(uds);
+    bool has_uds = kt5_json_borrow(version, json_type_array, "uds", nullptr) != nullptr;
     if (!has_uds)
         UOZ_DBGLOG(UOZ_LOG_INFO, "No uds ecu version information available");
-    json_object *j1939 = nullptr;
-    bool has_j1939 = kt5_json_get(version, json_type_object, &j1939, "j1939", nullptr) == 0;
-    JsonPtr j1939_copy(j1939);
+    bool has_j1939 = kt5_json_borrow(version, json_type_object, "j1939", nullptr) != nullptr;
     if (!has_j1939)
         UOZ_DBGLOG(UOZ_LOG_INFO, "No j1939 ecu version information available");
     if (has_uds && has_j1939) {

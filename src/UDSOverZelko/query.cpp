@@ -64,18 +64,18 @@ bool derive_j1939_version(EcuConfig *record) {
     bool ok = true;
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(record->ecu_version));
     if (kt5_json_has(record->ecu_version, "j1939", nullptr)) {
-        JsonPtr parsed(kt5_json_copy(record->ecu_version));
-        json_object *j1939 = nullptr;
-        if (kt5_json_get(parsed.get(), json_type_object, &j1939, "j1939", nullptr) != 0) {
+        json_object *j1939 =
+            kt5_json_borrow(record->ecu_version, json_type_object, "j1939", nullptr);
+        JsonPtr derived(kt5_json_copy(j1939));
+        if (!derived) {
             UOZ_SET_ERROR("Invalid object");
             ok = false;
-        } else if (!add_string(j1939, "ifname", record->ifname)) {
+        } else if (!add_string(derived.get(), "ifname", record->ifname)) {
             UOZ_SET_ERROR("Unable to add 'ifname' into version JSON message");
-            json_object_put(j1939);
             ok = false;
         } else {
             json_object_put(record->ecu_version);
-            record->ecu_version = j1939;
+            record->ecu_version = derived.release();
         }
     }
     pthread_mutex_unlock(&record->reply_wait.lock);
