@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
+
 #include "kt5Utils/kt5_json.h"
 
 namespace {
@@ -59,11 +61,20 @@ void free_texts(EcuConfig *record) {
     }
 }
 
+// A record whose reply wait does not exist yet: its texts and itself.
+struct DiscardRecord {
+    void operator()(EcuConfig *record) const {
+        free_ecu_config(record);
+        free(record);
+    }
+};
+using PartialRecord = std::unique_ptr<EcuConfig, DiscardRecord>;
+
 // Builds the record of one "configs" element, or returns nullptr after
 // reporting why the entry is dropped. *out_of_memory stops the load.
 EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
-    auto *record = static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig)));
-    if (record == nullptr) {
+    PartialRecord record(static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig))));
+    if (!record) {
         UOZ_SET_ERROR("Memory Allocation failed");
         *out_of_memory = true;
         return nullptr;
@@ -71,38 +82,32 @@ EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
     const char *text = nullptr;
     if (entry == nullptr || kt5_json_get(entry, json_type_string, &text, "type", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse 'type'");
-        free(record);
         return nullptr;
     }
     record->type = parse_transport_type(text);
     if (kt5_json_get(entry, json_type_string, &text, "targetAddress", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
-        free(record);
         return nullptr;
     }
     record->target_address = parse_target_address(text);
     UOZ_DBGLOG(UOZ_LOG_INFO, "Parsing %04X address\n", record->target_address);
     if (kt5_json_get(entry, json_type_string, &text, "name", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
-        free(record);
         return nullptr;
     }
     record->name = uoz_strdup(text);
-    if (record->name == nullptr || read_transport(record, entry) != 0) {
-        *out_of_memory = record->name == nullptr;
-        free_ecu_config(record);
-        free(record);
+    if (record->name == nullptr) {
+        *out_of_memory = true;
         return nullptr;
     }
+    if (read_transport(record.get(), entry) != 0)
+        return nullptr;
     // An IOC entry makes the broadcast record IOC even when it is dropped below.
     if (record->type == TRANSPORT_IOC)
         *ioc_seen = true;
-    if (read_ecu_version(entry, record) != 0 || reply_wait_init(&record->reply_wait) != 0) {
-        free_ecu_config(record);
-        free(record);
+    if (read_ecu_version(entry, record.get()) != 0 || reply_wait_init(&record->reply_wait) != 0)
         return nullptr;
-    }
-    return record;
+    return record.release();
 }
 
 EcuConfig *new_broadcast_record(bool ioc_seen) {
