@@ -32,7 +32,7 @@ struct Request {
 
 enum ExchangeOutcome : uint8_t {
     EXCHANGE_ANSWERED,   // *answer holds the matching answer (NULL when no JSON)
-    EXCHANGE_NO_ANSWER,  // nothing arrived within REPLY_TIMEOUT_SECONDS
+    EXCHANGE_NO_ANSWER,  // nothing arrived within UOZ_REPLY_TIMEOUT_SECONDS
     EXCHANGE_MISMATCH,   // the answer lacks "reply-to" or answers another request
 };
 
@@ -48,7 +48,7 @@ ExchangeOutcome exchange_request(BusConnection *bus, Request request, JsonPtr *a
 // query carries a copy of uds (QUERY_UDS_DATA; taken over and released as
 // soon as the copy is made, before the reply is awaited).
 // QUERY_UDS_DATA: total data bytes (>= 0); QUERY_VERSION: 0; -5 no reply
-// within REPLY_TIMEOUT_SECONDS; -2 every other failure.
+// within UOZ_REPLY_TIMEOUT_SECONDS; -2 every other failure.
 int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,
                        JsonPtr uds, QueryKind kind);
 

@@ -22,7 +22,6 @@ struct BusConnection;
 #define UOZ_VERSION_TEXT ""
 #define UOZ_BUILD_TEXT ""
 
-#define REPLY_TIMEOUT_SECONDS UOZ_REPLY_TIMEOUT_SECONDS
 #define REPLY_ID_LENGTH 24
 #define UOZ_AGENT_ADDRESS "/ZDATA/UDS"
 #define UOZ_POLICY_AGENT_GROUP "policy-agent"

@@ -9,7 +9,6 @@
 
 #include <utility>
 
-#include "UDSOverZelko/config.h"
 #include "UDSOverZelko/routine_query.h"
 #include "kt5Utils/kt5_json.h"
 

@@ -36,7 +36,7 @@ void reply_wait_discard(ReplyWait *wait);
 // Stores a delivered text (taken over; NULL is ignored) with the JSON parsed
 // from it, replacing a message that nobody took, and wakes the waiter.
 void reply_wait_deliver(ReplyWait *wait, char *text, JsonPtr parsed);
-// Waits up to REPLY_TIMEOUT_SECONDS (realtime clock) for a message, then
+// Waits up to UOZ_REPLY_TIMEOUT_SECONDS (realtime clock) for a message, then
 // takes it out of the slot as reply_slot_take does; false on time-out.
 bool reply_wait_take(ReplyWait *wait, TextPtr *text, JsonPtr *json);
 
