@@ -92,6 +92,31 @@ void BM_DecodeReply(benchmark::State &state) {
     }
 }
 
+// The floor that json-c itself sets for one request: parsing the same reply
+// text that route_reply parses, with nothing else.
+void BM_FloorParseReply(benchmark::State &state) {
+    std::string reply = reply_with_records(1, "0x100");
+    for (auto _ : state) {
+        JsonPtr parsed(json_tokener_parse(reply.c_str()));
+        benchmark::DoNotOptimize(parsed.get());
+    }
+}
+
+// ... and serialising the same query object that build_query makes (json-c
+// writes the text anew at every call).
+void BM_FloorSerialiseQuery(benchmark::State &state) {
+    OfflineHandle offline;
+    JsonPtr uds(json_tokener_parse(kUdsRequest));
+    EcuConfig *record = nullptr;
+    json_object *body =
+        build_query_body(offline.handle, ecu_address(0), QUERY_UDS_DATA, uds.get(), &record);
+    char *reply_id = generate_reply_id(REPLY_ID_LENGTH);
+    JsonPtr envelope(wrap_query(reply_id, body));
+    free(reply_id);
+    for (auto _ : state)
+        benchmark::DoNotOptimize(json_object_to_json_string(envelope.get()));
+}
+
 int g_side_effects = 0;
 const char *expensive_argument() {
     ++g_side_effects;
@@ -133,6 +158,8 @@ void run_micro_benchmarks(const std::string &config_path, Report &report) {
     benchmark::RegisterBenchmark("route_reply", BM_RouteReply);
     benchmark::RegisterBenchmark("decode_reply", BM_DecodeReply)->Arg(1)->Arg(10)->Arg(100);
     benchmark::RegisterBenchmark("suppressed_log", BM_SuppressedLog);
+    benchmark::RegisterBenchmark("floor_parse_reply", BM_FloorParseReply);
+    benchmark::RegisterBenchmark("floor_serialise_query", BM_FloorSerialiseQuery);
     int argc = 1;
     char name[] = "uoz-bench";
     char *argv[] = {name, nullptr};
@@ -150,8 +177,13 @@ void run_micro_benchmarks(const std::string &config_path, Report &report) {
         std::string key = "decode_reply/" + std::to_string(records);
         report.add_cpu("decode a reply of " + std::to_string(records) + " records", ns[key], 0);
     }
-    report.add_cpu("library CPU per request (build + route + decode 1)",
-                   ns["build_query"] + ns["route_reply"] + ns["decode_reply/1"], 10000);
+    double per_request = ns["build_query"] + ns["route_reply"] + ns["decode_reply/1"];
+    double floor = ns["floor_parse_reply"] + ns["floor_serialise_query"];
+    report.add_cpu("json-c: parse the same reply text", ns["floor_parse_reply"], 0);
+    report.add_cpu("json-c: serialise the same query object", ns["floor_serialise_query"], 0);
+    report.add_cpu("library CPU per request (build + route + decode 1)", per_request, 10000);
+    report.add_cpu_over_floor("library CPU per request over the json-c floor", per_request, floor,
+                              1.5);
     report.add_cpu("suppressed log statement", ns["suppressed_log"], 2);
 }
 
