@@ -118,7 +118,7 @@ EcuConfig *record_for_reply(UDSOverZelkoHandle *handle, int32_t target_address) 
     return target_address == -1 ? handle->broadcast_ecu : find_ecu(handle, target_address);
 }
 
-void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, const char *text) {
+void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, TextPtr text) {
     const char *target = nullptr;
     if (kt5_json_get(message.get(), json_type_string, &target, "body", "targetAddress", nullptr) !=
         0) {
@@ -127,7 +127,7 @@ void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, const char *
     }
     EcuConfig *record = record_for_reply(handle, reply_target_address(target));
     if (record != nullptr)
-        reply_wait_deliver(&record->reply_wait, uoz_strdup(text), std::move(message));
+        reply_wait_deliver(&record->reply_wait, text.release(), std::move(message));
 }
 
 int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
@@ -261,11 +261,16 @@ int on_bus_message(const char *data, size_t length, const kt5bus_address *source
         UOZ_SET_ERROR("len is 0");
         return 0;
     }
-    // The text ends at its first NUL or after `length` bytes, whichever is first.
-    std::string text(data, strnlen(data, length));
+    // The text ends at its first NUL or after `length` bytes, whichever is
+    // first. This one copy is what a query reply's slot keeps.
+    TextPtr text(strndup(data, strnlen(data, length)));
+    if (!text) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return 0;
+    }
     std::string scratch;
-    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s\n", source_name(source, &scratch), text.c_str());
-    JsonPtr message(json_tokener_parse(text.c_str()));
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s\n", source_name(source, &scratch), text.get());
+    JsonPtr message(json_tokener_parse(text.get()));
     const char *type = nullptr;
     if (kt5_json_get(message.get(), json_type_string, &type, "type", nullptr) != 0) {
         UOZ_SET_ERROR("No type found");
@@ -275,7 +280,7 @@ int on_bus_message(const char *data, size_t length, const kt5bus_address *source
     // The parsed message goes with the text to the waiting caller, which then
     // need not parse it again.
     if (strcmp(type, "zelko.skyharbor-query-update") == 0) {
-        route_query_reply(handle, std::move(message), text.c_str());
+        route_query_reply(handle, std::move(message), std::move(text));
     } else if (strcmp(type, "zelko.external-consent") == 0) {
         char *serialised = uoz_strdup(json_object_to_json_string(message.get()));
         reply_wait_deliver(&handle->consent_wait, serialised, std::move(message));

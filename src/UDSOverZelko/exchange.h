@@ -45,8 +45,8 @@ enum ExchangeOutcome : uint8_t {
 ExchangeOutcome exchange_request(BusConnection *bus, Request request, JsonPtr *answer);
 
 // Send a query for target_address and decode its reply into result. The
-// query carries a copy of uds (QUERY_UDS_DATA; taken over and released as
-// soon as the copy is made, before the reply is awaited).
+// query carries uds (QUERY_UDS_DATA; taken over, and released with the query
+// once it is sent, before the reply is awaited).
 // QUERY_UDS_DATA: total data bytes (>= 0); QUERY_VERSION: 0; -5 no reply
 // within UOZ_REPLY_TIMEOUT_SECONDS; -2 every other failure.
 int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,

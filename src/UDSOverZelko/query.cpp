@@ -6,6 +6,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <string>
+
 #include "kt5Utils/kt5_json.h"
 
 namespace {
@@ -105,6 +107,32 @@ bool add_version(json_object *body, EcuConfig *record) {
     return true;
 }
 
+// The characters that srand(second) and then one rand() per character give,
+// drawn from a private generator of the same kind as rand()'s: the
+// application's generator is left alone, concurrent callers do not share
+// state, and the characters of one second are drawn once per thread.
+// Identifiers made within one second repeat; the reply wait never relies on
+// them differing across ECUs.
+struct ReplyIdDraws {
+    time_t second = -1;
+    std::string characters;
+
+    void draw(time_t now, size_t length) {
+        static const char kAlphabet[] = REPLY_ID_ALPHABET;
+        constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
+        char state[128];  // rand()'s generator: the 128-byte additive kind
+        random_data generator{};
+        initstate_r(static_cast<unsigned>(now), state, sizeof(state), &generator);
+        characters.resize(length);
+        for (char &character : characters) {
+            int32_t value = 0;
+            random_r(&generator, &value);
+            character = kAlphabet[static_cast<unsigned>(value) % kAlphabetSize];
+        }
+        second = now;
+    }
+};
+
 }  // namespace
 
 char *generate_reply_id(int32_t length) {
@@ -113,17 +141,11 @@ char *generate_reply_id(int32_t length) {
     auto *id = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
     if (id == nullptr)
         return nullptr;
-    static const char kAlphabet[] = REPLY_ID_ALPHABET;
-    constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
-    // Reseeded from the calendar second at every call, so identifiers made
-    // within one second repeat; the reply wait never relies on them differing
-    // across ECUs. rand() is shared by concurrent callers, which at worst
-    // interleave their draws.
-    srand(static_cast<unsigned>(time(nullptr)));
-    for (int32_t i = 0; i < length; ++i) {
-        // NOLINTNEXTLINE(concurrency-mt-unsafe)
-        id[i] = kAlphabet[static_cast<unsigned>(rand()) % kAlphabetSize];
-    }
+    time_t second = time(nullptr);
+    thread_local ReplyIdDraws draws;
+    if (draws.second != second || draws.characters.size() < static_cast<size_t>(length))
+        draws.draw(second, static_cast<size_t>(length));
+    memcpy(id, draws.characters.data(), static_cast<size_t>(length));
     id[length] = '\0';
     return id;
 }
@@ -204,7 +226,9 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
         return nullptr;
     }
     if (kind == QUERY_UDS_DATA) {
-        if (uds == nullptr || !kt5_json_add(body.get(), "uds", kt5_json_copy(uds))) {
+        // The body holds a reference: the request's own object, never
+        // changed, is sent as it is rather than copied.
+        if (uds == nullptr || !kt5_json_add(body.get(), "uds", json_object_get(uds))) {
             UOZ_SET_ERROR("Could not add 'uds' to JSON");
             return nullptr;
         }

@@ -24,8 +24,10 @@ json_object *transport_mode_name(TransportType type, char *key, size_t key_size)
 // for -1; *record receives the addressed record whenever one was found.
 json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,
                                    EcuConfig **record);
-// Body of a query_exchange query, or NULL. A QUERY_VERSION body is built under
-// the record's reply_wait.lock, which the caller must not hold.
+// Body of a query_exchange query, or NULL. A QUERY_UDS_DATA body holds a
+// reference to uds, which must not change while the body lives. A
+// QUERY_VERSION body is built under the record's reply_wait.lock, which the
+// caller must not hold.
 json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
                               json_object *uds, EcuConfig **record);
 // Body {"mode", "targetAddress": address_text, <block>, "routine"} of a query

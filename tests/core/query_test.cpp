@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/query.h"
@@ -149,21 +152,26 @@ TEST_F(QueryTest, transportModeNamesAndKeys) {
     EXPECT_STREQ(key, "keep");
 }
 
-TEST(ReplyIdTest, usesTheAlphabetAndRepeatsWithinASecond) {
-    char *first = generate_reply_id(REPLY_ID_LENGTH);
-    char *second = generate_reply_id(REPLY_ID_LENGTH);
-    ASSERT_EQ(strlen(first), 24u);
-    EXPECT_EQ(strspn(first, REPLY_ID_ALPHABET), 24u);
-    // Reseeded from the calendar second at every call: equal unless it turned.
-    if (strcmp(first, second) != 0) {
-        free(second);
-        second = generate_reply_id(REPLY_ID_LENGTH);
-        char *third = generate_reply_id(REPLY_ID_LENGTH);
-        EXPECT_STREQ(second, third);
-        free(third);
+// Each character is rand() % 68 after srand() of the calendar second; a
+// check whose second turned while it ran is run again.
+TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+    for (;;) {
+        time_t now = time(nullptr);
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr shorter(generate_reply_id(5));
+        srand(static_cast<unsigned>(now));
+        std::string expected;
+        for (int i = 0; i < REPLY_ID_LENGTH; ++i)
+            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+        if (time(nullptr) != now)
+            continue;
+        EXPECT_EQ(first.get(), expected);
+        EXPECT_EQ(second.get(), expected);
+        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        break;
     }
-    free(first);
-    free(second);
+    EXPECT_EQ(generate_reply_id(-1), nullptr);
 }
 
 }  // namespace
