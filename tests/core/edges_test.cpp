@@ -252,6 +252,8 @@ TEST(ConfigEdgeTest, nullElementsAreDroppedAndDuplicatesKeptInFileOrder) {
     EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "first");
     EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "first"), 0x7E0);
     EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "First"), 0x7E0);
+    // No entry reads as -1 here, so the broadcast address names nothing.
+    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, -1), nullptr);
     release_handle(handle);
 }
 

@@ -356,6 +356,9 @@ TEST_F(ExchangeTest, addressLookUpOfMinusOneFindsOnlyAnEntryConfiguredSo) {
     EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(g_handle, 0x21), nullptr);
     EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(g_handle, "engin"), -1);
     EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(g_handle, "engines"), -1);
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(g_handle, nullptr), -1);
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(nullptr, "engine"), -1);
+    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(nullptr, 0x20), nullptr);
 }
 
 // ---- remote command addresses ------------------------------------------

@@ -319,14 +319,5 @@ TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-TEST_F(ServicesTest, lookupsFollowFileOrderAndIgnoreCase) {
-    start_library(kTestConfig);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, "ENGINE"), 0x7E0);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, "nobody"), -1);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, nullptr), -1);
-    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle_, 0x1001), "telematics");
-    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle_, -1), nullptr);
-}
-
 }  // namespace
 }  // namespace uoztest

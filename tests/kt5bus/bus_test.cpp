@@ -139,13 +139,6 @@ TEST(BusTest, presenceReportsCleanStopAndAKilledProcess) {
     EXPECT_TRUE(one->wait_for_peer_gone("<DM-CLIENT>", 5000));
 }
 
-TEST(BusTest, clientOfAnotherCaIsRefused) {
-    Broker broker;
-    auto intruder = peer("intruder", broker, other_pki_dir());
-    EXPECT_TRUE(intruder->wait_for_status(KT5BUS_STATUS_CONNECTION_FAILED, 5000));
-    EXPECT_FALSE(intruder->wait_running(300));
-}
-
 // A bare MQTT client with a node's certificate, to try what our library never does.
 class RawClient {
   public:
