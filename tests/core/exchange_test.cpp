@@ -2,11 +2,11 @@
 // service, the consent answer, name look-ups and remote command addresses.
 // Sent messages are caught at the bus library's send entry point, and the
 // answer, if any, is delivered to the handler before the send returns.
+#include <ctype.h>
 #include <gtest/gtest.h>
 #include <locale.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 #include <unistd.h>
 
 #include <functional>
@@ -339,8 +339,9 @@ TEST_F(ExchangeTest, nameLookUpFoldsOnlyAsciiWhateverTheLocale) {
     setenv("LOCPATH", dir.c_str(), 1);
     std::string saved = setlocale(LC_ALL, nullptr);
     ASSERT_NE(setlocale(LC_ALL, "tr_TR.UTF-8"), nullptr);
-    // The locale's own folding does not match these names.
-    EXPECT_NE(strcasecmp("ENGINE", "engine"), 0);
+    // The locale's own folding does not pair these letters (strcasecmp
+    // follows it, except where a sanitizer replaces strcasecmp).
+    EXPECT_NE(tolower('I'), 'i');
     int found = UDSOverZelkoGetTargetAddressFromECUName(g_handle, "ENGINE");
     int gateway = UDSOverZelkoGetTargetAddressFromECUName(g_handle, "GaTeWaY");
     setlocale(LC_ALL, saved.c_str());
