@@ -15,24 +15,10 @@ namespace {
 
 constexpr const char *kDefaultCanTiming = "0x00";
 
-const char *block_key(TransportType type) {
-    switch (type) {
-        case TRANSPORT_CAN:
-            return "can";
-        case TRANSPORT_DOIP:
-            return "doip";
-        case TRANSPORT_IOC:
-            return "ioc";
-        case TRANSPORT_CANFD:
-            break;
-    }
-    return nullptr;
-}
-
 // Reads the transport block's texts in order; -1 at the first missing
 // required one, after reporting it. Texts copied before stay with the record.
 int read_transport(EcuConfig *record, json_object *entry) {
-    const char *block = block_key(record->type);
+    const char *block = transport_block_key(record->type);
     for (const TransportParam *param : transport_params(record->type)) {
         const char *text = param->missing == nullptr ? kDefaultCanTiming : nullptr;
         if (kt5_json_get(entry, json_type_string, &text, block, param->key, nullptr) != 0 &&

@@ -150,27 +150,25 @@ char *generate_reply_id(int32_t length) {
     return id;
 }
 
-json_object *transport_mode_name(TransportType type, char *key, size_t key_size) {
+json_object *transport_mode_name(TransportType type, const char **key) {
     const char *mode = nullptr;
-    const char *block_key = nullptr;
     switch (type) {
         case TRANSPORT_CAN:
-            mode = "CAN", block_key = "can";
+            mode = "CAN";
             break;
         case TRANSPORT_CANFD:
-            mode = "CANFD", block_key = "canfd";
+            mode = "CANFD";
             break;
         case TRANSPORT_DOIP:
-            mode = "DOIP", block_key = "doip";
+            mode = "DOIP";
             break;
         case TRANSPORT_IOC:
-            mode = "IOC", block_key = "ioc";
+            mode = "IOC";
             break;
     }
     if (mode == nullptr)
         return nullptr;
-    if (key != nullptr && key_size > 0)
-        snprintf(key, key_size, "%s", block_key);
+    *key = transport_block_key(type);
     return json_object_new_string(mode);
 }
 
@@ -204,8 +202,8 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
         UOZ_SET_ERROR("Could not get tp blob");
         return nullptr;
     }
-    char key[8];
-    json_object *mode = transport_mode_name(addressed->type, key, sizeof(key));
+    const char *key = nullptr;
+    json_object *mode = transport_mode_name(addressed->type, &key);
     if (mode == nullptr) {
         UOZ_SET_ERROR("Could not get tp mode");
         return nullptr;
@@ -249,8 +247,8 @@ json_object *build_routine_body(UDSOverZelkoHandle *handle, int32_t target_addre
         return nullptr;
     }
     JsonPtr body(json_object_new_object());
-    char key[8];
-    json_object *mode = transport_mode_name((*record)->type, key, sizeof(key));
+    const char *key = nullptr;
+    json_object *mode = transport_mode_name((*record)->type, &key);
     if (!body || mode == nullptr) {
         json_object_put(mode);
         UOZ_SET_ERROR(mode_failure);

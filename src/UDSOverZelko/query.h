@@ -17,9 +17,9 @@ enum QueryKind : uint8_t {
 
 // New heap text of `length` random alphabet characters, or NULL.
 char *generate_reply_id(int32_t length);
-// New JSON string of the mode text; writes the block key into key (bounded,
-// terminated). NULL for a type outside 0..3 (key untouched).
-json_object *transport_mode_name(TransportType type, char *key, size_t key_size);
+// New JSON string of the mode text, with the block key (static text) in
+// *key. NULL for a type outside 0..3 (*key untouched).
+json_object *transport_mode_name(TransportType type, const char **key);
 // Transport block (object) of one ECU, or the array of every CAN and IOC block
 // for -1; *record receives the addressed record whenever one was found.
 json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,

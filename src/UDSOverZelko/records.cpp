@@ -68,6 +68,20 @@ void release_ecu_record(EcuConfig *record) {
 
 }  // namespace
 
+const char *transport_block_key(TransportType type) {
+    switch (type) {
+        case TRANSPORT_CAN:
+            return "can";
+        case TRANSPORT_CANFD:
+            return "canfd";
+        case TRANSPORT_DOIP:
+            return "doip";
+        case TRANSPORT_IOC:
+            return "ioc";
+    }
+    return nullptr;
+}
+
 TransportParams transport_params(TransportType type) {
     switch (type) {
         case TRANSPORT_CAN:

@@ -116,6 +116,9 @@ struct TransportParams {
     const TransportParam *const *begin() const { return first; }
     const TransportParam *const *end() const { return last; }
 };
+// The key of a transport's block in the configuration and in the query
+// ("can", "canfd", "doip", "ioc"); NULL for a type outside 0..3.
+const char *transport_block_key(TransportType type);
 // The parameters of CAN, DOIP and IOC records; none for CANFD.
 TransportParams transport_params(TransportType type);
 

@@ -52,7 +52,7 @@ void store(json_object *value, json_type type, void *out) {
 }  // namespace
 
 bool kt5_json_add(json_object *object, const char *key, json_object *value) {
-    if (json_object_object_add(object, key, value) != 0) {
+    if (json_object_object_add_ex(object, key, value, JSON_C_OBJECT_ADD_CONSTANT_KEY) != 0) {
         json_object_put(value);
         return false;
     }

@@ -34,7 +34,9 @@ json_object *kt5_json_borrow(json_object *obj, json_type type, const char *first
 int kt5_json_has(json_object *obj, ...) __attribute__((sentinel));
 
 // Adds value under key; the object takes the value over (NULL adds JSON
-// null). False when value is NULL or cannot be added (it is then released).
+// null). The key is not copied: it must live as long as the object (a
+// literal or a static table's text). False when value is NULL or cannot be
+// added (it is then released).
 // The one way the library adds object members. Where a message is built
 // without testing its additions (routines, the consent message), the result
 // is ignored: an addition fails only when memory runs out, and the message

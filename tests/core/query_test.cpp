@@ -142,13 +142,13 @@ TEST_F(QueryTest, transportModeNamesAndKeys) {
         const char *key;
     } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
     for (const Case &c : cases) {
-        char key[8] = "";
-        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), key, sizeof(key)));
+        const char *key = nullptr;
+        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
         EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
         EXPECT_STREQ(key, c.key);
     }
-    char key[8] = "keep";
-    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), key, sizeof(key)), nullptr);
+    const char *key = "keep";
+    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
     EXPECT_STREQ(key, "keep");
 }
 
