@@ -4,7 +4,7 @@ JOBS ?= 2
 CTEST_JOBS ?= 8
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-asan test-tsan demo bench fuzz install package clean format
+.PHONY: all deps build test test-asan test-tsan tidy demo bench fuzz install package clean format
 
 all: build
 
@@ -29,6 +29,10 @@ test-tsan: deps
 	cmake --build build-tsan -j$(JOBS)
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1:suppressions=$(CURDIR)/tests/tsan.supp \
 	  ctest --test-dir build-tsan -j$(CTEST_JOBS) --output-on-failure
+
+# clang-tidy over src/ with .clang-tidy; fails on any finding.
+tidy: build
+	cmake --build build --target tidy
 
 demo: build
 	./scripts/demo.sh build

@@ -2,7 +2,8 @@
 // round trip, in one run on one broker. Prints one table and writes the same
 // figures as JSON.
 //
-//   uoz-bench [--requests N] [--json FILE] [--quick] [--latency-only | --throughput-only]
+//   uoz-bench [--requests N] [--json FILE] [--quick]
+//             [--latency-only | --throughput-only | --cpu-only]
 //
 // Needs UOZ_TEST_PKI (a PKI made by uoz-pki with nodes "app" and "agent"), as
 // scripts/bench.sh sets it.
@@ -41,6 +42,7 @@ struct Options {
     // For quick comparisons while optimising: one part, table only.
     bool latency_only = false;
     bool throughput_only = false;
+    bool cpu_only = false;  // the library's CPU against the json-c floor, no bus
 };
 
 Options parse_options(int argc, char **argv) {
@@ -55,6 +57,8 @@ Options parse_options(int argc, char **argv) {
             options.latency_only = true;
         } else if (arg == "--throughput-only") {
             options.throughput_only = true;
+        } else if (arg == "--cpu-only") {
+            options.cpu_only = true;
         } else if (arg == "--quick") {
             options.requests = 500;
             options.warmup = 50;
@@ -63,7 +67,7 @@ Options parse_options(int argc, char **argv) {
         } else {
             fprintf(stderr,
                     "usage: uoz-bench [--requests N] [--json FILE] [--quick] "
-                    "[--latency-only | --throughput-only]\n");
+                    "[--latency-only | --throughput-only | --cpu-only]\n");
             exit(2);
         }
     }
@@ -266,6 +270,13 @@ int main(int argc, char **argv) {
     Options options = parse_options(argc, argv);
     uoz_dbg_level = -1;
     Report report;
+    if (options.cpu_only) {
+        std::string path = write_ecu_config(64);
+        run_micro_benchmarks(path, report);
+        unlink(path.c_str());
+        report.print(stdout);
+        return 0;
+    }
     uoztest::Broker broker;
     std::string pki = uoztest::pki_dir();
     std::string config_path = write_ecu_config(64);

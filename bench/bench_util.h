@@ -49,6 +49,10 @@ class Report {
     void add_rate(const std::string &name, double per_second, double anchor_per_second);
     void add_memory(const std::string &name, long bytes);
     void add_cpu(const std::string &name, double nanoseconds, double goal_nanoseconds);
+    // CPU time as a multiple of a floor measured in the same run, against a
+    // goal multiple: machines that differ in speed still compare.
+    void add_cpu_over_floor(const std::string &name, double nanoseconds, double floor_nanoseconds,
+                            double goal_ratio);
     // What other programs and the hypervisor took while a figure was measured.
     void add_other_load(const std::string &name, const CpuTimes &before, const CpuTimes &after,
                         double seconds);

@@ -16,9 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     uoz_dbg_level = -1;
     UDSOverZelkoHandle *handle = uozfuzz::empty_handle();
-    if (load_ecu_config(handle, path) == 0) {
+    if (load_ecu_config(handle, path) == 0)
         print_ecu_config(handle);
-        release_handle(handle);
-    }
+    release_handle(handle);
     return 0;
 }

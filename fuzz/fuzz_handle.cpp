@@ -33,18 +33,10 @@ void remove_config() {
     unlink(config_path);
 }
 
-void free_reply(ReplyWait *wait) {
-    pthread_mutex_lock(&wait->lock);
-    reply_slot_clear(wait);
-    pthread_mutex_unlock(&wait->lock);
-}
-
 }  // namespace
 
 UDSOverZelkoHandle *empty_handle() {
-    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-    reply_wait_init(&handle->consent_wait);
-    return handle;
+    return new_handle();
 }
 
 UDSOverZelkoHandle *offline_handle() {
@@ -64,9 +56,9 @@ UDSOverZelkoHandle *offline_handle() {
 
 void drain_replies(UDSOverZelkoHandle *handle) {
     for (EcuConfig *ecu = handle->ecus; ecu != nullptr; ecu = ecu->next)
-        free_reply(&ecu->reply_wait);
-    free_reply(&handle->broadcast_ecu->reply_wait);
-    free_reply(&handle->consent_wait);
+        reply_wait_discard(&ecu->reply_wait);
+    reply_wait_discard(&handle->broadcast_ecu->reply_wait);
+    reply_wait_discard(&handle->consent_wait);
 }
 
 }  // namespace uozfuzz

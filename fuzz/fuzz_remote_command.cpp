@@ -14,10 +14,10 @@ namespace {
 
 // A built query must be one the agent can read: a JSON object that names the
 // ECU by the document's text and carries a routine member.
-void check_query(const RoutineQuery &query) {
-    if (query.record == nullptr || query.reply_id == nullptr || query.envelope == nullptr)
+void check_request(const Request &request) {
+    if (request.wait == nullptr || request.reply_id == nullptr || request.message == nullptr)
         abort();
-    const char *text = json_object_to_json_string(query.envelope.get());
+    const char *text = json_object_to_json_string(request.message.get());
     JsonPtr reparsed(json_tokener_parse(text));
     json_object *body = nullptr;
     if (!reparsed || !json_object_object_get_ex(reparsed.get(), "body", &body) ||
@@ -33,10 +33,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static UDSOverZelkoHandle *handle = uozfuzz::offline_handle();
     // The document is NUL-terminated text; an embedded NUL ends it early.
     std::string document(reinterpret_cast<const char *>(data), size);
-    RoutineQuery query;
-    int rc = build_remote_command_query(handle, document.c_str(), &query);
+    Request request;
+    int rc = build_remote_command_request(handle, document.c_str(), &request);
     if (rc == UOZ_OK) {
-        check_query(query);
+        check_request(request);
     } else if (rc != UOZ_ERR_GENERAL && rc != UOZ_ERR_VALIDITY) {
         abort();
     }

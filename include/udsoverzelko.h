@@ -201,7 +201,8 @@ UOZ_EXTERN int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle);
 
 /**
  * Target address of the first configured ECU whose name equals name, ignoring
- * ASCII case; -1 when there is none, or when handle or name is NULL.
+ * the case of ASCII letters (whatever the locale); -1 when there is none, or
+ * when handle or name is NULL.
  * Thread-safe; logs nothing.
  */
 UOZ_EXTERN int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle,
@@ -209,8 +210,10 @@ UOZ_EXTERN int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handl
 
 /**
  * Name of the first configured ECU with this target address, or NULL when there
- * is none (always NULL for -1) or handle is NULL. The text belongs to the
- * handle and stays valid until UDSOverZelko_Terminate; do not free it.
+ * is none or handle is NULL. The broadcast address -1 names no ECU of its own:
+ * it finds only an entry of the configuration file whose address reads as -1
+ * (such as "FFFFFFFF"). The text belongs to the handle and stays valid until
+ * UDSOverZelko_Terminate; do not free it.
  */
 UOZ_EXTERN const char *UDSOverZelkoGetECUNameFromTargetAddress(UDSOverZelkoHandle *handle,
                                                                int target_address);
@@ -286,7 +289,9 @@ UOZ_EXTERN int UDSOverZelkoClearDTC(UDSOverZelkoHandle *handle, int32_t target_a
 
 /**
  * Run a remote command document (NUL-terminated JSON text; size must not be 0)
- * on the ECU its "ecu"."ServerAddress" names. "predefined" commands name
+ * on the ECU its "ecu"."ServerAddress" names (hexadecimal, read with strtoul;
+ * the low 32 bits are the signed target address, so FFFFFFFF is -1, every CAN
+ * and IOC ECU). "predefined" commands name
  * routines of the configuration file's "pre-defined-routines" (read anew at
  * every command; a name that matches none chooses nothing); any other command
  * makes the whole "commands" list a "custom_commands" routine with the

@@ -2,6 +2,8 @@
 // "ClearDTC_Routine".
 #include <stdio.h>
 
+#include <utility>
+
 #include "UDSOverZelko/routine_query.h"
 #include "kt5Utils/kt5_json.h"
 
@@ -11,16 +13,17 @@ namespace {
 json_object *clear_dtc_routine(uint32_t group_of_dtc) {
     char group[128];
     snprintf(group, sizeof(group), "0x%06X", group_of_dtc);
+    // Built without testing the additions (see kt5_json_add).
     json_object *command = json_object_new_object();
-    json_object_object_add(command, "command", json_object_new_string("ClearDTC"));
-    json_object_object_add(command, "service", json_object_new_string("0x14"));
-    json_object_object_add(command, "subfn", json_object_new_string(""));
-    json_object_object_add(command, "data", json_object_new_string(group));
+    kt5_json_add(command, "command", json_object_new_string("ClearDTC"));
+    kt5_json_add(command, "service", json_object_new_string("0x14"));
+    kt5_json_add(command, "subfn", json_object_new_string(""));
+    kt5_json_add(command, "data", json_object_new_string(group));
     json_object *commands = json_object_new_array();
     json_object_array_add(commands, command);
     json_object *routine = json_object_new_object();
-    json_object_object_add(routine, "name", json_object_new_string("ClearDTC_Routine"));
-    json_object_object_add(routine, "commands", commands);
+    kt5_json_add(routine, "name", json_object_new_string("ClearDTC_Routine"));
+    kt5_json_add(routine, "commands", commands);
     return routine;
 }
 
@@ -39,6 +42,9 @@ int UDSOverZelkoClearDTC(UDSOverZelkoHandle *handle, int32_t target_address, uin
     }
     char address_text[128];
     snprintf(address_text, sizeof(address_text), "0x%06X", static_cast<uint32_t>(target_address));
-    return run_routine_query(handle, target_address, address_text, clear_dtc_routine(group_of_dtc),
-                             "Could not get tp mode", response);
+    Request request;
+    int rc =
+        build_routine_request(handle, target_address, address_text, clear_dtc_routine(group_of_dtc),
+                              "Could not get tp mode", &request);
+    return rc != UOZ_OK ? rc : run_routine_request(handle, std::move(request), response);
 }

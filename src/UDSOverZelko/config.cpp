@@ -7,69 +7,30 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
+
 #include "kt5Utils/kt5_json.h"
 
 namespace {
 
-// A transport parameter: the configuration key and the record field it fills.
-struct TransportKey {
-    const char *key;
-    char *EcuConfig::*field;
-    const char *missing_message;
-};
-
-const TransportKey kCanKeys[] = {
-    {"ifname", &EcuConfig::ifname, "could not find 'ifname'"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
-};
-const TransportKey kCanOptionalKeys[] = {
-    {"st-min", &EcuConfig::st_min, nullptr},
-    {"bsize", &EcuConfig::bsize, nullptr},
-};
-const TransportKey kDoipKeys[] = {
-    {"sa", &EcuConfig::sa, "could not find 'sa"},
-    {"ta", &EcuConfig::ta, "could not find 'ta"},
-    {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip"},
-};
-const TransportKey kIocKeys[] = {
-    {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'"},
-    {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "could not find 'phy-req-id'"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "could not find 'phy-resp-id'"},
-};
-
 constexpr const char *kDefaultCanTiming = "0x00";
 
-// Reads the required keys of one transport block in order; -1 at the first
-// missing one, after reporting it. Texts copied before stay with the record.
-template <size_t N>
-int read_required(EcuConfig *record, json_object *entry, const char *block,
-                  const TransportKey (&keys)[N]) {
-    for (const TransportKey &key : keys) {
-        const char *text = nullptr;
-        if (kt5_json_get(entry, json_type_string, &text, block, key.key, nullptr) != 0) {
-            UOZ_SET_ERROR(key.missing_message);
+// Reads the transport block's texts in order; -1 at the first missing
+// required one, after reporting it. Texts copied before stay with the record.
+int read_transport(EcuConfig *record, json_object *entry) {
+    const char *block = transport_block_key(record->type);
+    for (const TransportParam *param : transport_params(record->type)) {
+        const char *text = param->missing == nullptr ? kDefaultCanTiming : nullptr;
+        if (kt5_json_get(entry, json_type_string, &text, block, param->key, nullptr) != 0 &&
+            param->missing != nullptr) {
+            UOZ_SET_ERROR(param->missing);
             return -1;
         }
-        record->*key.field = uoz_strdup(text);
-        if (record->*key.field == nullptr) {
+        record->*param->field = uoz_strdup(text);
+        if (record->*param->field == nullptr) {
             UOZ_SET_ERROR("Memory Allocation failed");
             return -1;
         }
-    }
-    return 0;
-}
-
-// An optional CAN timing text: the configured text, or "0x00".
-int read_optional(EcuConfig *record, json_object *entry, const TransportKey &key) {
-    const char *text = kDefaultCanTiming;
-    kt5_json_get(entry, json_type_string, &text, "can", key.key, nullptr);
-    record->*key.field = uoz_strdup(text);
-    if (record->*key.field == nullptr) {
-        UOZ_SET_ERROR("Memory Allocation failed");
-        return -1;
     }
     return 0;
 }
@@ -86,28 +47,20 @@ void free_texts(EcuConfig *record) {
     }
 }
 
-int read_transport(EcuConfig *record, json_object *entry, bool *ioc_seen) {
-    switch (record->type) {
-        case TRANSPORT_CAN:
-            return read_can_params(record, entry);
-        case TRANSPORT_DOIP:
-            return read_doip_params(record, entry);
-        case TRANSPORT_IOC:
-            if (read_ioc_params(record, entry) != 0)
-                return -1;
-            *ioc_seen = true;
-            return 0;
-        case TRANSPORT_CANFD:
-            return 0;
+// A record whose reply wait does not exist yet: its texts and itself.
+struct DiscardRecord {
+    void operator()(EcuConfig *record) const {
+        free_ecu_config(record);
+        free(record);
     }
-    return -1;
-}
+};
+using PartialRecord = std::unique_ptr<EcuConfig, DiscardRecord>;
 
 // Builds the record of one "configs" element, or returns nullptr after
 // reporting why the entry is dropped. *out_of_memory stops the load.
 EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
-    auto *record = static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig)));
-    if (record == nullptr) {
+    PartialRecord record(static_cast<EcuConfig *>(calloc(1, sizeof(EcuConfig))));
+    if (!record) {
         UOZ_SET_ERROR("Memory Allocation failed");
         *out_of_memory = true;
         return nullptr;
@@ -115,39 +68,32 @@ EcuConfig *read_entry(json_object *entry, bool *ioc_seen, bool *out_of_memory) {
     const char *text = nullptr;
     if (entry == nullptr || kt5_json_get(entry, json_type_string, &text, "type", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse 'type'");
-        free(record);
         return nullptr;
     }
     record->type = parse_transport_type(text);
     if (kt5_json_get(entry, json_type_string, &text, "targetAddress", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
-        free(record);
         return nullptr;
     }
     record->target_address = parse_target_address(text);
     UOZ_DBGLOG(UOZ_LOG_INFO, "Parsing %04X address\n", record->target_address);
     if (kt5_json_get(entry, json_type_string, &text, "name", nullptr) != 0) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse ");
-        free(record);
         return nullptr;
     }
     record->name = uoz_strdup(text);
-    bool ioc_passed = false;
-    if (record->name == nullptr || read_transport(record, entry, &ioc_passed) != 0) {
-        *out_of_memory = record->name == nullptr;
-        free_ecu_config(record);
-        free(record);
+    if (record->name == nullptr) {
+        *out_of_memory = true;
         return nullptr;
     }
+    if (read_transport(record.get(), entry) != 0)
+        return nullptr;
     // An IOC entry makes the broadcast record IOC even when it is dropped below.
-    if (ioc_passed)
+    if (record->type == TRANSPORT_IOC)
         *ioc_seen = true;
-    if (read_ecu_version(entry, record) != 0 || reply_wait_init(&record->reply_wait) != 0) {
-        free_ecu_config(record);
-        free(record);
+    if (read_ecu_version(entry, record.get()) != 0 || reply_wait_init(&record->reply_wait) != 0)
         return nullptr;
-    }
-    return record;
+    return record.release();
 }
 
 EcuConfig *new_broadcast_record(bool ioc_seen) {
@@ -161,11 +107,6 @@ EcuConfig *new_broadcast_record(bool ioc_seen) {
         return nullptr;
     }
     return record;
-}
-
-int fail_load(UDSOverZelkoHandle *handle) {
-    release_handle(handle);
-    return -1;
 }
 
 }  // namespace
@@ -200,24 +141,6 @@ int32_t parse_target_address(const char *text) {
     return static_cast<int32_t>(negative ? 0u - bits : bits);
 }
 
-int read_can_params(EcuConfig *record, json_object *entry) {
-    if (read_required(record, entry, "can", kCanKeys) != 0)
-        return -1;
-    for (const TransportKey &key : kCanOptionalKeys) {
-        if (read_optional(record, entry, key) != 0)
-            return -1;
-    }
-    return 0;
-}
-
-int read_doip_params(EcuConfig *record, json_object *entry) {
-    return read_required(record, entry, "doip", kDoipKeys);
-}
-
-int read_ioc_params(EcuConfig *record, json_object *entry) {
-    return read_required(record, entry, "ioc", kIocKeys);
-}
-
 int read_ecu_version(json_object *entry, EcuConfig *record) {
     json_object *version = nullptr;
     if (kt5_json_get(entry, json_type_object, &version, "ecu_version", nullptr) != 0) {
@@ -226,14 +149,10 @@ int read_ecu_version(json_object *entry, EcuConfig *record) {
     }
     JsonPtr owned(version);
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(version));
-    json_object *uds = nullptr;
-    bool has_uds = kt5_json_get(version, json_type_array, &uds, "uds", nullptr) == 0;
-    JsonPtr uds_copy(uds);
+    bool has_uds = kt5_json_borrow(version, json_type_array, "uds", nullptr) != nullptr;
     if (!has_uds)
         UOZ_DBGLOG(UOZ_LOG_INFO, "No uds ecu version information available");
-    json_object *j1939 = nullptr;
-    bool has_j1939 = kt5_json_get(version, json_type_object, &j1939, "j1939", nullptr) == 0;
-    JsonPtr j1939_copy(j1939);
+    bool has_j1939 = kt5_json_borrow(version, json_type_object, "j1939", nullptr) != nullptr;
     if (!has_j1939)
         UOZ_DBGLOG(UOZ_LOG_INFO, "No j1939 ecu version information available");
     if (has_uds && has_j1939) {
@@ -258,12 +177,12 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
     JsonPtr document(path != nullptr ? json_object_from_file(path) : nullptr);
     if (!document) {
         UOZ_DBGLOG(UOZ_LOG_ERR, "Config failure");
-        return fail_load(handle);
+        return -1;
     }
     json_object *configs = nullptr;
     if (!json_object_object_get_ex(document.get(), "configs", &configs) ||
         !json_object_is_type(configs, json_type_array)) {
-        return fail_load(handle);
+        return -1;
     }
     bool ioc_seen = false;
     bool out_of_memory = false;
@@ -280,7 +199,7 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
     handle->broadcast_ecu = new_broadcast_record(ioc_seen);
     if (handle->broadcast_ecu == nullptr) {
         UOZ_SET_ERROR("Memory Allocation failed");
-        return fail_load(handle);
+        return -1;
     }
     return 0;
 }

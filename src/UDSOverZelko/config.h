@@ -7,7 +7,7 @@
 #include "UDSOverZelko/records.h"
 
 // Fill handle->ecus and handle->broadcast_ecu from the file at path. Returns
-// 0, or -1 after releasing the handle itself (release_handle).
+// 0, or -1 when the file cannot be used; the handle's owner releases it.
 int load_ecu_config(UDSOverZelkoHandle *handle, const char *path);
 // Log every record of handle->ecus at INFO.
 void print_ecu_config(UDSOverZelkoHandle *handle);
@@ -17,9 +17,6 @@ void free_ecu_config(EcuConfig *record);
 TransportType parse_transport_type(const char *text);
 // Read a hexadecimal target address as strtoul with base 16 does, kept in 32 bits.
 int32_t parse_target_address(const char *text);
-int read_can_params(EcuConfig *record, json_object *entry);
-int read_doip_params(EcuConfig *record, json_object *entry);
-int read_ioc_params(EcuConfig *record, json_object *entry);
 int read_ecu_version(json_object *entry, EcuConfig *record);
 
 #endif

@@ -2,6 +2,7 @@
 // the bus thread routes to the addressed ECU record, match and decode it.
 #include "UDSOverZelko/exchange.h"
 
+#include <ctype.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,27 +11,10 @@
 #include <string>
 #include <utility>
 
-#include "UDSOverZelko/exchange_internal.h"
 #include "kt5Utils/kt5_json.h"
 #include "zelkobus/zelkobus.h"
 
 namespace {
-
-// Stores a delivered text, with the JSON parsed from it, in a reply slot and
-// wakes its waiter. A message left there by nobody's wait is replaced.
-void deliver(ReplyWait *wait, char *text, JsonPtr parsed) {
-    if (text == nullptr)
-        return;
-    pthread_mutex_lock(&wait->lock);
-    reply_slot_clear(wait);
-    wait->reply = text;
-    wait->parsed = parsed.release();
-    pthread_mutex_unlock(&wait->lock);
-    // Signalled after unlocking, so that the woken caller does not at once
-    // block again on the lock that this thread still holds. The caller
-    // re-checks the slot under the lock, so no wake-up is lost.
-    pthread_cond_signal(&wait->cond);
-}
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9')
@@ -42,18 +26,23 @@ int hex_digit(char c) {
     return -1;
 }
 
-// One byte from at most two characters, as sscanf's "%02hhx" reads it; a
-// pair that does not convert leaves the byte as it is.
-void decode_pair(const char *text, size_t available, uint8_t *byte) {
+// Reads byte k / 2 as sscanf(text + k, "%02hhx") does: white space at k is
+// skipped, then at most two characters (sign, "0x" and digits count) are
+// converted. A pair that does not convert leaves the byte as it is.
+void decode_at(const char *text, uint8_t *byte) {
     int high = hex_digit(text[0]);
-    int low = available > 1 ? hex_digit(text[1]) : -1;
-    if (high >= 0 && (low >= 0 || available == 1)) {
-        *byte = static_cast<uint8_t>(low >= 0 ? high * 16 + low : high);
+    int low = high >= 0 ? hex_digit(text[1]) : -1;
+    if (low >= 0) {
+        *byte = static_cast<uint8_t>(high * 16 + low);
         return;
     }
-    // Signs, "0x" prefixes and white space: let the C library decide.
-    char pair[3] = {text[0], available > 1 ? text[1] : '\0', '\0'};
-    sscanf(pair, "%02hhx", byte);
+    // The field ends two characters after the white space, so a bounded copy
+    // of them converts exactly as the whole text would, without the C
+    // library measuring the rest of the text at every position.
+    while (isspace(static_cast<unsigned char>(*text)))
+        ++text;
+    char field[3] = {text[0], text[0] != '\0' ? text[1] : '\0', '\0'};
+    sscanf(field, "%02hhx", byte);
 }
 
 // Decodes hexadecimal text into entry->data (length + 1 bytes, zero-filled);
@@ -68,7 +57,7 @@ bool decode_hex(const char *text, DTCBufferEntry *entry) {
         return false;
     entry->length = static_cast<int32_t>(length);
     for (size_t k = 0; k < digits; k += 2)
-        decode_pair(text + k, digits - k, &entry->data[k / 2]);
+        decode_at(text + k, &entry->data[k / 2]);
     return true;
 }
 
@@ -126,16 +115,10 @@ int32_t reply_target_address(const char *text) {
 }
 
 EcuConfig *record_for_reply(UDSOverZelkoHandle *handle, int32_t target_address) {
-    if (target_address == -1)
-        return handle->broadcast_ecu;
-    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address)
-            return record;
-    }
-    return nullptr;
+    return target_address == -1 ? handle->broadcast_ecu : find_ecu(handle, target_address);
 }
 
-void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, const char *text) {
+void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, TextPtr text) {
     const char *target = nullptr;
     if (kt5_json_get(message.get(), json_type_string, &target, "body", "targetAddress", nullptr) !=
         0) {
@@ -144,7 +127,7 @@ void route_query_reply(UDSOverZelkoHandle *handle, JsonPtr message, const char *
     }
     EcuConfig *record = record_for_reply(handle, reply_target_address(target));
     if (record != nullptr)
-        deliver(&record->reply_wait, uoz_strdup(text), std::move(message));
+        reply_wait_deliver(&record->reply_wait, text.release(), std::move(message));
 }
 
 int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
@@ -169,28 +152,7 @@ int32_t decode_version_reply(json_object *reply, DTCBuffer *result) {
     return 0;
 }
 
-}  // namespace
-
-bool send_and_wait(UDSOverZelkoHandle *handle, EcuConfig *record, JsonPtr message,
-                   TextPtr *reply_text, JsonPtr *reply) {
-    ReplyWait *wait = &record->reply_wait;
-    // A reply that came after an earlier exchange gave up is not this one's.
-    pthread_mutex_lock(&wait->lock);
-    reply_slot_clear(wait);
-    pthread_mutex_unlock(&wait->lock);
-
-    zebus_send_message_to(handle->bus, json_object_to_json_string(message.get()), KT5BUS_ADDR_UA,
-                          UOZ_AGENT_ADDRESS);
-    message.reset();
-
-    pthread_mutex_lock(&wait->lock);
-    bool replied = reply_slot_wait(wait, reply_text, reply);
-    pthread_mutex_unlock(&wait->lock);
-    if (!replied)
-        UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
-    return replied;
-}
-
+// True when the parsed reply's "reply-to" is reply_id; otherwise reports why not.
 bool reply_answers(json_object *reply, const char *reply_id) {
     const char *reply_to = nullptr;
     if (kt5_json_get(reply, json_type_string, &reply_to, "reply-to", nullptr) != 0) {
@@ -202,6 +164,31 @@ bool reply_answers(json_object *reply, const char *reply_id) {
         return false;
     }
     return true;
+}
+
+}  // namespace
+
+ExchangeOutcome exchange_request(BusConnection *bus, Request request, JsonPtr *answer) {
+    reply_wait_discard(request.wait);
+    const char *text = json_object_to_json_string(request.message.get());
+    if (request.recipient == RECIPIENT_DIAGNOSTIC_AGENT) {
+        zebus_send_message_to(bus, text, KT5BUS_ADDR_UA, UOZ_AGENT_ADDRESS);
+    } else {
+        const char *const groups[] = {UOZ_POLICY_AGENT_GROUP, nullptr};
+        zebus_send_message(bus, text, groups);
+    }
+    request.message.reset();
+
+    TextPtr answer_text;
+    if (!reply_wait_take(request.wait, &answer_text, answer)) {
+        if (request.recipient == RECIPIENT_DIAGNOSTIC_AGENT)
+            UOZ_DBGLOG(UOZ_LOG_ERR, "response not received");
+        return EXCHANGE_NO_ANSWER;
+    }
+    UOZ_DBGLOG(request.answer_log_level, "%s\n", answer_text.get());
+    if (request.reply_id && !reply_answers(answer->get(), request.reply_id.get()))
+        return EXCHANGE_MISMATCH;
+    return EXCHANGE_ANSWERED;
 }
 
 int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuffer *result) {
@@ -236,35 +223,33 @@ int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuff
 int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,
                        JsonPtr uds, QueryKind kind) {
     EcuConfig *record = nullptr;
-    json_object *body = build_query_body(handle, target_address, kind, uds.get(), &record);
+    JsonPtr body(build_query_body(handle, target_address, kind, uds.get(), &record));
     uds.reset();
-    if (body == nullptr)
+    if (!body)
         return -2;
-    TextPtr reply_id(generate_reply_id(REPLY_ID_LENGTH));
-    if (!reply_id) {
-        json_object_put(body);
+    Request request;
+    request.wait = &record->reply_wait;
+    request.answer_log_level = UOZ_LOG_INFO;
+    request.reply_id.reset(generate_reply_id(REPLY_ID_LENGTH));
+    if (!request.reply_id) {
         UOZ_SET_ERROR("Unable to get replyID");
         return -2;
     }
-    JsonPtr envelope(wrap_query(reply_id.get(), body));
-    if (!envelope)
+    request.message.reset(wrap_query(request.reply_id.get(), body.release()));
+    if (!request.message)
         return -2;
 
-    TextPtr reply_text;
     JsonPtr reply;
-    if (!send_and_wait(handle, record, std::move(envelope), &reply_text, &reply)) {
-        return -5;
+    switch (exchange_request(handle->bus, std::move(request), &reply)) {
+        case EXCHANGE_NO_ANSWER:
+            return -5;
+        case EXCHANGE_MISMATCH:
+            return -2;
+        case EXCHANGE_ANSWERED:
+            break;
     }
-    UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", reply_text.get());
-    if (!reply_answers(reply.get(), reply_id.get()))
-        return -2;
-    switch (kind) {
-        case QUERY_UDS_DATA:
-            return decode_uds_reply(handle, reply.get(), result);
-        case QUERY_VERSION:
-            return decode_version_reply(reply.get(), result);
-    }
-    return -2;
+    return kind == QUERY_VERSION ? decode_version_reply(reply.get(), result)
+                                 : decode_uds_reply(handle, reply.get(), result);
 }
 
 int on_bus_message(const char *data, size_t length, const kt5bus_address *source, void *user_data) {
@@ -276,11 +261,16 @@ int on_bus_message(const char *data, size_t length, const kt5bus_address *source
         UOZ_SET_ERROR("len is 0");
         return 0;
     }
-    // The text ends at its first NUL or after `length` bytes, whichever is first.
-    std::string text(data, strnlen(data, length));
+    // The text ends at its first NUL or after `length` bytes, whichever is
+    // first. This one copy is what a query reply's slot keeps.
+    TextPtr text(strndup(data, strnlen(data, length)));
+    if (!text) {
+        UOZ_SET_ERROR("Memory Allocation failed");
+        return 0;
+    }
     std::string scratch;
-    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s\n", source_name(source, &scratch), text.c_str());
-    JsonPtr message(json_tokener_parse(text.c_str()));
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s\n", source_name(source, &scratch), text.get());
+    JsonPtr message(json_tokener_parse(text.get()));
     const char *type = nullptr;
     if (kt5_json_get(message.get(), json_type_string, &type, "type", nullptr) != 0) {
         UOZ_SET_ERROR("No type found");
@@ -290,10 +280,10 @@ int on_bus_message(const char *data, size_t length, const kt5bus_address *source
     // The parsed message goes with the text to the waiting caller, which then
     // need not parse it again.
     if (strcmp(type, "zelko.skyharbor-query-update") == 0) {
-        route_query_reply(handle, std::move(message), text.c_str());
+        route_query_reply(handle, std::move(message), std::move(text));
     } else if (strcmp(type, "zelko.external-consent") == 0) {
         char *serialised = uoz_strdup(json_object_to_json_string(message.get()));
-        deliver(&handle->consent_wait, serialised, std::move(message));
+        reply_wait_deliver(&handle->consent_wait, serialised, std::move(message));
     }
     return 0;
 }

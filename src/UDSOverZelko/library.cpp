@@ -2,7 +2,8 @@
 // and target addresses.
 #include <stdio.h>
 #include <stdlib.h>
-#include <strings.h>
+
+#include <memory>
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/exchange.h"
@@ -23,6 +24,11 @@ const char *missing_broker_text(const BrokerConfig *broker) {
     return nullptr;
 }
 
+struct Terminate {
+    void operator()(UDSOverZelkoHandle *handle) const { UDSOverZelko_Terminate(handle); }
+};
+using OwnedHandle = std::unique_ptr<UDSOverZelkoHandle, Terminate>;
+
 }  // namespace
 
 UDSOverZelkoHandle *UDSOverZelko_Init(const BrokerConfig *broker, const char *config_path) {
@@ -32,42 +38,36 @@ UDSOverZelkoHandle *UDSOverZelko_Init(const BrokerConfig *broker, const char *co
         return nullptr;
     }
     uoz_dbg_level = broker->debug_level;
-    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-    if (handle == nullptr) {
-        UOZ_SET_ERROR("Memory Allocation failed");
-        return nullptr;
-    }
     if (const char *missing = missing_broker_text(broker)) {
         UOZ_SET_ERROR(missing);
-        free(handle);
         return nullptr;
     }
-    if (reply_wait_init(&handle->consent_wait) != 0) {
+    // From here on every early return releases the handle as termination
+    // does, the banner included.
+    OwnedHandle handle(new_handle());
+    if (!handle) {
         UOZ_SET_ERROR("Memory Allocation failed");
-        free(handle);
         return nullptr;
     }
-    if (load_ecu_config(handle, config_path) != 0) {
+    if (load_ecu_config(handle.get(), config_path) != 0) {
+        handle.reset();
         UOZ_DBGLOG(UOZ_LOG_ERR, "Could not parse configuration\n");
         return nullptr;
     }
     char url[kBrokerUrlSize] = "";
     snprintf(url, sizeof(url), "tcp://%s:%d", broker->broker_ip, broker->port);
-    handle->bus =
-        zebus_init(nullptr, broker->cert_path, url, handle, on_bus_message, broker->bus_option);
-    if (handle->bus == nullptr) {
-        UDSOverZelko_Terminate(handle);
+    handle->bus = zebus_init(nullptr, broker->cert_path, url, handle.get(), on_bus_message,
+                             broker->bus_option);
+    if (handle->bus == nullptr)
         return nullptr;
-    }
-    print_ecu_config(handle);
+    print_ecu_config(handle.get());
     // Remote commands read the configuration file again through this copy.
     handle->config_path = uoz_strdup(config_path);
     if (handle->config_path == nullptr) {
         UOZ_SET_ERROR("Memory Allocation failed");
-        UDSOverZelko_Terminate(handle);
         return nullptr;
     }
-    return handle;
+    return handle.release();
 }
 
 int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle) {
@@ -77,7 +77,7 @@ int UDSOverZelko_Terminate(UDSOverZelkoHandle *handle) {
     // Stopped first, so that no delivery reaches what is released below.
     zebus_stop(handle->bus);
     handle->bus = nullptr;
-    free_handle(handle);
+    release_handle(handle);
     return 0;
 }
 
@@ -85,7 +85,7 @@ int UDSOverZelkoGetTargetAddressFromECUName(UDSOverZelkoHandle *handle, const ch
     if (handle == nullptr || name == nullptr)
         return -1;
     for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->name != nullptr && strcasecmp(record->name, name) == 0) {
+        if (record->name != nullptr && ascii_equal_ignoring_case(record->name, name)) {
             return record->target_address;
         }
     }
@@ -96,9 +96,6 @@ const char *UDSOverZelkoGetECUNameFromTargetAddress(UDSOverZelkoHandle *handle,
                                                     int target_address) {
     if (handle == nullptr)
         return nullptr;
-    for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address)
-            return record->name;
-    }
-    return nullptr;
+    const EcuConfig *record = find_ecu(handle, target_address);
+    return record != nullptr ? record->name : nullptr;
 }

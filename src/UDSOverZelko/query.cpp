@@ -6,89 +6,40 @@
 #include <string.h>
 #include <time.h>
 
+#include <string>
+
 #include "kt5Utils/kt5_json.h"
 
 namespace {
 
-// One member of a transport block: its key, the record's text, and the
-// message reported when it cannot be added.
-struct BlockMember {
-    const char *key;
-    char *EcuConfig::*field;
-    const char *failure;
-};
-
-const BlockMember kCanMembers[] = {
-    {"ifname", &EcuConfig::ifname, "Could not add 'ifname' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
-    {"st-min", &EcuConfig::st_min, "Could not add 'st-min' to JSON"},
-    {"bsize", &EcuConfig::bsize, "Could not add 'bsize' to JSON"},
-};
-const BlockMember kIocMembers[] = {
-    {"bus-id", &EcuConfig::bus_id, "Could not add 'bus_id' to JSON"},
-    {"func-addr", &EcuConfig::func_addr, "Could not add 'func-addr' to JSON"},
-    {"phy-req-id", &EcuConfig::phy_req_id, "Could not add 'phy-req-id' to JSON"},
-    {"phy-resp-id", &EcuConfig::phy_resp_id, "Could not add 'phy-resp-id' to JSON"},
-};
-const BlockMember kDoipMembers[] = {
-    {"sa", &EcuConfig::sa, "Could not add 'sa' to JSON"},
-    {"ta", &EcuConfig::ta, "Could not add 'ta' to JSON"},
-    {"gw-ip", &EcuConfig::gw_ip, "Could not add 'gw-ip' to JSON"},
-};
-
-// Adds a member; the object takes the value over, and a value that cannot be
-// added is released.
-bool add_member(json_object *object, const char *key, json_object *value) {
-    if (value == nullptr)
-        return false;
-    if (json_object_object_add(object, key, value) != 0) {
-        json_object_put(value);
-        return false;
-    }
-    return true;
-}
-
 bool add_string(json_object *object, const char *key, const char *text) {
-    return add_member(object, key, json_object_new_string(text != nullptr ? text : ""));
+    return kt5_json_add(object, key, json_object_new_string(text != nullptr ? text : ""));
 }
 
-template <size_t N>
-json_object *build_block(const EcuConfig *record, const BlockMember (&members)[N],
-                         const char *create_failure) {
+json_object *build_block(const EcuConfig *record, const char *create_failure) {
     JsonPtr block(json_object_new_object());
     if (!block) {
         UOZ_SET_ERROR(create_failure);
         return nullptr;
     }
-    for (const BlockMember &member : members) {
-        if (!add_string(block.get(), member.key, record->*member.field)) {
-            UOZ_SET_ERROR(member.failure);
+    for (const TransportParam *param : transport_params(record->type)) {
+        if (!add_string(block.get(), param->key, record->*param->field)) {
+            UOZ_SET_ERROR(param->not_added);
             return nullptr;
         }
     }
     return block.release();
 }
 
-EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
-    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        if (record->target_address == target_address)
-            return record;
-    }
-    return nullptr;
-}
-
 json_object *build_ecu_block(const EcuConfig *record) {
     switch (record->type) {
         case TRANSPORT_CAN:
-            return build_can_block(record);
         case TRANSPORT_IOC:
-            return build_ioc_block(record);
+            return build_block(record, "Could not create new JSON object");
         case TRANSPORT_DOIP:
-            return build_doip_block(record);
+            return build_block(record, "Could not create new JSON Message");
         case TRANSPORT_CANFD:
-            return nullptr;
+            break;
     }
     return nullptr;
 }
@@ -115,18 +66,18 @@ bool derive_j1939_version(EcuConfig *record) {
     bool ok = true;
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(record->ecu_version));
     if (kt5_json_has(record->ecu_version, "j1939", nullptr)) {
-        JsonPtr parsed(kt5_json_copy(record->ecu_version));
-        json_object *j1939 = nullptr;
-        if (kt5_json_get(parsed.get(), json_type_object, &j1939, "j1939", nullptr) != 0) {
+        json_object *j1939 =
+            kt5_json_borrow(record->ecu_version, json_type_object, "j1939", nullptr);
+        JsonPtr derived(kt5_json_copy(j1939));
+        if (!derived) {
             UOZ_SET_ERROR("Invalid object");
             ok = false;
-        } else if (!add_string(j1939, "ifname", record->ifname)) {
+        } else if (!add_string(derived.get(), "ifname", record->ifname)) {
             UOZ_SET_ERROR("Unable to add 'ifname' into version JSON message");
-            json_object_put(j1939);
             ok = false;
         } else {
             json_object_put(record->ecu_version);
-            record->ecu_version = j1939;
+            record->ecu_version = derived.release();
         }
     }
     pthread_mutex_unlock(&record->reply_wait.lock);
@@ -149,12 +100,38 @@ bool add_version(json_object *body, EcuConfig *record) {
     }
     if (record->type == TRANSPORT_CAN && !derive_j1939_version(record))
         return false;
-    if (!add_member(body, "version", copy_version(record))) {
+    if (!kt5_json_add(body, "version", copy_version(record))) {
         UOZ_SET_ERROR("Could not add 'version' to JSON");
         return false;
     }
     return true;
 }
+
+// The characters that srand(second) and then one rand() per character give,
+// drawn from a private generator of the same kind as rand()'s: the
+// application's generator is left alone, concurrent callers do not share
+// state, and the characters of one second are drawn once per thread.
+// Identifiers made within one second repeat; the reply wait never relies on
+// them differing across ECUs.
+struct ReplyIdDraws {
+    time_t second = -1;
+    std::string characters;
+
+    void draw(time_t now, size_t length) {
+        static const char kAlphabet[] = REPLY_ID_ALPHABET;
+        constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
+        char state[128];  // rand()'s generator: the 128-byte additive kind
+        random_data generator{};
+        initstate_r(static_cast<unsigned>(now), state, sizeof(state), &generator);
+        characters.resize(length);
+        for (char &character : characters) {
+            int32_t value = 0;
+            random_r(&generator, &value);
+            character = kAlphabet[static_cast<unsigned>(value) % kAlphabetSize];
+        }
+        second = now;
+    }
+};
 
 }  // namespace
 
@@ -164,52 +141,35 @@ char *generate_reply_id(int32_t length) {
     auto *id = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
     if (id == nullptr)
         return nullptr;
-    static const char kAlphabet[] = REPLY_ID_ALPHABET;
-    constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
-    srand(static_cast<unsigned>(time(nullptr)));
-    for (int32_t i = 0; i < length; ++i) {
-        id[i] = kAlphabet[static_cast<unsigned>(rand()) % kAlphabetSize];
-    }
+    time_t second = time(nullptr);
+    thread_local ReplyIdDraws draws;
+    if (draws.second != second || draws.characters.size() < static_cast<size_t>(length))
+        draws.draw(second, static_cast<size_t>(length));
+    memcpy(id, draws.characters.data(), static_cast<size_t>(length));
     id[length] = '\0';
     return id;
 }
 
-json_object *transport_mode_name(TransportType type, char *key, size_t key_size) {
+json_object *transport_mode_name(TransportType type, const char **key) {
     const char *mode = nullptr;
-    const char *block_key = nullptr;
     switch (type) {
         case TRANSPORT_CAN:
-            mode = "CAN", block_key = "can";
+            mode = "CAN";
             break;
         case TRANSPORT_CANFD:
-            mode = "CANFD", block_key = "canfd";
+            mode = "CANFD";
             break;
         case TRANSPORT_DOIP:
-            mode = "DOIP", block_key = "doip";
+            mode = "DOIP";
             break;
         case TRANSPORT_IOC:
-            mode = "IOC", block_key = "ioc";
+            mode = "IOC";
             break;
     }
     if (mode == nullptr)
         return nullptr;
-    if (key != nullptr && key_size > 0)
-        snprintf(key, key_size, "%s", block_key);
+    *key = transport_block_key(type);
     return json_object_new_string(mode);
-}
-
-json_object *build_can_block(const EcuConfig *record) {
-    return build_block(record, kCanMembers, "Could not create new JSON object");
-}
-
-json_object *build_ioc_block(const EcuConfig *record) {
-    return build_block(record, kIocMembers, "Could not create new JSON object");
-}
-
-json_object *build_doip_block(const EcuConfig *record) {
-    if (record->type != TRANSPORT_DOIP)
-        return nullptr;
-    return build_block(record, kDoipMembers, "Could not create new JSON Message");
 }
 
 json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_address,
@@ -235,21 +195,20 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
     if (!body)
         return nullptr;
     EcuConfig *addressed = nullptr;
-    json_object *block = build_transport_block(handle, target_address, &addressed);
+    JsonPtr block(build_transport_block(handle, target_address, &addressed));
     if (record != nullptr)
         *record = addressed;
-    if (block == nullptr) {
+    if (!block) {
         UOZ_SET_ERROR("Could not get tp blob");
         return nullptr;
     }
-    JsonPtr owned_block(block);
-    char key[32];
-    json_object *mode = transport_mode_name(addressed->type, key, sizeof(key));
+    const char *key = nullptr;
+    json_object *mode = transport_mode_name(addressed->type, &key);
     if (mode == nullptr) {
         UOZ_SET_ERROR("Could not get tp mode");
         return nullptr;
     }
-    if (!add_member(body.get(), "mode", mode)) {
+    if (!kt5_json_add(body.get(), "mode", mode)) {
         UOZ_SET_ERROR("Could not add 'mode' to JSON");
         return nullptr;
     }
@@ -260,12 +219,14 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
         UOZ_SET_ERROR("Could not add 'targetAddress' to JSON");
         return nullptr;
     }
-    if (!add_member(body.get(), key, owned_block.release())) {
+    if (!kt5_json_add(body.get(), key, block.release())) {
         UOZ_SET_ERROR("Could not add 'can' to JSON");
         return nullptr;
     }
     if (kind == QUERY_UDS_DATA) {
-        if (uds == nullptr || !add_member(body.get(), "uds", kt5_json_copy(uds))) {
+        // The body holds a reference: the request's own object, never
+        // changed, is sent as it is rather than copied.
+        if (uds == nullptr || !kt5_json_add(body.get(), "uds", json_object_get(uds))) {
             UOZ_SET_ERROR("Could not add 'uds' to JSON");
             return nullptr;
         }
@@ -276,12 +237,36 @@ json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address
     return body.release();
 }
 
+json_object *build_routine_body(UDSOverZelkoHandle *handle, int32_t target_address,
+                                const char *address_text, json_object *routine,
+                                const char *mode_failure, EcuConfig **record) {
+    JsonPtr owned_routine(routine);
+    JsonPtr block(build_transport_block(handle, target_address, record));
+    if (!block) {
+        UOZ_SET_ERROR("Could not get Transport Information");
+        return nullptr;
+    }
+    JsonPtr body(json_object_new_object());
+    const char *key = nullptr;
+    json_object *mode = transport_mode_name((*record)->type, &key);
+    if (!body || mode == nullptr) {
+        json_object_put(mode);
+        UOZ_SET_ERROR(mode_failure);
+        return nullptr;
+    }
+    kt5_json_add(body.get(), "mode", mode);
+    add_string(body.get(), "targetAddress", address_text);
+    kt5_json_add(body.get(), key, block.release());
+    kt5_json_add(body.get(), "routine", owned_routine.release());
+    return body.release();
+}
+
 json_object *wrap_query(const char *reply_id, json_object *body) {
     JsonPtr owned_body(body);
     JsonPtr envelope(json_object_new_object());
     if (!envelope || !add_string(envelope.get(), "type", "zelko.skyharbor-query") ||
         reply_id == nullptr || !add_string(envelope.get(), "reply-id", reply_id) ||
-        !add_member(envelope.get(), "body", owned_body.release())) {
+        !kt5_json_add(envelope.get(), "body", owned_body.release())) {
         UOZ_SET_ERROR("Could not add 'uds' to JSON");
         return nullptr;
     }

@@ -51,14 +51,6 @@ const char *const uds_report_names[26] = {
 
 namespace {
 
-bool add_owned(json_object *object, const char *key, json_object *value) {
-    if (value == nullptr || json_object_object_add(object, key, value) != 0) {
-        json_object_put(value);
-        return false;
-    }
-    return true;
-}
-
 // Appends text to a bounded buffer, cutting what does not fit.
 void append(char *buffer, size_t size, const char *text) {
     size_t used = strlen(buffer);
@@ -84,11 +76,11 @@ bool add_number_record(json_object *data_record, uint32_t params, uint32_t dtc_n
             append(type, sizeof(type), "_AND_");
         append(type, sizeof(type), "RECORD");
     }
-    if (!add_owned(data_record, "type", json_object_new_string(type))) {
+    if (!kt5_json_add(data_record, "type", json_object_new_string(type))) {
         UOZ_SET_ERROR("Could not add 'type' to JSON");
         return false;
     }
-    if (!add_owned(data_record, "record", json_object_new_string(record))) {
+    if (!kt5_json_add(data_record, "record", json_object_new_string(record))) {
         UOZ_SET_ERROR("Could not add 'record' to JSON");
         return false;
     }
@@ -96,7 +88,7 @@ bool add_number_record(json_object *data_record, uint32_t params, uint32_t dtc_n
 }
 
 bool add_status_mask_record(json_object *data_record, uint32_t status_mask) {
-    if (!add_owned(data_record, "type", json_object_new_string("STATUS_MASK"))) {
+    if (!kt5_json_add(data_record, "type", json_object_new_string("STATUS_MASK"))) {
         UOZ_SET_ERROR("Could not add 'type' to JSON");
         return false;
     }
@@ -105,7 +97,7 @@ bool add_status_mask_record(json_object *data_record, uint32_t status_mask) {
         UOZ_SET_ERROR("Could not get Mask");
         return false;
     }
-    if (!add_owned(data_record, "record", names)) {
+    if (!kt5_json_add(data_record, "record", names)) {
         UOZ_SET_ERROR("Could not add 'record' to JSON");
         return false;
     }
@@ -211,11 +203,12 @@ json_object *build_read_dtc_body(uint32_t subfunction, uint32_t status_mask, uin
         UOZ_SET_ERROR("Could not create new JSON Message");
         return nullptr;
     }
-    if (!add_owned(body.get(), "SID", json_object_new_string("0x19"))) {
+    if (!kt5_json_add(body.get(), "SID", json_object_new_string("0x19"))) {
         UOZ_SET_ERROR("Could not add 'SID' to JSON");
         return nullptr;
     }
-    if (!add_owned(body.get(), "subfunction", json_object_new_string(report_name(subfunction)))) {
+    if (!kt5_json_add(body.get(), "subfunction",
+                      json_object_new_string(report_name(subfunction)))) {
         UOZ_SET_ERROR("Could not add 'subfunction' to JSON");
         return nullptr;
     }
@@ -229,7 +222,7 @@ json_object *build_read_dtc_body(uint32_t subfunction, uint32_t status_mask, uin
                       : add_number_record(data_record.get(), params, dtc_number, record_number));
     if (!built)
         return nullptr;
-    if (!add_owned(body.get(), "data-record", data_record.release())) {
+    if (!kt5_json_add(body.get(), "data-record", data_record.release())) {
         UOZ_SET_ERROR("Could not add 'data-record' to JSON");
         return nullptr;
     }

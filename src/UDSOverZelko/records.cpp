@@ -1,12 +1,11 @@
-// The last-error text, reply waits, the handle teardown and the release
-// helpers of the result records.
+// The last-error text, the handle, the transport parameter table and the
+// release helpers of the result records.
 #include "UDSOverZelko/records.h"
 
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include "UDSOverZelko/config.h"
 
@@ -23,66 +22,45 @@ void uoz_format_last_error(const char *format, ...) {
     va_end(args);
 }
 
-char *uoz_strdup(const char *text) {
-    if (text == nullptr)
-        return nullptr;
-    size_t size = strlen(text) + 1;
-    auto *copy = static_cast<char *>(malloc(size));
-    if (copy != nullptr)
-        memcpy(copy, text, size);
-    return copy;
-}
-
-int reply_wait_init(ReplyWait *wait) {
-    wait->reply = nullptr;
-    wait->parsed = nullptr;
-    if (pthread_mutex_init(&wait->lock, nullptr) != 0)
-        return -1;
-    if (pthread_cond_init(&wait->cond, nullptr) != 0) {
-        pthread_mutex_destroy(&wait->lock);
-        return -1;
-    }
-    return 0;
-}
-
-void reply_slot_clear(ReplyWait *wait) {
-    free(wait->reply);
-    wait->reply = nullptr;
-    json_object_put(wait->parsed);
-    wait->parsed = nullptr;
-}
-
-bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json) {
-    if (wait->reply == nullptr)
-        return false;
-    text->reset(wait->reply);
-    json->reset(wait->parsed != nullptr ? wait->parsed : json_tokener_parse(wait->reply));
-    wait->reply = nullptr;
-    wait->parsed = nullptr;
-    return true;
-}
-
-bool reply_slot_wait(ReplyWait *wait, TextPtr *text, JsonPtr *json) {
-    struct timespec deadline = {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += REPLY_TIMEOUT_SECONDS;
-    // Loops over spurious wake-ups until a message is there or the time is up.
-    while (wait->reply == nullptr) {
-        if (pthread_cond_timedwait(&wait->cond, &wait->lock, &deadline) != 0)
-            break;
-    }
-    return reply_slot_take(wait, text, json);
-}
-
-void reply_wait_destroy(ReplyWait *wait) {
-    reply_slot_clear(wait);
-    pthread_cond_destroy(&wait->cond);
-    pthread_mutex_destroy(&wait->lock);
-}
-
 namespace {
 
+const TransportParam kIfname = {"ifname", &EcuConfig::ifname, "could not find 'ifname'",
+                                "Could not add 'ifname' to JSON"};
+const TransportParam kFuncAddr = {"func-addr", &EcuConfig::func_addr, "could not find 'func-addr'",
+                                  "Could not add 'func-addr' to JSON"};
+const TransportParam kPhyReqId = {"phy-req-id", &EcuConfig::phy_req_id,
+                                  "could not find 'phy-req-id'",
+                                  "Could not add 'phy-req-id' to JSON"};
+const TransportParam kPhyRespId = {"phy-resp-id", &EcuConfig::phy_resp_id,
+                                   "could not find 'phy-resp-id'",
+                                   "Could not add 'phy-resp-id' to JSON"};
+const TransportParam kStMin = {"st-min", &EcuConfig::st_min, nullptr,
+                               "Could not add 'st-min' to JSON"};
+const TransportParam kBsize = {"bsize", &EcuConfig::bsize, nullptr,
+                               "Could not add 'bsize' to JSON"};
+const TransportParam kBusId = {"bus-id", &EcuConfig::bus_id, "could not find 'bus-id'",
+                               "Could not add 'bus_id' to JSON"};
+// The configuration's messages lack their closing quote, as they always have.
+const TransportParam kSa = {"sa", &EcuConfig::sa, "could not find 'sa",
+                            "Could not add 'sa' to JSON"};
+const TransportParam kTa = {"ta", &EcuConfig::ta, "could not find 'ta",
+                            "Could not add 'ta' to JSON"};
+const TransportParam kGwIp = {"gw-ip", &EcuConfig::gw_ip, "could not find 'gw-ip",
+                              "Could not add 'gw-ip' to JSON"};
+
+const TransportParam *const kCanParams[] = {&kIfname,    &kFuncAddr, &kPhyReqId,
+                                            &kPhyRespId, &kStMin,    &kBsize};
+const TransportParam *const kIocParams[] = {&kBusId, &kFuncAddr, &kPhyReqId, &kPhyRespId};
+const TransportParam *const kDoipParams[] = {&kSa, &kTa, &kGwIp};
+
+template <size_t N>
+TransportParams params_of(const TransportParam *const (&params)[N]) {
+    return {params, params + N};
+}
+
 void release_ecu_record(EcuConfig *record) {
+    if (record == nullptr)
+        return;
     free_ecu_config(record);
     reply_wait_destroy(&record->reply_wait);
     free(record);
@@ -90,26 +68,63 @@ void release_ecu_record(EcuConfig *record) {
 
 }  // namespace
 
-void release_handle(UDSOverZelkoHandle *handle) {
-    UOZ_LOG_BANNER();
-    free_handle(handle);
+const char *transport_block_key(TransportType type) {
+    switch (type) {
+        case TRANSPORT_CAN:
+            return "can";
+        case TRANSPORT_CANFD:
+            return "canfd";
+        case TRANSPORT_DOIP:
+            return "doip";
+        case TRANSPORT_IOC:
+            return "ioc";
+    }
+    return nullptr;
 }
 
-void free_handle(UDSOverZelkoHandle *handle) {
+TransportParams transport_params(TransportType type) {
+    switch (type) {
+        case TRANSPORT_CAN:
+            return params_of(kCanParams);
+        case TRANSPORT_IOC:
+            return params_of(kIocParams);
+        case TRANSPORT_DOIP:
+            return params_of(kDoipParams);
+        case TRANSPORT_CANFD:
+            break;
+    }
+    return {nullptr, nullptr};
+}
+
+UDSOverZelkoHandle *new_handle() {
+    auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
+    if (handle != nullptr && reply_wait_init(&handle->consent_wait) != 0) {
+        free(handle);
+        return nullptr;
+    }
+    return handle;
+}
+
+void release_handle(UDSOverZelkoHandle *handle) {
     if (handle == nullptr)
         return;
-    while (handle->ecus != nullptr) {
-        EcuConfig *next = handle->ecus->next;
-        release_ecu_record(handle->ecus);
-        handle->ecus = next;
+    for (EcuConfig *record = handle->ecus; record != nullptr;) {
+        EcuConfig *next = record->next;
+        release_ecu_record(record);
+        record = next;
     }
-    if (handle->broadcast_ecu != nullptr) {
-        release_ecu_record(handle->broadcast_ecu);
-        handle->broadcast_ecu = nullptr;
-    }
+    release_ecu_record(handle->broadcast_ecu);
     free(handle->config_path);
     reply_wait_destroy(&handle->consent_wait);
     free(handle);
+}
+
+EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
+    for (EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+        if (record->target_address == target_address)
+            return record;
+    }
+    return nullptr;
 }
 
 void UDSOverZelko_FreeDTCBuffer(DTCBuffer *buffer) {

@@ -1,5 +1,5 @@
-// Records shared by the library core: the handle, ECU records, reply waits,
-// the calling thread's last-error text and the version banner.
+// Records shared by the library core: the handle, ECU records, the calling
+// thread's last-error text and the version banner.
 #ifndef UOZ_CORE_RECORDS_H
 #define UOZ_CORE_RECORDS_H
 
@@ -10,7 +10,9 @@
 
 #include <memory>
 
+#include "UDSOverZelko/reply_wait.h"
 #include "kt5Utils/kt5_json.h"
+#include "kt5Utils/text.h"
 #include "logging/uoz_log.h"
 #include "udsoverzelko.h"
 
@@ -20,7 +22,6 @@ struct BusConnection;
 #define UOZ_VERSION_TEXT ""
 #define UOZ_BUILD_TEXT ""
 
-#define REPLY_TIMEOUT_SECONDS UOZ_REPLY_TIMEOUT_SECONDS
 #define REPLY_ID_LENGTH 24
 #define UOZ_AGENT_ADDRESS "/ZDATA/UDS"
 #define UOZ_POLICY_AGENT_GROUP "policy-agent"
@@ -31,23 +32,6 @@ enum TransportType {
     TRANSPORT_CANFD = 1,
     TRANSPORT_DOIP = 2,
     TRANSPORT_IOC = 3,
-};
-
-// Owns a malloc'd text.
-struct FreeText {
-    void operator()(char *text) const { free(text); }
-};
-using TextPtr = std::unique_ptr<char, FreeText>;
-
-// Where one waiting caller meets the bus delivery thread. `lock` guards
-// `reply` and `parsed`.
-struct ReplyWait {
-    pthread_mutex_t lock;
-    pthread_cond_t cond;
-    char *reply;  // heap text of the last delivered, unconsumed message, or NULL
-    // The same message as the delivery thread parsed it (owned), so that the
-    // waiting caller need not parse it again; NULL when none was kept.
-    json_object *parsed;
 };
 
 // One configured ECU (or the broadcast record of target address -1).
@@ -105,28 +89,37 @@ void uoz_format_last_error(const char *format, ...) __attribute__((format(printf
 #define UOZ_LOG_BANNER() \
     UOZ_DBGLOG(UOZ_LOG_ERR, "UDSOverZelko Library Version: %s-%s", UOZ_VERSION_TEXT, UOZ_BUILD_TEXT)
 
-// Create lock and cond of a reply wait (slot empty); 0 on success.
-int reply_wait_init(ReplyWait *wait);
-// Free a pending reply and destroy lock and cond.
-void reply_wait_destroy(ReplyWait *wait);
-// With wait->lock held: free what the slot holds and empty it.
-void reply_slot_clear(ReplyWait *wait);
-// With wait->lock held: move the slot's message out and empty the slot. The
-// JSON is parsed from the text when the delivery thread kept none; it is NULL
-// when the text is no JSON. False when the slot was empty.
-bool reply_slot_take(ReplyWait *wait, TextPtr *text, JsonPtr *json);
-// With wait->lock held: waits up to REPLY_TIMEOUT_SECONDS (realtime clock)
-// for a message, then takes it as reply_slot_take does; false on time-out.
-bool reply_slot_wait(ReplyWait *wait, TextPtr *text, JsonPtr *json);
-
-// Release everything the handle owns except the bus connection, then the
-// handle itself: the body of UDSOverZelko_Terminate after the bus stop.
-// Logs the version banner first. NULL is accepted.
+// A zero-filled handle with its consent slot ready, or NULL when memory or
+// the slot's lock cannot be had.
+UDSOverZelkoHandle *new_handle();
+// Release everything the handle owns except the bus connection, which must
+// have been stopped, then the handle itself. NULL is accepted.
 void release_handle(UDSOverZelkoHandle *handle);
-// The same without the banner.
-void free_handle(UDSOverZelkoHandle *handle);
 
-// Heap copy of a text with malloc, NULL for NULL or when memory runs out.
-char *uoz_strdup(const char *text);
+// The first configured ECU (never the broadcast record) with this address.
+EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address);
+
+// One transport parameter: its key in the configuration file and in the
+// query's transport block, the record's text, the message of a configuration
+// entry that lacks it (NULL: optional, "0x00" by default) and the message of a
+// block that cannot hold it.
+struct TransportParam {
+    const char *key;
+    char *EcuConfig::*field;
+    const char *missing;
+    const char *not_added;
+};
+// The parameters of one transport, in the order of its block.
+struct TransportParams {
+    const TransportParam *const *first;
+    const TransportParam *const *last;
+    const TransportParam *const *begin() const { return first; }
+    const TransportParam *const *end() const { return last; }
+};
+// The key of a transport's block in the configuration and in the query
+// ("can", "canfd", "doip", "ioc"); NULL for a type outside 0..3.
+const char *transport_block_key(TransportType type);
+// The parameters of CAN, DOIP and IOC records; none for CANFD.
+TransportParams transport_params(TransportType type);
 
 #endif

@@ -3,18 +3,25 @@
 #include "UDSOverZelko/remote_command.h"
 
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <utility>
 
-#include "UDSOverZelko/config.h"
 #include "UDSOverZelko/routine_query.h"
 #include "kt5Utils/kt5_json.h"
 
 namespace {
 
 constexpr const char *kTimeFormat = "%Y-%m-%dT%H:%M:%SZ";
+
+// strtoul's value in base 16, its low 32 bits taken as a signed number: the
+// configuration file's rule of all bits set for a long text does not apply,
+// so a mistyped long address does not become the address of every ECU.
+int32_t command_target_address(const char *text) {
+    return static_cast<int32_t>(static_cast<uint32_t>(strtoul(text, nullptr, 16)));
+}
 
 // Parses a UTC time text into calendar fields; false after printing why not.
 bool parse_utc(const char *text, struct tm *calendar) {
@@ -45,26 +52,32 @@ int check_period(json_object *document) {
     return check_command_validity(start, end) > 0 ? 1 : 0;
 }
 
+// The i-th element of array, logged at DBG, with its text member `key` in
+// *text (NULL when it has none).
+json_object *element_with_text(json_object *array, size_t i, const char *key, const char **text) {
+    json_object *element = json_object_array_get_idx(array, i);
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(element));
+    *text = nullptr;
+    kt5_json_get(element, json_type_string, text, key, nullptr);
+    return element;
+}
+
 // A copy of the configured routine named `name`, or NULL when the
 // configuration file has none of that name.
 json_object *find_predefined_routine(const char *config_path, const char *name, bool *copy_failed) {
     JsonPtr config(config_path != nullptr ? json_object_from_file(config_path) : nullptr);
-    json_object *routines = nullptr;
-    if (kt5_json_get(config.get(), json_type_array, &routines, "pre-defined-routines", nullptr) !=
-        0) {
+    json_object *routines =
+        kt5_json_borrow(config.get(), json_type_array, "pre-defined-routines", nullptr);
+    if (routines == nullptr) {
         UOZ_DBGLOG(UOZ_LOG_WARN, "No pre-defined routines in %s for command %s",
                    config_path != nullptr ? config_path : "(none)", name);
         return nullptr;
     }
-    JsonPtr owned(routines);
     size_t count = json_object_array_length(routines);
     for (size_t i = 0; i < count; ++i) {
-        json_object *routine = json_object_array_get_idx(routines, i);
-        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(routine));
         const char *routine_name = nullptr;
-        if (kt5_json_get(routine, json_type_string, &routine_name, "name", nullptr) != 0)
-            continue;
-        if (strcmp(routine_name, name) != 0)
+        json_object *routine = element_with_text(routines, i, "name", &routine_name);
+        if (routine_name == nullptr || strcmp(routine_name, name) != 0)
             continue;
         json_object *copy = kt5_json_copy(routine);
         if (copy == nullptr) {
@@ -81,14 +94,14 @@ json_object *find_predefined_routine(const char *config_path, const char *name, 
 }
 
 json_object *custom_routine(json_object *document, json_object *commands) {
+    // Built without testing the additions (see kt5_json_add).
     json_object *routine = json_object_new_object();
-    json_object_object_add(routine, "name", json_object_new_string("custom_commands"));
-    json_object_object_add(routine, "commands", kt5_json_copy(commands));
-    json_object *security_access = nullptr;
-    if (kt5_json_get(document, json_type_object, &security_access, "security_access", nullptr) ==
-        0) {
-        json_object_object_add(routine, "security_access", security_access);
-    }
+    kt5_json_add(routine, "name", json_object_new_string("custom_commands"));
+    kt5_json_add(routine, "commands", kt5_json_copy(commands));
+    json_object *security_access =
+        kt5_json_borrow(document, json_type_object, "security_access", nullptr);
+    if (security_access != nullptr)
+        kt5_json_add(routine, "security_access", kt5_json_copy(security_access));
     return routine;
 }
 
@@ -100,11 +113,9 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
     JsonPtr chosen;
     size_t count = json_object_array_length(commands);
     for (size_t i = 0; i < count; ++i) {
-        json_object *command = json_object_array_get_idx(commands, i);
-        UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", json_object_to_json_string(command));
         const char *type = nullptr;
-        if (kt5_json_get(command, json_type_string, &type, "type", nullptr) != 0 ||
-            strcmp(type, "predefined") != 0) {
+        json_object *command = element_with_text(commands, i, "type", &type);
+        if (type == nullptr || strcmp(type, "predefined") != 0) {
             return custom_routine(document, commands);
         }
         const char *name = nullptr;
@@ -125,8 +136,8 @@ json_object *choose_routine(UDSOverZelkoHandle *handle, json_object *document,
 
 }  // namespace
 
-int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
-                               RoutineQuery *query) {
+int build_remote_command_request(UDSOverZelkoHandle *handle, const char *document,
+                                 Request *request) {
     JsonPtr parsed(json_tokener_parse(document));
     if (!parsed) {
         UOZ_SET_ERROR("Could not convert JSON Object");
@@ -150,8 +161,8 @@ int build_remote_command_query(UDSOverZelkoHandle *handle, const char *document,
         UOZ_SET_ERROR("No TA found");
         return UOZ_ERR_GENERAL;
     }
-    return build_routine_query(handle, parse_target_address(server_address), server_address,
-                               routine.release(), "Unable to get transport mode", query);
+    return build_routine_request(handle, command_target_address(server_address), server_address,
+                                 routine.release(), "Unable to get transport mode", request);
 }
 
 int check_command_validity(const char *start_time, const char *end_time) {
@@ -196,9 +207,9 @@ int UDSOverZelko_ExecuteRemoteCommand(UDSOverZelkoHandle *handle, const char *do
         return UOZ_ERR_GENERAL;
     }
     UOZ_DBGLOG(UOZ_LOG_DBG, "Received msg: %s\n", document);
-    RoutineQuery query;
-    int rc = build_remote_command_query(handle, document, &query);
-    return rc != UOZ_OK ? rc : send_routine_query(handle, std::move(query), response);
+    Request request;
+    int rc = build_remote_command_request(handle, document, &request);
+    return rc != UOZ_OK ? rc : run_routine_request(handle, std::move(request), response);
 }
 
 int UDSOverZelko_ExecuteRemoteCommand_Async(UDSOverZelkoHandle *, const char *, uint32_t,

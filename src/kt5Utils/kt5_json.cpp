@@ -51,6 +51,14 @@ void store(json_object *value, json_type type, void *out) {
 
 }  // namespace
 
+bool kt5_json_add(json_object *object, const char *key, json_object *value) {
+    if (json_object_object_add_ex(object, key, value, JSON_C_OBJECT_ADD_CONSTANT_KEY) != 0) {
+        json_object_put(value);
+        return false;
+    }
+    return value != nullptr;
+}
+
 json_object *kt5_json_copy(json_object *obj) {
     if (obj == nullptr)
         return nullptr;

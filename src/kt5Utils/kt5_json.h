@@ -33,6 +33,16 @@ json_object *kt5_json_borrow(json_object *obj, json_type type, const char *first
 // counts), else 0. Logs nothing.
 int kt5_json_has(json_object *obj, ...) __attribute__((sentinel));
 
+// Adds value under key; the object takes the value over (NULL adds JSON
+// null). The key is not copied: it must live as long as the object (a
+// literal or a static table's text). False when value is NULL or cannot be
+// added (it is then released).
+// The one way the library adds object members. Where a message is built
+// without testing its additions (routines, the consent message), the result
+// is ignored: an addition fails only when memory runs out, and the message
+// then goes out without that member.
+bool kt5_json_add(json_object *object, const char *key, json_object *value);
+
 // Owning pointer for json-c values.
 struct JsonPut {
     void operator()(json_object *obj) const { json_object_put(obj); }

@@ -26,7 +26,11 @@ constexpr int kKeepaliveSeconds = 30;
 constexpr int kLoopTimeoutMs = 100;
 constexpr auto kFirstRetry = std::chrono::milliseconds(100);
 constexpr auto kLastRetry = std::chrono::milliseconds(5000);
+constexpr int kReasonNormalDisconnect = 0x00;
 constexpr int kReasonDisconnectWithWill = 0x04;
+// How long a clean stop waits for the broker to take the withdrawn presence.
+constexpr int kWithdrawLoops = 50;
+constexpr int kWithdrawLoopMs = 10;
 constexpr int kQos = 1;
 
 // A message accepted by kt5bus_send_message and not yet reported.
@@ -106,9 +110,10 @@ class Client {
     void report_finished();
     void expire_pending();
     void fail_all_pending();
-    Pending *finish_if_done(std::map<uint32_t, Pending>::iterator entry);
+    void finish_if_done(std::map<uint32_t, Pending>::iterator entry);
     int publish(uint32_t id, Pending &pending);
     void release_held();
+    bool withdraw_presence();
 
     kt5bus_client *record_;
     Url url_;
@@ -134,6 +139,8 @@ class Client {
     // empty report costs no allocation.
     std::vector<std::pair<kt5bus_message *, bool>> finished_;
     Clock::time_point next_expiry_scan_{};  // client thread only
+    int withdrawal_mid_ = -1;               // client thread only
+    bool withdrawal_acknowledged_ = false;  // client thread only
 };
 
 Client::~Client() {
@@ -240,7 +247,12 @@ void Client::run() {
         wait_before_retry(&delay);
     }
     if (socket_open) {
-        mosquitto_disconnect_v5(mosq_, kReasonDisconnectWithWill, nullptr);
+        // The Will stays for crashes. A clean stop withdraws the presence
+        // itself, so that peers learn of it whatever the broker does with a
+        // disconnect reason; only when the broker did not take the withdrawal
+        // is the Will asked for as well.
+        int reason = withdraw_presence() ? kReasonNormalDisconnect : kReasonDisconnectWithWill;
+        mosquitto_disconnect_v5(mosq_, reason, nullptr);
         for (int i = 0; i < 5 && mosquitto_loop(mosq_, 10, 1) == MOSQ_ERR_SUCCESS; ++i) {
         }
     }
@@ -276,6 +288,7 @@ void Client::subscribe_and_announce() {
     }
     topics.push_back("kt5/presence/#");
     std::vector<char *> pointers;
+    pointers.reserve(topics.size());
     for (std::string &topic : topics)
         pointers.push_back(&topic[0]);
     mosquitto_subscribe_multiple(mosq_, nullptr, static_cast<int>(pointers.size()), pointers.data(),
@@ -318,18 +331,45 @@ void Client::release_held() {
     held_.clear();
 }
 
-void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {
-    // 0x00: a subscription matched; 0x10: none did; >= 0x80: refused.
-    static_cast<Client *>(self)->acknowledge(mid, reason == 0);
+// Publishes the empty retained presence record and runs the connection until
+// the broker acknowledges it; false when it did not within half a second.
+bool Client::withdraw_presence() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        if (!session_up_)
+            return false;
+    }
+    std::string presence = presence_topic(cn_, client_id_);
+    if (mosquitto_publish_v5(mosq_, &withdrawal_mid_, presence.c_str(), 0, nullptr, kQos, true,
+                             nullptr) != MOSQ_ERR_SUCCESS) {
+        return false;
+    }
+    for (int i = 0; i < kWithdrawLoops && !withdrawal_acknowledged_; ++i) {
+        if (mosquitto_loop(mosq_, kWithdrawLoopMs, 1) != MOSQ_ERR_SUCCESS)
+            return false;
+    }
+    return withdrawal_acknowledged_;
 }
 
-Pending *Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
+// The broker's acknowledgement means it accepted the message. 0x00 also says
+// that a subscription matched and 0x10 that none did, but brokers need not
+// send 0x10 (MQTT 5 makes it optional), so a message nobody receives may
+// still be reported delivered; >= 0x80: refused.
+void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {
+    auto *client = static_cast<Client *>(self);
+    if (mid == client->withdrawal_mid_ && reason < 0x80) {
+        client->withdrawal_acknowledged_ = true;
+        return;
+    }
+    client->acknowledge(mid, reason == 0);
+}
+
+void Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
     Pending &pending = entry->second;
     if (pending.outstanding > 0 || !pending.returned)
-        return nullptr;
+        return;
     finished_.emplace_back(pending.message, pending.ok);
     pending_.erase(entry);
-    return nullptr;
 }
 
 void Client::acknowledge(int mid, bool ok) {

@@ -173,7 +173,8 @@ KT5BUS_EXTERN int kt5bus_init_client(kt5bus_client *client, const char *url);
 
 /*
  * Stop the client: every pending message is reported not delivered, the
- * presence record is withdrawn, the stopped callback runs (on the calling
+ * presence record is withdrawn by publishing it empty (the Will only when the
+ * broker does not acknowledge that), the stopped callback runs (on the calling
  * thread when the client thread is gone), and the call returns once the
  * client thread has ended. After it no callback of the record runs. Accepts a
  * record that never started (the stopped callback still runs). Returns 0.
@@ -197,7 +198,9 @@ KT5BUS_EXTERN void kt5bus_free_address(kt5bus_address *chain, int free_names);
  * library owns the record until it hands it to the delivered callback exactly
  * once, never before this call has returned; the callback's receiver releases
  * it. On a nonzero result the caller keeps the record. The third argument is
- * unused.
+ * unused. "Delivered" (ok 1) means the broker accepted the message; where
+ * the broker reports that no subscription matched (MQTT 5 reason 0x10, which
+ * brokers need not send) the message is reported not delivered.
  */
 KT5BUS_EXTERN int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *unused);
 

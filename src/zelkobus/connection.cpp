@@ -42,47 +42,75 @@ bool load_identity(BusConnection *connection, const char *directory, const char 
 
 }  // namespace
 
+namespace {
+
+// Allocates the connection, prepares the bus library and fills the client
+// record; nullptr when memory runs out (after reporting).
+BusConnection *new_connection(const char *broker_url, zebus_message_cb on_message) {
+    auto *connection = static_cast<BusConnection *>(zebus_zalloc(sizeof(BusConnection)));
+    if (connection == nullptr) {
+        ZEBUS_ERROR("memmory allocation failed");
+        return nullptr;
+    }
+    fill_ops();
+    kt5bus_ll_config config{};
+    config.debug = zebus_debug_sink;
+    zebus_ops.init_ll(&config);
+    connection->running = 0;
+    connection->broker_url = uoz_strdup(broker_url);
+    set_callbacks(&connection->client);
+    connection->on_message = on_message;
+    return connection;
+}
+
+// Loads the identity from cert_dir, or from its sub-directory cert_subdir.
+bool load_identity_from(BusConnection *connection, const char *cert_subdir, const char *cert_dir) {
+    char *directory = cert_subdir != nullptr ? zebus_asprintf("%s/%s", cert_dir, cert_subdir)
+                                             : uoz_strdup(cert_dir);
+    if (directory == nullptr || connection->broker_url == nullptr) {
+        ZEBUS_ERROR("memmory allocation failed");
+        free(directory);
+        return false;
+    }
+    bool loaded = load_identity(connection, directory, cert_dir);
+    free(directory);
+    return loaded;
+}
+
+// Starts the client; the status of kt5bus_init_client.
+int start_client(BusConnection *connection, void *user_data) {
+    int status = zebus_ops.init_client(&connection->client, connection->broker_url);
+    if (status != 0) {
+        // Logged once, by the caller's closing line.
+        zebus_format_error("Failed to init kt5bus client err=%d.", status);
+        return status;
+    }
+    connection->user_data = user_data;
+    connection->running = 1;
+    // Published last: a callback that sees the owner sees the rest.
+    __atomic_store_n(&connection->client.owner, static_cast<void *>(connection), __ATOMIC_RELEASE);
+    return 0;
+}
+
+}  // namespace
+
 BusConnection *zebus_init(const char *cert_subdir, const char *cert_dir, const char *broker_url,
                           void *user_data, zebus_message_cb on_message, uint32_t bus_option) {
     (void)bus_option;  // accepted for the bus library's options; not read
     int status = -1;
     BusConnection *connection = nullptr;
-    char *directory = nullptr;
     if (cert_dir == nullptr) {
         ZEBUS_ERROR("cert_dir is NULL");
     } else if (broker_url == nullptr) {
         ZEBUS_ERROR("broker_url is NULL");
-    } else if ((connection = static_cast<BusConnection *>(zebus_zalloc(sizeof(BusConnection)))) ==
-               nullptr) {
-        ZEBUS_ERROR("memmory allocation failed");
     } else {
-        fill_ops();
-        kt5bus_ll_config config{};
-        config.debug = zebus_debug_sink;
-        zebus_ops.init_ll(&config);
-        connection->running = 0;
-        connection->broker_url = zebus_strdup(broker_url);
-        set_callbacks(&connection->client);
-        connection->on_message = on_message;
-        directory = cert_subdir != nullptr ? zebus_asprintf("%s/%s", cert_dir, cert_subdir)
-                                           : zebus_strdup(cert_dir);
-        bool identity_ok = directory == nullptr || load_identity(connection, directory, cert_dir);
-        free(directory);
-        directory = nullptr;
-        if (identity_ok) {
-            status = zebus_ops.init_client(&connection->client, connection->broker_url);
-            if (status == 0) {
-                connection->user_data = user_data;
-                connection->running = 1;
-                // Published last: a callback that sees the owner sees the rest.
-                __atomic_store_n(&connection->client.owner, static_cast<void *>(connection),
-                                 __ATOMIC_RELEASE);
+        connection = new_connection(broker_url, on_message);
+        if (connection != nullptr && load_identity_from(connection, cert_subdir, cert_dir)) {
+            status = start_client(connection, user_data);
+            if (status == 0)
                 return connection;
-            }
-            ZEBUS_ERROR("Failed to init kt5bus client err=%d.", status);
         }
     }
-    free(directory);
     zebus_stop(connection);
     UOZ_DBGLOG(UOZ_LOG_ERR, "Failed to init kt5bus client err=%d.", status);
     return nullptr;

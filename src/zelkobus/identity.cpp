@@ -35,6 +35,17 @@ void zebus_release_identity(kt5bus_identity *identity) {
     identity->kind = 0;
 }
 
+namespace {
+
+// Reports why the identity could not be loaded and releases what was read.
+int identity_failure(kt5bus_identity *identity, const char *what) {
+    ZEBUS_ERROR("%s", what);
+    zebus_release_identity(identity);
+    return 1;
+}
+
+}  // namespace
+
 // Files are read in the order private key, CA certificate, node certificate;
 // the first failure stops the load and releases what was read.
 int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path, const char *cert_path,
@@ -42,23 +53,22 @@ int zebus_load_x509_identity(kt5bus_identity *identity, const char *key_path, co
     memset(identity, 0, sizeof(*identity));
     identity->kind = KT5BUS_IDENTITY_X509;
     kt5bus_x509 &x509 = identity->x509;
-    const char *failure = nullptr;
-    if ((x509.private_key = zebus_read_file(key_path)) == nullptr) {
-        failure = "identity->x509.private_key is NULL";
-    } else if ((x509.trust = new_buffer_list()) == nullptr) {
-        failure = "identity->x509.trust is NULL";
-    } else if ((x509.chain = new_buffer_list()) == nullptr) {
-        failure = "identity->x509.chain is NULL";
-    } else if ((x509.trust[0] = zebus_read_file(ca_path)) == nullptr) {
-        failure = "identity->x509.trust[0] is NULL";
-    } else if ((x509.chain[0] = zebus_read_file(cert_path)) == nullptr) {
-        failure = "identity->x509.chain[0] is NULL";
-    }
-    if (failure == nullptr)
-        return 0;
-    ZEBUS_ERROR("%s", failure);
-    zebus_release_identity(identity);
-    return 1;
+    x509.private_key = zebus_read_file(key_path);
+    if (x509.private_key == nullptr)
+        return identity_failure(identity, "identity->x509.private_key is NULL");
+    x509.trust = new_buffer_list();
+    if (x509.trust == nullptr)
+        return identity_failure(identity, "identity->x509.trust is NULL");
+    x509.chain = new_buffer_list();
+    if (x509.chain == nullptr)
+        return identity_failure(identity, "identity->x509.chain is NULL");
+    x509.trust[0] = zebus_read_file(ca_path);
+    if (x509.trust[0] == nullptr)
+        return identity_failure(identity, "identity->x509.trust[0] is NULL");
+    x509.chain[0] = zebus_read_file(cert_path);
+    if (x509.chain[0] == nullptr)
+        return identity_failure(identity, "identity->x509.chain[0] is NULL");
+    return 0;
 }
 
 int zebus_load_identity(kt5bus_identity *identity, const char *directory) {
@@ -82,17 +92,11 @@ char *zebus_identity_name(kt5bus_identity *identity, int kind) {
         for (kt5bus_address *address = chain; address != nullptr; address = address->next) {
             switch (address->kind) {
                 case KT5BUS_ADDR_UA:
-                    if (name == nullptr && kind == KT5BUS_ADDR_UA) {
-                        name = zebus_strdup(address->value.name);
-                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, ua=%s", address->kind,
-                                   address->value.name);
-                    }
-                    break;
                 case KT5BUS_ADDR_GROUP:
-                    if (name == nullptr && kind == KT5BUS_ADDR_GROUP) {
-                        name = zebus_strdup(address->value.name);
-                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, group=%s", address->kind,
-                                   address->value.name);
+                    if (name == nullptr && kind == address->kind) {
+                        name = uoz_strdup(address->value.name);
+                        UOZ_DBGLOG(UOZ_LOG_INFO, "type=%d, %s=%s", address->kind,
+                                   kind == KT5BUS_ADDR_UA ? "ua" : "group", address->value.name);
                     }
                     break;
                 case KT5BUS_ADDR_SPECIAL:

@@ -23,7 +23,7 @@ kt5bus_message *new_message(const char *text) {
         ZEBUS_ERROR("memory allocation failed");
         return nullptr;
     }
-    message->data = zebus_strdup(text);
+    message->data = uoz_strdup(text);
     if (message->data == nullptr) {
         ZEBUS_ERROR("memory allocation failed");
         free(message);

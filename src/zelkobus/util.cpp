@@ -25,16 +25,6 @@ void *zebus_zalloc(size_t size) {
     return block;
 }
 
-char *zebus_strdup(const char *text) {
-    if (text == nullptr)
-        return nullptr;
-    size_t size = strlen(text) + 1;
-    auto *copy = static_cast<char *>(zebus_zalloc(size));
-    if (copy != nullptr)
-        memcpy(copy, text, size);
-    return copy;
-}
-
 char *zebus_asprintf(const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -48,14 +38,14 @@ void zebus_debug_sink(const char *text) {
     UOZ_DBGLOG(UOZ_LOG_DBG, "%s\n", text);
 }
 
-namespace {
-
-void free_buffer(kt5bus_buffer *buffer) {
+void zebus_release_buffer(kt5bus_buffer *buffer) {
     if (buffer == nullptr)
         return;
     free(buffer->data);
     free(buffer);
 }
+
+namespace {
 
 // Reads `size` bytes of the open file into data; true when all arrived.
 bool read_all(int fd, const char *path, char *data, size_t size) {
@@ -107,12 +97,8 @@ kt5bus_buffer *zebus_read_file(const char *path) {
                                                         static_cast<size_t>(size));
     close(fd);
     if (!complete) {
-        free_buffer(buffer);
+        zebus_release_buffer(buffer);
         return nullptr;
     }
     return buffer;
-}
-
-void zebus_release_buffer(kt5bus_buffer *buffer) {
-    free_buffer(buffer);
 }

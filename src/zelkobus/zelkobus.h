@@ -70,7 +70,6 @@ void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,
 void zebus_on_stopped(kt5bus_client *client);
 
 void *zebus_zalloc(size_t size);
-char *zebus_strdup(const char *text);
 char *zebus_asprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 kt5bus_buffer *zebus_read_file(const char *path);
 int zebus_load_identity(kt5bus_identity *identity, const char *directory);

@@ -2,6 +2,7 @@
 #ifndef UOZ_ZELKOBUS_ZELKOBUS_INTERNAL_H
 #define UOZ_ZELKOBUS_ZELKOBUS_INTERNAL_H
 
+#include "kt5Utils/text.h"
 #include "logging/uoz_log.h"
 #include "zelkobus/zelkobus.h"
 
@@ -15,6 +16,7 @@ void zebus_format_error(const char *format, ...) __attribute__((format(printf, 1
         UOZ_DBGLOG(UOZ_LOG_ERR, "%s", zebus_last_error); \
     } while (0)
 
+// Frees a buffer read by zebus_read_file and its data; NULL is accepted.
 void zebus_release_buffer(kt5bus_buffer *buffer);
 
 #endif

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <string>
 
 #include "UDSOverZelko/config.h"
 #include "UDSOverZelko/query.h"
@@ -33,8 +36,7 @@ class QueryTest : public ::testing::Test {
         int fd = mkstemp(path);
         EXPECT_EQ(write(fd, text, strlen(text)), static_cast<ssize_t>(strlen(text)));
         close(fd);
-        auto *handle = static_cast<UDSOverZelkoHandle *>(calloc(1, sizeof(UDSOverZelkoHandle)));
-        reply_wait_init(&handle->consent_wait);
+        UDSOverZelkoHandle *handle = new_handle();
         int saved = uoz_dbg_level;
         uoz_dbg_level = -1;
         EXPECT_EQ(load_ecu_config(handle, path), 0);
@@ -140,31 +142,36 @@ TEST_F(QueryTest, transportModeNamesAndKeys) {
         const char *key;
     } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
     for (const Case &c : cases) {
-        char key[8] = "";
-        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), key, sizeof(key)));
+        const char *key = nullptr;
+        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
         EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
         EXPECT_STREQ(key, c.key);
     }
-    char key[8] = "keep";
-    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), key, sizeof(key)), nullptr);
+    const char *key = "keep";
+    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
     EXPECT_STREQ(key, "keep");
 }
 
-TEST(ReplyIdTest, usesTheAlphabetAndRepeatsWithinASecond) {
-    char *first = generate_reply_id(REPLY_ID_LENGTH);
-    char *second = generate_reply_id(REPLY_ID_LENGTH);
-    ASSERT_EQ(strlen(first), 24u);
-    EXPECT_EQ(strspn(first, REPLY_ID_ALPHABET), 24u);
-    // Reseeded from the calendar second at every call: equal unless it turned.
-    if (strcmp(first, second) != 0) {
-        free(second);
-        second = generate_reply_id(REPLY_ID_LENGTH);
-        char *third = generate_reply_id(REPLY_ID_LENGTH);
-        EXPECT_STREQ(second, third);
-        free(third);
+// Each character is rand() % 68 after srand() of the calendar second; a
+// check whose second turned while it ran is run again.
+TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+    for (;;) {
+        time_t now = time(nullptr);
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr shorter(generate_reply_id(5));
+        srand(static_cast<unsigned>(now));
+        std::string expected;
+        for (int i = 0; i < REPLY_ID_LENGTH; ++i)
+            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+        if (time(nullptr) != now)
+            continue;
+        EXPECT_EQ(first.get(), expected);
+        EXPECT_EQ(second.get(), expected);
+        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        break;
     }
-    free(first);
-    free(second);
+    EXPECT_EQ(generate_reply_id(-1), nullptr);
 }
 
 }  // namespace

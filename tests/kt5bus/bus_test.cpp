@@ -93,7 +93,11 @@ TEST(BusTest, messagesReachAgentsGroupsAndTheDmClientWithTheirSource) {
     EXPECT_EQ(dmc->received()[0].text, "to the dm client");
 }
 
-TEST(BusTest, deliveryIsReportedOnceWithWhetherAnyoneSubscribed) {
+// A delivery report means the broker accepted the message. That a message to
+// an absent peer is reported not delivered rests on the broker answering
+// PUBACK reason 0x10 (no matching subscribers), which MQTT 5 makes optional:
+// this case needs a broker that sends it, as mosquitto does.
+TEST(BusTest, deliveryIsReportedOnceAndNoSubscriberRefinesItWhereTheBrokerSaysSo) {
     Broker broker;
     auto one = peer("peer1", broker), two = peer("peer2", broker);
     ASSERT_TRUE(one->wait_running() && two->wait_running());
@@ -106,6 +110,9 @@ TEST(BusTest, deliveryIsReportedOnceWithWhetherAnyoneSubscribed) {
     EXPECT_EQ(one->delivered_failed(), 1u);
 }
 
+// A clean stop withdraws the presence record itself and disconnects without
+// asking for the Will, so the peer learns of it from the withdrawal alone;
+// the Will covers the killed process.
 TEST(BusTest, presenceReportsCleanStopAndAKilledProcess) {
     Broker broker;
     auto one = peer("peer1", broker);
@@ -130,13 +137,6 @@ TEST(BusTest, presenceReportsCleanStopAndAKilledProcess) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     EXPECT_TRUE(one->wait_for_peer_gone("<DM-CLIENT>", 5000));
-}
-
-TEST(BusTest, clientOfAnotherCaIsRefused) {
-    Broker broker;
-    auto intruder = peer("intruder", broker, other_pki_dir());
-    EXPECT_TRUE(intruder->wait_for_status(KT5BUS_STATUS_CONNECTION_FAILED, 5000));
-    EXPECT_FALSE(intruder->wait_running(300));
 }
 
 // A bare MQTT client with a node's certificate, to try what our library never does.

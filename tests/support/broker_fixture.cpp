@@ -95,12 +95,18 @@ std::string Broker::url() const {
 }
 
 // The broker dies with the test process, even when a sanitizer ends it without
-// running destructors.
+// running destructors. $UOZ_TEST_BROKER replaces mosquitto: see the header.
 void Broker::start() {
     if (pid_ > 0)
         return;
     std::string conf = work_dir_ + "/mosquitto.conf";
     std::string log = work_dir_ + "/mosquitto.log";
+    const char *command = getenv("UOZ_TEST_BROKER");
+    std::string shell_command = command != nullptr ? std::string("exec ") + command : "";
+    setenv("UOZ_BROKER_CONFIG", conf.c_str(), 1);
+    setenv("UOZ_BROKER_PORT", std::to_string(port_).c_str(), 1);
+    setenv("UOZ_BROKER_PKI", pki_dir().c_str(), 1);
+    setenv("UOZ_BROKER_ACL", (pki_dir() + "/acl").c_str(), 1);
     pid_t parent = getpid();
     pid_ = fork();
     if (pid_ < 0)
@@ -113,6 +119,10 @@ void Broker::start() {
         if (fd >= 0) {
             dup2(fd, 1);
             dup2(fd, 2);
+        }
+        if (command != nullptr) {
+            execl("/bin/sh", "sh", "-c", shell_command.c_str(), static_cast<char *>(nullptr));
+            _exit(127);
         }
         execlp("mosquitto", "mosquitto", "-c", conf.c_str(), static_cast<char *>(nullptr));
         // Debian installs the broker in /usr/sbin, which a user's PATH may lack.
@@ -128,11 +138,11 @@ void Broker::wait_until_accepting() {
         int status = 0;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            throw std::runtime_error("mosquitto exited at start; see " + work_dir_ +
+            throw std::runtime_error("the broker exited at start; see " + work_dir_ +
                                      "/mosquitto.log");
         }
         if (std::chrono::steady_clock::now() > deadline) {
-            throw std::runtime_error("mosquitto does not accept connections");
+            throw std::runtime_error("the broker does not accept connections");
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }

@@ -1,4 +1,13 @@
-// A real mosquitto broker for the tests, with the test PKI made by uoz-pki.
+// A real MQTT 5 broker for the tests, with the test PKI made by uoz-pki.
+//
+// mosquitto by default. $UOZ_TEST_BROKER, when set, is a shell command that
+// runs another broker in its place (in the foreground, so that stop() and
+// kill() reach it). It finds in its environment what it must serve:
+//   UOZ_BROKER_PORT    the loopback port to listen on (TLS)
+//   UOZ_BROKER_PKI     the test PKI: ca/, broker/ and the node identities
+//   UOZ_BROKER_ACL     the access rules in mosquitto's ACL syntax
+//   UOZ_BROKER_CONFIG  the whole mosquitto configuration, for reference
+// Its output goes to mosquitto.log in the broker's work directory.
 #ifndef UOZ_TESTS_BROKER_FIXTURE_H
 #define UOZ_TESTS_BROKER_FIXTURE_H
 
@@ -16,7 +25,7 @@ std::string pki_dir();
 std::string other_pki_dir();
 std::string identity_dir(const std::string &node);
 
-// One mosquitto on a free loopback port, stopped and reaped on destruction.
+// One broker on a free loopback port, stopped and reaped on destruction.
 class Broker {
   public:
     Broker();

@@ -30,7 +30,7 @@ std::vector<std::string> log_lines(const std::string &output) {
     std::smatch match;
     while (std::getline(stream, line)) {
         if (std::regex_match(line, match, line_form))
-            lines.push_back(match[1].str() + " " + match[2].str() + ": " + match[3].str());
+            lines.push_back(match[1].str() + " " + match[3].str());
         else if (!line.empty())
             lines.push_back("? " + line);
     }
@@ -88,10 +88,9 @@ TEST_F(ZelkobusTest, NullCertDirCallsNoBusOperation) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(nullptr, zebus_init("app", nullptr, "tcp://broker:1", nullptr, nullptr, 0));
     auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ(
-        (std::vector<std::string>{"ERR connection.cpp: cert_dir is NULL",
-                                  "ERR connection.cpp: Failed to init kt5bus client err=-1."}),
-        lines);
+    EXPECT_EQ((std::vector<std::string>{"ERR cert_dir is NULL",
+                                        "ERR Failed to init kt5bus client err=-1."}),
+              lines);
     EXPECT_TRUE(fakebus::calls().empty());
     EXPECT_STREQ("cert_dir is NULL", zebus_last_error);
 }
@@ -103,11 +102,10 @@ TEST_F(ZelkobusTest, MissingPrivateKeyStopsBeforeOtherFiles) {
     std::string output;
     EXPECT_EQ(nullptr, start(&output));
     std::string dir = root_ + "/app";
-    EXPECT_EQ((std::vector<std::string>{
-                  "ERR util.cpp: unable to open path",
-                  "ERR identity.cpp: identity->x509.private_key is NULL",
-                  "ERR connection.cpp: Failed to load identity certificate from " + dir,
-                  "ERR connection.cpp: Failed to init kt5bus client err=-1."}),
+    EXPECT_EQ((std::vector<std::string>{"ERR unable to open path",
+                                        "ERR identity->x509.private_key is NULL",
+                                        "ERR Failed to load identity certificate from " + dir,
+                                        "ERR Failed to init kt5bus client err=-1."}),
               log_lines(output));
     EXPECT_EQ((std::vector<std::string>{"init_ll(debug)", "stop_client()", "fini_ll()"}),
               fakebus::calls());
@@ -121,10 +119,9 @@ TEST_F(ZelkobusTest, MissingCaLeavesCertificateUnread) {
     EXPECT_EQ(nullptr, start(&output));
     auto lines = log_lines(output);
     ASSERT_EQ(4u, lines.size());
-    EXPECT_EQ("ERR util.cpp: unable to open path", lines[0]);
-    EXPECT_EQ("ERR identity.cpp: identity->x509.trust[0] is NULL", lines[1]);
-    EXPECT_EQ("ERR connection.cpp: Failed to load identity certificate from " + root_ + "/app",
-              lines[2]);
+    EXPECT_EQ("ERR unable to open path", lines[0]);
+    EXPECT_EQ("ERR identity->x509.trust[0] is NULL", lines[1]);
+    EXPECT_EQ("ERR Failed to load identity certificate from " + root_ + "/app", lines[2]);
 }
 
 TEST_F(ZelkobusTest, ReadFileLengthIsSizePlusOne) {
@@ -155,7 +152,7 @@ TEST_F(ZelkobusTest, IdentityDirectoryWithAndWithoutSubdirectory) {
     EXPECT_STREQ("g1", connection->group_name);
     auto lines = log_lines(output);
     ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("INFO connection.cpp: node=/uoz/app, cert_dir=" + root_, lines.back());
+    EXPECT_EQ("INFO node=/uoz/app, cert_dir=" + root_, lines.back());
     zebus_stop(connection);
 
     fakebus::reset();
@@ -175,7 +172,7 @@ TEST_F(ZelkobusTest, RefusedClientStartReportsItsCode) {
     EXPECT_EQ(nullptr, start(&output));
     auto lines = log_lines(output);
     ASSERT_GE(lines.size(), 1u);
-    EXPECT_EQ("ERR connection.cpp: Failed to init kt5bus client err=-4.", lines.back());
+    EXPECT_EQ("ERR Failed to init kt5bus client err=-4.", lines.back());
     auto calls = fakebus::calls();
     ASSERT_GE(calls.size(), 3u);
     EXPECT_EQ("init_client(tcp://broker:1)", calls[calls.size() - 3]);
@@ -207,7 +204,7 @@ TEST_F(StartedTest, SendCopiesTextAndLogsIt) {
     auto lines = log_lines(testing::internal::GetCapturedStdout());
     memset(text, 'X', strlen(text));
     free(text);
-    EXPECT_EQ((std::vector<std::string>{"INFO send.cpp: zebus_send_message status=0, "
+    EXPECT_EQ((std::vector<std::string>{"INFO zebus_send_message status=0, "
                                         "target=/ZDATA/UDS, id=0001a, msg={\"a\":1}"}),
               lines);
     ASSERT_EQ(1u, fakebus::pending_count());
@@ -223,7 +220,7 @@ TEST_F(StartedTest, RefusedSendReleasesEverything) {
     EXPECT_EQ(KT5BUS_ERR_FULL, zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
     auto lines = log_lines(testing::internal::GetCapturedStdout());
     ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("INFO send.cpp: zebus_send_message status=-6, target=g, id=00000, msg={}", lines[0]);
+    EXPECT_EQ("INFO zebus_send_message status=-6, target=g, id=00000, msg={}", lines[0]);
     EXPECT_EQ(0u, fakebus::pending_count());  // leaks would show under ASan
 }
 
@@ -232,15 +229,15 @@ TEST_F(StartedTest, SendToGroupsNeedsEveryName) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty));
     auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"ERR send.cpp: Error while adding type handler"}), lines);
+    EXPECT_EQ((std::vector<std::string>{"ERR Error while adding type handler"}), lines);
 
     fakebus::refuse_name("bad");
     const char *names[] = {"good", "bad", nullptr};
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, zebus_send_message(connection_, "{}", names));
     lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"ERR send.cpp: Failed to get address for bad",
-                                        "ERR send.cpp: Error while adding type handler"}),
+    EXPECT_EQ((std::vector<std::string>{"ERR Failed to get address for bad",
+                                        "ERR Error while adding type handler"}),
               lines);
     EXPECT_EQ(0u, fakebus::pending_count());
 
@@ -263,10 +260,9 @@ TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
     fakebus::deliver_oldest(1);
     fakebus::deliver_oldest(0);
     auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{
-                  "WARN callbacks.cpp: BUS ERR 00001 {}", "WARN callbacks.cpp: BUS ERR 00002 {}",
-                  "WARN callbacks.cpp: BUS ERR 00003 {}", "WARN callbacks.cpp: BUS ERR 00004 {}",
-                  "D2BG callbacks.cpp: BUS ACK 00006 {}", "WARN callbacks.cpp: BUS ERR 00007 {}"}),
+    EXPECT_EQ((std::vector<std::string>{"WARN BUS ERR 00001 {}", "WARN BUS ERR 00002 {}",
+                                        "WARN BUS ERR 00003 {}", "WARN BUS ERR 00004 {}",
+                                        "D2BG BUS ACK 00006 {}", "WARN BUS ERR 00007 {}"}),
               lines);
 }
 
@@ -289,13 +285,11 @@ TEST_F(StartedTest, PresenceBits) {
     fakebus::inject_presence(dm, nullptr);
     fakebus::inject_presence(nullptr, dm);
     auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"INFO callbacks.cpp: Connected: <UA: /x> ",
-                                        "INFO callbacks.cpp: Zelko Bus state: 0x02",
-                                        "INFO callbacks.cpp: Connected: <DM-CLIENT>",
-                                        "INFO callbacks.cpp: Zelko Bus state: 0x06",
-                                        "INFO callbacks.cpp: Disconnected: <DM-CLIENT>",
-                                        "INFO callbacks.cpp: Zelko Bus state: 0x02"}),
-              lines);
+    EXPECT_EQ(
+        (std::vector<std::string>{"INFO Connected: <UA: /x> ", "INFO Zelko Bus state: 0x02",
+                                  "INFO Connected: <DM-CLIENT>", "INFO Zelko Bus state: 0x06",
+                                  "INFO Disconnected: <DM-CLIENT>", "INFO Zelko Bus state: 0x02"}),
+        lines);
     kt5bus_free_address(dm, 1);
     kt5bus_free_address(ua, 1);
 }
@@ -305,15 +299,15 @@ TEST_F(StartedTest, StatusTexts) {
         int status;
         const char *line;
     } cases[] = {
-        {0, "INFO callbacks.cpp: Zelko Bus connection: running"},
-        {1, "ERR callbacks.cpp: Zelko Bus error: resolution failed"},
-        {2, "ERR callbacks.cpp: Zelko Bus error: connection failed"},
-        {3, "ERR callbacks.cpp: Zelko Bus error: registration failed"},
-        {4, "ERR callbacks.cpp: Zelko Bus error: connection broke"},
-        {5, "ERR callbacks.cpp: Zelko Bus error: connection aborted"},
-        {6, "ERR callbacks.cpp: Zelko Bus error: client stopped"},
-        {7, "INFO callbacks.cpp: Zelko Bus connection: start"},
-        {12, "ERR callbacks.cpp: Zelko Bus error: condition=12"},
+        {0, "INFO Zelko Bus connection: running"},
+        {1, "ERR Zelko Bus error: resolution failed"},
+        {2, "ERR Zelko Bus error: connection failed"},
+        {3, "ERR Zelko Bus error: registration failed"},
+        {4, "ERR Zelko Bus error: connection broke"},
+        {5, "ERR Zelko Bus error: connection aborted"},
+        {6, "ERR Zelko Bus error: client stopped"},
+        {7, "INFO Zelko Bus connection: start"},
+        {12, "ERR Zelko Bus error: condition=12"},
     };
     for (const auto &c : cases) {
         testing::internal::CaptureStdout();

@@ -1,0 +1,261 @@
+// Edge cases at unit level: validity periods, every ReadDTCInformation body,
+// the banner text, and configuration files with odd entries.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "UDSOverZelko/config.h"
+#include "UDSOverZelko/read_dtc.h"
+#include "UDSOverZelko/remote_command.h"
+#include "kt5Utils/kt5_json.h"
+#include "log_capture.h"
+
+namespace uoztest {
+namespace {
+
+std::string utc_text(time_t when) {
+    struct tm calendar = {};
+    gmtime_r(&when, &calendar);
+    char text[32];
+    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &calendar);
+    return text;
+}
+
+struct ValidityCase {
+    const char *name;
+    long start_offset;  // seconds from now
+    long end_offset;
+    int valid;
+    const char *log;  // the ERR line, or "" for none
+};
+
+// Runs the check with texts made from the current second; a case whose
+// second turned while it ran is run again, so that "now" is the one the
+// texts were made from.
+std::string run_validity(const ValidityCase &c, int *result) {
+    for (;;) {
+        time_t now = time(nullptr);
+        std::string start = utc_text(now + c.start_offset);
+        std::string end = utc_text(now + c.end_offset);
+        LogCapture capture(0);
+        *result = check_command_validity(start.c_str(), end.c_str());
+        std::string log = capture.text();
+        if (time(nullptr) == now)
+            return log;
+    }
+}
+
+TEST(ValidityTest, periodsAreCheckedToTheSecondWithTheirMessages) {
+    const ValidityCase cases[] = {
+        {"now is the start", 0, 3600, 1, ""},
+        {"now is the end", -3600, 0, 1, ""},
+        {"start and end are now", 0, 0, 1, ""},
+        {"starts in an hour", 3600, 7200, 0, "Command validity not started yet\n"},
+        {"starts in a second", 1, 7200, 0, "Command validity not started yet\n"},
+        {"ended an hour ago", -7200, -3600, 0, "Command validity expired\n"},
+        {"ended a second ago", -7200, -1, 0, "Command validity expired\n"},
+        {"end before start", 3600, -3600, 0, "Command validity not started yet\n"},
+    };
+    for (const ValidityCase &c : cases) {
+        int result = -1;
+        std::string log = run_validity(c, &result);
+        EXPECT_EQ(result, c.valid) << c.name;
+        if (c.log[0] == '\0') {
+            EXPECT_EQ(log, "") << c.name;
+        } else {
+            EXPECT_NE(log.find(std::string(" ") + c.log), std::string::npos) << c.name << log;
+        }
+    }
+}
+
+TEST(ValidityTest, unreadableTimesAreInvalidAndSaySoOnStandardOutput) {
+    const char *const texts[] = {
+        "2025-03-01 06:00:00",        // no T, no Z
+        "2025-03-01T06:00:00+02:00",  // another zone than UTC
+        "",
+        "yesterday",
+    };
+    for (const char *text : texts) {
+        LogCapture capture(0);
+        EXPECT_EQ(check_command_validity(text, "2100-01-01T00:00:00Z"), 0) << text;
+        EXPECT_EQ(capture.raw(), "Failed to parse time string\n") << text;
+        LogCapture end_capture(0);
+        EXPECT_EQ(check_command_validity("2000-01-01T00:00:00Z", text), 0) << text;
+        EXPECT_EQ(end_capture.raw(), "Failed to parse time string\n") << text;
+    }
+}
+
+TEST(ValidityTest, timesAreUtcWhateverTheProcessTimeZone) {
+    const char *saved = getenv("TZ");
+    std::string saved_zone = saved != nullptr ? saved : "";
+    setenv("TZ", "EST5EDT", 1);
+    tzset();
+    time_t now = time(nullptr);
+    // Valid in UTC; read as local time five hours off, it would not be.
+    int result = check_command_validity(utc_text(now - 60).c_str(), utc_text(now + 3600).c_str());
+    if (saved != nullptr)
+        setenv("TZ", saved_zone.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+    EXPECT_EQ(result, 1);
+}
+
+TEST(ValidityTest, aPeriodWithoutItsEndFailsBeforeTheClockIsRead) {
+    UDSOverZelkoHandle *handle = new_handle();
+    const char *const documents[] = {
+        R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z"},"commands":[]})",
+        R"({"diagnostic_period":{"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
+        R"({"diagnostic_period":{"start_time":5,"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
+    };
+    for (const char *document : documents) {
+        Request request;
+        LogCapture capture(0);
+        EXPECT_EQ(build_remote_command_request(handle, document, &request), -1) << document;
+        EXPECT_STREQ(uoz_last_error, "Error");
+        EXPECT_EQ(capture.text().find("Command validity"), std::string::npos);
+    }
+    Request request;
+    EXPECT_EQ(
+        build_remote_command_request(
+            handle,
+            R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z","end_time":"2001-01-01T00:00:00Z"}})",
+            &request),
+        -10);
+    release_handle(handle);
+}
+
+// ---- ReadDTCInformation bodies ------------------------------------------
+
+TEST(ReadDtcBodyTest, everyServedReportTypeHasItsBody) {
+    const char kMask[] =
+        R"("data-record": { "type": "STATUS_MASK", "record": [ "UDS_STATUS_MASK_TEST_FAILED", "UDS_STATUS_MASK_CONFIRMED_DTC" ] })";
+    const char kDtcAndRecord[] =
+        R"("data-record": { "type": "DTC_AND_RECORD", "record": "12AB3C05" })";
+    const char kRecord[] = R"("data-record": { "type": "RECORD", "record": "05" })";
+    const char kDtc[] = R"("data-record": { "type": "DTC", "record": "12AB3C" })";
+    struct Case {
+        uint32_t subfunction;
+        const char *name;
+        const char *data_record;  // nullptr: none
+    } cases[] = {
+        {0x01, "UDS_REPORT_NO_DTC_BY_STATUS_MASK", kMask},
+        {0x02, "UDS_REPORT_DTC_BY_STATUS_MASK", kMask},
+        {0x03, "UDS_REPORT_DTC_SNAPSHOT_IDENTIFICATION", nullptr},
+        {0x04, "UDS_REPORT_DTC_SNAPSHOT_RECORD_BY_DTC_NUMBER", kDtcAndRecord},
+        {0x05, "UDS_REPORT_DTC_STORED_DATA_BY_RECORD_NUMBER", kRecord},
+        {0x06, "UDS_REPORT_DTC_EXT_DATA_RECORD_BY_DTC_NUMBER", kDtcAndRecord},
+        {0x09, "UDS_REPORT_SEVERITY_INFORMATION_OF_DTC", kDtc},
+        {0x0A, "UDS_REPORT_SUPPORTED_DTCS", nullptr},
+        {0x0B, "UDS_REPORT_FIRST_TEST_FAILED_DTC", nullptr},
+        {0x0C, "UDS_REPORT_FIRST_CONFIRMED_DTC", nullptr},
+        {0x0D, "UDS_REPORT_MOST_RECENT_TEST_FAILED_DTC", nullptr},
+        {0x0E, "UDS_REPORT_MOST_RECENT_CONFIRMED_DTC", nullptr},
+        {0x0F, "UDS_REPORT_MIRROR_MR_DTC_BY_STATUS_MASK", kMask},
+        {0x10, "UDS_REPORT_MIRROR_MR_DTC_EXT_DATA_RECORD_BY_DTC", kDtcAndRecord},
+        {0x11, "UDS_REPORT_NO_MIRROR_MR_DTC_BY_STATUS_MASK", kMask},
+        {0x12, "UDS_REPORT_NO_EMISSION_OBD_DTC_BY_STATUS_MASK", kMask},
+        {0x13, "UDS_REPORT_EMISSION_OBD_DTC_BY_STATUS_MASK", kMask},
+        {0x14, "UDS_REPORT_DTC_FAULT_DETECTION_COUNTER", nullptr},
+        {0x15, "UDS_REPORT_DTC_WITH_PERMANENT_STATUS", nullptr},
+        {0x16, "UDS_REPORT_DTC_EXT_DATA_RECORD_BY_RECORD_NUMBER", kRecord},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(dtc_subfunction_supported(c.subfunction), 0) << c.subfunction;
+        JsonPtr body(build_read_dtc_body(c.subfunction, 0x09, 0x12AB3C, 0x05));
+        ASSERT_TRUE(body) << c.subfunction;
+        std::string expected = std::string(R"({ "SID": "0x19", "subfunction": ")") + c.name + "\"";
+        expected += c.data_record != nullptr ? std::string(", ") + c.data_record + " }" : " }";
+        EXPECT_EQ(json_object_to_json_string(body.get()), expected) << c.subfunction;
+    }
+}
+
+TEST(ReadDtcBodyTest, masksListTheirBitsInOrderAndEmptyWhenZero) {
+    struct Case {
+        uint32_t mask;
+        const char *record;
+    } cases[] = {
+        {0x00, "[ ]"},
+        {0x80, R"([ "UDS_STATUS_MASK_WARNING_INDICATOR_REQUESTED" ])"},
+        {0x44,
+         R"([ "UDS_STATUS_MASK_PENDING_DTC", "UDS_STATUS_MASK_TEST_NOT_COMPLETED_THIS_OP_CYCLE" ])"},
+        {0x1FF, nullptr},  // bits above 0x80 are not looked at: all eight names
+    };
+    for (const Case &c : cases) {
+        JsonPtr names(status_mask_to_names(c.mask));
+        if (c.record != nullptr) {
+            EXPECT_STREQ(json_object_to_json_string(names.get()), c.record) << c.mask;
+        } else {
+            EXPECT_EQ(json_object_array_length(names.get()), 8u);
+        }
+    }
+}
+
+// ---- the banner --------------------------------------------------------
+
+TEST(BannerTest, entryPointsLogTheBannerAtErrAndTheLookUpsDoNot) {
+    LogCapture capture(0);
+    UDSOverZelko_Terminate(nullptr);
+    EXPECT_EQ(UDSOverZelkoSendExternalConsent(nullptr, 0, "c"), CONSENT_INVALID_HANDLE);
+    UDSOverZelkoGetTargetAddressFromECUName(nullptr, "x");
+    UDSOverZelkoGetECUNameFromTargetAddress(nullptr, 1);
+    std::string log = capture.text();
+    const std::string line = R"(\[T\] ERR  [a-z_]+\.cpp:\d+ )";
+    EXPECT_TRUE(std::regex_match(
+        log, std::regex(line + "UDSOverZelko Library Version: -\n" + line +
+                        "UDSOverZelko Library Version: -\n" + line + "Invalid Handle\n")))
+        << log;
+}
+
+// ---- configuration files with odd entries --------------------------------
+
+UDSOverZelkoHandle *load(const std::string &text, std::string *log) {
+    char path[] = "/tmp/uoz-edges-XXXXXX";
+    int fd = mkstemp(path);
+    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(fd);
+    UDSOverZelkoHandle *handle = new_handle();
+    LogCapture capture(0);
+    int rc = load_ecu_config(handle, path);
+    *log = capture.text();
+    unlink(path);
+    EXPECT_EQ(rc, 0) << text;
+    return handle;
+}
+
+TEST(ConfigEdgeTest, nullElementsAreDroppedAndDuplicatesKeptInFileOrder) {
+    const char kBlock[] =
+        R"("can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"})";
+    std::string text = std::string(R"({"configs":[null,)") +
+                       R"({"type":"CAN","targetAddress":"0x7E0","name":"first",)" + kBlock +
+                       R"(},null,{"type":"CAN","targetAddress":"0x7E0","name":"second",)" + kBlock +
+                       R"(},{"type":"CAN","targetAddress":"0x7E1","name":"FIRST",)" + kBlock +
+                       "},7]}";
+    std::string log;
+    UDSOverZelkoHandle *handle = load(text, &log);
+    // Each null element and the number are dropped with the same message.
+    size_t drops = 0;
+    for (size_t at = log.find("Could not parse 'type'\n"); at != std::string::npos;
+         at = log.find("Could not parse 'type'\n", at + 1)) {
+        ++drops;
+    }
+    EXPECT_EQ(drops, 3u) << log;
+    ASSERT_NE(handle->ecus, nullptr);
+    EXPECT_STREQ(handle->ecus->name, "first");
+    ASSERT_NE(handle->ecus->next, nullptr);
+    EXPECT_STREQ(handle->ecus->next->name, "second");
+    // The earlier of two entries wins both look-ups.
+    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "first");
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "first"), 0x7E0);
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "First"), 0x7E0);
+    // No entry reads as -1 here, so the broadcast address names nothing.
+    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, -1), nullptr);
+    release_handle(handle);
+}
+
+}  // namespace
+}  // namespace uoztest
