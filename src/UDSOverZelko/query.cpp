@@ -6,7 +6,6 @@
 #include <string.h>
 #include <time.h>
 
-#include <string>
 
 #include "kt5Utils/kt5_json.h"
 
@@ -107,32 +106,6 @@ bool add_version(json_object *body, EcuConfig *record) {
     return true;
 }
 
-// The characters that srand(second) and then one rand() per character give,
-// drawn from a private generator of the same kind as rand()'s: the
-// application's generator is left alone, concurrent callers do not share
-// state, and the characters of one second are drawn once per thread.
-// Identifiers made within one second repeat; the reply wait never relies on
-// them differing across ECUs.
-struct ReplyIdDraws {
-    time_t second = -1;
-    std::string characters;
-
-    void draw(time_t now, size_t length) {
-        static const char kAlphabet[] = REPLY_ID_ALPHABET;
-        constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
-        char state[128];  // rand()'s generator: the 128-byte additive kind
-        random_data generator{};
-        initstate_r(static_cast<unsigned>(now), state, sizeof(state), &generator);
-        characters.resize(length);
-        for (char &character : characters) {
-            int32_t value = 0;
-            random_r(&generator, &value);
-            character = kAlphabet[static_cast<unsigned>(value) % kAlphabetSize];
-        }
-        second = now;
-    }
-};
-
 }  // namespace
 
 char *generate_reply_id(int32_t length) {
@@ -141,11 +114,17 @@ char *generate_reply_id(int32_t length) {
     auto *id = static_cast<char *>(malloc(static_cast<size_t>(length) + 1));
     if (id == nullptr)
         return nullptr;
-    time_t second = time(nullptr);
-    thread_local ReplyIdDraws draws;
-    if (draws.second != second || draws.characters.size() < static_cast<size_t>(length))
-        draws.draw(second, static_cast<size_t>(length));
-    memcpy(id, draws.characters.data(), static_cast<size_t>(length));
+    static const char kAlphabet[] = REPLY_ID_ALPHABET;
+    constexpr unsigned kAlphabetSize = sizeof(kAlphabet) - 1;
+    // Reseeded from the calendar second at every call, so identifiers made
+    // within one second repeat; the reply wait never relies on them differing
+    // across ECUs. rand() is shared by concurrent callers, which at worst
+    // interleave their draws.
+    srand(static_cast<unsigned>(time(nullptr)));
+    for (int32_t i = 0; i < length; ++i) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe)
+        id[i] = kAlphabet[static_cast<unsigned>(rand()) % kAlphabetSize];
+    }
     id[length] = '\0';
     return id;
 }

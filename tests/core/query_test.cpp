@@ -152,7 +152,7 @@ TEST_F(QueryTest, transportModeNamesAndKeys) {
     EXPECT_STREQ(key, "keep");
 }
 
-// Each character is rand() % 68 after srand() of the calendar second; a
+// Each character is rand() % 69 after srand() of the calendar second; a
 // check whose second turned while it ran is run again.
 TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
     for (;;) {
