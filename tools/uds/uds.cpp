@@ -126,6 +126,65 @@ const char *service_name(uint8_t service) {
     return "unknown";
 }
 
+namespace {
+
+struct SizedName {
+    uint16_t id;
+    int size;
+    const char *name;
+};
+
+constexpr SizedName kDids[] = {
+    {0xF190, 17, "VIN"},
+    {0xF405, 1, "engine coolant temperature"},
+    {0xF40C, 2, "engine speed"},
+    {0xF40D, 1, "vehicle speed"},
+    {0xF411, 1, "throttle position"},
+    {0xF41F, 2, "run time since engine start"},
+    {0xF42F, 1, "fuel tank level"},
+    {0xF442, 2, "control module voltage"},
+    {0xF446, 1, "ambient air temperature"},
+};
+
+constexpr SizedName kExtendedRecords[] = {
+    {0x01, 1, "occurrence counter"},
+    {0x02, 1, "aging counter"},
+    {0x03, 1, "aged counter"},
+    {0x04, 1, "maximum fault detection counter"},
+};
+
+const SizedName *find(const SizedName *table, size_t count, uint16_t id) {
+    for (size_t i = 0; i < count; ++i) {
+        if (table[i].id == id)
+            return &table[i];
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+int did_size(uint16_t did) {
+    const SizedName *entry = find(kDids, sizeof(kDids) / sizeof(kDids[0]), did);
+    return entry != nullptr ? entry->size : -1;
+}
+
+const char *did_name(uint16_t did) {
+    const SizedName *entry = find(kDids, sizeof(kDids) / sizeof(kDids[0]), did);
+    return entry != nullptr ? entry->name : nullptr;
+}
+
+int extended_record_size(uint8_t record) {
+    const SizedName *entry =
+        find(kExtendedRecords, sizeof(kExtendedRecords) / sizeof(kExtendedRecords[0]), record);
+    return entry != nullptr ? entry->size : -1;
+}
+
+const char *extended_record_name(uint8_t record) {
+    const SizedName *entry =
+        find(kExtendedRecords, sizeof(kExtendedRecords) / sizeof(kExtendedRecords[0]), record);
+    return entry != nullptr ? entry->name : nullptr;
+}
+
 uint32_t builtin_key(uint8_t level, uint32_t seed) {
     uint32_t mixed = seed ^ 0x5A17C3E9u;
     unsigned shift = level % 32u;

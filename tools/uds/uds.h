@@ -83,6 +83,15 @@ const char *nrc_name(uint8_t code);
 // The name of a service ("ReadDTCInformation"), or "unknown".
 const char *service_name(uint8_t service);
 
+// Data identifiers and extended data records whose sizes this project's
+// vehicles fix: a decoder splits snapshot and extended data with them, the
+// simulator checks its vehicle file against them. -1 and nullptr for one not
+// in the table (its size is the ECU's own, unknown here).
+int did_size(uint16_t did);
+const char *did_name(uint16_t did);
+int extended_record_size(uint8_t record);
+const char *extended_record_name(uint8_t record);
+
 // Length of seeds and keys of the built-in algorithm, in bytes (big-endian).
 constexpr size_t kBuiltinSeedLength = 4;
 
