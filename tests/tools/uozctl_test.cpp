@@ -115,6 +115,20 @@ TEST_F(UozctlTest, listsTheConfiguredEcus) {
     EXPECT_EQ(uozctl("--config /nonexistent ecus").code, 2);
 }
 
+// With the simulator gone the agent answers at once with a failure: the
+// library sees a failed read (exit 4), not a missing reply (exit 3), and
+// never an empty DTC list.
+TEST_F(UozctlTest, anUnreachableEcuIsAFailureAtOnce) {
+    ecus_.reset();
+    Output engine = uozctl("dtc read engine");
+    EXPECT_EQ(engine.code, 4) << engine.text;
+    EXPECT_EQ(engine.text.find("no DTCs"), std::string::npos) << engine.text;
+    Output all = uozctl("dtc read all");
+    EXPECT_EQ(all.text.find("no DTCs"), std::string::npos) << all.text;
+    EXPECT_EQ(uozctl("version engine").code, 4);
+    EXPECT_NE(agent_->output().find("Connection refused"), std::string::npos);
+}
+
 TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
     stop_agent();
     Output consent = uozctl("consent download C-1");
