@@ -138,6 +138,19 @@ bool DoipConnection::write(int fd, const std::vector<uint8_t> &bytes) {
     return write_all(fd, bytes);
 }
 
+// Writes on the connection of that generation only: after a drop and a new
+// connection, a request meant for the old one must not reach the new one
+// before its routing activation.
+bool DoipConnection::write_current(uint64_t generation, const std::vector<uint8_t> &bytes) {
+    std::lock_guard<std::mutex> hold(write_lock_);
+    {
+        std::lock_guard<std::mutex> state(lock_);
+        if (generation != generation_ || !active_)
+            return false;
+    }
+    return write_all(fd_.get(), bytes);
+}
+
 bool DoipConnection::open_socket(Clock::time_point deadline, std::string *error) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
@@ -159,6 +172,7 @@ bool DoipConnection::open_socket(Clock::time_point deadline, std::string *error)
         }
         int fd = connect_before(address, deadline, &last_error);
         if (fd >= 0) {
+            std::lock_guard<std::mutex> hold(lock_);
             fd_.reset(fd);
             return true;
         }
@@ -224,7 +238,11 @@ bool DoipConnection::ensure_active(Clock::time_point deadline, std::string *erro
     }
     if (reader_.joinable())
         reader_.join();
-    fd_.reset();
+    {
+        std::lock_guard<std::mutex> no_writer(write_lock_);
+        std::lock_guard<std::mutex> hold(lock_);
+        fd_.reset();
+    }
     Clock::time_point connect_deadline =
         std::min(deadline, Clock::now() + options_.connect_timeout);
     if (!open_socket(connect_deadline, error))
@@ -245,16 +263,17 @@ bool DoipConnection::send(uint16_t target, const Bytes &uds, Clock::time_point d
                           std::string *error) {
     if (!ensure_active(deadline, error))
         return false;
-    int fd;
+    uint64_t generation;
     {
         std::lock_guard<std::mutex> hold(lock_);
         Mailbox &mailbox = mailboxes_[target];
         mailbox.answers.clear();
         mailbox.dropped = false;
         mailbox.ack = Mailbox::Ack::kWaiting;
-        fd = fd_.get();
+        generation = generation_;
     }
-    if (!write(fd, encode(DiagnosticMessage{options_.tester_address, target, uds}))) {
+    if (!write_current(generation,
+                       encode(DiagnosticMessage{options_.tester_address, target, uds}))) {
         std::lock_guard<std::mutex> hold(lock_);
         close_locked();
         *error = "the connection to " + where() + " broke while sending";

@@ -77,6 +77,7 @@ class DoipConnection {
     void handle(const uozdoip::Message &message, int fd, uint64_t generation);
     void dropped(uint64_t generation, const std::string &why);
     bool write(int fd, const std::vector<uint8_t> &bytes);
+    bool write_current(uint64_t generation, const std::vector<uint8_t> &bytes);
     std::string where() const;
 
     const DoipOptions options_;
