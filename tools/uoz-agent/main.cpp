@@ -18,10 +18,11 @@
 #include <condition_variable>
 #include <deque>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <thread>
 
-#include "agent_peer.h"
+#include "agent_bus.h"
 #include "agent_settings.h"
 #include "consent.h"
 #include "diag_agent.h"
@@ -91,16 +92,21 @@ void warn_about_addresses(const std::string &certs) {
 
 // Queries take up to the UDS deadline each: they run on workers, so that
 // the bus thread stays free and ECUs of different queries work in parallel.
+// Each worker sends its reply itself.
 class QueryWorkers {
   public:
-    QueryWorkers(uozagent::DiagAgent &agent, uozagent::AgentPeer &peer)
-        : agent_(agent), peer_(peer) {
+    using Reply = std::function<void(const uozagent::Received &query, const std::string &reply)>;
+
+    QueryWorkers(uozagent::DiagAgent &agent, Reply reply)
+        : agent_(agent), reply_(std::move(reply)) {
         for (int i = 0; i < kQueryWorkers; ++i)
             workers_.emplace_back(&QueryWorkers::work, this);
     }
     ~QueryWorkers() { stop(); }
     void add(const uozagent::Received &message) {
         std::lock_guard<std::mutex> hold(lock_);
+        if (stopping_)
+            return;
         queue_.push_back(message);
         changed_.notify_one();
     }
@@ -130,15 +136,12 @@ class QueryWorkers {
             }
             std::string reply = agent_.answer_query(message.text);
             UOZ_DBGLOG(UOZ_LOG_DBG, "answer: %s", reply.c_str());
-            uozagent::Action action(reply);
-            action.kind = message.source_kind;
-            action.name = message.source_name;
-            peer_.send(action);
+            reply_(message, reply);
         }
     }
 
     uozagent::DiagAgent &agent_;
-    uozagent::AgentPeer &peer_;
+    Reply reply_;
     std::mutex lock_;
     std::condition_variable changed_;
     std::deque<uozagent::Received> queue_;
@@ -199,21 +202,29 @@ int run(const Options &options) {
                                                                 : uozagent::ConsentPolicy::kAccept;
     uozagent::TransportLinks links(settings);
     uozagent::DiagAgent agent(settings, links, keys);
-    uozagent::AgentPeer peer(options.certs, "tcp://" + options.broker);
-    QueryWorkers workers(agent, peer);
-    peer.set_responder([&](const uozagent::Received &message) {
-        UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
-        if (is_query(message.text)) {
-            workers.add(message);
-            return std::vector<uozagent::Action>{};
-        }
-        std::string reply = uozagent::answer_consent(message.text, policy, ask_on_terminal);
-        if (reply.empty()) {
-            UOZ_DBGLOG(UOZ_LOG_WARN, "not a query or consent request: ignored");
-            return std::vector<uozagent::Action>{};
-        }
-        return std::vector<uozagent::Action>{uozagent::Action(reply)};
-    });
+    std::atomic<uozagent::AgentBus *> bus{nullptr};
+    auto reply = [&](const uozagent::Received &to, const std::string &text) {
+        if (uozagent::AgentBus *sender = bus.load())
+            sender->send(text, to.source_kind, to.source_name);
+    };
+    QueryWorkers workers(agent, reply);
+    uozagent::AgentBus peer(
+        options.certs, "tcp://" + options.broker,
+        [&](uozagent::AgentBus &self, const uozagent::Received &message) {
+            bus = &self;  // a message may come before the constructor has returned
+            UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
+            if (is_query(message.text)) {
+                workers.add(message);
+                return;
+            }
+            std::string answer = uozagent::answer_consent(message.text, policy, ask_on_terminal);
+            if (answer.empty()) {
+                UOZ_DBGLOG(UOZ_LOG_WARN, "not a query or consent request: ignored");
+                return;
+            }
+            reply(message, answer);
+        });
+    bus = &peer;
     auto started = std::chrono::steady_clock::now();
     bool said_waiting = false;
     while (!g_stop && !peer.wait_running(100)) {
@@ -228,10 +239,10 @@ int run(const Options &options) {
         UOZ_DBGLOG(UOZ_LOG_INFO, "uoz-agent ready on %s", options.broker.c_str());
     while (!g_stop)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    peer.set_responder([](const uozagent::Received &) { return std::vector<uozagent::Action>{}; });
     links.close_all();
     workers.stop();
     peer.stop();
+    bus = nullptr;
     return kOk;
 }
 
