@@ -3,7 +3,7 @@
 # Does nothing when they are all present.
 set -euo pipefail
 packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
-          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev python3-scapy)
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
 missing=()
 for p in "${packages[@]}"; do
