@@ -174,6 +174,15 @@ INSTANTIATE_TEST_SUITE_P(
                       DeniedCase{"unsupported_type", {}, 0x0E80, 0x42, 0x06}),
     [](const auto &info) { return info.param.name; });
 
+TEST_F(EcuSimTest, ActivatingAgainWithTheSameSourceSucceeds) {
+    activated();
+    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
+    auto again = tester_->activate(0x0E80);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->code, 0x10);
+    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
+}
+
 TEST_F(EcuSimTest, SecondActivationWithAnotherSourceIsRefused) {
     activated();
     auto response = tester_->activate(0x0E81);
