@@ -207,8 +207,10 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
         return false;
     if (response.code != uozdoip::routing::kSuccess)
         return false;
-    activated_ = true;
-    tester_ = request->source;
+    if (!activated_) {  // workers read these once requests flow: set them once
+        tester_ = request->source;
+        activated_ = true;
+    }
     return true;
 }
 

@@ -118,13 +118,18 @@ uozecusim::EntitySettings settings_from(const Switches &switches,
 
 void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &settings) {
     uozecusim::Misbehaviour &misbehave = settings.misbehave;
-    app.add_option("--listen", switches.listen, "TCP and UDP address ADDR:PORT (port 0: any)")
+    app.add_option("--listen", switches.listen, "TCP and UDP address (port 0: any free port)")
+        ->type_name("ADDR:PORT")
         ->capture_default_str();
-    app.add_option("--vehicle", switches.vehicle_path, "vehicle file (default: built-in)");
+    app.add_option("--vehicle", switches.vehicle_path, "vehicle file (default: built-in)")
+        ->type_name("FILE");
     app.add_flag("--trace", settings.trace, "print each request and response per ECU");
-    app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout, ms")->capture_default_str();
+    app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
+        ->type_name("MS")
+        ->capture_default_str();
     app.add_option("--security-delay", settings.uds.security_delay_ms,
-                   "lock-out after too many invalid keys, ms")
+                   "lock-out after too many invalid keys")
+        ->type_name("MS")
         ->capture_default_str();
     auto *group = "Misbehaviour";
     app.add_flag("--coalesce", misbehave.coalesce, "write the ACK and the answer in one write")
@@ -137,26 +142,34 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--pending", misbehave.pending_count,
                    "send N response-pending (0x78) before every answer")
         ->check(CLI::Range(0, 1000))
+        ->type_name("N")
         ->group(group);
     app.add_option("--pending-interval", misbehave.pending_interval_ms,
-                   "ms between response-pending messages and before the answer")
+                   "time between response-pending messages and before the answer")
+        ->type_name("MS")
         ->capture_default_str()
         ->group(group);
     app.add_option("--drop-after", switches.drop_after,
                    "close the connection after answering these requests (1,3: counted from 1)")
+        ->type_name("LIST")
         ->group(group);
     app.add_option("--drop-mid", switches.drop_mid,
                    "close the connection after ACKing these requests, without answering")
+        ->type_name("LIST")
         ->group(group);
     app.add_option("--nack", switches.nack, "NACK every message to TARGET with CODE (0x7E1:0x06)")
+        ->type_name("TARGET:CODE")
         ->group(group);
     app.add_option("--deny-routing", switches.deny_routing,
                    "answer routing activation with this code (0x00-0x07) and close")
+        ->type_name("CODE")
         ->group(group);
     app.add_option("--slow", switches.slow, "delay TARGET's answers by MS (0x7E1:500, all:500)")
+        ->type_name("TARGET:MS")
         ->group(group);
     app.add_option("--alive-check", misbehave.alive_check_idle_ms,
                    "send an alive check to a tester idle for MS; close if it does not answer")
+        ->type_name("MS")
         ->group(group);
 }
 
