@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
+
 #include "kt5Utils/kt5_json.h"
 
 namespace uozagent {
@@ -137,6 +140,16 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.gateway.ecus.at("engine"), -1);
     EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
     EXPECT_EQ(settings.key_algorithms.at(0x03), "/opt/keys.so");
+}
+
+TEST(AgentSettingsTest, theExampleFileIsValid) {
+    std::ifstream file(UOZ_EXAMPLES "/agent-settings.json");
+    std::stringstream text;
+    text << file.rdbuf();
+    AgentSettings settings = AgentSettings::from_json(text.str());
+    EXPECT_FALSE(settings.allow_remote_gateways);
+    EXPECT_EQ(settings.gateway.ecus.size(), 4u);
+    EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
 }
 
 struct BadSettings {
