@@ -14,6 +14,7 @@
 #include "processes.h"
 #include "read_dtc.h"
 #include "transport_links.h"
+#include "udsoverzelko.h"
 
 namespace uozagent {
 namespace {
@@ -283,6 +284,34 @@ TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
     EXPECT_NE(reply.find(R"("error":"engine (0x7E0): no CAN interface can0 on this machine)"),
               std::string::npos)
         << reply;
+}
+
+TEST(IsotpTest, aMissingCanInterfaceIsLoggedOncePerInterface) {
+    std::string error;
+    CanAddress can0{"can0", 0x7E0, 0x7E8, 0, 8};
+    if (IsotpLink::open(can0, &error))
+        GTEST_SKIP() << "this machine has can0";
+    EcuTarget target;
+    target.label = "0x7E0";
+    target.transport = Transport::kCan;
+    target.can = can0;
+    TransportLinks links{AgentSettings{}};
+    int level = uoz_dbg_level;
+    uoz_dbg_level = UOZ_LOG_WARN;
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 3; ++i) {
+        error.clear();
+        EXPECT_EQ(links.link_for(target, &error), nullptr);
+        EXPECT_EQ(error.rfind("no CAN interface can0 on this machine", 0), 0u) << error;
+    }
+    target.can.ifname = "can1";
+    links.link_for(target, &error);
+    std::string log = testing::internal::GetCapturedStdout();
+    uoz_dbg_level = level;
+    size_t first = log.find("no CAN interface can0 on this machine");
+    EXPECT_NE(first, std::string::npos) << log;
+    EXPECT_EQ(log.find("no CAN interface can0", first + 1), std::string::npos) << log;
+    EXPECT_NE(log.find("no CAN interface can1 on this machine"), std::string::npos) << log;
 }
 
 TEST(IsotpTest, readsAnEcuOverCanWhereTheKernelHasIt) {
