@@ -254,9 +254,12 @@ int main(int argc, char **argv) {
         "requests by policy.\nExit codes: 0 stopped, 1 cannot start, 2 invalid usage"};
     app.set_version_flag("--version", "uoz-agent " UOZ_VERSION);
     Options options;
-    app.add_option("--broker", options.broker, "broker HOST:PORT")->capture_default_str();
+    app.add_option("--broker", options.broker, "broker HOST:PORT")
+        ->type_name("HOST:PORT")
+        ->capture_default_str();
     app.add_option("--certs", options.certs,
                    "identity directory (private.pem, cert.pem; ../ca/ca.pem)")
+        ->type_name("DIR")
         ->required();
     app.add_option("--settings", options.settings_path, "agent settings file (docs/agent.md)")
         ->check(CLI::ExistingFile);
@@ -264,15 +267,18 @@ int main(int argc, char **argv) {
                    "the library's ECU configuration, for ECU names and target addresses")
         ->check(CLI::ExistingFile);
     app.add_option("--gateway", options.gateway,
-                   "reach every CAN and IOC ECU through this DoIP gateway (HOST[:PORT])");
+                   "reach every CAN and IOC ECU through this DoIP gateway")
+        ->type_name("HOST[:PORT]");
     app.add_option("--doip-port", options.doip_port,
                    "TCP port of the DoIP gateways named by \"gw-ip\" (default 13400)")
+        ->type_name("PORT")
         ->check(CLI::Range(1, 65535));
     app.add_flag("--trace", options.trace, "print every UDS request and answer");
     app.add_option("--policy", options.policy, "consent policy")
         ->check(CLI::IsMember({"accept", "reject", "ask"}))
         ->capture_default_str();
     app.add_option("--debug", options.debug, "log level (-1 silent .. 4 most; 2 shows \"ready\")")
+        ->type_name("LEVEL")
         ->capture_default_str();
     try {
         app.parse(argc, argv);
