@@ -222,6 +222,18 @@ TEST_F(DoipClientTest, anAnswerBeforeItsAckCountsAsTheAck) {
     EXPECT_EQ(hex_text(outcome.response), "5101");
 }
 
+TEST_F(DoipClientTest, noAcknowledgeInItsTimeFailsTheRequest) {
+    ScriptedEntity server(
+        entity([](const DiagnosticMessage &, int) { return std::vector<Bytes>{}; }));
+    DoipOptions silent = options(server);
+    silent.ack_timeout = Millis(200);
+    DoipLink link(std::make_shared<DoipConnection>(silent), kEcu);
+    UdsOutcome outcome = uds_request(link, {0x11, 0x01}, timing());
+    EXPECT_FALSE(outcome.answered);
+    EXPECT_EQ(outcome.error, "no acknowledge from gateway 127.0.0.1:" +
+                                 std::to_string(server.port()) + " for 0x07E0 within 200 ms");
+}
+
 TEST_F(DoipClientTest, deniedRoutingActivationFailsAtOnceWithTheCode) {
     ScriptedEntity server([](const Message &, int) {
         return std::vector<Bytes>{activation_answer(routing::kDeniedUnknownSource)};

@@ -279,43 +279,52 @@ bool DoipConnection::send(uint16_t target, const Bytes &uds, Clock::time_point d
         *error = "the connection to " + where() + " broke while sending";
         return false;
     }
-    Clock::time_point until = std::min(deadline, Clock::now() + options_.ack_timeout);
-    std::unique_lock<std::mutex> hold(lock_);
-    Mailbox &mailbox = mailboxes_[target];
-    // An answer that comes before the acknowledge counts as the acknowledge.
-    changed_.wait_until(hold, until, [&] {
-        return mailbox.ack != Mailbox::Ack::kWaiting || !mailbox.answers.empty() || mailbox.dropped;
-    });
-    if (mailbox.ack == Mailbox::Ack::kRefused) {
-        *error = where() + " refused the request to " + hex16(target) + ": NACK " +
-                 hex8(mailbox.nack_code) + " (" + diag_nack_name(mailbox.nack_code) + ")";
-        return false;
-    }
-    if (mailbox.ack == Mailbox::Ack::kAcknowledged || !mailbox.answers.empty())
-        return true;
-    *error = mailbox.dropped
-                 ? "the connection to " + where() + " dropped (" + drop_reason_ + ")"
-                 : "no acknowledge from " + where() + " for " + hex16(target) + " within " +
-                       std::to_string(options_.ack_timeout.count()) + " ms";
-    return false;
+    std::lock_guard<std::mutex> hold(lock_);
+    mailboxes_[target].ack_deadline = Clock::now() + options_.ack_timeout;
+    return true;
 }
 
+// Waits for the answer, watching the acknowledge on the way: a NACK ends the
+// request, and so does a missing acknowledge after its time, but a positive
+// acknowledge does not wake the waiter (one wake per answer).
 bool DoipConnection::receive(uint16_t target, Clock::time_point until, Bytes *response,
                              std::string *error, bool *timed_out) {
     std::unique_lock<std::mutex> hold(lock_);
     Mailbox &mailbox = mailboxes_[target];
-    changed_.wait_until(hold, until, [&] { return !mailbox.answers.empty() || mailbox.dropped; });
-    if (!mailbox.answers.empty()) {
-        *response = std::move(mailbox.answers.front());
-        mailbox.answers.pop_front();
-        return true;
+    for (;;) {
+        bool awaiting_ack = mailbox.ack == Mailbox::Ack::kWaiting;
+        Clock::time_point wake = awaiting_ack ? std::min(until, mailbox.ack_deadline) : until;
+        mailbox.changed.wait_until(hold, wake, [&] {
+            return !mailbox.answers.empty() || mailbox.dropped ||
+                   mailbox.ack == Mailbox::Ack::kRefused;
+        });
+        if (!mailbox.answers.empty()) {
+            *response = std::move(mailbox.answers.front());
+            mailbox.answers.pop_front();
+            if (mailbox.ack == Mailbox::Ack::kWaiting)  // the answer counts as the acknowledge
+                mailbox.ack = Mailbox::Ack::kAcknowledged;
+            return true;
+        }
+        if (mailbox.ack == Mailbox::Ack::kRefused) {
+            *error = where() + " refused the request to " + hex16(target) + ": NACK " +
+                     hex8(mailbox.nack_code) + " (" + diag_nack_name(mailbox.nack_code) + ")";
+            return false;
+        }
+        if (mailbox.dropped) {
+            *error = "the connection to " + where() + " dropped while waiting for the answer of " +
+                     hex16(target) + " (" + drop_reason_ + "); the request is not sent again";
+            return false;
+        }
+        if (mailbox.ack == Mailbox::Ack::kWaiting && Clock::now() >= mailbox.ack_deadline) {
+            *error = "no acknowledge from " + where() + " for " + hex16(target) + " within " +
+                     std::to_string(options_.ack_timeout.count()) + " ms";
+            return false;
+        }
+        if (Clock::now() >= until) {
+            *timed_out = true;
+            return false;
+        }
     }
-    *timed_out = !mailbox.dropped;
-    if (mailbox.dropped) {
-        *error = "the connection to " + where() + " dropped while waiting for the answer of " +
-                 hex16(target) + " (" + drop_reason_ + "); the request is not sent again";
-    }
-    return false;
 }
 
 void DoipConnection::dropped(uint64_t generation, const std::string &why) {
@@ -328,6 +337,7 @@ void DoipConnection::dropped(uint64_t generation, const std::string &why) {
     for (auto &[target, mailbox] : mailboxes_) {
         (void)target;
         mailbox.dropped = true;
+        mailbox.changed.notify_all();
     }
     changed_.notify_all();
     UOZ_DBGLOG(UOZ_LOG_INFO, "connection to %s closed: %s", where().c_str(), why.c_str());
@@ -358,7 +368,8 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
             Mailbox &mailbox = mailboxes_[ack->source];
             mailbox.ack = ack->negative ? Mailbox::Ack::kRefused : Mailbox::Ack::kAcknowledged;
             mailbox.nack_code = ack->code;
-            changed_.notify_all();
+            if (ack->negative)
+                mailbox.changed.notify_all();
             return;
         }
         case payload::kDiagnosticMessage: {
@@ -366,8 +377,9 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
             std::lock_guard<std::mutex> hold(lock_);
             if (!diagnostic || diagnostic->target != options_.tester_address)
                 return;
-            mailboxes_[diagnostic->source].answers.push_back(std::move(diagnostic->data));
-            changed_.notify_all();
+            Mailbox &mailbox = mailboxes_[diagnostic->source];
+            mailbox.answers.push_back(std::move(diagnostic->data));
+            mailbox.changed.notify_all();
             return;
         }
         case payload::kGenericNack: {

@@ -41,13 +41,13 @@ class DoipConnection {
     DoipConnection(const DoipConnection &) = delete;
     DoipConnection &operator=(const DoipConnection &) = delete;
 
-    // Sends the UDS bytes to the ECU at `target` (connecting and activating
-    // routing first when needed) and waits for the acknowledge. False with
-    // *error for a refused connection, denied routing, a NACK, no
-    // acknowledge in time, or a drop. The caller has at most one request per
-    // target under way.
+    // Sends the UDS bytes to the ECU at `target`, connecting and activating
+    // routing first when needed. False with *error for a refused connection,
+    // denied routing or a drop. The caller has at most one request per target
+    // under way.
     bool send(uint16_t target, const Bytes &uds, Clock::time_point deadline, std::string *error);
-    // The next answer of the ECU at `target` to the request sent.
+    // The next answer of the ECU at `target` to the request sent. False with
+    // *error for a NACK, no acknowledge in time, or a drop.
     bool receive(uint16_t target, Clock::time_point until, Bytes *response, std::string *error,
                  bool *timed_out);
 
@@ -65,8 +65,10 @@ class DoipConnection {
     struct Mailbox {
         enum class Ack { kNone, kWaiting, kAcknowledged, kRefused } ack = Ack::kNone;
         uint8_t nack_code = 0;
+        Clock::time_point ack_deadline;
         std::deque<Bytes> answers;
         bool dropped = false;
+        std::condition_variable changed;
     };
 
     bool ensure_active(Clock::time_point deadline, std::string *error);
