@@ -187,15 +187,21 @@ TEST(VersionTest, readsEveryConfiguredDidInOrder) {
     EXPECT_EQ(version_text({items[0]}, {"ENG-2.4.1"}), "ENG-2.4.1");
 }
 
-TEST(VersionTest, aJ1939DescriptionIsAClearFailure) {
-    JsonPtr version =
-        parse(R"({"pgn":"0xFEDA","source-address":"0x03","ifname":"can0","j1939":{}})");
-    std::string error;
-    EXPECT_TRUE(version_items(version.get(), &error).empty());
-    EXPECT_EQ(error,
-              "a J1939 version read needs a J1939 transport, which this agent does not have");
+TEST(VersionTest, aJ1939DescriptionIsAClearFailureInBothForms) {
+    const char *forms[] = {
+        R"({"pgn":"0xFEDA","source-address":"0x03","ifname":"can0"})",  // a CAN ECU's
+        R"({"j1939":{"pgn":"0xFEDA","source-address":"0x03"}})",        // any other ECU's
+    };
+    for (const char *form : forms) {
+        JsonPtr version = parse(form);
+        std::string error;
+        EXPECT_TRUE(version_items(version.get(), &error).empty());
+        EXPECT_EQ(error,
+                  "a J1939 version read needs a J1939 transport, which this agent does not have")
+            << form;
+    }
     JsonPtr empty = parse(R"({"uds":[]})");
-    error.clear();
+    std::string error;
     EXPECT_TRUE(version_items(empty.get(), &error).empty());
     EXPECT_EQ(error, "the version description has no \"uds\" identifiers to read");
 }

@@ -98,6 +98,10 @@ TEST_F(UozctlTest, versionsRoutinesAndConsent) {
         << json.text;
     // A J1939 description cannot be read over DoIP: a failure, not a made-up text.
     EXPECT_EQ(uozctl("version transmission").code, 4);
+    EXPECT_NE(agent_->output().find("query to 0x07E1 failed: a J1939 version read needs a J1939 "
+                                    "transport, which this agent does not have"),
+              std::string::npos)
+        << agent_->output();
     Output run = uozctl(std::string("run ") + UOZ_EXAMPLES + "/remote-command.json");
     EXPECT_EQ(run.code, 0) << run.text;
     EXPECT_NE(run.text.find("62F190"), std::string::npos) << run.text;
