@@ -415,10 +415,10 @@ TEST_F(EcuSimTest, TracePrintsRequestAndResponseBytesPerEcu) {
 }
 
 TEST_F(EcuSimTest, S3ReturnsToTheDefaultSession) {
-    activated({"--s3", "200"});
+    activated({"--s3", "500"});
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("10 03"))), "50 03 00 32 01 F4");
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 03");
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(900));
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 01");
 }
 
