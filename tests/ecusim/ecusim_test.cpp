@@ -123,6 +123,14 @@ TEST(EcuSimStartErrors, PortInUseIsACannotStart) {
 
 class EcuSimTest : public ::testing::Test {
   protected:
+    // The simulator ends cleanly and says nothing on stderr, whatever the test did.
+    void TearDown() override {
+        if (!sim_)
+            return;
+        tester_.reset();
+        EXPECT_EQ(sim_->stop(SIGTERM), 0);
+        EXPECT_EQ(sim_->errors(), "");
+    }
     void start(const std::vector<std::string> &arguments = {}) {
         sim_ = std::make_unique<EcuSim>(arguments);
         ASSERT_TRUE(sim_->ready());
@@ -430,6 +438,10 @@ class EcuSimUdp : public ::testing::Test {
         ASSERT_TRUE(sim_.ready());
         fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ASSERT_TRUE(fd_.valid());
+    }
+    void TearDown() override {
+        EXPECT_EQ(sim_.stop(SIGTERM), 0);
+        EXPECT_EQ(sim_.errors(), "");
     }
     std::optional<Message> ask(const Bytes &datagram) {
         sockaddr_in address{};
