@@ -195,6 +195,11 @@ std::optional<uozdoip::Message> Tester::receive(int timeout_ms) {
     }
 }
 
+uozdoip::FrameReader::Result Tester::framing() {
+    uozdoip::Message message;
+    return reader_.next(message);
+}
+
 bool Tester::closed_by_peer(int timeout_ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {

@@ -89,6 +89,10 @@ class Tester {
     Bytes exchange(uint16_t target, const Bytes &uds, int *pending = nullptr);
 
     int reads() const { return reads_; }
+    // Bytes received but not (yet) a whole message.
+    size_t buffered() const { return reader_.buffered(); }
+    // What the frame reader says of the bytes received so far.
+    uozdoip::FrameReader::Result framing();
 
   private:
     uozdoip::ScopedFd fd_;

@@ -360,6 +360,24 @@ TEST_F(EcuSimTest, DropAfterClosesOnceTheAnswerIsOut) {
     EXPECT_TRUE(tester_->closed_by_peer());
 }
 
+TEST_F(EcuSimTest, CutAnswerStopsHalfwayThroughTheMessageAndCloses) {
+    activated({"--cut-answer", "1"});
+    ASSERT_TRUE(tester_->request(kEngine, hex_bytes("22 F1 89")));
+    expect_ack(*tester_, kEngine);
+    EXPECT_TRUE(tester_->closed_by_peer());
+    // 24 bytes: header, addresses and 12 UDS bytes (62 F1 89 "ENG-2.4.1"); 12 arrived.
+    EXPECT_EQ(tester_->buffered(), 12u);
+}
+
+TEST_F(EcuSimTest, BadVersionSwitchAnswersWithAWrongVersionPair) {
+    activated({"--bad-version", "2"});
+    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
+    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
+    expect_ack(*tester_, kEngine);
+    EXPECT_FALSE(tester_->receive());
+    EXPECT_EQ(tester_->framing(), uozdoip::FrameReader::Result::kBadVersion);
+}
+
 TEST_F(EcuSimTest, SlowEcuDoesNotHoldUpAnotherOnTheSameConnection) {
     activated({"--slow", "0x7E1:800"});
     ASSERT_TRUE(tester_->request(kTransmission, {0x22, 0xF1, 0x89}));

@@ -31,6 +31,8 @@ struct Misbehaviour {
     uint32_t pending_interval_ms = 100;
     std::set<uint64_t> drop_after;     // request numbers after whose answer the connection closes
     std::set<uint64_t> drop_mid;       // request numbers whose connection closes after the ACK
+    std::set<uint64_t> cut_answer;     // request numbers whose answer stops halfway, then closes
+    std::set<uint64_t> bad_version;    // request numbers answered with a wrong version pair
     std::map<uint16_t, uint8_t> nack;  // target address -> diagnostic NACK code
     std::optional<uint8_t> deny_routing;  // routing activation answered with this code
     std::map<uint16_t, uint32_t> slow;    // target address -> delay before its answers
