@@ -68,6 +68,11 @@ struct UsageCase {
     std::string error;
 };
 
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const UsageCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
 class EcuSimUsage : public ::testing::TestWithParam<UsageCase> {};
 
 TEST_P(EcuSimUsage, ExitsWithItsCodeAndSaysWhy) {
@@ -163,6 +168,11 @@ struct DeniedCase {
     uint8_t type;
     uint8_t code;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const DeniedCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class EcuSimRoutingDenied : public EcuSimTest, public ::testing::WithParamInterface<DeniedCase> {};
 
