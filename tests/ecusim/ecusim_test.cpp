@@ -209,6 +209,32 @@ TEST_F(EcuSimTest, SecondActivationWithAnotherSourceIsRefused) {
     EXPECT_TRUE(tester_->closed_by_peer());
 }
 
+TEST_F(EcuSimTest, SeventeenthTesterIsDeniedWhileSixteenAreActive) {
+    activated();  // 0x0E80
+    std::vector<std::unique_ptr<Tester>> others;
+    for (uint16_t source = 0x0E81; source < 0x0E80 + 16; ++source) {
+        others.push_back(std::make_unique<Tester>(sim_->port()));
+        auto response = others.back()->activate(source);
+        ASSERT_TRUE(response);
+        ASSERT_EQ(response->code, 0x10) << source;
+    }
+    Tester one_too_many(sim_->port());
+    auto refused = one_too_many.activate(0x0EFF);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, 0x01);
+    EXPECT_TRUE(one_too_many.closed_by_peer());
+    others.pop_back();  // a tester leaves: its place is free again, once the entity sees it go
+    std::optional<uozdoip::RoutingActivationResponse> accepted;
+    for (int attempt = 0; attempt < 50 && !(accepted && accepted->code == 0x10); ++attempt) {
+        Tester candidate(sim_->port());
+        accepted = candidate.activate(0x0EFE);
+        if (!accepted || accepted->code != 0x10)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(accepted->code, 0x10);
+}
+
 TEST_F(EcuSimTest, DiagnosticMessageBeforeActivationIsNackedAndClosed) {
     start();
     ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));

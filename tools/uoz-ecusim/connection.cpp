@@ -197,8 +197,8 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
         response.code = uozdoip::routing::kDeniedUnsupportedType;
     else if (activated_ && request->source != tester_)
         response.code = uozdoip::routing::kDeniedSourceMismatch;
-    else if (!activated_ && !entity_.claim_tester(request->source, shared_from_this()))
-        response.code = uozdoip::routing::kDeniedSourceActiveElsewhere;
+    else if (!activated_)
+        response.code = entity_.claim_tester(request->source, shared_from_this());
     else
         response.code = uozdoip::routing::kSuccess;
     trace("routing activation for tester " + address_text(request->source) + ": " +

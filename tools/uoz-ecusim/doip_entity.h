@@ -53,6 +53,9 @@ struct EntitySettings {
 
 class Connection;
 
+// Activated connections (testers) the entity serves at once.
+constexpr uint8_t kMaxActiveTesters = 16;
+
 class DoipEntity {
   public:
     DoipEntity(VehicleFile vehicle, EntitySettings settings);
@@ -77,9 +80,10 @@ class DoipEntity {
     UdsAnswer serve(uint16_t address, const Bytes &request);
     const std::string &ecu_name(uint16_t address) const;
     uint64_t next_request_number() { return ++requests_; }
-    // Registers the tester address for the connection; an address held by
-    // another live connection is refused, one held by a dead one is taken over.
-    bool claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection);
+    // Registers the tester address for the connection: the routing activation
+    // code. An address held by another live connection is refused (0x03), one
+    // held by a dead one is taken over; beyond kMaxActiveTesters, 0x01.
+    uint8_t claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection);
     void release_tester(uint16_t tester, const Connection *connection);
     void log(const std::string &line);
 
