@@ -90,9 +90,10 @@ std::string hex_text(const Bytes &bytes) {
 
 EcuSim::EcuSim(const std::vector<std::string> &arguments) {
     output_path_ = temp_path("ecusim-out");
+    errors_path_ = temp_path("ecusim-err");
     std::vector<std::string> all = {"--listen", "127.0.0.1:0"};
     all.insert(all.end(), arguments.begin(), arguments.end());
-    pid_ = spawn(all, output_path_, "/dev/null");
+    pid_ = spawn(all, output_path_, errors_path_);
     if (pid_ <= 0)
         return;
     // The "listening on" line says the simulator is ready, and on which port.
@@ -116,20 +117,26 @@ EcuSim::EcuSim(const std::vector<std::string> &arguments) {
 EcuSim::~EcuSim() {
     stop(SIGTERM);
     unlink(output_path_.c_str());
+    unlink(errors_path_.c_str());
 }
 
 int EcuSim::stop(int signal_number) {
     if (pid_ <= 0)
-        return -1;  // never kill(-1): that signals every process
+        return exit_code_;  // never kill(-1): that signals every process
     kill(pid_, signal_number);
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
-    return exit_code(status);
+    exit_code_ = exit_code(status);
+    return exit_code_;
 }
 
 std::string EcuSim::output() {
     return slurp(output_path_);
+}
+
+std::string EcuSim::errors() {
+    return slurp(errors_path_);
 }
 
 RunResult run_ecusim(const std::vector<std::string> &arguments) {
@@ -186,6 +193,11 @@ std::optional<uozdoip::Message> Tester::receive(int timeout_ms) {
             return std::nullopt;
         ++reads_;
     }
+}
+
+uozdoip::FrameReader::Result Tester::framing() {
+    uozdoip::Message message;
+    return reader_.next(message);
 }
 
 bool Tester::closed_by_peer(int timeout_ms) {

@@ -31,15 +31,21 @@ class EcuSim {
 
     bool ready() const { return port_ != 0; }
     uint16_t port() const { return port_; }
-    // Sends the signal and waits: the exit code, or -1 when killed by a signal.
+    // Sends the signal and waits: the exit code, or -1 when killed by a
+    // signal; once stopped, the same code again.
     int stop(int signal_number = 15);
     // Everything the simulator printed on stdout so far (read after stop()).
     std::string output();
+    // Everything it printed on stderr: nothing, unless something went wrong
+    // (a sanitizer's report, for one).
+    std::string errors();
 
   private:
     pid_t pid_ = -1;
+    int exit_code_ = -1;
     uint16_t port_ = 0;
     std::string output_path_;
+    std::string errors_path_;
 };
 
 // Runs uoz-ecusim to completion (for usage and start-up errors): exit code
@@ -83,6 +89,10 @@ class Tester {
     Bytes exchange(uint16_t target, const Bytes &uds, int *pending = nullptr);
 
     int reads() const { return reads_; }
+    // Bytes received but not (yet) a whole message.
+    size_t buffered() const { return reader_.buffered(); }
+    // What the frame reader says of the bytes received so far.
+    uozdoip::FrameReader::Result framing();
 
   private:
     uozdoip::ScopedFd fd_;

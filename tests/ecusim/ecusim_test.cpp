@@ -68,6 +68,11 @@ struct UsageCase {
     std::string error;
 };
 
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const UsageCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
 class EcuSimUsage : public ::testing::TestWithParam<UsageCase> {};
 
 TEST_P(EcuSimUsage, ExitsWithItsCodeAndSaysWhy) {
@@ -123,6 +128,14 @@ TEST(EcuSimStartErrors, PortInUseIsACannotStart) {
 
 class EcuSimTest : public ::testing::Test {
   protected:
+    // The simulator ends cleanly and says nothing on stderr, whatever the test did.
+    void TearDown() override {
+        if (!sim_)
+            return;
+        tester_.reset();
+        EXPECT_EQ(sim_->stop(SIGTERM), 0);
+        EXPECT_EQ(sim_->errors(), "");
+    }
     void start(const std::vector<std::string> &arguments = {}) {
         sim_ = std::make_unique<EcuSim>(arguments);
         ASSERT_TRUE(sim_->ready());
@@ -155,6 +168,11 @@ struct DeniedCase {
     uint8_t type;
     uint8_t code;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const DeniedCase &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class EcuSimRoutingDenied : public EcuSimTest, public ::testing::WithParamInterface<DeniedCase> {};
 
@@ -189,6 +207,32 @@ TEST_F(EcuSimTest, SecondActivationWithAnotherSourceIsRefused) {
     ASSERT_TRUE(response);
     EXPECT_EQ(response->code, 0x02);
     EXPECT_TRUE(tester_->closed_by_peer());
+}
+
+TEST_F(EcuSimTest, SeventeenthTesterIsDeniedWhileSixteenAreActive) {
+    activated();  // 0x0E80
+    std::vector<std::unique_ptr<Tester>> others;
+    for (uint16_t source = 0x0E81; source < 0x0E80 + 16; ++source) {
+        others.push_back(std::make_unique<Tester>(sim_->port()));
+        auto response = others.back()->activate(source);
+        ASSERT_TRUE(response);
+        ASSERT_EQ(response->code, 0x10) << source;
+    }
+    Tester one_too_many(sim_->port());
+    auto refused = one_too_many.activate(0x0EFF);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->code, 0x01);
+    EXPECT_TRUE(one_too_many.closed_by_peer());
+    others.pop_back();  // a tester leaves: its place is free again, once the entity sees it go
+    std::optional<uozdoip::RoutingActivationResponse> accepted;
+    for (int attempt = 0; attempt < 50 && !(accepted && accepted->code == 0x10); ++attempt) {
+        Tester candidate(sim_->port());
+        accepted = candidate.activate(0x0EFE);
+        if (!accepted || accepted->code != 0x10)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(accepted->code, 0x10);
 }
 
 TEST_F(EcuSimTest, DiagnosticMessageBeforeActivationIsNackedAndClosed) {
@@ -352,6 +396,24 @@ TEST_F(EcuSimTest, DropAfterClosesOnceTheAnswerIsOut) {
     EXPECT_TRUE(tester_->closed_by_peer());
 }
 
+TEST_F(EcuSimTest, CutAnswerStopsHalfwayThroughTheMessageAndCloses) {
+    activated({"--cut-answer", "1"});
+    ASSERT_TRUE(tester_->request(kEngine, hex_bytes("22 F1 89")));
+    expect_ack(*tester_, kEngine);
+    EXPECT_TRUE(tester_->closed_by_peer());
+    // 24 bytes: header, addresses and 12 UDS bytes (62 F1 89 "ENG-2.4.1"); 12 arrived.
+    EXPECT_EQ(tester_->buffered(), 12u);
+}
+
+TEST_F(EcuSimTest, BadVersionSwitchAnswersWithAWrongVersionPair) {
+    activated({"--bad-version", "2"});
+    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
+    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
+    expect_ack(*tester_, kEngine);
+    EXPECT_FALSE(tester_->receive());
+    EXPECT_EQ(tester_->framing(), uozdoip::FrameReader::Result::kBadVersion);
+}
+
 TEST_F(EcuSimTest, SlowEcuDoesNotHoldUpAnotherOnTheSameConnection) {
     activated({"--slow", "0x7E1:800"});
     ASSERT_TRUE(tester_->request(kTransmission, {0x22, 0xF1, 0x89}));
@@ -415,10 +477,10 @@ TEST_F(EcuSimTest, TracePrintsRequestAndResponseBytesPerEcu) {
 }
 
 TEST_F(EcuSimTest, S3ReturnsToTheDefaultSession) {
-    activated({"--s3", "200"});
+    activated({"--s3", "500"});
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("10 03"))), "50 03 00 32 01 F4");
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 03");
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(900));
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 01");
 }
 
@@ -430,6 +492,10 @@ class EcuSimUdp : public ::testing::Test {
         ASSERT_TRUE(sim_.ready());
         fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ASSERT_TRUE(fd_.valid());
+    }
+    void TearDown() override {
+        EXPECT_EQ(sim_.stop(SIGTERM), 0);
+        EXPECT_EQ(sim_.errors(), "");
     }
     std::optional<Message> ask(const Bytes &datagram) {
         sockaddr_in address{};

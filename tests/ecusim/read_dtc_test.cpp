@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 #include "vehicle.h"
@@ -48,6 +49,11 @@ struct ReportCase {
     std::string response;
     int ecu = 0;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const ReportCase &c, std::ostream *os) {
+    *os << c.request;
+}
 
 class ReadDtcResponse : public ::testing::TestWithParam<ReportCase> {
   protected:

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,11 @@ struct Exchange {
     std::string name;
     std::vector<Step> steps;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const Exchange &c, std::ostream *os) {
+    *os << c.name;
+}
 
 // Seeds 0x11223344, 0x55667788, ... so that keys are known in advance.
 uozecusim::EcuServer make_server() {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <stdexcept>
 #include <string>
 
@@ -77,6 +78,11 @@ struct BadFile {
     std::string text;
     std::string error;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const BadFile &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class VehicleFileRejects : public ::testing::TestWithParam<BadFile> {};
 
@@ -154,6 +160,11 @@ struct StatusCase {
     uint8_t status;
     std::string contradiction;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const StatusCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.status);
+}
 
 class DtcStatusRules : public ::testing::TestWithParam<StatusCase> {};
 

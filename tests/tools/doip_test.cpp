@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,11 @@ struct VersionCase {
     bool any_allowed;
     bool valid;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const VersionCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.version) << "/" << static_cast<int>(c.inverse);
+}
 
 class DoipVersionPair : public ::testing::TestWithParam<VersionCase> {};
 
@@ -220,6 +226,11 @@ struct EncodeCase {
     Bytes expected;
 };
 
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const EncodeCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
 class DoipEncode : public ::testing::TestWithParam<EncodeCase> {};
 
 TEST_P(DoipEncode, WritesTheExactBytes) {
@@ -353,6 +364,11 @@ struct RejectCase {
     Bytes message;
 };
 
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const RejectCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
 class DoipParseRejects : public ::testing::TestWithParam<RejectCase> {};
 
 // Each payload parser refuses any other payload type and any wrong length.
@@ -451,6 +467,11 @@ struct HostPortCase {
     std::string host;
     uint16_t port;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const HostPortCase &c, std::ostream *os) {
+    *os << '"' << c.text << '"';
+}
 
 class DoipHostPort : public ::testing::TestWithParam<HostPortCase> {};
 

@@ -1,6 +1,7 @@
 // The command line's DTC decoder against byte vectors of every report family.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,11 @@ struct ReportCase {
     std::string bytes;
     std::string text;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const ReportCase &c, std::ostream *os) {
+    *os << c.bytes;
+}
 
 class DtcDecodeReport : public ::testing::TestWithParam<ReportCase> {};
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 
 namespace {
@@ -11,6 +12,11 @@ struct KeyCase {
     uint32_t seed;
     uint32_t key;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const KeyCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.level) << "/" << c.seed;
+}
 
 class UdsBuiltinKey : public ::testing::TestWithParam<KeyCase> {};
 
@@ -34,6 +40,11 @@ struct NameCase {
     uint8_t code;
     std::string name;
 };
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const NameCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.code);
+}
 
 class UdsNrcName : public ::testing::TestWithParam<NameCase> {};
 

@@ -262,8 +262,10 @@ class ScopedFd {
 };
 
 // Writes every byte, retrying on EINTR and short writes; on a socket without
-// raising SIGPIPE. Returns false (errno set) when the peer is gone or the
-// descriptor fails.
+// raising SIGPIPE. Meant for blocking descriptors: on a non-blocking one it
+// returns false with EAGAIN when the kernel buffer is full, and an unknown
+// part may have been written. Returns false (errno set) when the peer is gone
+// or the descriptor fails.
 bool write_all(int fd, const uint8_t *bytes, size_t length);
 inline bool write_all(int fd, const std::vector<uint8_t> &bytes) {
     return write_all(fd, bytes.data(), bytes.size());

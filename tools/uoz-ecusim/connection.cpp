@@ -197,8 +197,8 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
         response.code = uozdoip::routing::kDeniedUnsupportedType;
     else if (activated_ && request->source != tester_)
         response.code = uozdoip::routing::kDeniedSourceMismatch;
-    else if (!activated_ && !entity_.claim_tester(request->source, shared_from_this()))
-        response.code = uozdoip::routing::kDeniedSourceActiveElsewhere;
+    else if (!activated_)
+        response.code = entity_.claim_tester(request->source, shared_from_this());
     else
         response.code = uozdoip::routing::kSuccess;
     trace("routing activation for tester " + address_text(request->source) + ": " +
@@ -355,6 +355,19 @@ void Connection::answer(uint16_t target, const Request &request) {
             return;
         left -= step;
     }
+    if (!result.suppressed && misbehave.cut_answer.count(request.number) != 0) {
+        cut_answer(target, result.response, prefix, request.number);
+        return;
+    }
+    if (!result.suppressed && misbehave.bad_version.count(request.number) != 0) {
+        Bytes message =
+            uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, result.response}, version_);
+        message[1] = static_cast<uint8_t>(message[1] ^ 0xFF);  // inverse no longer inverse
+        prefix.insert(prefix.end(), message.begin(), message.end());
+        trace("request #" + std::to_string(request.number) + ": answer with a bad version pair");
+        send(prefix);
+        return;
+    }
     if (!result.suppressed) {
         if (!send_uds(target, result.response, prefix))
             return;
@@ -370,6 +383,18 @@ void Connection::answer(uint16_t target, const Request &request) {
         trace("request #" + std::to_string(request.number) + " answered: dropping the connection");
         close();
     }
+}
+
+// Half of the answer's message (after a coalesced ACK, whole), then the
+// connection closes: the tester sees a message that never completes.
+void Connection::cut_answer(uint16_t target, const Bytes &uds, Bytes &prefix, uint64_t number) {
+    Bytes message = uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, uds}, version_);
+    prefix.insert(prefix.end(), message.begin(), message.begin() + message.size() / 2);
+    trace("request #" + std::to_string(number) + ": answer cut after " +
+          std::to_string(message.size() / 2) + " of " + std::to_string(message.size()) +
+          " bytes, dropping the connection");
+    if (send(prefix))
+        close();
 }
 
 bool Connection::alive(milliseconds wait) {

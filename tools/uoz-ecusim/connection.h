@@ -59,6 +59,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool send(const Bytes &bytes);
     bool send_pending(uint16_t target, uint8_t service, Bytes &prefix);
     bool send_uds(uint16_t target, const Bytes &uds, Bytes &prefix);
+    void cut_answer(uint16_t target, const Bytes &uds, Bytes &prefix, uint64_t number);
     // Sleeps unless the connection closes first; false when it closed.
     bool pause(std::chrono::milliseconds duration);
     void trace(const std::string &line);

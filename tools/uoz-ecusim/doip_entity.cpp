@@ -22,7 +22,7 @@ namespace uozecusim {
 namespace {
 
 constexpr uint8_t kNodeTypeGateway = 0x00;
-constexpr uint8_t kMaxOpenSockets = 16;
+
 constexpr uint8_t kPowerModeReady = 0x01;
 
 std::string endpoint_text(const sockaddr *address) {
@@ -235,7 +235,7 @@ Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) c
                 break;
             // Node type, sockets at most and open now, largest message.
             Bytes status = {kNodeTypeGateway,
-                            kMaxOpenSockets,
+                            kMaxActiveTesters,
                             static_cast<uint8_t>(connections_.size()),
                             0x00,
                             0x00,
@@ -286,7 +286,7 @@ const std::string &DoipEntity::ecu_name(uint16_t address) const {
     return ecus_.at(address)->server->ecu().name;
 }
 
-bool DoipEntity::claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection) {
+uint8_t DoipEntity::claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection) {
     std::shared_ptr<Connection> holder;
     {
         std::lock_guard<std::mutex> hold(testers_lock_);
@@ -296,12 +296,19 @@ bool DoipEntity::claim_tester(uint16_t tester, const std::shared_ptr<Connection>
     // (it reconnected before we saw the close): ask it, and take over if silent.
     if (holder && holder != connection && !holder->finished()) {
         if (holder->alive(std::chrono::milliseconds(settings_.alive_check_wait_ms)))
-            return false;
+            return uozdoip::routing::kDeniedSourceActiveElsewhere;
         holder->close();
     }
     std::lock_guard<std::mutex> hold(testers_lock_);
+    size_t active = 0;
+    for (const auto &entry : testers_) {
+        std::shared_ptr<Connection> other = entry.second.lock();
+        active += entry.first != tester && other && !other->finished() ? 1 : 0;
+    }
+    if (active >= kMaxActiveTesters)
+        return uozdoip::routing::kDeniedAllSocketsActive;
     testers_[tester] = connection;
-    return true;
+    return uozdoip::routing::kSuccess;
 }
 
 void DoipEntity::release_tester(uint16_t tester, const Connection *connection) {

@@ -31,6 +31,8 @@ struct Misbehaviour {
     uint32_t pending_interval_ms = 100;
     std::set<uint64_t> drop_after;     // request numbers after whose answer the connection closes
     std::set<uint64_t> drop_mid;       // request numbers whose connection closes after the ACK
+    std::set<uint64_t> cut_answer;     // request numbers whose answer stops halfway, then closes
+    std::set<uint64_t> bad_version;    // request numbers answered with a wrong version pair
     std::map<uint16_t, uint8_t> nack;  // target address -> diagnostic NACK code
     std::optional<uint8_t> deny_routing;  // routing activation answered with this code
     std::map<uint16_t, uint32_t> slow;    // target address -> delay before its answers
@@ -50,6 +52,9 @@ struct EntitySettings {
 };
 
 class Connection;
+
+// Activated connections (testers) the entity serves at once.
+constexpr uint8_t kMaxActiveTesters = 16;
 
 class DoipEntity {
   public:
@@ -75,9 +80,10 @@ class DoipEntity {
     UdsAnswer serve(uint16_t address, const Bytes &request);
     const std::string &ecu_name(uint16_t address) const;
     uint64_t next_request_number() { return ++requests_; }
-    // Registers the tester address for the connection; an address held by
-    // another live connection is refused, one held by a dead one is taken over.
-    bool claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection);
+    // Registers the tester address for the connection: the routing activation
+    // code. An address held by another live connection is refused (0x03), one
+    // held by a dead one is taken over; beyond kMaxActiveTesters, 0x01.
+    uint8_t claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection);
     void release_tester(uint16_t tester, const Connection *connection);
     void log(const std::string &line);
 

@@ -85,6 +85,8 @@ struct Switches {
     std::string deny_routing;
     std::string drop_after;
     std::string drop_mid;
+    std::string cut_answer;
+    std::string bad_version;
 };
 
 uozecusim::EntitySettings settings_from(const Switches &switches,
@@ -113,6 +115,10 @@ uozecusim::EntitySettings settings_from(const Switches &switches,
         misbehave.drop_after = parse_numbers(switches.drop_after, "--drop-after");
     if (!switches.drop_mid.empty())
         misbehave.drop_mid = parse_numbers(switches.drop_mid, "--drop-mid");
+    if (!switches.cut_answer.empty())
+        misbehave.cut_answer = parse_numbers(switches.cut_answer, "--cut-answer");
+    if (!switches.bad_version.empty())
+        misbehave.bad_version = parse_numbers(switches.bad_version, "--bad-version");
     return settings;
 }
 
@@ -155,6 +161,14 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
         ->group(group);
     app.add_option("--drop-mid", switches.drop_mid,
                    "close the connection after ACKing these requests, without answering")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--cut-answer", switches.cut_answer,
+                   "send half of the answer to these requests, then close the connection")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--bad-version", switches.bad_version,
+                   "answer these requests with a wrong protocol version pair")
         ->type_name("LIST")
         ->group(group);
     app.add_option("--nack", switches.nack, "NACK every message to TARGET with CODE (0x7E1:0x06)")
