@@ -220,6 +220,27 @@ TEST_F(AgentEcusimTest, aDropMidRequestFailsItAndTheNextRequestSucceeds) {
     EXPECT_EQ(connection()->activations(), 2);
 }
 
+// Half an answer then a closed connection, or a header with a wrong version
+// pair: the request fails with the reason and the next one gets through on a
+// new connection.
+TEST_F(AgentEcusimTest, aCutAnswerOrAWrongVersionFailsOnlyThatRequest) {
+    const struct {
+        const char *name;
+        const char *reason;
+    } cases[] = {{"--cut-answer", "(closed by the gateway)"},
+                 {"--bad-version", "(the gateway sent a header with a wrong protocol version)"}};
+    for (const auto &row : cases) {
+        start({row.name, "1"});
+        std::string first = read_engine(0x02);
+        EXPECT_NE(
+            first.find(std::string("dropped while waiting for the answer of 0x07E0 ") + row.reason),
+            std::string::npos)
+            << row.name << ": " << first;
+        EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002") << row.name;
+        EXPECT_EQ(connection()->activations(), 2) << row.name;
+    }
+}
+
 TEST_F(AgentEcusimTest, deniedRoutingActivationIsAFailureWithItsCode) {
     start({"--deny-routing", "0x00"});
     std::string reply = read_engine(0x02);
