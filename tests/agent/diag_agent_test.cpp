@@ -149,6 +149,23 @@ TEST_F(DiagAgentTest, aRoutineRunsItsCommandsInOrderAndStopsAtTheFirstNegativeAn
         << reply;
 }
 
+// The ECU announces a P2* of 2 s in its session answer: the next request's
+// response-pending wait grows to it although the agent's own P2* is 300 ms.
+TEST_F(DiagAgentTest, theTimingAnnouncedByTheEcuIsUsedForTheRestOfTheRoutine) {
+    settings_.timing.p2_star = Millis(300);
+    settings_.timing.overall = Millis(3000);
+    auto ecu = links_.add("0x1001");
+    ecu->on("1003", {{{0x50, 0x03, 0x00, 0x32, 0x00, 0xC8}}});  // P2 50 ms, P2* 2000 ms
+    ecu->on("3101FF01", {{{0x7F, 0x31, 0x78}}, {{0x71, 0x01, 0xFF, 0x01}, Millis(600)}});
+    std::string reply =
+        ask(R"({"mode":"DOIP","targetAddress":"0x1001",)" + kDoipBlock +
+            R"(,"routine":{"name":"custom_commands","commands":[)"
+            R"({"command":"Extended","service":"0x10","subfn":"0x03"},)"
+            R"({"command":"SelfTest","service":"0x31","subfn":"0x01","data":"0xFF01"}]}})");
+    EXPECT_NE(reply.find(R"("response":"7101FF01")"), std::string::npos) << reply;
+    EXPECT_EQ(reply.find("\"error\""), std::string::npos) << reply;
+}
+
 TEST_F(DiagAgentTest, clearDtcSendsTheGroupOfDtc) {
     auto ecu = links_.add("0x1001");
     ecu->on("14FFFFFF", {{{0x54}}});

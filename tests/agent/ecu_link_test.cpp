@@ -108,5 +108,17 @@ TEST(UdsRequestTest, aLinkThatCannotSendGivesItsReasonAndNoRetry) {
     EXPECT_EQ(link.sent().size(), 1u);
 }
 
+TEST(TimingForEcuTest, theEcusTimingOnlyLengthensTheWaitsAndStaysUnderTheDeadline) {
+    UdsTiming configured = fast_timing();  // P2 60 ms, P2* 400 ms, overall 2000 ms
+    UdsTiming longer = timing_for_ecu(configured, Millis(150), Millis(1000));
+    EXPECT_EQ(longer.p2, Millis(250));
+    EXPECT_EQ(longer.p2_star, Millis(1100));
+    UdsTiming shorter = timing_for_ecu(configured, Millis(10), Millis(100));
+    EXPECT_EQ(shorter.p2, Millis(110));
+    EXPECT_EQ(shorter.p2_star, Millis(400));
+    UdsTiming capped = timing_for_ecu(configured, Millis(50), Millis(655350));
+    EXPECT_EQ(capped.p2_star, Millis(2000));
+}
+
 }  // namespace
 }  // namespace uozagent

@@ -278,6 +278,15 @@ TEST(SecurityTest, seedAndKeyMessages) {
     EXPECT_EQ(hex_text(send_key_request(0x01, {0xAA, 0xBB, 0xCC, 0xDD})), "2702AABBCCDD");
 }
 
+TEST(SessionTimingTest, readsP2InMillisecondsAndP2StarInTensOfMilliseconds) {
+    uint32_t p2 = 0, p2_star = 0;
+    EXPECT_TRUE(session_timing({0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}, &p2, &p2_star));
+    EXPECT_EQ(p2, 50u);
+    EXPECT_EQ(p2_star, 5000u);
+    EXPECT_FALSE(session_timing({0x50, 0x03}, &p2, &p2_star));
+    EXPECT_FALSE(session_timing({0x7F, 0x10, 0x12, 0x00, 0x00, 0x00}, &p2, &p2_star));
+}
+
 TEST(NegativeResponseTest, isSevenFServiceCode) {
     uint8_t code = 0;
     EXPECT_TRUE(is_negative_response({0x7F, 0x19, 0x31}, &code));

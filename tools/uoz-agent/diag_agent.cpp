@@ -46,8 +46,8 @@ std::string reply_text(json_object *query, json_object *body) {
 
 // One request on an ECU's link, traced when the settings ask for it.
 UdsOutcome traced_request(EcuLink &link, const EcuTarget &target, const Bytes &request,
-                          const AgentSettings &settings) {
-    UdsOutcome outcome = uds_request(link, request, settings.timing);
+                          const AgentSettings &settings, const UdsTiming &timing) {
+    UdsOutcome outcome = uds_request(link, request, timing);
     if (settings.trace) {
         printf("trace %s: %s -> %s\n", ecu_title(target).c_str(), hex_text(request).c_str(),
                outcome.answered ? hex_text(outcome.response).c_str() : outcome.error.c_str());
@@ -70,7 +70,11 @@ class RoutineRun {
   public:
     RoutineRun(EcuLink &link, const EcuTarget &target, const AgentSettings &settings,
                const KeyAlgorithms &keys)
-        : link_(link), target_(target), settings_(settings), keys_(keys) {}
+        : link_(link),
+          target_(target),
+          settings_(settings),
+          keys_(keys),
+          timing_(settings.timing) {}
 
     bool session(uint8_t session) {
         return step("DiagnosticSessionControl", {kServiceSessionControl, session});
@@ -109,11 +113,14 @@ class RoutineRun {
 
   private:
     bool step(const std::string &name, const Bytes &request) {
-        UdsOutcome outcome = traced_request(link_, target_, request, settings_);
+        UdsOutcome outcome = traced_request(link_, target_, request, settings_, timing_);
         if (!outcome.answered) {
             error = name + ": " + outcome.error;
             return false;
         }
+        uint32_t p2 = 0, p2_star = 0;
+        if (session_timing(outcome.response, &p2, &p2_star))
+            timing_ = timing_for_ecu(settings_.timing, Millis(p2), Millis(p2_star));
         done.push_back({name, request, outcome.response});
         stopped_by_ecu = is_negative_response(outcome.response);
         return !stopped_by_ecu;
@@ -123,6 +130,7 @@ class RoutineRun {
     const EcuTarget &target_;
     const AgentSettings &settings_;
     const KeyAlgorithms &keys_;
+    UdsTiming timing_;  // the ECU's own once it has announced it
 };
 
 json_object *commands_json(const std::vector<CommandRecord> &done) {
@@ -190,7 +198,8 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
         if (link == nullptr)
             outcomes[index].error = why;
         else
-            outcomes[index] = traced_request(*link, targets[index], request, settings_);
+            outcomes[index] =
+                traced_request(*link, targets[index], request, settings_, settings_.timing);
     });
     // A single ECU that gave no answer fails the whole read; among several,
     // it is an element with empty data and the reason, never "no DTCs".
@@ -228,8 +237,8 @@ json_object *DiagAgent::version_answer(json_object *version, const std::vector<E
             return;
         }
         for (const VersionItem &item : items) {
-            UdsOutcome outcome =
-                traced_request(*link, targets[0], read_did_request(item.did), settings_);
+            UdsOutcome outcome = traced_request(*link, targets[0], read_did_request(item.did),
+                                                settings_, settings_.timing);
             if (!outcome.answered) {
                 *error = outcome.error;
                 return;

@@ -19,6 +19,15 @@ bool answers(const Bytes &response, const Bytes &request) {
 
 }  // namespace
 
+UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p2_star_server) {
+    const Millis kTransit(100);  // the gateway and the network, both ways
+    UdsTiming timing = configured;
+    timing.p2 = std::min(configured.overall, std::max(configured.p2, p2_server + kTransit));
+    timing.p2_star =
+        std::min(configured.overall, std::max(configured.p2_star, p2_star_server + kTransit));
+    return timing;
+}
+
 UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing) {
     UdsOutcome outcome;
     const Clock::time_point deadline = Clock::now() + timing.overall;

@@ -44,6 +44,11 @@ struct UdsOutcome {
     int busy_answers = 0;
 };
 
+// The timing to use after an ECU announced its own P2 and P2* (0x10): never
+// shorter than the configured waits, with room for the way there and back,
+// and never beyond the overall deadline.
+UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p2_star_server);
+
 // One request and its final answer (positive or negative, never 0x78).
 UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing);
 

@@ -14,6 +14,7 @@ namespace {
 
 constexpr uint8_t kServiceReadDtcInformation = 0x19;
 constexpr uint8_t kServiceReadDataByIdentifier = 0x22;
+constexpr uint8_t kServiceSessionControl = 0x10;
 constexpr uint8_t kPositiveOffset = 0x40;
 constexpr uint8_t kDefaultSecuritySession = 0x03;
 
@@ -345,6 +346,14 @@ SecurityRequest security_request(json_object *routine, std::string *error) {
     wanted.level = static_cast<uint8_t>(level);
     wanted.session = static_cast<uint8_t>(session);
     return wanted;
+}
+
+bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms) {
+    if (response.size() != 6 || response[0] != kServiceSessionControl + kPositiveOffset)
+        return false;
+    *p2_ms = static_cast<uint32_t>(response[2] << 8 | response[3]);
+    *p2_star_ms = static_cast<uint32_t>(response[4] << 8 | response[5]) * 10;
+    return true;
 }
 
 bool is_seed_request(const Bytes &request) {

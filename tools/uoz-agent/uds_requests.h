@@ -71,6 +71,11 @@ struct SecurityRequest {
 };
 SecurityRequest security_request(json_object *routine, std::string *error);
 
+// The ECU's own timing from a positive DiagnosticSessionControl answer
+// (50 <session> P2 P2*): P2 in ms, P2* in units of 10 ms. False for any
+// other answer.
+bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms);
+
 // A SecurityAccess requestSeed (27 <odd level>) with no key to send yet:
 // the agent answers the seed itself with the key algorithm of the level.
 bool is_seed_request(const Bytes &request);
