@@ -85,6 +85,7 @@ void Connection::read_loop() {
     uozdoip::FrameReader reader;
     uozdoip::Message message;
     bool open = true;
+    bool by_tester = false;
     while (open && !closing_) {
         pollfd wait_for{fd_.get(), POLLIN, 0};
         int ready = poll(&wait_for, 1, kPollMs);
@@ -96,7 +97,10 @@ void Connection::read_loop() {
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready < 0 || uozdoip::read_into(fd_.get(), reader) <= 0) {
-            trace("connection closed by the tester");
+            if (!closing_)
+                trace("connection closed by the tester");
+            open = false;
+            by_tester = !closing_;
             break;
         }
         last_received_ = now;
@@ -122,6 +126,8 @@ void Connection::read_loop() {
             }
         }
     }
+    if (!by_tester)
+        trace("connection closed");
     close();
     for (auto &worker : workers_) {
         if (worker.second->thread.joinable())
