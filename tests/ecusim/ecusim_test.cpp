@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 
+#include <map>
 #include <thread>
 
 #include "ecusim_process.h"
@@ -257,6 +258,30 @@ TEST_F(EcuSimTest, EcusAnswerBehindTheGateway) {
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("19 01 08"))), "59 01 FF 01 00 02");
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("10 03"))), "50 03 00 32 01 F4");
     EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("27 02 00 00 00 00"))), "7F 27 24");
+}
+
+// A request to the functional address reaches every ECU; each answers from
+// its own address, and one that does not support it stays silent.
+TEST_F(EcuSimTest, FunctionalRequestIsAnsweredByEveryEcuThatSupportsIt) {
+    activated();
+    ASSERT_TRUE(tester_->request(0xE400, hex_bytes("19 14")));
+    auto ack = tester_->receive();
+    ASSERT_TRUE(ack);
+    EXPECT_EQ(hex_text(uozdoip::encode_message(*ack)), "02 FD 80 02 00 00 00 05 E4 00 0E 80 00");
+    std::map<uint16_t, std::string> answers;
+    for (int i = 0; i < 4; ++i) {  // five ECUs; the transmission has no report 0x14
+        auto message = tester_->receive();
+        ASSERT_TRUE(message);
+        auto answer = uozdoip::parse_diagnostic_message(*message);
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->target, 0x0E80);
+        answers[answer->source] = hex_text(answer->data);
+    }
+    EXPECT_EQ(answers, (std::map<uint16_t, std::string>{{0x07E0, "59 14 01 13 00 32"},
+                                                        {0x07E2, "59 14"},
+                                                        {0x0020, "59 14"},
+                                                        {0x1001, "59 14"}}));
+    EXPECT_FALSE(tester_->receive(300));  // nothing from 0x07E1
 }
 
 TEST_F(EcuSimTest, UnknownTargetIsNackedAndTheConnectionStays) {

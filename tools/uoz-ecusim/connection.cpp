@@ -25,6 +25,22 @@ std::string address_text(uint16_t address) {
     return text;
 }
 
+// Negative answers an ECU keeps to itself when a request was sent to all
+// ECUs at once: not its service, sub-function or data.
+bool silent_when_functional(const Bytes &response) {
+    if (response.size() != 3 || response[0] != uozuds::kNegativeResponse)
+        return false;
+    switch (response[2]) {
+        case uozuds::nrc::kServiceNotSupported:
+        case uozuds::nrc::kSubFunctionNotSupported:
+        case uozuds::nrc::kRequestOutOfRange:
+        case uozuds::nrc::kSubFunctionNotSupportedInActiveSession:
+        case uozuds::nrc::kServiceNotSupportedInActiveSession:
+            return true;
+    }
+    return false;
+}
+
 bool known_activation_type(uint8_t type) {
     return type == uozdoip::routing::kTypeDefault || type == uozdoip::routing::kTypeWwhObd ||
            type == uozdoip::routing::kTypeCentralSecurity;
@@ -69,6 +85,7 @@ void Connection::read_loop() {
     uozdoip::FrameReader reader;
     uozdoip::Message message;
     bool open = true;
+    bool by_tester = false;
     while (open && !closing_) {
         pollfd wait_for{fd_.get(), POLLIN, 0};
         int ready = poll(&wait_for, 1, kPollMs);
@@ -80,7 +97,10 @@ void Connection::read_loop() {
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready < 0 || uozdoip::read_into(fd_.get(), reader) <= 0) {
-            trace("connection closed by the tester");
+            if (!closing_)
+                trace("connection closed by the tester");
+            open = false;
+            by_tester = !closing_;
             break;
         }
         last_received_ = now;
@@ -106,6 +126,8 @@ void Connection::read_loop() {
             }
         }
     }
+    if (!by_tester)
+        trace("connection closed");
     close();
     for (auto &worker : workers_) {
         if (worker.second->thread.joinable())
@@ -236,13 +258,15 @@ bool Connection::diagnostic(const uozdoip::Message &message) {
     auto forced = misbehave.nack.find(request->target);
     if (forced != misbehave.nack.end())
         return refuse(forced->second);
-    if (!entity_.has_ecu(request->target))
+    const bool functional = request->target == entity_.vehicle().functional_address;
+    if (!functional && !entity_.has_ecu(request->target))
         return refuse(uozdoip::diag::kNackUnknownTarget);
     if (request->data.size() > kMaxUdsLength)
         return refuse(uozdoip::diag::kNackMessageTooLarge);
 
-    Request work{entity_.next_request_number(), request->data, {}};
-    trace(entity_.ecu_name(request->target) + " (" + address_text(request->target) + ") <- " +
+    Request work{entity_.next_request_number(), request->data, {}, functional};
+    trace((functional ? std::string("functional") : entity_.ecu_name(request->target)) + " (" +
+          address_text(request->target) + ") <- " +
           spaced_hex(request->data.data(), request->data.size()));
     Bytes ack_bytes = uozdoip::encode(ack, version_);
     if (misbehave.drop_mid.count(work.number) != 0) {
@@ -257,7 +281,16 @@ bool Connection::diagnostic(const uozdoip::Message &message) {
         else if (!send(ack_bytes))
             return false;
     }
-    enqueue(request->target, std::move(work));
+    if (!functional) {
+        enqueue(request->target, std::move(work));
+        return true;
+    }
+    // Every ECU gets the request and answers from its own address; a held ACK
+    // goes with the first answer.
+    for (const SimulatedEcu &ecu : entity_.vehicle().ecus) {
+        enqueue(ecu.logical_address, work);
+        work.held_ack.clear();
+    }
     return true;
 }
 
@@ -332,6 +365,15 @@ void Connection::answer(uint16_t target, const Request &request) {
     UdsAnswer result = entity_.serve(target, request.data);
     const uint8_t service = request.data[0];
     Bytes prefix = misbehave.coalesce ? request.held_ack : Bytes{};
+    if (request.functional && silent_when_functional(result.response)) {
+        trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> no answer to " +
+              spaced_hex(result.response.data(), result.response.size()));
+        if (!prefix.empty())
+            send(prefix);
+        if (misbehave.ack_after_answer && !misbehave.coalesce && !request.held_ack.empty())
+            send(request.held_ack);
+        return;
+    }
 
     auto slow = misbehave.slow.find(target);
     uint32_t delay_ms =

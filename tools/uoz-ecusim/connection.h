@@ -42,7 +42,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     struct Request {
         uint64_t number = 0;
         Bytes data;
-        Bytes held_ack;  // sent with (coalesced) or after the answer
+        Bytes held_ack;           // sent with (coalesced) or after the answer
+        bool functional = false;  // sent to every ECU at once
     };
     struct EcuWorker {
         std::thread thread;

@@ -83,10 +83,33 @@ void DoipEntity::bind() {
     memcpy(&address, found->ai_addr, found->ai_addrlen);
     freeaddrinfo(found);
 
+    // With port 0 the system picks the TCP port; UDP must get the same one,
+    // and if another program holds it for UDP, the next pick is tried.
+    const int attempts = settings_.port == 0 ? 8 : 1;
+    for (int attempt = 1;; ++attempt) {
+        bind_tcp(address, length, where);
+        set_port(address, port_);
+        udp_.reset(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (udp_.valid() && ::bind(udp_.get(), reinterpret_cast<sockaddr *>(&address), length) == 0)
+            break;
+        if (attempt == attempts || errno != EADDRINUSE)
+            cannot("cannot listen for UDP on " + settings_.host + ":" + std::to_string(port_));
+        set_port(address, 0);
+    }
+
+    int wake[2];
+    if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0)
+        cannot("cannot make a pipe");
+    wake_read_.reset(wake[0]);
+    wake_write_.reset(wake[1]);
+}
+
+void DoipEntity::bind_tcp(const sockaddr_storage &address, socklen_t length,
+                          const std::string &where) {
     tcp_.reset(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int yes = 1;
     if (!tcp_.valid() || setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) != 0 ||
-        ::bind(tcp_.get(), reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        ::bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&address), length) != 0 ||
         listen(tcp_.get(), 16) != 0)
         cannot(where);
     sockaddr_storage bound{};
@@ -94,17 +117,6 @@ void DoipEntity::bind() {
     getsockname(tcp_.get(), reinterpret_cast<sockaddr *>(&bound), &bound_length);
     port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port
                                               : reinterpret_cast<sockaddr_in *>(&bound)->sin_port);
-
-    set_port(address, port_);
-    udp_.reset(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!udp_.valid() || ::bind(udp_.get(), reinterpret_cast<sockaddr *>(&address), length) != 0)
-        cannot("cannot listen for UDP on " + settings_.host + ":" + std::to_string(port_));
-
-    int wake[2];
-    if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0)
-        cannot("cannot make a pipe");
-    wake_read_.reset(wake[0]);
-    wake_write_.reset(wake[1]);
 }
 
 std::string DoipEntity::listening_text() const {

@@ -5,6 +5,7 @@
 #define UOZ_TOOLS_DOIP_ENTITY_H
 
 #include <stdint.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <list>
@@ -93,6 +94,7 @@ class DoipEntity {
         std::unique_ptr<EcuServer> server;
     };
 
+    void bind_tcp(const sockaddr_storage &address, socklen_t length, const std::string &where);
     void accept_connection();
     void answer_udp();
     Bytes udp_answer(const uozdoip::Message &message, uint8_t version) const;

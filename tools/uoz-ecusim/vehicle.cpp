@@ -332,6 +332,8 @@ void read_gateway(VehicleFile &vehicle, json_object *root) {
     const std::string where = "\"gateway\"";
     vehicle.gateway_address = static_cast<uint16_t>(
         number_member(gateway, "logical-address", where, 0xFFFF, vehicle.gateway_address));
+    vehicle.functional_address = static_cast<uint16_t>(
+        number_member(gateway, "functional-address", where, 0xFFFF, vehicle.functional_address));
     if (const char *vin = text_member(gateway, "vin", where)) {
         if (strlen(vin) != 17)
             fail(where, "\"vin\" has 17 characters");
@@ -386,6 +388,9 @@ VehicleFile parse_vehicle(const std::string &text) {
                                                      hex_text(ecu.logical_address, 4) +
                                                      " is also \"" + earlier.name + "\"'s");
         }
+        if (ecu.logical_address == vehicle.functional_address)
+            fail("ECU \"" + ecu.name + "\"", "logical address " + hex_text(ecu.logical_address, 4) +
+                                                 " is the functional address");
         if (ecu.logical_address == vehicle.gateway_address)
             fail("ECU \"" + ecu.name + "\"",
                  "logical address " + hex_text(ecu.logical_address, 4) + " is the gateway's own");

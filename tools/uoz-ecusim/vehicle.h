@@ -70,6 +70,7 @@ struct SimulatedEcu {
 struct VehicleFile {
     std::string vin = "WZL00000000000001";
     uint16_t gateway_address = 0x1000;
+    uint16_t functional_address = 0xE400;  // a request to it goes to every ECU
     std::array<uint8_t, 6> eid{{0x02, 0x00, 0x00, 0x00, 0x10, 0x00}};
     std::array<uint8_t, 6> gid{{0x02, 0x00, 0x00, 0x00, 0x10, 0x00}};
     std::string policy = "accept";
