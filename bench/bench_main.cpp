@@ -21,8 +21,10 @@
 #include <thread>
 #include <vector>
 
+#include "agent_peer.h"
 #include "bench_util.h"
 #include "broker_fixture.h"
+#include "doip_path.h"
 #include "micro.h"
 #include "mosquitto_pair.h"
 #include "responder.h"
@@ -235,6 +237,45 @@ void measure_throughput(const Options &options, MosquittoPair &pair, UDSOverZelk
     }
 }
 
+bool read_engine(UDSOverZelkoHandle *handle) {
+    DTCBuffer buffer{};
+    int rc = UDSOverZelko_ReadDTCInfo(handle, 0x7E0, 0x02, 0xFF, &buffer);
+    UDSOverZelko_FreeDTCBuffer(&buffer);
+    return rc > 0;
+}
+
+// The whole path, library to broker to agent to DoIP to the simulated ECU and
+// back, against the sum of its two bare round trips (MQTT through the broker,
+// DoIP to the same simulator), taking turns. Runs after the minimal
+// responder has left, so that only the real agent answers.
+void measure_doip_path(const Options &options, const uoztest::Broker &broker, MosquittoPair &pair,
+                       Report &report) {
+    fprintf(stderr, "latency through the agent and DoIP, and bare MQTT + bare DoIP...\n");
+    DoipPath path(broker.port());
+    uozagent::AgentPeer watcher(uoztest::identity_dir("peer1"), broker.url());
+    if (!watcher.wait_for_peer("/ZDATA/UDS", 10000)) {
+        fprintf(stderr, "the agent did not connect\n");
+        exit(1);
+    }
+    BareDoip doip(path.simulator_port());
+    UDSOverZelkoHandle *handle = init_handle(broker, path.config_path());
+    if (!read_engine(handle)) {
+        fprintf(stderr, "no answer through the agent:\n%s\n", path.agent_output().c_str());
+        exit(1);
+    }
+    if (!doip.round_trip()) {
+        fprintf(stderr, "no answer from the simulator\n");
+        exit(1);
+    }
+    Summary anchor, library;
+    paired_latency(
+        options.warmup, options.requests, [&] { return pair.round_trip(0) && doip.round_trip(); },
+        [&] { return read_engine(handle); }, &anchor, &library);
+    report.add_latency("bare MQTT + bare DoIP round trips", anchor, anchor);
+    report.add_latency("UDSOverZelko_ReadDTCInfo via agent and DoIP", library, anchor);
+    UDSOverZelko_Terminate(handle);
+}
+
 void measure_growth(const Options &options, UDSOverZelkoHandle *handle, Report &report) {
     fprintf(stderr, "memory growth over %d requests...\n", options.growth_requests);
     Rate ignored;
@@ -283,20 +324,25 @@ int main(int argc, char **argv) {
     size_t query_size = typical_query_size(config_path);
 
     MosquittoPair pair(pki, broker.port(), query_size, 64);
-    MinimalResponder responder(uoztest::identity_dir("agent"), broker.url());
-    if (!responder.wait_running()) {
+    auto responder =
+        std::make_unique<MinimalResponder>(uoztest::identity_dir("agent"), broker.url());
+    if (!responder->wait_running()) {
         fprintf(stderr, "responder did not connect\n");
         return 1;
     }
     UDSOverZelkoHandle *handle = init_handle(broker, config_path);
 
     if (!options.throughput_only)
-        measure_latency(options, broker, pair, handle, query_size, responder, report);
+        measure_latency(options, broker, pair, handle, query_size, *responder, report);
     if (!options.latency_only)
         measure_throughput(options, pair, handle, report);
+    unsigned long answered = responder->answered();
     if (options.latency_only || options.throughput_only) {
         UDSOverZelko_Terminate(handle);
         unlink(config_path.c_str());
+        responder.reset();
+        if (options.latency_only)
+            measure_doip_path(options, broker, pair, report);
         report.print(stdout);
         return 0;
     }
@@ -307,12 +353,15 @@ int main(int argc, char **argv) {
     fprintf(stderr, "library CPU without the bus...\n");
     run_micro_benchmarks(config_path, report);
     unlink(config_path.c_str());
+    answered = responder->answered();
+    responder.reset();
+    measure_doip_path(options, broker, pair, report);
 
     report.print(stdout);
     if (!report.write_json(options.json_path)) {
         fprintf(stderr, "cannot write %s\n", options.json_path.c_str());
         return 1;
     }
-    printf("\nwrote %s (%lu replies answered)\n", options.json_path.c_str(), responder.answered());
+    printf("\nwrote %s (%lu replies answered)\n", options.json_path.c_str(), answered);
     return 0;
 }

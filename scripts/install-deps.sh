@@ -3,7 +3,8 @@
 # Does nothing when they are all present.
 set -euo pipefail
 packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
-          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy)
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy
+          python3 python3-scapy)
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
 missing=()
 for p in "${packages[@]}"; do

@@ -56,46 +56,27 @@ bool is_json(const std::string &text) {
     return whole;
 }
 
-AgentProcess::AgentProcess(int broker_port) {
-    std::string certs = identity_dir("agent");
-    std::string broker = "localhost:" + std::to_string(broker_port);
-    log_ = "/tmp/uoz-agent-" + std::to_string(getpid()) + ".log";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    const char *argv[] = {UOZ_AGENT_PATH, "--certs", certs.c_str(), "--broker",
-                          broker.c_str(), "--debug", "0",           nullptr};
-    if (posix_spawn(&pid_, UOZ_AGENT_PATH, &actions, nullptr, const_cast<char **>(argv), environ) !=
-        0) {
-        pid_ = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    for (int i = 0; i < 500 && pid_ > 0 && !ready(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+VehicleAgent::VehicleAgent(int broker_port) {
+    ecus_ = std::make_unique<EcuSimulator>(UOZ_ECUSIM_PATH);
+    agent_ = std::make_unique<AgentProcess>(
+        UOZ_AGENT_PATH, broker_port,
+        std::vector<std::string>{"--gateway", ecus_->address(), "--doip-port",
+                                 std::to_string(ecus_->port()), "--ecu-config",
+                                 std::string(UOZ_EXAMPLES) + "/ecus.json"});
 }
 
-AgentProcess::~AgentProcess() {
-    stop();
-    unlink(log_.c_str());
+VehicleAgent::~VehicleAgent() = default;
+
+void VehicleAgent::stop() {
+    agent_.reset();
 }
 
-bool AgentProcess::ready() const {
-    std::ifstream log(log_);
-    std::string line;
-    while (std::getline(log, line)) {
-        if (line.find("uoz-agent ready") != std::string::npos)
-            return true;
-    }
-    return false;
+void VehicleAgent::stop_ecus() {
+    ecus_.reset();
 }
 
-void AgentProcess::stop() {
-    if (pid_ <= 0)
-        return;  // never kill(-1): that signals every process
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+std::string VehicleAgent::agent_output() const {
+    return agent_ ? agent_->output() : std::string();
 }
 
 }  // namespace uoztest

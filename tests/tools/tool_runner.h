@@ -5,7 +5,10 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
+
+#include "processes.h"
 
 namespace uoztest {
 
@@ -22,20 +25,25 @@ ToolRun run(const std::string &command);
 // True when text is exactly one JSON document (nothing else around it).
 bool is_json(const std::string &text);
 
-// The diagnostic agent on the test broker, with the identity "agent",
-// started and reaped by this one helper. Waits until the agent is ready.
-class AgentProcess {
+// The diagnostic agent on the test broker, with the identity "agent", asking
+// the ECU simulator over DoIP for the ECUs of examples/ecus.json: the one
+// place that starts them. Waits until both are ready.
+class VehicleAgent {
   public:
-    explicit AgentProcess(int broker_port);
-    ~AgentProcess();
-    AgentProcess(const AgentProcess &) = delete;
-    AgentProcess &operator=(const AgentProcess &) = delete;
-    bool ready() const;
+    explicit VehicleAgent(int broker_port);
+    ~VehicleAgent();
+    VehicleAgent(const VehicleAgent &) = delete;
+    VehicleAgent &operator=(const VehicleAgent &) = delete;
+    bool ready() const { return agent_ != nullptr; }
+    // Stops the agent: queries then go unanswered.
     void stop();
+    // Stops the simulator: the agent then finds its ECUs unreachable.
+    void stop_ecus();
+    std::string agent_output() const;
 
   private:
-    pid_t pid_ = -1;
-    std::string log_;
+    std::unique_ptr<EcuSimulator> ecus_;
+    std::unique_ptr<AgentProcess> agent_;
 };
 
 }  // namespace uoztest

@@ -1,5 +1,5 @@
-// uozctl end to end: the real broker, the diagnostic agent with its simulated
-// vehicle, every command in text and --json, and the exit codes.
+// uozctl end to end: the real broker, uoz-agent asking the ECU simulator
+// over DoIP, every command in text and --json, and the exit codes.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -32,7 +32,7 @@ class UozctlTest : public ::testing::Test {
     }
 
     Broker broker_;
-    AgentProcess agent_{broker_.port()};
+    VehicleAgent agent_{broker_.port()};
     std::vector<std::string> documents_;
 };
 
@@ -85,15 +85,23 @@ TEST_F(UozctlTest, negativeResponsesAndUnsupportedReportsHaveTheirExitCodes) {
 }
 
 TEST_F(UozctlTest, versionsRoutinesAndConsent) {
-    ToolRun version = uozctl("version transmission");
-    EXPECT_EQ(version.code, 0);
-    EXPECT_EQ(version.out, "transmission (0x7E1): TCU-8HP-5.0.3\n");
+    ToolRun version = uozctl("version body");
+    EXPECT_EQ(version.code, 0) << version.err;
+    EXPECT_EQ(version.out, "body (0x7E2): BCM-1.9.0\n");
     ToolRun json = uozctl("--json version 0x7E0");
-    EXPECT_NE(json.out.find("\"version\":\"ENG-2.4.1 (hw B3)\""), std::string::npos) << json.out;
+    EXPECT_NE(json.out.find("\"version\":\"software version: ENG-2.4.1, hardware version: B3\""),
+              std::string::npos)
+        << json.out;
+    // A J1939 description cannot be read over DoIP: a failure, not a made-up text.
+    EXPECT_EQ(uozctl("version transmission").code, 4);
+    EXPECT_NE(agent_.agent_output().find("query to 0x07E1 failed: a J1939 version read needs a "
+                                         "J1939 transport, which this agent does not have"),
+              std::string::npos)
+        << agent_.agent_output();
     ToolRun routine = uozctl(std::string("run ") + UOZ_EXAMPLES + "/remote-command.json");
     EXPECT_EQ(routine.code, 0) << routine.err;
     EXPECT_EQ(routine.out,
-              "remote command: engine: done, response 62F190575A4C303030303030303030303031\n");
+              "remote command: engine: done, response 62F190575A4C3030303030303030303030303031\n");
     ToolRun consent = uozctl("consent install C-9");
     EXPECT_EQ(consent.code, 0);
     EXPECT_EQ(consent.out, "install consent for campaign C-9: accepted\n");
@@ -102,7 +110,7 @@ TEST_F(UozctlTest, versionsRoutinesAndConsent) {
 
 TEST_F(UozctlTest, aRoutineTheEcuRefusesIsANegativeResponse) {
     std::string path = document(
-        R"({"commands": [{"type": "predefined", "command": "ResetECU"}], "ecu": {"ServerAddress": "0x7E2"}})");
+        R"({"commands": [{"type": "predefined", "command": "ReadVIN"}], "ecu": {"ServerAddress": "0x7E2"}})");
     ToolRun refused = uozctl("run " + path);
     EXPECT_EQ(refused.code, 4) << refused.out << refused.err;
     EXPECT_EQ(refused.out, "remote command: body: negative response: NRC 0x31 requestOutOfRange\n");
@@ -110,6 +118,20 @@ TEST_F(UozctlTest, aRoutineTheEcuRefusesIsANegativeResponse) {
     EXPECT_EQ(json.code, 4);
     EXPECT_TRUE(is_json(json.out)) << json.out;
     EXPECT_NE(json.out.find("\"negative\":true"), std::string::npos) << json.out;
+}
+
+// With the simulator gone the agent answers at once with a failure: the
+// library sees a failed read (exit 4), not a missing reply (exit 3), and
+// never an empty DTC list.
+TEST_F(UozctlTest, anUnreachableEcuIsAFailureAtOnce) {
+    agent_.stop_ecus();
+    ToolRun engine = uozctl("dtc read engine");
+    EXPECT_EQ(engine.code, 4) << engine.out << engine.err;
+    EXPECT_EQ(engine.out.find("no DTCs"), std::string::npos) << engine.out;
+    ToolRun all = uozctl("dtc read all");
+    EXPECT_EQ(all.out.find("no DTCs"), std::string::npos) << all.out;
+    EXPECT_EQ(uozctl("version engine").code, 4);
+    EXPECT_NE(agent_.agent_output().find("Connection refused"), std::string::npos);
 }
 
 TEST_F(UozctlTest, anUnknownRoutineIsRefusedBeforeSending) {
@@ -156,7 +178,7 @@ TEST_F(UozctlTest, jsonOutputAlwaysParses) {
 TEST_F(UozctlTest, theLibrarysLogLinesGoToStandardErrorWithoutColour) {
     ToolRun result = uozctl("--debug 2 version engine");
     EXPECT_EQ(result.code, 0);
-    EXPECT_EQ(result.out, "engine (0x7E0): ENG-2.4.1 (hw B3)\n");
+    EXPECT_EQ(result.out, "engine (0x7E0): software version: ENG-2.4.1, hardware version: B3\n");
     EXPECT_NE(result.err.find(" INFO "), std::string::npos) << result.err;
     EXPECT_EQ(result.err.find("\x1b["), std::string::npos) << result.err;
 }

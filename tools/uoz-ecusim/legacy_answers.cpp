@@ -1,7 +1,7 @@
-#include "vehicle.h"
-
+// The agent's former in-memory answers: a query answered straight from the
+// simulated vehicle, without a transport. Only uoz-agent uses this, until it
+// asks the simulator over DoIP; then this file goes.
 #include <json-c/json.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -10,30 +10,15 @@
 
 #include "UDSOverZelko/read_dtc.h"
 #include "kt5Utils/kt5_json.h"
+#include "read_dtc.h"
+#include "vehicle.h"
 
 namespace uozagent {
 
 namespace {
 
-constexpr uint8_t kAvailabilityMask = 0xFF;
-constexpr uint8_t kFormatIso14229 = 0x01;
-constexpr uint8_t kNrcSubFunctionNotSupported = 0x12;
-
 uint32_t hex_number(const char *text) {
     return text != nullptr ? strtoul(text, nullptr, 16) : 0;
-}
-
-std::vector<uint8_t> hex_bytes(const char *text) {
-    std::vector<uint8_t> bytes;
-    std::string digits;
-    for (const char *c = text; c != nullptr && *c != '\0'; ++c) {
-        if (isxdigit(static_cast<unsigned char>(*c)))
-            digits += *c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<uint8_t>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
-    }
-    return bytes;
 }
 
 const char *text_member(json_object *object, const char *key) {
@@ -43,105 +28,6 @@ const char *text_member(json_object *object, const char *key) {
         return nullptr;
     }
     return json_object_get_string(value);
-}
-
-std::map<uint8_t, std::vector<uint8_t>> records_of(json_object *dtc, const char *key) {
-    std::map<uint8_t, std::vector<uint8_t>> records;
-    json_object *object = nullptr;
-    if (!json_object_object_get_ex(dtc, key, &object) ||
-        !json_object_is_type(object, json_type_object)) {
-        return records;
-    }
-    json_object_object_foreach(object, number, data) {
-        records[static_cast<uint8_t>(hex_number(number))] = hex_bytes(json_object_get_string(data));
-    }
-    return records;
-}
-
-SimulatedEcu ecu_from_json(json_object *entry) {
-    SimulatedEcu ecu;
-    const char *name = text_member(entry, "name");
-    const char *address = text_member(entry, "targetAddress");
-    const char *request_id = text_member(entry, "phy-req-id");
-    if (name == nullptr || address == nullptr || request_id == nullptr) {
-        throw std::runtime_error("every ECU needs \"name\", \"targetAddress\" and \"phy-req-id\"");
-    }
-    ecu.name = name;
-    ecu.target_address = static_cast<int32_t>(hex_number(address));
-    ecu.request_id = request_id;
-    const char *version = text_member(entry, "version");
-    ecu.version = version != nullptr ? version : "";
-    json_object *dtcs = nullptr;
-    if (json_object_object_get_ex(entry, "dtcs", &dtcs) &&
-        json_object_is_type(dtcs, json_type_array)) {
-        for (size_t i = 0; i < json_object_array_length(dtcs); ++i) {
-            json_object *item = json_object_array_get_idx(dtcs, i);
-            SimulatedDtc dtc;
-            dtc.code = hex_number(text_member(item, "code")) & 0xFFFFFF;
-            dtc.status = static_cast<uint8_t>(hex_number(text_member(item, "status")));
-            dtc.severity = static_cast<uint8_t>(hex_number(text_member(item, "severity")));
-            dtc.fault_detection_counter =
-                static_cast<uint8_t>(hex_number(text_member(item, "fdc")));
-            dtc.snapshots = records_of(item, "snapshots");
-            dtc.extended = records_of(item, "extended");
-            ecu.dtcs.push_back(dtc);
-        }
-    }
-    json_object *routines = nullptr;
-    if (json_object_object_get_ex(entry, "routines", &routines) &&
-        json_object_is_type(routines, json_type_object)) {
-        json_object_object_foreach(routines, routine, response) {
-            ecu.routines[routine] = to_hex(hex_bytes(json_object_get_string(response)));
-        }
-    }
-    json_object *unsupported = nullptr;
-    if (json_object_object_get_ex(entry, "unsupported-reports", &unsupported) &&
-        json_object_is_type(unsupported, json_type_array)) {
-        for (size_t i = 0; i < json_object_array_length(unsupported); ++i) {
-            ecu.unsupported_reports.insert(static_cast<uint8_t>(
-                hex_number(json_object_get_string(json_object_array_get_idx(unsupported, i)))));
-        }
-    }
-    return ecu;
-}
-
-void put_dtc(std::vector<uint8_t> &out, uint32_t code) {
-    out.push_back(static_cast<uint8_t>(code >> 16));
-    out.push_back(static_cast<uint8_t>(code >> 8));
-    out.push_back(static_cast<uint8_t>(code));
-}
-
-const SimulatedDtc *find_dtc(const SimulatedEcu &ecu, uint32_t code) {
-    for (const SimulatedDtc &dtc : ecu.dtcs) {
-        if (dtc.code == code)
-            return &dtc;
-    }
-    return nullptr;
-}
-
-// First/most recent DTC with a status bit: the list is kept in occurrence order.
-void put_first_or_last(std::vector<uint8_t> &out, const SimulatedEcu &ecu, uint8_t bit, bool last) {
-    const SimulatedDtc *chosen = nullptr;
-    for (const SimulatedDtc &dtc : ecu.dtcs) {
-        if ((dtc.status & bit) == 0)
-            continue;
-        if (chosen == nullptr || last)
-            chosen = &dtc;
-    }
-    if (chosen == nullptr)
-        return;
-    put_dtc(out, chosen->code);
-    out.push_back(chosen->status);
-}
-
-void put_records(std::vector<uint8_t> &out, const std::map<uint8_t, std::vector<uint8_t>> &records,
-                 uint8_t record) {
-    for (const auto &[number, data] : records) {
-        if (record != 0xFF && number != record)
-            continue;
-        out.push_back(number);
-        out.insert(out.end(), data.begin(), data.end());
-    }
 }
 
 uint8_t report_number(const char *name) {
@@ -176,141 +62,42 @@ std::string reply_text(json_object *query, json_object *body) {
     return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
 }
 
+// The request bytes the library's report name and "data-record" stand for.
+std::vector<uint8_t> legacy_request(uint8_t report, uint8_t mask, uint32_t dtc, uint8_t record) {
+    std::vector<uint8_t> request = {0x19, report};
+    const uint8_t dtc_bytes[] = {static_cast<uint8_t>(dtc >> 16), static_cast<uint8_t>(dtc >> 8),
+                                 static_cast<uint8_t>(dtc)};
+    switch (uozecusim::read_dtc_request_length(report)) {
+        case 3:
+            request.push_back(report == 0x05 || report == 0x16 ? record : mask);
+            break;
+        case 4:
+            request.insert(request.end(), {report == 0x17 ? mask : uint8_t{0xFF},
+                                           report == 0x17 ? uint8_t{0x00} : mask});
+            break;
+        case 5:
+            request.insert(request.end(), dtc_bytes, dtc_bytes + 3);
+            break;
+        case 6:
+        case 7:
+            request.insert(request.end(), dtc_bytes, dtc_bytes + 3);
+            request.push_back(record);
+            if (report >= 0x18)
+                request.push_back(0x00);
+            break;
+    }
+    return request;
+}
+
 }  // namespace
 
-std::string to_hex(const std::vector<uint8_t> &bytes) {
-    std::string text;
-    char pair[3];
-    for (uint8_t byte : bytes) {
-        snprintf(pair, sizeof(pair), "%02X", byte);
-        text += pair;
-    }
-    return text;
-}
-
-std::vector<uint8_t> read_dtc_response(const SimulatedEcu &ecu, uint8_t report, uint8_t mask,
-                                       uint32_t dtc_code, uint8_t record) {
-    if (ecu.unsupported_reports.count(report) != 0 || report == 0 || report > 0x16) {
-        return {0x7F, 0x19, kNrcSubFunctionNotSupported};
-    }
-    std::vector<uint8_t> out = {0x59, report};
-    switch (report) {
-        case 0x01:
-        case 0x11:
-        case 0x12: {  // number of DTCs
-            uint16_t count = 0;
-            for (const SimulatedDtc &dtc : ecu.dtcs)
-                count += (dtc.status & mask) != 0;
-            out.insert(out.end(), {kAvailabilityMask, kFormatIso14229,
-                                   static_cast<uint8_t>(count >> 8), static_cast<uint8_t>(count)});
-            break;
-        }
-        case 0x02:
-        case 0x0A:
-        case 0x0F:
-        case 0x13:
-        case 0x15: {  // DTCs and their status
-            out.push_back(kAvailabilityMask);
-            for (const SimulatedDtc &dtc : ecu.dtcs) {
-                bool listed = report == 0x0A || (report == 0x15 ? (dtc.status & 0x08) != 0
-                                                                : (dtc.status & mask) != 0);
-                if (!listed)
-                    continue;
-                put_dtc(out, dtc.code);
-                out.push_back(dtc.status);
-            }
-            break;
-        }
-        case 0x0B:
-        case 0x0C:
-        case 0x0D:
-        case 0x0E:
-            out.push_back(kAvailabilityMask);
-            put_first_or_last(out, ecu, report == 0x0B || report == 0x0D ? 0x01 : 0x08,
-                              report >= 0x0D);
-            break;
-        case 0x03:  // snapshot identification
-            for (const SimulatedDtc &dtc : ecu.dtcs) {
-                for (const auto &snapshot : dtc.snapshots) {
-                    put_dtc(out, dtc.code);
-                    out.push_back(snapshot.first);
-                }
-            }
-            break;
-        case 0x04:
-        case 0x06:
-        case 0x10: {  // records of one DTC
-            const SimulatedDtc *dtc = find_dtc(ecu, dtc_code);
-            if (dtc == nullptr)
-                return {0x7F, 0x19, 0x31};  // requestOutOfRange
-            put_dtc(out, dtc->code);
-            out.push_back(dtc->status);
-            put_records(out, report == 0x04 ? dtc->snapshots : dtc->extended, record);
-            break;
-        }
-        case 0x05:  // stored data by record number
-            for (const SimulatedDtc &dtc : ecu.dtcs) {
-                auto snapshot = dtc.snapshots.find(record);
-                if (snapshot == dtc.snapshots.end())
-                    continue;
-                out.push_back(record);
-                put_dtc(out, dtc.code);
-                out.push_back(dtc.status);
-                out.insert(out.end(), snapshot->second.begin(), snapshot->second.end());
-                break;
-            }
-            break;
-        case 0x09: {  // severity of one DTC
-            out.push_back(kAvailabilityMask);
-            const SimulatedDtc *dtc = find_dtc(ecu, dtc_code);
-            if (dtc != nullptr) {
-                out.push_back(dtc->severity);
-                out.push_back(0x10);  // functional unit
-                put_dtc(out, dtc->code);
-                out.push_back(dtc->status);
-            }
-            break;
-        }
-        case 0x14:  // fault detection counters
-            for (const SimulatedDtc &dtc : ecu.dtcs) {
-                if (dtc.fault_detection_counter == 0)
-                    continue;
-                put_dtc(out, dtc.code);
-                out.push_back(dtc.fault_detection_counter);
-            }
-            break;
-        case 0x16:  // extended data by record number
-            out.push_back(record);
-            for (const SimulatedDtc &dtc : ecu.dtcs) {
-                auto extended = dtc.extended.find(record);
-                if (extended == dtc.extended.end())
-                    continue;
-                put_dtc(out, dtc.code);
-                out.push_back(dtc.status);
-                out.insert(out.end(), extended->second.begin(), extended->second.end());
-            }
-            break;
-        default:
-            return {0x7F, 0x19, kNrcSubFunctionNotSupported};
-    }
-    return out;
-}
-
 Vehicle Vehicle::from_json(const std::string &text) {
-    JsonPtr root(json_tokener_parse(text.c_str()));
-    json_object *ecus = nullptr;
-    if (!root || !json_object_object_get_ex(root.get(), "ecus", &ecus) ||
-        !json_object_is_type(ecus, json_type_array)) {
-        throw std::runtime_error("a vehicle file is a JSON object with an \"ecus\" array");
-    }
+    uozecusim::VehicleFile file = uozecusim::parse_vehicle(text);
     Vehicle vehicle;
-    for (size_t i = 0; i < json_object_array_length(ecus); ++i) {
-        vehicle.ecus_.push_back(ecu_from_json(json_object_array_get_idx(ecus, i)));
-    }
-    const char *policy = text_member(root.get(), "policy");
-    if (policy != nullptr && strcmp(policy, "reject") == 0)
+    vehicle.ecus_ = file.ecus;
+    if (file.policy == "reject")
         vehicle.policy_ = ConsentPolicy::kReject;
-    if (policy != nullptr && strcmp(policy, "ask") == 0)
+    if (file.policy == "ask")
         vehicle.policy_ = ConsentPolicy::kAsk;
     return vehicle;
 }
@@ -383,6 +170,7 @@ json_object *dtc_answer(const std::vector<SimulatedEcu *> &ecus, json_object *ud
         dtc = hex_number(record_text.substr(0, 6).c_str());
         record = hex_number(record_text.substr(6).c_str());
     }
+    std::vector<uint8_t> request = legacy_request(report, mask, dtc, record);
     json_object *elements = json_object_new_array();
     for (const SimulatedEcu *ecu : ecus) {
         json_object *element = json_object_new_object();
@@ -391,7 +179,8 @@ json_object *dtc_answer(const std::vector<SimulatedEcu *> &ecus, json_object *ud
         json_object_object_add(
             element, "data",
             json_object_new_string(
-                to_hex(read_dtc_response(*ecu, report, mask, dtc, record)).c_str()));
+                to_hex(uozecusim::read_dtc_response(*ecu, request.data(), request.size()))
+                    .c_str()));
         json_object_array_add(elements, element);
     }
     json_object *answer = json_object_new_object();
@@ -417,8 +206,8 @@ json_object *routine_answer(const std::vector<SimulatedEcu *> &ecus, json_object
                 [&](const SimulatedDtc &dtc) { return group == 0xFFFFFF || dtc.code == group; });
             ecu->dtcs.erase(cleared, ecu->dtcs.end());
             response = "54";
-        } else if (name != nullptr && ecu->routines.count(name) != 0) {
-            response = ecu->routines[name];
+        } else if (name != nullptr && ecu->named_routines.count(name) != 0) {
+            response = ecu->named_routines[name];
         } else if (name != nullptr && strcmp(name, "custom_commands") == 0) {
             response = "OK";
         } else {

@@ -1,0 +1,189 @@
+// Which ECUs a query addresses, and over which transport.
+#include "query_targets.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "kt5Utils/kt5_json.h"
+
+namespace uozagent {
+namespace {
+
+const char kEcus[] = R"({"configs":[
+  {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"ifname":"can0","phy-req-id":"0x7E0"}},
+  {"type":"IOC","targetAddress":"0x20","name":"gateway","ioc":{"bus-id":"1","phy-req-id":"0x720"}},
+  {"type":"DOIP","targetAddress":"0x1001","name":"telematics","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"127.0.0.1"}}]})";
+
+const char kEngineQuery[] = R"({"mode":"CAN","targetAddress":"0x07E0",
+  "can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0x0A","bsize":"0x08"}})";
+const char kAllQuery[] = R"({"mode":"IOC","targetAddress":"-1","ioc":[
+  {"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0x00","bsize":"0x00"},
+  {"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}]})";
+
+std::vector<EcuTarget> targets_of(const char *body, const AgentSettings &settings,
+                                  bool *broadcast) {
+    JsonPtr json(json_tokener_parse(body));
+    return query_targets(json.get(), settings, broadcast);
+}
+
+TEST(QueryTargetsTest, aDoipBlockGivesGatewayTesterAndLogicalAddress) {
+    AgentSettings settings;
+    settings.doip_port = 13411;
+    settings.gateway_addresses["192.168.10.1"] = "127.0.0.2";
+    bool broadcast = true;
+    auto targets = targets_of(
+        R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"192.168.10.1"}})",
+        settings, &broadcast);
+    ASSERT_EQ(targets.size(), 1u);
+    EXPECT_FALSE(broadcast);
+    EXPECT_EQ(targets[0].transport, Transport::kDoip);
+    EXPECT_EQ(targets[0].label, "0x1001");
+    EXPECT_EQ(targets[0].doip.host, "127.0.0.2");
+    EXPECT_EQ(targets[0].doip.port, 13411);
+    EXPECT_EQ(targets[0].doip.tester_address, 0x0E80);
+    EXPECT_EQ(targets[0].doip.logical_address, 0x1001);
+}
+
+TEST(QueryTargetsTest, aCanBlockGivesTheIsotpParameters) {
+    bool broadcast = true;
+    auto targets = targets_of(kEngineQuery, AgentSettings{}, &broadcast);
+    ASSERT_EQ(targets.size(), 1u);
+    EXPECT_EQ(targets[0].transport, Transport::kCan);
+    EXPECT_EQ(targets[0].label, "0x7E0");
+    EXPECT_EQ(targets[0].can.ifname, "can0");
+    EXPECT_EQ(targets[0].can.request_id, 0x7E0u);
+    EXPECT_EQ(targets[0].can.response_id, 0x7E8u);
+    EXPECT_EQ(targets[0].can.st_min, 0x0A);
+    EXPECT_EQ(targets[0].can.block_size, 0x08);
+}
+
+TEST(QueryTargetsTest, routedEcusGoThroughTheGatewayByLogicalAddress) {
+    AgentSettings settings;
+    settings.learn_ecus(kEcus);
+    settings.gateway.enabled = true;
+    settings.gateway.host = "127.0.0.1";
+    settings.gateway.port = 13500;
+    settings.gateway.tester_address = 0x0E81;
+    settings.gateway.ecus["engine"] = -1;     // its target address
+    settings.gateway.ecus["0x720"] = 0x0020;  // named by request id, address given
+    bool broadcast = false;
+    auto targets = targets_of(kAllQuery, settings, &broadcast);
+    EXPECT_TRUE(broadcast);
+    ASSERT_EQ(targets.size(), 2u);
+    EXPECT_EQ(targets[0].name, "engine");
+    EXPECT_EQ(targets[0].transport, Transport::kDoip);
+    EXPECT_EQ(targets[0].doip.logical_address, 0x7E0);
+    EXPECT_EQ(targets[0].doip.tester_address, 0x0E81);
+    EXPECT_EQ(targets[0].doip.port, 13500);
+    EXPECT_EQ(targets[1].name, "gateway");
+    EXPECT_EQ(targets[1].doip.logical_address, 0x20);
+    EXPECT_NE(targets[0].key(), targets[1].key());
+}
+
+TEST(QueryTargetsTest, anUnroutedIocEcuCannotBeReachedAndSaysHowToFixIt) {
+    AgentSettings settings;
+    settings.learn_ecus(kEcus);
+    bool broadcast = false;
+    auto targets = targets_of(kAllQuery, settings, &broadcast);
+    ASSERT_EQ(targets.size(), 2u);
+    EXPECT_EQ(targets[0].transport, Transport::kCan);
+    EXPECT_EQ(targets[1].transport, Transport::kNone);
+    EXPECT_EQ(targets[1].error,
+              "an IOC ECU is reached only through a gateway: route gateway in the agent "
+              "settings' \"gateway\"");
+}
+
+TEST(QueryTargetsTest, routingEveryEcuUsesTheTargetAddressOfTheConfiguration) {
+    AgentSettings settings;
+    settings.learn_ecus(kEcus);
+    settings.gateway.enabled = true;
+    settings.gateway.all = true;
+    settings.gateway.host = "127.0.0.1";
+    bool broadcast = false;
+    auto targets = targets_of(kAllQuery, settings, &broadcast);
+    ASSERT_EQ(targets.size(), 2u);
+    EXPECT_EQ(targets[0].doip.logical_address, 0x7E0);
+    EXPECT_EQ(targets[1].doip.logical_address, 0x20);
+}
+
+TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
+    bool broadcast = false;
+    auto targets = targets_of(
+        R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001x","gw-ip":"127.0.0.1"}})",
+        AgentSettings{}, &broadcast);
+    ASSERT_EQ(targets.size(), 1u);
+    EXPECT_EQ(targets[0].transport, Transport::kNone);
+    EXPECT_EQ(targets[0].error, "the transport block's \"ta\" (0x1001x) is not a valid value");
+}
+
+TEST(AgentSettingsTest, theFileSetsEveryPart) {
+    AgentSettings settings = AgentSettings::from_json(R"({
+      "doip": {"port": 13401, "allow-remote": true, "addresses": {"192.168.10.1": "127.0.0.1"},
+               "ack-timeout-ms": 500},
+      "uds": {"p2-ms": 200, "p2-star-ms": 3000, "deadline-ms": 7000, "busy-retries": 5},
+      "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
+                  "ecus": {"engine": null, "gateway": "0x20"}},
+      "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"}})");
+    EXPECT_EQ(settings.doip_port, 13401);
+    EXPECT_TRUE(settings.allow_remote_gateways);
+    EXPECT_EQ(settings.gateway_addresses.at("192.168.10.1"), "127.0.0.1");
+    EXPECT_EQ(settings.ack_timeout, Millis(500));
+    EXPECT_EQ(settings.timing.p2, Millis(200));
+    EXPECT_EQ(settings.timing.p2_star, Millis(3000));
+    EXPECT_EQ(settings.timing.overall, Millis(7000));
+    EXPECT_EQ(settings.timing.busy_retries, 5);
+    EXPECT_TRUE(settings.gateway.enabled);
+    EXPECT_EQ(settings.gateway.port, 13402);
+    EXPECT_EQ(settings.gateway.tester_address, 0x0E81);
+    EXPECT_EQ(settings.gateway.ecus.at("engine"), -1);
+    EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
+    EXPECT_EQ(settings.key_algorithms.at(0x03), "/opt/keys.so");
+}
+
+TEST(AgentSettingsTest, theExampleFileIsValid) {
+    std::ifstream file(UOZ_EXAMPLES "/agent-settings.json");
+    std::stringstream text;
+    text << file.rdbuf();
+    AgentSettings settings = AgentSettings::from_json(text.str());
+    EXPECT_FALSE(settings.allow_remote_gateways);
+    EXPECT_EQ(settings.gateway.ecus.size(), 4u);
+    EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
+}
+
+struct BadSettings {
+    const char *text;
+    const char *error;
+};
+
+const BadSettings kBadSettings[] = {
+    {"[]", "the agent settings are not a JSON object"},
+    {R"({"doip": 1})", "\"doip\" must be object"},
+    {R"({"doip": {"port": 70000}})", "\"doip.port\" must be a number up to 65535"},
+    {R"({"uds": {"deadline-ms": 9500}})",
+     "\"uds.deadline-ms\" must stay below 9000 (the library waits 10 s)"},
+    {R"({"gateway": {"port": 1}})", "\"gateway\" needs \"gw-ip\""},
+    {R"({"gateway": {"gw-ip": "127.0.0.1"}})",
+     "\"gateway.ecus\" must be \"all\" or an object of ECUs"},
+    {R"({"gateway": {"gw-ip": "127.0.0.1", "ecus": {"engine": 7}}})",
+     "\"gateway.ecus\": the logical address of engine must be hex text or null"},
+    {R"({"key-algorithms": {"0x02": "builtin"}})",
+     "\"key-algorithms\": 0x02 is no odd security level"},
+};
+
+class BadSettingsTest : public ::testing::TestWithParam<BadSettings> {};
+
+TEST_P(BadSettingsTest, areRefusedWithTheMemberNamed) {
+    try {
+        AgentSettings::from_json(GetParam().text);
+        FAIL() << "accepted " << GetParam().text;
+    } catch (const std::runtime_error &error) {
+        EXPECT_STREQ(error.what(), GetParam().error);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Mistakes, BadSettingsTest, ::testing::ValuesIn(kBadSettings));
+
+}  // namespace
+}  // namespace uozagent

@@ -1,0 +1,299 @@
+// The query -> UDS request translation, byte for byte.
+#include "uds_requests.h"
+
+#include <gtest/gtest.h>
+
+#include "UDSOverZelko/read_dtc.h"
+#include "kt5Utils/kt5_json.h"
+
+namespace uozagent {
+namespace {
+
+JsonPtr parse(const char *text) {
+    JsonPtr json(json_tokener_parse(text));
+    EXPECT_NE(json, nullptr) << text;
+    return json;
+}
+
+struct DtcCase {
+    const char *uds;
+    Bytes request;
+};
+
+// One row per report type the library sends, with its parameters.
+const DtcCase kDtcCases[] = {
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_NO_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_TEST_FAILED","UDS_STATUS_MASK_CONFIRMED_DTC"]}})",
+     {0x19, 0x01, 0x09}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_TEST_FAILED","UDS_STATUS_MASK_TEST_FAILED_THIS_OP_CYCLE","UDS_STATUS_MASK_PENDING_DTC","UDS_STATUS_MASK_CONFIRMED_DTC","UDS_STATUS_MASK_TEST_NOT_COMPLETED_SINCE_LAST_CLEAR","UDS_STATUS_MASK_TEST_FAILED_SINCE_LAST_CLEAR","UDS_STATUS_MASK_TEST_NOT_COMPLETED_THIS_OP_CYCLE","UDS_STATUS_MASK_WARNING_INDICATOR_REQUESTED"]}})",
+     {0x19, 0x02, 0xFF}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":[]}})",
+     {0x19, 0x02, 0x00}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_SNAPSHOT_IDENTIFICATION"})", {0x19, 0x03}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_SNAPSHOT_RECORD_BY_DTC_NUMBER","data-record":{"type":"DTC_AND_RECORD","record":"12AB3C05"}})",
+     {0x19, 0x04, 0x12, 0xAB, 0x3C, 0x05}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_STORED_DATA_BY_RECORD_NUMBER","data-record":{"type":"RECORD","record":"01"}})",
+     {0x19, 0x05, 0x01}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_EXT_DATA_RECORD_BY_DTC_NUMBER","data-record":{"type":"DTC_AND_RECORD","record":"030100FF"}})",
+     {0x19, 0x06, 0x03, 0x01, 0x00, 0xFF}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_SEVERITY_INFORMATION_OF_DTC","data-record":{"type":"DTC","record":"0000FF"}})",
+     {0x19, 0x09, 0x00, 0x00, 0xFF}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_SUPPORTED_DTCS"})", {0x19, 0x0A}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_FIRST_TEST_FAILED_DTC"})", {0x19, 0x0B}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_FIRST_CONFIRMED_DTC"})", {0x19, 0x0C}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_MOST_RECENT_TEST_FAILED_DTC"})", {0x19, 0x0D}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_MOST_RECENT_CONFIRMED_DTC"})", {0x19, 0x0E}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_MIRROR_MR_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_PENDING_DTC"]}})",
+     {0x19, 0x0F, 0x04}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_MIRROR_MR_DTC_EXT_DATA_RECORD_BY_DTC","data-record":{"type":"DTC_AND_RECORD","record":"C1000002"}})",
+     {0x19, 0x10, 0xC1, 0x00, 0x00, 0x02}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_NO_MIRROR_MR_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_WARNING_INDICATOR_REQUESTED"]}})",
+     {0x19, 0x11, 0x80}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_NO_EMISSION_OBD_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_TEST_FAILED"]}})",
+     {0x19, 0x12, 0x01}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_EMISSION_OBD_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["UDS_STATUS_MASK_CONFIRMED_DTC"]}})",
+     {0x19, 0x13, 0x08}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_FAULT_DETECTION_COUNTER"})", {0x19, 0x14}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_WITH_PERMANENT_STATUS"})", {0x19, 0x15}},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_EXT_DATA_RECORD_BY_RECORD_NUMBER","data-record":{"type":"RECORD","record":"FF"}})",
+     {0x19, 0x16, 0xFF}},
+};
+
+class ReadDtcRequestTest : public ::testing::TestWithParam<DtcCase> {};
+
+TEST_P(ReadDtcRequestTest, givesTheIsoRequestBytes) {
+    JsonPtr uds = parse(GetParam().uds);
+    std::string error;
+    EXPECT_EQ(hex_text(read_dtc_request(uds.get(), &error)), hex_text(GetParam().request));
+    EXPECT_EQ(error, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryReportTheLibrarySends, ReadDtcRequestTest,
+                         ::testing::ValuesIn(kDtcCases));
+
+// The same through the library's own body builder: what the agent receives.
+struct BuiltCase {
+    uint32_t subfunction, mask, dtc;
+    uint8_t record;
+    const char *request;
+};
+
+const BuiltCase kBuiltCases[] = {
+    {0x01, 0x08, 0, 0, "190108"},
+    {0x02, 0xAF, 0, 0, "1902AF"},
+    {0x03, 0, 0, 0, "1903"},
+    {0x04, 0, 0x030100, 0x01, "190403010001"},
+    {0x05, 0, 0, 0x02, "190502"},
+    {0x06, 0, 0x017100, 0xFF, "1906017100FF"},
+    {0x09, 0, 0xD00100, 0x07, "1909D00100"},
+    {0x0A, 0, 0, 0, "190A"},
+    {0x0B, 0, 0, 0, "190B"},
+    {0x0C, 0, 0, 0, "190C"},
+    {0x0D, 0, 0, 0, "190D"},
+    {0x0E, 0, 0, 0, "190E"},
+    {0x0F, 0x01, 0, 0, "190F01"},
+    {0x10, 0, 0x900113, 0x01,
+     "1910900113"
+     "01"},
+    {0x11, 0x04, 0, 0, "191104"},
+    {0x12, 0x08, 0, 0, "191208"},
+    {0x13, 0x09, 0, 0, "191309"},
+    {0x14, 0, 0, 0, "1914"},
+    {0x15, 0, 0, 0, "1915"},
+    {0x16, 0, 0x123456, 0x01, "191601"},
+};
+
+class LibraryBodyTest : public ::testing::TestWithParam<BuiltCase> {};
+
+TEST_P(LibraryBodyTest, becomesTheIsoRequestBytes) {
+    const BuiltCase &row = GetParam();
+    JsonPtr uds(build_read_dtc_body(row.subfunction, row.mask, row.dtc, row.record));
+    ASSERT_NE(uds, nullptr);
+    std::string error;
+    EXPECT_EQ(hex_text(read_dtc_request(uds.get(), &error)), row.request)
+        << json_object_to_json_string(uds.get());
+    EXPECT_EQ(error, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryAcceptedSubfunction, LibraryBodyTest,
+                         ::testing::ValuesIn(kBuiltCases));
+
+struct RefusedCase {
+    const char *uds;
+    const char *error;
+};
+
+const RefusedCase kRefusedCases[] = {
+    {R"({"SID":"0x22","subfunction":"UDS_REPORT_SUPPORTED_DTCS"})",
+     "only ReadDTCInformation (\"SID\" \"0x19\") is served as \"uds\""},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_NO_DTC_BY_SEVERITY_MASK_RECORD"})",
+     "unknown report \"UDS_REPORT_NO_DTC_BY_SEVERITY_MASK_RECORD\""},
+    {R"({"SID":"0x19","subfunction":"NO_SUCH_REPORT"})", "unknown report \"NO_SUCH_REPORT\""},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_BY_STATUS_MASK"})",
+     "report \"UDS_REPORT_DTC_BY_STATUS_MASK\" needs a \"data-record\""},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_BY_STATUS_MASK","data-record":{"type":"STATUS_MASK","record":["BIT_NINE"]}})",
+     "unknown status bit name \"BIT_NINE\""},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_SNAPSHOT_RECORD_BY_DTC_NUMBER","data-record":{"type":"DTC_AND_RECORD","record":"1FFFFFF05"}})",
+     "\"1FFFFFF05\" holds no three-byte DTC number"},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_STORED_DATA_BY_RECORD_NUMBER","data-record":{"type":"RECORD","record":"0101"}})",
+     "the report needs its DTC and/or record number as hex text in \"record\""},
+    {R"({"SID":"0x19","subfunction":"UDS_REPORT_DTC_STORED_DATA_BY_RECORD_NUMBER","data-record":{"type":"RECORD","record":"G1"}})",
+     "\"G1\" holds no record number"},
+};
+
+class RefusedDtcRequestTest : public ::testing::TestWithParam<RefusedCase> {};
+
+TEST_P(RefusedDtcRequestTest, saysWhyAndGivesNoBytes) {
+    JsonPtr uds = parse(GetParam().uds);
+    std::string error;
+    EXPECT_TRUE(read_dtc_request(uds.get(), &error).empty());
+    EXPECT_EQ(error, GetParam().error);
+}
+
+INSTANTIATE_TEST_SUITE_P(MalformedRequests, RefusedDtcRequestTest,
+                         ::testing::ValuesIn(kRefusedCases));
+
+TEST(HexTest, numbersAndBytesParseWithOrWithoutPrefix) {
+    uint32_t value = 0;
+    EXPECT_TRUE(parse_hex_number("0x7E0", &value));
+    EXPECT_EQ(value, 0x7E0u);
+    EXPECT_TRUE(parse_hex_number("ffffffff", &value));
+    EXPECT_EQ(value, 0xFFFFFFFFu);
+    EXPECT_FALSE(parse_hex_number("0x", &value));
+    EXPECT_FALSE(parse_hex_number("7E0 ", &value));
+    EXPECT_FALSE(parse_hex_number("123456789", &value));
+    EXPECT_FALSE(parse_hex_number(nullptr, &value));
+    Bytes bytes;
+    EXPECT_TRUE(parse_hex_bytes("0xF190", &bytes));
+    EXPECT_EQ(hex_text(bytes), "F190");
+    EXPECT_TRUE(parse_hex_bytes("62 f1 90", &bytes));
+    EXPECT_EQ(hex_text(bytes), "62F190");
+    EXPECT_TRUE(parse_hex_bytes("0x7", &bytes));
+    EXPECT_EQ(hex_text(bytes), "07");
+    EXPECT_TRUE(parse_hex_bytes("", &bytes));
+    EXPECT_TRUE(bytes.empty());
+    EXPECT_FALSE(parse_hex_bytes("F1-90", &bytes));
+}
+
+TEST(VersionTest, readsEveryConfiguredDidInOrder) {
+    JsonPtr version =
+        parse(R"({"uds":[{"did":"0xF189","name":"software version"},{"did":"0xF191"}]})");
+    std::string error;
+    std::vector<VersionItem> items = version_items(version.get(), &error);
+    ASSERT_EQ(items.size(), 2u) << error;
+    EXPECT_EQ(hex_text(read_did_request(items[0].did)), "22F189");
+    EXPECT_EQ(hex_text(read_did_request(items[1].did)), "22F191");
+    EXPECT_EQ(items[0].name, "software version");
+    EXPECT_EQ(version_text(items, {"ENG-2.4.1", "B3"}), "software version: ENG-2.4.1, 0xF191: B3");
+    EXPECT_EQ(version_text({items[0]}, {"ENG-2.4.1"}), "ENG-2.4.1");
+}
+
+TEST(VersionTest, aJ1939DescriptionIsAClearFailureInBothForms) {
+    const char *forms[] = {
+        R"({"pgn":"0xFEDA","source-address":"0x03","ifname":"can0"})",  // a CAN ECU's
+        R"({"j1939":{"pgn":"0xFEDA","source-address":"0x03"}})",        // any other ECU's
+    };
+    for (const char *form : forms) {
+        JsonPtr version = parse(form);
+        std::string error;
+        EXPECT_TRUE(version_items(version.get(), &error).empty());
+        EXPECT_EQ(error,
+                  "a J1939 version read needs a J1939 transport, which this agent does not have")
+            << form;
+    }
+    JsonPtr empty = parse(R"({"uds":[]})");
+    std::string error;
+    EXPECT_TRUE(version_items(empty.get(), &error).empty());
+    EXPECT_EQ(error, "the version description has no \"uds\" identifiers to read");
+}
+
+TEST(VersionTest, didValuesAreTextWhenPrintableElseHex) {
+    std::string error;
+    EXPECT_EQ(did_value_text(0xF189, {0x62, 0xF1, 0x89, 'A', '-', '1', 0, 0}, &error), "A-1");
+    EXPECT_EQ(did_value_text(0xF189, {0x62, 0xF1, 0x89, 0x01, 0xFF}, &error), "01FF");
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(did_value_text(0xF189, {0x62, 0xF1, 0x90, 'A'}, &error), "");
+    EXPECT_EQ(error, "the answer to DID 0xF189 is not its value: 62F19041");
+}
+
+TEST(RoutineTest, commandsBecomeServiceSubFunctionAndData) {
+    JsonPtr routine = parse(R"({"name":"custom_commands","commands":[
+        {"command":"ClearDTC","service":"0x14","subfn":"","data":"0xFFFFFF"},
+        {"command":"ECUReset","service":"0x11","subfn":"0x01","data":""},
+        {"command":"ReadDataByIdentifier","service":"0x22","subfn":"","data":"0xF190"},
+        {"command":"StartRoutine","service":"0x31","subfn":"0x01","data":"0xFF00"},
+        {"command":"Raw","request":"3E 00"},
+        {"type":"predefined","service":"0x10","subfn":"0x03"}]})");
+    std::string error;
+    std::vector<UdsCommand> commands = routine_commands(routine.get(), &error);
+    ASSERT_EQ(commands.size(), 6u) << error;
+    const char *expected[][2] = {
+        {"ClearDTC", "14FFFFFF"},     {"ECUReset", "1101"}, {"ReadDataByIdentifier", "22F190"},
+        {"StartRoutine", "3101FF00"}, {"Raw", "3E00"},      {"command 6", "1003"}};
+    for (size_t i = 0; i < commands.size(); ++i) {
+        EXPECT_EQ(commands[i].name, expected[i][0]);
+        EXPECT_EQ(hex_text(commands[i].request), expected[i][1]);
+    }
+}
+
+TEST(RoutineTest, aCommandWithoutAServiceIsRefusedByName) {
+    std::string error;
+    JsonPtr routine = parse(R"({"commands":[{"command":"ReadVIN","data":"0xF190"}]})");
+    EXPECT_TRUE(routine_commands(routine.get(), &error).empty());
+    EXPECT_EQ(error, "ReadVIN: a command needs a one-byte \"service\" such as \"0x22\"");
+    JsonPtr none = parse(R"({"name":"x","commands":[]})");
+    EXPECT_TRUE(routine_commands(none.get(), &error).empty());
+    EXPECT_EQ(error, "the routine has no \"commands\"");
+    JsonPtr bad = parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
+    EXPECT_TRUE(routine_commands(bad.get(), &error).empty());
+    EXPECT_EQ(error, "X: \"data\" \"0xZZ\" is not hex");
+}
+
+TEST(SecurityTest, levelAndSessionComeFromTheRoutine) {
+    std::string error;
+    JsonPtr routine = parse(R"({"security_access":{"level":"0x03"}})");
+    SecurityRequest wanted = security_request(routine.get(), &error);
+    EXPECT_TRUE(wanted.wanted);
+    EXPECT_EQ(wanted.level, 0x03);
+    EXPECT_EQ(wanted.session, 0x03);
+    JsonPtr programming = parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
+    EXPECT_EQ(security_request(programming.get(), &error).session, 0x02);
+    JsonPtr even = parse(R"({"security_access":{"level":"0x02"}})");
+    EXPECT_FALSE(security_request(even.get(), &error).wanted);
+    EXPECT_EQ(error, "\"security_access\" needs an odd \"level\" from 0x01 to 0x7D");
+    JsonPtr none = parse(R"({"name":"x"})");
+    error.clear();
+    EXPECT_FALSE(security_request(none.get(), &error).wanted);
+    EXPECT_EQ(error, "");
+}
+
+TEST(SecurityTest, seedAndKeyMessages) {
+    EXPECT_TRUE(is_seed_request({0x27, 0x01}));
+    EXPECT_FALSE(is_seed_request({0x27, 0x02, 0x00}));
+    EXPECT_FALSE(is_seed_request({0x27, 0x01, 0x00}));
+    Bytes seed;
+    EXPECT_TRUE(seed_of({0x67, 0x01, 0x12, 0x34, 0x56, 0x78}, 0x01, &seed));
+    EXPECT_EQ(hex_text(seed), "12345678");
+    EXPECT_FALSE(seed_of({0x67, 0x03, 0x12}, 0x01, &seed));
+    EXPECT_FALSE(seed_of({0x7F, 0x27, 0x35}, 0x01, &seed));
+    EXPECT_EQ(hex_text(send_key_request(0x01, {0xAA, 0xBB, 0xCC, 0xDD})), "2702AABBCCDD");
+}
+
+TEST(SessionTimingTest, readsP2InMillisecondsAndP2StarInTensOfMilliseconds) {
+    uint32_t p2 = 0, p2_star = 0;
+    EXPECT_TRUE(session_timing({0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}, &p2, &p2_star));
+    EXPECT_EQ(p2, 50u);
+    EXPECT_EQ(p2_star, 5000u);
+    EXPECT_FALSE(session_timing({0x50, 0x03}, &p2, &p2_star));
+    EXPECT_FALSE(session_timing({0x7F, 0x10, 0x12, 0x00, 0x00, 0x00}, &p2, &p2_star));
+}
+
+TEST(NegativeResponseTest, isSevenFServiceCode) {
+    uint8_t code = 0;
+    EXPECT_TRUE(is_negative_response({0x7F, 0x19, 0x31}, &code));
+    EXPECT_EQ(code, 0x31);
+    EXPECT_FALSE(is_negative_response({0x7F, 0x19}));
+    EXPECT_FALSE(is_negative_response({0x59, 0x02, 0xFF}));
+}
+
+}  // namespace
+}  // namespace uozagent

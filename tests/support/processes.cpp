@@ -1,0 +1,153 @@
+#include "processes.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "broker_fixture.h"
+
+extern char **environ;
+
+namespace uoztest {
+
+int free_loopback_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) {
+        close(fd);
+        throw std::runtime_error("no free port");
+    }
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string> &argv) {
+    char path[] = "/tmp/uoz-child-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0)
+        throw std::runtime_error("mkstemp failed");
+    close(fd);
+    log_ = path;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_TRUNC, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    std::vector<char *> args;
+    for (const std::string &arg : argv)
+        args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    int rc = posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+        pid_ = -1;
+        throw std::runtime_error("cannot start " + argv[0]);
+    }
+}
+
+ChildProcess::~ChildProcess() {
+    stop();
+    unlink(log_.c_str());
+}
+
+std::string ChildProcess::output() const {
+    std::ifstream file(log_);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+bool ChildProcess::running() {
+    if (pid_ <= 0)
+        return false;
+    if (waitpid(pid_, &status_, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
+    }
+    return true;
+}
+
+bool ChildProcess::wait_for_output(const std::string &text, int timeout_ms) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (std::chrono::steady_clock::now() < until) {
+        if (output().find(text) != std::string::npos)
+            return true;
+        if (!running())
+            return output().find(text) != std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+int ChildProcess::stop() {
+    if (pid_ > 0) {  // never kill(-1): that signals every process
+        ::kill(pid_, SIGTERM);
+        waitpid(pid_, &status_, 0);
+        pid_ = -1;
+    }
+    if (WIFEXITED(status_))
+        return WEXITSTATUS(status_);
+    return WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : -1;
+}
+
+void ChildProcess::kill() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        waitpid(pid_, &status_, 0);
+        pid_ = -1;
+    }
+}
+
+namespace {
+
+std::vector<std::string> simulator_argv(const std::string &path, int port,
+                                        const std::vector<std::string> &arguments) {
+    std::vector<std::string> argv = {path, "--listen", "127.0.0.1:" + std::to_string(port)};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return argv;
+}
+
+std::vector<std::string> agent_argv(const std::string &path, int broker_port,
+                                    const std::vector<std::string> &arguments) {
+    std::vector<std::string> argv = {path,
+                                     "--certs",
+                                     identity_dir("agent"),
+                                     "--broker",
+                                     "localhost:" + std::to_string(broker_port),
+                                     "--debug",
+                                     "2"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return argv;
+}
+
+}  // namespace
+
+EcuSimulator::EcuSimulator(const std::string &path, const std::vector<std::string> &arguments)
+    : port_(free_loopback_port()), process_(simulator_argv(path, port_, arguments)) {
+    if (!process_.wait_for_output("listening on", 5000))
+        throw std::runtime_error("uoz-ecusim did not start: " + process_.output());
+}
+
+AgentProcess::AgentProcess(const std::string &path, int broker_port,
+                           const std::vector<std::string> &arguments)
+    : process_(agent_argv(path, broker_port, arguments)) {
+    if (!process_.wait_for_output("uoz-agent ready", 5000))
+        throw std::runtime_error("uoz-agent did not start: " + process_.output());
+}
+
+}  // namespace uoztest

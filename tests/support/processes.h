@@ -1,0 +1,74 @@
+// Programs a test starts and stops: the ECU simulator and the agent, each in
+// a process of its own with its output in a file the test can read.
+//
+//   uoztest::EcuSimulator ecus(UOZ_ECUSIM_PATH, {"--trace"});
+//   uoztest::AgentProcess agent(UOZ_AGENT_PATH, broker, {"--gateway", ecus.address()});
+//   ... uozctl or the library against broker ...; ecus.output() ...
+#ifndef UOZ_TESTS_PROCESSES_H
+#define UOZ_TESTS_PROCESSES_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace uoztest {
+
+class ChildProcess {
+  public:
+    // Starts argv[0] with the arguments, stdout and stderr into a file.
+    explicit ChildProcess(const std::vector<std::string> &argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess &) = delete;
+    ChildProcess &operator=(const ChildProcess &) = delete;
+
+    // True once the output holds the text; false after timeout_ms or when the
+    // process has ended.
+    bool wait_for_output(const std::string &text, int timeout_ms);
+    std::string output() const;
+    // SIGTERM and wait: the exit code, or 128 + the signal that ended it.
+    int stop();
+    // SIGKILL and wait.
+    void kill();
+    pid_t pid() const { return pid_; }
+    bool running();
+
+  private:
+    pid_t pid_ = -1;
+    int status_ = -1;
+    std::string log_;
+};
+
+// uoz-ecusim on a free loopback port, started and ready ("listening on").
+class EcuSimulator {
+  public:
+    EcuSimulator(const std::string &path, const std::vector<std::string> &arguments = {});
+    int port() const { return port_; }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    ChildProcess &process() { return process_; }
+    std::string output() const { return process_.output(); }
+
+  private:
+    int port_;
+    ChildProcess process_;
+};
+
+// uoz-agent connected to a broker with the test PKI's "agent" identity,
+// started and ready ("uoz-agent ready").
+class AgentProcess {
+  public:
+    AgentProcess(const std::string &path, int broker_port,
+                 const std::vector<std::string> &arguments = {});
+    ChildProcess &process() { return process_; }
+    std::string output() const { return process_.output(); }
+
+  private:
+    ChildProcess process_;
+};
+
+// A free TCP port on 127.0.0.1 (free when asked; tests use it at once).
+int free_loopback_port();
+
+}  // namespace uoztest
+
+#endif

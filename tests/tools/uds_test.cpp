@@ -1,0 +1,77 @@
+#include "uds.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+
+namespace {
+
+struct KeyCase {
+    uint8_t level;
+    uint32_t seed;
+    uint32_t key;
+};
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const KeyCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.level) << "/" << c.seed;
+}
+
+class UdsBuiltinKey : public ::testing::TestWithParam<KeyCase> {};
+
+// Expected keys worked out from the documented formula outside this code.
+TEST_P(UdsBuiltinKey, FollowsTheDocumentedFormula) {
+    EXPECT_EQ(uozuds::builtin_key(GetParam().level, GetParam().seed), GetParam().key);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, UdsBuiltinKey,
+                         ::testing::Values(KeyCase{0x01, 0x11223344, 0x976CE25B},
+                                           KeyCase{0x03, 0xDEADBEEF, 0x28D6EB37},
+                                           KeyCase{0x21, 0x00000000, 0xD550A8F3},
+                                           KeyCase{0x20, 0x5A17C3E9, 0x20202020},
+                                           KeyCase{0x7F, 0xFFFFFFFF, 0xD2739D8A}));
+
+TEST(UdsBuiltinKey, DependsOnTheLevel) {
+    EXPECT_NE(uozuds::builtin_key(0x01, 0x12345678), uozuds::builtin_key(0x03, 0x12345678));
+}
+
+struct NameCase {
+    uint8_t code;
+    std::string name;
+};
+
+// Shown in test names and failures instead of the bytes of the object.
+void PrintTo(const NameCase &c, std::ostream *os) {
+    *os << static_cast<int>(c.code);
+}
+
+class UdsNrcName : public ::testing::TestWithParam<NameCase> {};
+
+TEST_P(UdsNrcName, IsTheIsoName) {
+    EXPECT_EQ(uozuds::nrc_name(GetParam().code), GetParam().name);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, UdsNrcName,
+    ::testing::Values(NameCase{0x10, "generalReject"}, NameCase{0x11, "serviceNotSupported"},
+                      NameCase{0x12, "subFunctionNotSupported"},
+                      NameCase{0x13, "incorrectMessageLengthOrInvalidFormat"},
+                      NameCase{0x21, "busyRepeatRequest"}, NameCase{0x22, "conditionsNotCorrect"},
+                      NameCase{0x24, "requestSequenceError"}, NameCase{0x31, "requestOutOfRange"},
+                      NameCase{0x33, "securityAccessDenied"}, NameCase{0x35, "invalidKey"},
+                      NameCase{0x36, "exceedNumberOfAttempts"},
+                      NameCase{0x37, "requiredTimeDelayNotExpired"},
+                      NameCase{0x78, "requestCorrectlyReceived-ResponsePending"},
+                      NameCase{0x7E, "subFunctionNotSupportedInActiveSession"},
+                      NameCase{0x7F, "serviceNotSupportedInActiveSession"},
+                      NameCase{0x00, "unknown"}, NameCase{0xFF, "unknown"}));
+
+TEST(UdsServiceName, NamesServicesAndSaysUnknownOtherwise) {
+    EXPECT_STREQ(uozuds::service_name(0x19), "ReadDTCInformation");
+    EXPECT_STREQ(uozuds::service_name(0x27), "SecurityAccess");
+    EXPECT_STREQ(uozuds::service_name(0x31), "RoutineControl");
+    EXPECT_STREQ(uozuds::service_name(0x01), "unknown");
+}
+
+}  // namespace

@@ -1,0 +1,183 @@
+#include "agent_settings.h"
+
+#include <json-c/json.h>
+
+#include <stdexcept>
+
+#include "kt5Utils/kt5_json.h"
+
+namespace uozagent {
+
+namespace {
+
+json_object *member(json_object *object, const char *key, json_type type, const char *where) {
+    json_object *value = nullptr;
+    if (!json_object_object_get_ex(object, key, &value))
+        return nullptr;
+    if (!json_object_is_type(value, type)) {
+        throw std::runtime_error(std::string("\"") + where + "\" must be " +
+                                 json_type_to_name(type));
+    }
+    return value;
+}
+
+uint32_t number_member(json_object *object, const char *key, uint32_t fallback, uint32_t largest,
+                       const char *where) {
+    json_object *value = nullptr;
+    if (!json_object_object_get_ex(object, key, &value))
+        return fallback;
+    uint32_t number = 0;
+    if (json_object_is_type(value, json_type_int) && json_object_get_int64(value) >= 0 &&
+        json_object_get_int64(value) <= largest) {
+        return static_cast<uint32_t>(json_object_get_int64(value));
+    }
+    if (json_object_is_type(value, json_type_string) &&
+        parse_hex_number(json_object_get_string(value), &number) && number <= largest) {
+        return number;
+    }
+    throw std::runtime_error(std::string("\"") + where + "\" must be a number up to " +
+                             std::to_string(largest));
+}
+
+Millis millis_member(json_object *object, const char *key, Millis fallback, const char *where) {
+    return Millis(
+        number_member(object, key, static_cast<uint32_t>(fallback.count()), 600000, where));
+}
+
+void read_doip(json_object *doip, AgentSettings *settings) {
+    if (doip == nullptr)
+        return;
+    settings->doip_port = number_member(doip, "port", 13400, 65535, "doip.port");
+    json_object *remote = member(doip, "allow-remote", json_type_boolean, "doip.allow-remote");
+    settings->allow_remote_gateways = remote != nullptr && json_object_get_boolean(remote);
+    json_object *addresses = member(doip, "addresses", json_type_object, "doip.addresses");
+    if (addresses != nullptr) {
+        json_object_object_foreach(addresses, from, to) {
+            if (!json_object_is_type(to, json_type_string))
+                throw std::runtime_error("\"doip.addresses\" maps texts to texts");
+            settings->gateway_addresses[from] = json_object_get_string(to);
+        }
+    }
+    settings->connect_timeout = millis_member(doip, "connect-timeout-ms", settings->connect_timeout,
+                                              "doip.connect-timeout-ms");
+    settings->activation_timeout = millis_member(
+        doip, "activation-timeout-ms", settings->activation_timeout, "doip.activation-timeout-ms");
+    settings->ack_timeout =
+        millis_member(doip, "ack-timeout-ms", settings->ack_timeout, "doip.ack-timeout-ms");
+    settings->activation_type = static_cast<uint8_t>(
+        number_member(doip, "activation-type", 0, 0xFF, "doip.activation-type"));
+}
+
+void read_timing(json_object *uds, UdsTiming *timing) {
+    if (uds == nullptr)
+        return;
+    timing->p2 = millis_member(uds, "p2-ms", timing->p2, "uds.p2-ms");
+    timing->p2_star = millis_member(uds, "p2-star-ms", timing->p2_star, "uds.p2-star-ms");
+    timing->overall = millis_member(uds, "deadline-ms", timing->overall, "uds.deadline-ms");
+    if (timing->overall > Millis(9000))
+        throw std::runtime_error(
+            "\"uds.deadline-ms\" must stay below 9000 (the library waits 10 s)");
+    timing->busy_retries =
+        static_cast<int>(number_member(uds, "busy-retries", 3, 20, "uds.busy-retries"));
+    timing->busy_delay =
+        millis_member(uds, "busy-delay-ms", timing->busy_delay, "uds.busy-delay-ms");
+}
+
+void read_gateway(json_object *gateway, GatewayRoute *route) {
+    if (gateway == nullptr)
+        return;
+    json_object *host = member(gateway, "gw-ip", json_type_string, "gateway.gw-ip");
+    if (host == nullptr)
+        throw std::runtime_error("\"gateway\" needs \"gw-ip\"");
+    route->enabled = true;
+    route->host = json_object_get_string(host);
+    route->port =
+        static_cast<uint16_t>(number_member(gateway, "port", 13400, 65535, "gateway.port"));
+    route->tester_address =
+        static_cast<uint16_t>(number_member(gateway, "sa", 0x0E80, 0xFFFF, "gateway.sa"));
+    json_object *ecus = nullptr;
+    if (json_object_object_get_ex(gateway, "ecus", &ecus) &&
+        json_object_is_type(ecus, json_type_string) &&
+        std::string(json_object_get_string(ecus)) == "all") {
+        route->all = true;
+        return;
+    }
+    ecus = member(gateway, "ecus", json_type_object, "gateway.ecus");
+    if (ecus == nullptr)
+        throw std::runtime_error("\"gateway.ecus\" must be \"all\" or an object of ECUs");
+    json_object_object_foreach(ecus, ecu, logical) {
+        uint32_t address = 0;
+        if (json_object_is_type(logical, json_type_null)) {
+            route->ecus[ecu] = -1;
+        } else if (json_object_is_type(logical, json_type_string) &&
+                   parse_hex_number(json_object_get_string(logical), &address) &&
+                   address <= 0xFFFF) {
+            route->ecus[ecu] = static_cast<int32_t>(address);
+        } else {
+            throw std::runtime_error("\"gateway.ecus\": the logical address of " +
+                                     std::string(ecu) + " must be hex text or null");
+        }
+    }
+}
+
+void read_keys(json_object *keys, std::map<uint8_t, std::string> *algorithms) {
+    if (keys == nullptr)
+        return;
+    json_object_object_foreach(keys, level_text, algorithm) {
+        uint32_t level = 0;
+        if (!parse_hex_number(level_text, &level) || level == 0 || level > 0x7D || level % 2 == 0)
+            throw std::runtime_error("\"key-algorithms\": " + std::string(level_text) +
+                                     " is no odd security level");
+        if (!json_object_is_type(algorithm, json_type_string))
+            throw std::runtime_error("\"key-algorithms\" maps a level to \"builtin\" or a path");
+        (*algorithms)[static_cast<uint8_t>(level)] = json_object_get_string(algorithm);
+    }
+}
+
+}  // namespace
+
+AgentSettings AgentSettings::from_json(const std::string &text) {
+    JsonPtr root(json_tokener_parse(text.c_str()));
+    if (!root || !json_object_is_type(root.get(), json_type_object))
+        throw std::runtime_error("the agent settings are not a JSON object");
+    AgentSettings settings;
+    read_doip(member(root.get(), "doip", json_type_object, "doip"), &settings);
+    read_timing(member(root.get(), "uds", json_type_object, "uds"), &settings.timing);
+    read_gateway(member(root.get(), "gateway", json_type_object, "gateway"), &settings.gateway);
+    read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
+              &settings.key_algorithms);
+    return settings;
+}
+
+void AgentSettings::learn_ecus(const std::string &config_text) {
+    JsonPtr root(json_tokener_parse(config_text.c_str()));
+    json_object *configs = nullptr;
+    if (!root || !json_object_object_get_ex(root.get(), "configs", &configs) ||
+        !json_object_is_type(configs, json_type_array)) {
+        throw std::runtime_error("the ECU configuration has no \"configs\" array");
+    }
+    for (size_t i = 0; i < json_object_array_length(configs); ++i) {
+        json_object *entry = json_object_array_get_idx(configs, i);
+        const char *name = nullptr;
+        const char *address = nullptr;
+        const char *request_id = nullptr;
+        json_object *value = nullptr;
+        if (json_object_object_get_ex(entry, "name", &value))
+            name = json_object_get_string(value);
+        if (json_object_object_get_ex(entry, "targetAddress", &value))
+            address = json_object_get_string(value);
+        for (const char *block : {"can", "ioc"}) {
+            json_object *transport = nullptr;
+            if (json_object_object_get_ex(entry, block, &transport) &&
+                json_object_object_get_ex(transport, "phy-req-id", &value)) {
+                request_id = json_object_get_string(value);
+            }
+        }
+        uint32_t target = 0;
+        if (name == nullptr || request_id == nullptr || !parse_hex_number(address, &target))
+            continue;
+        ecus_by_request_id.emplace(request_id, KnownEcu{name, static_cast<int32_t>(target)});
+    }
+}
+
+}  // namespace uozagent

@@ -1,0 +1,347 @@
+#include "diag_agent.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <thread>
+
+#include "kt5Utils/kt5_json.h"
+#include "udsoverzelko.h"
+
+namespace uozagent {
+
+namespace {
+
+constexpr uint8_t kServiceSessionControl = 0x10;
+
+const char *text_member(json_object *object, const char *key) {
+    json_object *value = nullptr;
+    if (!json_object_object_get_ex(object, key, &value) ||
+        !json_object_is_type(value, json_type_string)) {
+        return nullptr;
+    }
+    return json_object_get_string(value);
+}
+
+void add_text(json_object *object, const char *key, const std::string &text) {
+    json_object_object_add(object, key, json_object_new_string(text.c_str()));
+}
+
+std::string ecu_title(const EcuTarget &target) {
+    return target.name.empty() ? target.label : target.name + " (" + target.label + ")";
+}
+
+std::string negative_text(const Bytes &response) {
+    return "negative response " + hex_text(response);
+}
+
+std::string reply_text(json_object *query, json_object *body) {
+    JsonPtr reply(json_object_new_object());
+    add_text(reply.get(), "type", "zelko.skyharbor-query-update");
+    const char *reply_id = text_member(query, "reply-id");
+    add_text(reply.get(), "reply-to", reply_id != nullptr ? reply_id : "");
+    json_object_object_add(reply.get(), "body", body);
+    return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
+}
+
+// One request on an ECU's link, traced when the settings ask for it.
+UdsOutcome traced_request(EcuLink &link, const EcuTarget &target, const Bytes &request,
+                          const AgentSettings &settings, const UdsTiming &timing) {
+    UdsOutcome outcome = uds_request(link, request, timing);
+    if (settings.trace) {
+        printf("trace %s: %s -> %s\n", ecu_title(target).c_str(), hex_text(request).c_str(),
+               outcome.answered ? hex_text(outcome.response).c_str() : outcome.error.c_str());
+        fflush(stdout);
+    }
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s -> %s", ecu_title(target).c_str(), hex_text(request).c_str(),
+               outcome.answered ? hex_text(outcome.response).c_str() : outcome.error.c_str());
+    return outcome;
+}
+
+struct CommandRecord {
+    std::string name;
+    Bytes request;
+    Bytes response;
+};
+
+// The steps of one routine on one ECU; stops at the first negative answer
+// (kept in `done`) or the first failure to get an answer (`error`).
+class RoutineRun {
+  public:
+    RoutineRun(EcuLink &link, const EcuTarget &target, const AgentSettings &settings,
+               const KeyAlgorithms &keys)
+        : link_(link),
+          target_(target),
+          settings_(settings),
+          keys_(keys),
+          timing_(settings.timing) {}
+
+    bool session(uint8_t session) {
+        return step("DiagnosticSessionControl", {kServiceSessionControl, session});
+    }
+
+    // requestSeed, the key of the level's algorithm, sendKey. A zero seed
+    // means the level is unlocked already.
+    bool unlock(const std::string &name, uint8_t level) {
+        if (!step(name, {kServiceSecurityAccess, level}))
+            return false;
+        Bytes seed;
+        if (!seed_of(done.back().response, level, &seed)) {
+            error = "the answer to requestSeed holds no seed: " + hex_text(done.back().response);
+            return false;
+        }
+        bool unlocked = true;
+        for (uint8_t byte : seed)
+            unlocked = unlocked && byte == 0;
+        if (unlocked)
+            return true;
+        Bytes key;
+        if (!keys_.compute(level, seed, &key, &error))
+            return false;
+        return step(name, send_key_request(level, key));
+    }
+
+    bool command(const UdsCommand &command) {
+        if (is_seed_request(command.request))
+            return unlock(command.name, command.request[1]);
+        return step(command.name, command.request);
+    }
+
+    std::vector<CommandRecord> done;
+    std::string error;
+    bool stopped_by_ecu = false;
+
+  private:
+    bool step(const std::string &name, const Bytes &request) {
+        UdsOutcome outcome = traced_request(link_, target_, request, settings_, timing_);
+        if (!outcome.answered) {
+            error = name + ": " + outcome.error;
+            return false;
+        }
+        uint32_t p2 = 0, p2_star = 0;
+        if (session_timing(outcome.response, &p2, &p2_star))
+            timing_ = timing_for_ecu(settings_.timing, Millis(p2), Millis(p2_star));
+        done.push_back({name, request, outcome.response});
+        stopped_by_ecu = is_negative_response(outcome.response);
+        return !stopped_by_ecu;
+    }
+
+    EcuLink &link_;
+    const EcuTarget &target_;
+    const AgentSettings &settings_;
+    const KeyAlgorithms &keys_;
+    UdsTiming timing_;  // the ECU's own once it has announced it
+};
+
+json_object *commands_json(const std::vector<CommandRecord> &done) {
+    json_object *list = json_object_new_array();
+    for (const CommandRecord &record : done) {
+        json_object *item = json_object_new_object();
+        add_text(item, "command", record.name);
+        add_text(item, "request", hex_text(record.request));
+        add_text(item, "response", hex_text(record.response));
+        json_object_array_add(list, item);
+    }
+    return list;
+}
+
+}  // namespace
+
+DiagAgent::DiagAgent(AgentSettings settings, LinkProvider &links, KeyAlgorithms keys)
+    : settings_(std::move(settings)), links_(links), keys_(std::move(keys)) {}
+
+std::shared_ptr<std::mutex> DiagAgent::ecu_lock(const std::string &key) {
+    std::lock_guard<std::mutex> hold(locks_lock_);
+    std::shared_ptr<std::mutex> &lock = ecu_locks_[key];
+    if (!lock)
+        lock = std::make_shared<std::mutex>();
+    return lock;
+}
+
+// Job is called as job(index, link) with the target's link, or as
+// job(index, nullptr, error) when the ECU cannot be reached at all.
+template <typename Job>
+void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
+    auto run = [&](size_t index) {
+        const EcuTarget &target = targets[index];
+        std::string error = target.error;
+        std::shared_ptr<EcuLink> link;
+        if (error.empty())
+            link = links_.link_for(target, &error);
+        if (!link) {
+            UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s", ecu_title(target).c_str(), error.c_str());
+            job(index, nullptr, error);
+            return;
+        }
+        std::shared_ptr<std::mutex> lock = ecu_lock(target.key());
+        std::lock_guard<std::mutex> one_request_at_a_time(*lock);
+        job(index, link.get(), error);
+    };
+    if (targets.size() == 1) {
+        run(0);
+        return;
+    }
+    std::vector<std::thread> workers;
+    for (size_t i = 0; i < targets.size(); ++i)
+        workers.emplace_back(run, i);
+    for (std::thread &worker : workers)
+        worker.join();
+}
+
+json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget> &targets,
+                                   bool broadcast, std::string *error) {
+    Bytes request = read_dtc_request(uds, error);
+    if (request.empty())
+        return nullptr;
+    std::vector<UdsOutcome> outcomes(targets.size());
+    for_each_ecu(targets, [&](size_t index, EcuLink *link, const std::string &why) {
+        if (link == nullptr)
+            outcomes[index].error = why;
+        else
+            outcomes[index] =
+                traced_request(*link, targets[index], request, settings_, settings_.timing);
+    });
+    // A single ECU that gave no answer fails the whole read; among several,
+    // it is an element with empty data and the reason, never "no DTCs".
+    if (!broadcast && targets.size() == 1 && !outcomes[0].answered) {
+        *error = ecu_title(targets[0]) + ": " + outcomes[0].error;
+        return nullptr;
+    }
+    json_object *elements = json_object_new_array();
+    for (size_t i = 0; i < targets.size(); ++i) {
+        json_object *element = json_object_new_object();
+        add_text(element, "phy-req-id", targets[i].label);
+        add_text(element, "data", outcomes[i].answered ? hex_text(outcomes[i].response) : "");
+        if (!outcomes[i].answered)
+            add_text(element, "error", outcomes[i].error);
+        json_object_array_add(elements, element);
+    }
+    json_object *answer = json_object_new_object();
+    json_object_object_add(answer, "data-record", elements);
+    return answer;
+}
+
+json_object *DiagAgent::version_answer(json_object *version, const std::vector<EcuTarget> &targets,
+                                       std::string *error) {
+    std::vector<VersionItem> items = version_items(version, error);
+    if (items.empty())
+        return nullptr;
+    if (targets.size() != 1) {
+        *error = "a version read is for one ECU";
+        return nullptr;
+    }
+    std::vector<std::string> values;
+    for_each_ecu(targets, [&](size_t, EcuLink *link, const std::string &why) {
+        if (link == nullptr) {
+            *error = why;
+            return;
+        }
+        for (const VersionItem &item : items) {
+            UdsOutcome outcome = traced_request(*link, targets[0], read_did_request(item.did),
+                                                settings_, settings_.timing);
+            if (!outcome.answered) {
+                *error = outcome.error;
+                return;
+            }
+            if (is_negative_response(outcome.response)) {
+                char did[8];
+                snprintf(did, sizeof(did), "%04X", item.did);
+                *error = "the ECU refused DID 0x" + std::string(did) + ": " +
+                         negative_text(outcome.response);
+                return;
+            }
+            std::string value = did_value_text(item.did, outcome.response, error);
+            if (!error->empty())
+                return;
+            values.push_back(value);
+        }
+    });
+    if (!error->empty()) {
+        *error = ecu_title(targets[0]) + ": " + *error;
+        return nullptr;
+    }
+    return json_object_new_string(version_text(items, values).c_str());
+}
+
+json_object *DiagAgent::routine_answer(json_object *routine, const std::vector<EcuTarget> &targets,
+                                       std::string *error) {
+    if (!json_object_is_type(routine, json_type_object)) {
+        *error = "the query names no routine to run";
+        return nullptr;
+    }
+    std::vector<UdsCommand> commands = routine_commands(routine, error);
+    SecurityRequest security = security_request(routine, error);
+    if (commands.empty() || !error->empty())
+        return nullptr;
+    json_object *results = json_object_new_array();
+    std::vector<json_object *> slots(targets.size());
+    for_each_ecu(targets, [&](size_t index, EcuLink *link, const std::string &why) {
+        json_object *result = json_object_new_object();
+        add_text(result, "ecu",
+                 targets[index].name.empty() ? targets[index].label : targets[index].name);
+        slots[index] = result;
+        if (link == nullptr) {
+            add_text(result, "error", why);
+            return;
+        }
+        RoutineRun run(*link, targets[index], settings_, keys_);
+        bool going =
+            !security.wanted || ((security.session == 0 || run.session(security.session)) &&
+                                 run.unlock("SecurityAccess", security.level));
+        for (size_t i = 0; going && i < commands.size(); ++i)
+            going = run.command(commands[i]);
+        add_text(result, "response", run.done.empty() ? "" : hex_text(run.done.back().response));
+        json_object_object_add(result, "commands", commands_json(run.done));
+        if (!run.error.empty())
+            add_text(result, "error", run.error);
+        else if (run.stopped_by_ecu)
+            add_text(result, "error",
+                     run.done.back().name + ": " + negative_text(run.done.back().response));
+    });
+    for (json_object *slot : slots)
+        json_object_array_add(results, slot);
+    json_object *answer = json_object_new_object();
+    const char *name = text_member(routine, "name");
+    add_text(answer, "name", name != nullptr ? name : "");
+    json_object_object_add(answer, "results", results);
+    return answer;
+}
+
+std::string DiagAgent::answer_query(const std::string &query_text) {
+    JsonPtr query(json_tokener_parse(query_text.c_str()));
+    const char *type = text_member(query.get(), "type");
+    json_object *body = nullptr;
+    if (type == nullptr || strcmp(type, "zelko.skyharbor-query") != 0 ||
+        !json_object_object_get_ex(query.get(), "body", &body)) {
+        return "";
+    }
+    bool broadcast = false;
+    std::vector<EcuTarget> targets = query_targets(body, settings_, &broadcast);
+    const char *address = text_member(body, "targetAddress");
+    json_object *answer = json_object_new_object();
+    // A query to all ECUs is answered with "-1", whatever form it was sent in.
+    add_text(answer, "targetAddress", broadcast ? "-1" : (address != nullptr ? address : ""));
+    std::string error;
+    json_object *member = nullptr;
+    if (targets.empty()) {
+        error = "the query addresses no ECU the agent can reach (no transport block)";
+    } else if (json_object_object_get_ex(body, "uds", &member)) {
+        if (json_object *uds = dtc_answer(member, targets, broadcast, &error))
+            json_object_object_add(answer, "uds", uds);
+    } else if (json_object_object_get_ex(body, "version", &member)) {
+        if (json_object *version = version_answer(member, targets, &error))
+            json_object_object_add(answer, "version", version);
+    } else if (json_object_object_get_ex(body, "routine", &member)) {
+        if (json_object *routine = routine_answer(member, targets, &error))
+            json_object_object_add(answer, "routine", routine);
+    } else {
+        error = "the query asks for nothing the agent knows (\"uds\", \"version\", \"routine\")";
+    }
+    if (!error.empty()) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "query to %s failed: %s", address ? address : "?", error.c_str());
+        add_text(answer, "error", error);
+    }
+    return reply_text(query.get(), answer);
+}
+
+}  // namespace uozagent

@@ -1,0 +1,59 @@
+// The diagnostic agent proper: a query in, UDS requests to each addressed
+// ECU over its link, the ECUs' own answers out as the reply the library
+// decodes. ECUs of one query are asked in parallel; each ECU has at most one
+// request outstanding, whichever query it belongs to.
+#ifndef UOZ_TOOLS_AGENT_DIAG_AGENT_H
+#define UOZ_TOOLS_AGENT_DIAG_AGENT_H
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "agent_settings.h"
+#include "ecu_link.h"
+#include "key_algorithm.h"
+#include "query_targets.h"
+
+namespace uozagent {
+
+// Gives the link to an ECU; nullptr with *error when there is none (no CAN
+// on this machine, a gateway the settings do not allow).
+class LinkProvider {
+  public:
+    virtual ~LinkProvider() = default;
+    virtual std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) = 0;
+};
+
+class DiagAgent {
+  public:
+    DiagAgent(AgentSettings settings, LinkProvider &links, KeyAlgorithms keys);
+
+    // The reply text to a "zelko.skyharbor-query", or "" when the text is
+    // none. Blocks until every addressed ECU has answered or failed, within
+    // the settings' overall deadline per request.
+    std::string answer_query(const std::string &query);
+
+  private:
+    struct EcuResult;
+    json_object *dtc_answer(json_object *uds, const std::vector<EcuTarget> &targets, bool broadcast,
+                            std::string *error);
+    json_object *version_answer(json_object *version, const std::vector<EcuTarget> &targets,
+                                std::string *error);
+    json_object *routine_answer(json_object *routine, const std::vector<EcuTarget> &targets,
+                                std::string *error);
+    // Runs job on every target at once, each under its ECU's lock.
+    template <typename Job>
+    void for_each_ecu(const std::vector<EcuTarget> &targets, Job job);
+    std::shared_ptr<std::mutex> ecu_lock(const std::string &key);
+
+    AgentSettings settings_;
+    LinkProvider &links_;
+    KeyAlgorithms keys_;
+    std::mutex locks_lock_;
+    std::map<std::string, std::shared_ptr<std::mutex>> ecu_locks_;
+};
+
+}  // namespace uozagent
+
+#endif

@@ -1,0 +1,157 @@
+#include "query_targets.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+namespace uozagent {
+
+namespace {
+
+const char *text_member(json_object *object, const char *key) {
+    json_object *value = nullptr;
+    if (!json_object_object_get_ex(object, key, &value) ||
+        !json_object_is_type(value, json_type_string)) {
+        return nullptr;
+    }
+    return json_object_get_string(value);
+}
+
+bool hex_member(json_object *block, const char *key, uint32_t largest, uint32_t *value,
+                EcuTarget *target) {
+    const char *text = text_member(block, key);
+    if (text != nullptr && parse_hex_number(text, value) && *value <= largest)
+        return true;
+    if (target->error.empty()) {
+        target->error = std::string("the transport block's \"") + key + "\" (" +
+                        (text ? text : "missing") + ") is not a valid value";
+    }
+    return false;
+}
+
+void doip_target(json_object *block, const AgentSettings &settings, EcuTarget *target) {
+    uint32_t tester = 0;
+    uint32_t logical = 0;
+    const char *gateway = text_member(block, "gw-ip");
+    target->label = text_member(block, "ta") ? text_member(block, "ta") : "";
+    if (!hex_member(block, "sa", 0xFFFF, &tester, target) ||
+        !hex_member(block, "ta", 0xFFFF, &logical, target)) {
+        return;
+    }
+    if (gateway == nullptr || *gateway == '\0') {
+        target->error = "the transport block has no \"gw-ip\"";
+        return;
+    }
+    auto mapped = settings.gateway_addresses.find(gateway);
+    target->transport = Transport::kDoip;
+    target->doip.host = mapped != settings.gateway_addresses.end() ? mapped->second : gateway;
+    target->doip.port = settings.doip_port;
+    target->doip.tester_address = static_cast<uint16_t>(tester);
+    target->doip.logical_address = static_cast<uint16_t>(logical);
+}
+
+// The logical address of a routed ECU: the settings' own, else its target
+// address (from the configuration, or the query's for a single ECU).
+bool routed_address(const GatewayRoute &route, const EcuTarget &target, const KnownEcu *known,
+                    int32_t query_target, int32_t *logical) {
+    auto listed = route.ecus.find(target.name);
+    if (listed == route.ecus.end() || target.name.empty())
+        listed = route.ecus.find(target.label);
+    if (listed == route.ecus.end() && !route.all)
+        return false;
+    *logical = listed != route.ecus.end() ? listed->second : -1;
+    if (*logical < 0)
+        *logical = known != nullptr ? known->target_address : query_target;
+    return true;
+}
+
+void bus_target(json_object *block, const AgentSettings &settings, int32_t query_target,
+                EcuTarget *target) {
+    const char *request_id = text_member(block, "phy-req-id");
+    target->label = request_id != nullptr ? request_id : "";
+    auto known = settings.ecus_by_request_id.find(target->label);
+    const KnownEcu *ecu = known != settings.ecus_by_request_id.end() ? &known->second : nullptr;
+    if (ecu != nullptr)
+        target->name = ecu->name;
+    int32_t logical = -1;
+    if (settings.gateway.enabled &&
+        routed_address(settings.gateway, *target, ecu, query_target, &logical)) {
+        if (logical < 0 || logical > 0xFFFF) {
+            target->error = "no logical address for " + target->label +
+                            " at the gateway: give it in the agent settings' \"gateway\".\"ecus\"";
+            return;
+        }
+        target->transport = Transport::kDoip;
+        target->doip = {settings.gateway.host, settings.gateway.port,
+                        settings.gateway.tester_address, static_cast<uint16_t>(logical)};
+        return;
+    }
+    const char *ifname = text_member(block, "ifname");
+    if (ifname == nullptr) {
+        target->error = "an IOC ECU is reached only through a gateway: route " +
+                        (target->name.empty() ? target->label : target->name) +
+                        " in the agent settings' \"gateway\"";
+        return;
+    }
+    uint32_t request = 0, response = 0, st_min = 0, block_size = 0;
+    if (!hex_member(block, "phy-req-id", 0x1FFFFFFF, &request, target) ||
+        !hex_member(block, "phy-resp-id", 0x1FFFFFFF, &response, target) ||
+        !hex_member(block, "st-min", 0xFF, &st_min, target) ||
+        !hex_member(block, "bsize", 0xFF, &block_size, target)) {
+        return;
+    }
+    target->transport = Transport::kCan;
+    target->can = {ifname, request, response, static_cast<uint8_t>(st_min),
+                   static_cast<uint8_t>(block_size)};
+}
+
+EcuTarget target_of(json_object *block, const AgentSettings &settings, int32_t query_target) {
+    EcuTarget target;
+    if (!json_object_is_type(block, json_type_object)) {
+        target.error = "the query holds a transport block that is not an object";
+    } else if (json_object_object_get_ex(block, "gw-ip", nullptr)) {
+        doip_target(block, settings, &target);
+    } else {
+        bus_target(block, settings, query_target, &target);
+    }
+    return target;
+}
+
+}  // namespace
+
+std::string EcuTarget::key() const {
+    switch (transport) {
+        case Transport::kDoip:
+            return "doip " + doip.host + ":" + std::to_string(doip.port) + " " +
+                   std::to_string(doip.logical_address);
+        case Transport::kCan:
+            return "can " + can.ifname + " " + std::to_string(can.request_id);
+        case Transport::kNone:
+            return "none " + label;
+    }
+    return label;
+}
+
+std::vector<EcuTarget> query_targets(json_object *body, const AgentSettings &settings,
+                                     bool *broadcast) {
+    const char *address = text_member(body, "targetAddress");
+    long long value = address != nullptr ? strtoll(address, nullptr, 16) : 0;
+    *broadcast = address != nullptr && (strcmp(address, "-1") == 0 || value == 0xFFFFFFFFLL);
+    std::vector<EcuTarget> targets;
+    for (const char *key : {"doip", "can", "ioc", "canfd"}) {
+        json_object *blocks = nullptr;
+        if (!json_object_object_get_ex(body, key, &blocks))
+            continue;
+        if (!json_object_is_type(blocks, json_type_array)) {
+            targets.push_back(target_of(blocks, settings, static_cast<int32_t>(value)));
+            continue;
+        }
+        for (size_t i = 0; i < json_object_array_length(blocks); ++i) {
+            json_object *block = json_object_array_get_idx(blocks, i);
+            if (block != nullptr)
+                targets.push_back(target_of(block, settings, -1));
+        }
+    }
+    return targets;
+}
+
+}  // namespace uozagent

@@ -1,0 +1,51 @@
+// Which ECUs a query addresses and how each is reached: the query's
+// transport blocks, read together with the agent's settings.
+#ifndef UOZ_TOOLS_AGENT_QUERY_TARGETS_H
+#define UOZ_TOOLS_AGENT_QUERY_TARGETS_H
+
+#include <json-c/json.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "agent_settings.h"
+
+namespace uozagent {
+
+struct DoipAddress {
+    std::string host;  // the gateway, after the settings' address map
+    uint16_t port = 13400;
+    uint16_t tester_address = 0;
+    uint16_t logical_address = 0;
+};
+
+struct CanAddress {
+    std::string ifname;
+    uint32_t request_id = 0;
+    uint32_t response_id = 0;
+    uint8_t st_min = 0;
+    uint8_t block_size = 0;
+};
+
+enum class Transport { kNone, kDoip, kCan };
+
+struct EcuTarget {
+    std::string label;  // "phy-req-id" of the answer: the block's request id or DoIP "ta"
+    std::string name;   // from the ECU configuration, when the agent has it
+    Transport transport = Transport::kNone;
+    DoipAddress doip;
+    CanAddress can;
+    std::string error;  // why the ECU cannot be reached at all
+    // One outstanding request per ECU: targets with the same key share a lock.
+    std::string key() const;
+};
+
+// The ECUs of a query's body, in the order of its blocks. *broadcast is set
+// for a query to all ECUs (target address -1).
+std::vector<EcuTarget> query_targets(json_object *body, const AgentSettings &settings,
+                                     bool *broadcast);
+
+}  // namespace uozagent
+
+#endif

@@ -1,0 +1,54 @@
+#include "transport_links.h"
+
+#include "isotp_link.h"
+#include "udsoverzelko.h"
+
+namespace uozagent {
+
+std::shared_ptr<DoipConnection> TransportLinks::connection(const DoipAddress &address) {
+    std::string key = address.host + ":" + std::to_string(address.port) + "/" +
+                      std::to_string(address.tester_address);
+    std::lock_guard<std::mutex> hold(lock_);
+    std::shared_ptr<DoipConnection> &shared = connections_[key];
+    if (!shared) {
+        DoipOptions options;
+        options.host = address.host;
+        options.port = address.port;
+        options.tester_address = address.tester_address;
+        options.activation_type = settings_.activation_type;
+        options.allow_remote = settings_.allow_remote_gateways;
+        options.connect_timeout = settings_.connect_timeout;
+        options.activation_timeout = settings_.activation_timeout;
+        options.ack_timeout = settings_.ack_timeout;
+        shared = std::make_shared<DoipConnection>(options);
+    }
+    return shared;
+}
+
+void TransportLinks::close_all() {
+    std::lock_guard<std::mutex> hold(lock_);
+    for (auto &[key, connection] : connections_) {
+        (void)key;
+        connection->close(true);
+    }
+}
+
+std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
+    switch (target.transport) {
+        case Transport::kDoip:
+            return std::make_shared<DoipLink>(connection(target.doip), target.doip.logical_address);
+        case Transport::kCan: {
+            std::shared_ptr<EcuLink> link = IsotpLink::open(target.can, error);
+            std::lock_guard<std::mutex> hold(lock_);
+            if (!link && missing_can_logged_.insert(target.can.ifname).second)
+                UOZ_DBGLOG(UOZ_LOG_WARN, "%s", error->c_str());
+            return link;
+        }
+        case Transport::kNone:
+            *error = target.error.empty() ? "no transport for " + target.label : target.error;
+            return nullptr;
+    }
+    return nullptr;
+}
+
+}  // namespace uozagent

@@ -1,0 +1,36 @@
+// The links of the running agent: DoIP connections shared per gateway and
+// tester address, kept for the next request; ISO-TP sockets per request.
+#ifndef UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
+#define UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "agent_settings.h"
+#include "diag_agent.h"
+#include "doip_client.h"
+
+namespace uozagent {
+
+class TransportLinks : public LinkProvider {
+  public:
+    explicit TransportLinks(const AgentSettings &settings) : settings_(settings) {}
+    std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) override;
+    // The shared connection to a gateway for a tester address.
+    std::shared_ptr<DoipConnection> connection(const DoipAddress &address);
+    // Closes every connection, so that requests under way end at once.
+    void close_all();
+
+  private:
+    const AgentSettings settings_;
+    std::mutex lock_;
+    std::map<std::string, std::shared_ptr<DoipConnection>> connections_;
+    std::set<std::string> missing_can_logged_;
+};
+
+}  // namespace uozagent
+
+#endif

@@ -1,0 +1,456 @@
+#include "connection.h"
+
+#include <poll.h>
+#include <stdio.h>
+#include <sys/socket.h>
+
+#include "uds.h"
+
+namespace uozecusim {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// The largest UDS message the entity takes; a larger one is NACKed 0x04.
+constexpr size_t kMaxUdsLength = 4095;
+constexpr uint16_t kFirstTesterAddress = 0x0E00;
+constexpr uint16_t kLastTesterAddress = 0x0FFF;
+constexpr int kPollMs = 50;
+
+std::string address_text(uint16_t address) {
+    char text[8];
+    snprintf(text, sizeof(text), "0x%04X", address);
+    return text;
+}
+
+// Negative answers an ECU keeps to itself when a request was sent to all
+// ECUs at once: not its service, sub-function or data.
+bool silent_when_functional(const Bytes &response) {
+    if (response.size() != 3 || response[0] != uozuds::kNegativeResponse)
+        return false;
+    switch (response[2]) {
+        case uozuds::nrc::kServiceNotSupported:
+        case uozuds::nrc::kSubFunctionNotSupported:
+        case uozuds::nrc::kRequestOutOfRange:
+        case uozuds::nrc::kSubFunctionNotSupportedInActiveSession:
+        case uozuds::nrc::kServiceNotSupportedInActiveSession:
+            return true;
+    }
+    return false;
+}
+
+bool known_activation_type(uint8_t type) {
+    return type == uozdoip::routing::kTypeDefault || type == uozdoip::routing::kTypeWwhObd ||
+           type == uozdoip::routing::kTypeCentralSecurity;
+}
+
+}  // namespace
+
+Connection::Connection(DoipEntity &entity, uozdoip::ScopedFd fd, std::string peer)
+    : entity_(entity), fd_(std::move(fd)), peer_(std::move(peer)) {}
+
+Connection::~Connection() {
+    close();
+    join();
+}
+
+void Connection::start() {
+    last_received_ = steady_clock::now();
+    reader_ = std::thread([this] { read_loop(); });
+}
+
+void Connection::close() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        closing_ = true;
+    }
+    wake_.notify_all();
+    if (fd_.valid())
+        shutdown(fd_.get(), SHUT_RDWR);
+}
+
+void Connection::join() {
+    if (reader_.joinable())
+        reader_.join();
+}
+
+void Connection::trace(const std::string &line) {
+    if (entity_.settings().trace)
+        entity_.log(peer_ + ": " + line);
+}
+
+void Connection::read_loop() {
+    uozdoip::FrameReader reader;
+    uozdoip::Message message;
+    bool open = true;
+    bool by_tester = false;
+    while (open && !closing_) {
+        pollfd wait_for{fd_.get(), POLLIN, 0};
+        int ready = poll(&wait_for, 1, kPollMs);
+        steady_clock::time_point now = steady_clock::now();
+        if (ready == 0) {
+            open = check_alive_timers(now);
+            continue;
+        }
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0 || uozdoip::read_into(fd_.get(), reader) <= 0) {
+            if (!closing_)
+                trace("connection closed by the tester");
+            open = false;
+            by_tester = !closing_;
+            break;
+        }
+        last_received_ = now;
+        for (bool more = true; open && more;) {
+            switch (reader.next(message)) {
+                case uozdoip::FrameReader::Result::kMessage:
+                    open = handle(message);
+                    break;
+                case uozdoip::FrameReader::Result::kNeedMore:
+                    more = false;
+                    break;
+                case uozdoip::FrameReader::Result::kBadVersion:
+                    trace("bad protocol version pair: generic NACK, closing");
+                    send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kIncorrectPattern,
+                                                      version_));
+                    open = false;
+                    break;
+                case uozdoip::FrameReader::Result::kTooLarge:
+                    trace("message too large: generic NACK");
+                    send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kMessageTooLarge,
+                                                      version_));
+                    break;
+            }
+        }
+    }
+    if (!by_tester)
+        trace("connection closed");
+    close();
+    for (auto &worker : workers_) {
+        if (worker.second->thread.joinable())
+            worker.second->thread.join();
+    }
+    if (activated_)
+        entity_.release_tester(tester_, this);
+    finished_ = true;
+}
+
+// Closes an idle connection, and with the alive check switch asks an idle
+// tester whether it is still there. False when the connection must close.
+bool Connection::check_alive_timers(steady_clock::time_point now) {
+    const EntitySettings &settings = entity_.settings();
+    auto idle = now - last_received_;
+    if (!activated_ && idle > milliseconds(settings.initial_inactivity_ms)) {
+        trace("no routing activation in time: closing");
+        return false;
+    }
+    if (activated_ && idle > milliseconds(settings.general_inactivity_ms)) {
+        trace("idle for too long: closing");
+        return false;
+    }
+    const uint32_t idle_ms = settings.misbehave.alive_check_idle_ms;
+    if (!activated_ || idle_ms == 0)
+        return true;
+    if (alive_outstanding_) {
+        if (now - alive_sent_ <= milliseconds(settings.alive_check_wait_ms))
+            return true;
+        trace("no alive check response from " + address_text(tester_) + ": closing");
+        return false;
+    }
+    if (idle >= milliseconds(idle_ms)) {
+        alive_outstanding_ = true;
+        alive_sent_ = now;
+        trace("alive check request to " + address_text(tester_));
+        return send(uozdoip::encode_alive_check_request(version_));
+    }
+    return true;
+}
+
+bool Connection::handle(const uozdoip::Message &message) {
+    switch (message.payload_type) {
+        case uozdoip::payload::kRoutingActivationRequest:
+            return activate_routing(message);
+        case uozdoip::payload::kDiagnosticMessage:
+            return diagnostic(message);
+        case uozdoip::payload::kAliveCheckResponse: {
+            std::optional<uint16_t> source = uozdoip::parse_alive_check_response(message);
+            if (!source) {
+                send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength,
+                                                  version_));
+                return false;
+            }
+            alive_outstanding_ = false;
+            {
+                std::lock_guard<std::mutex> hold(lock_);
+                alive_answered_ = true;
+            }
+            wake_.notify_all();
+            trace("alive check response from " + address_text(*source));
+            return true;
+        }
+    }
+    trace(std::string("unexpected ") + uozdoip::payload_type_name(message.payload_type) +
+          ": generic NACK");
+    return send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kUnknownPayloadType, version_));
+}
+
+bool Connection::activate_routing(const uozdoip::Message &message) {
+    std::optional<uozdoip::RoutingActivationRequest> request =
+        uozdoip::parse_routing_activation_request(message);
+    if (!request) {
+        send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength,
+                                          message.version));
+        return false;
+    }
+    if (!activated_)
+        version_ = message.version;  // answers follow the tester's protocol version
+    uozdoip::RoutingActivationResponse response;
+    response.tester = request->source;
+    response.entity = entity_.vehicle().gateway_address;
+    const Misbehaviour &misbehave = entity_.settings().misbehave;
+    if (misbehave.deny_routing)
+        response.code = *misbehave.deny_routing;
+    else if (request->source < kFirstTesterAddress || request->source > kLastTesterAddress)
+        response.code = uozdoip::routing::kDeniedUnknownSource;
+    else if (!known_activation_type(request->activation_type))
+        response.code = uozdoip::routing::kDeniedUnsupportedType;
+    else if (activated_ && request->source != tester_)
+        response.code = uozdoip::routing::kDeniedSourceMismatch;
+    else if (!activated_)
+        response.code = entity_.claim_tester(request->source, shared_from_this());
+    else
+        response.code = uozdoip::routing::kSuccess;
+    trace("routing activation for tester " + address_text(request->source) + ": " +
+          uozdoip::routing_code_name(response.code));
+    if (!send(uozdoip::encode(response, version_)))
+        return false;
+    if (response.code != uozdoip::routing::kSuccess)
+        return false;
+    if (!activated_) {  // workers read these once requests flow: set them once
+        tester_ = request->source;
+        activated_ = true;
+    }
+    return true;
+}
+
+bool Connection::diagnostic(const uozdoip::Message &message) {
+    std::optional<uozdoip::DiagnosticMessage> request = uozdoip::parse_diagnostic_message(message);
+    if (!request) {
+        send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength, version_));
+        return false;
+    }
+    uozdoip::DiagnosticAck ack{false, request->target, request->source, uozdoip::diag::kAck, {}};
+    auto refuse = [&](uint8_t code) {
+        ack.negative = true;
+        ack.code = code;
+        trace("diagnostic message to " + address_text(request->target) + ": NACK " +
+              uozdoip::diag_nack_name(code));
+        return send(uozdoip::encode(ack, version_));
+    };
+    if (!activated_ || request->source != tester_) {
+        refuse(uozdoip::diag::kNackInvalidSource);
+        return false;
+    }
+    const Misbehaviour &misbehave = entity_.settings().misbehave;
+    auto forced = misbehave.nack.find(request->target);
+    if (forced != misbehave.nack.end())
+        return refuse(forced->second);
+    const bool functional = request->target == entity_.vehicle().functional_address;
+    if (!functional && !entity_.has_ecu(request->target))
+        return refuse(uozdoip::diag::kNackUnknownTarget);
+    if (request->data.size() > kMaxUdsLength)
+        return refuse(uozdoip::diag::kNackMessageTooLarge);
+
+    Request work{entity_.next_request_number(), request->data, {}, functional};
+    trace((functional ? std::string("functional") : entity_.ecu_name(request->target)) + " (" +
+          address_text(request->target) + ") <- " +
+          spaced_hex(request->data.data(), request->data.size()));
+    Bytes ack_bytes = uozdoip::encode(ack, version_);
+    if (misbehave.drop_mid.count(work.number) != 0) {
+        if (!misbehave.no_ack)
+            send(ack_bytes);
+        trace("request #" + std::to_string(work.number) + ": dropping the connection");
+        return false;
+    }
+    if (!misbehave.no_ack) {
+        if (misbehave.coalesce || misbehave.ack_after_answer)
+            work.held_ack = ack_bytes;
+        else if (!send(ack_bytes))
+            return false;
+    }
+    if (!functional) {
+        enqueue(request->target, std::move(work));
+        return true;
+    }
+    // Every ECU gets the request and answers from its own address; a held ACK
+    // goes with the first answer.
+    for (const SimulatedEcu &ecu : entity_.vehicle().ecus) {
+        enqueue(ecu.logical_address, work);
+        work.held_ack.clear();
+    }
+    return true;
+}
+
+void Connection::enqueue(uint16_t target, Request request) {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        std::unique_ptr<EcuWorker> &worker = workers_[target];
+        if (!worker) {
+            worker = std::make_unique<EcuWorker>();
+            worker->thread = std::thread([this, target] { work(target); });
+        }
+        worker->queue.push_back(std::move(request));
+    }
+    wake_.notify_all();
+}
+
+void Connection::work(uint16_t target) {
+    for (;;) {
+        Request request;
+        {
+            std::unique_lock<std::mutex> hold(lock_);
+            EcuWorker &worker = *workers_[target];
+            wake_.wait(hold, [&] { return closing_ || !worker.queue.empty(); });
+            if (closing_)
+                return;
+            request = std::move(worker.queue.front());
+            worker.queue.pop_front();
+        }
+        answer(target, request);
+    }
+}
+
+bool Connection::pause(milliseconds duration) {
+    std::unique_lock<std::mutex> hold(lock_);
+    return !wake_.wait_for(hold, duration, [&] { return closing_.load(); });
+}
+
+bool Connection::send(const Bytes &bytes) {
+    std::lock_guard<std::mutex> hold(write_lock_);
+    bool written = true;
+    if (entity_.settings().misbehave.split) {
+        for (size_t i = 0; written && i < bytes.size() && !closing_; ++i) {
+            written = uozdoip::write_all(fd_.get(), &bytes[i], 1);
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+    } else {
+        written = uozdoip::write_all(fd_.get(), bytes);
+    }
+    if (!written)
+        close();
+    return written;
+}
+
+bool Connection::send_uds(uint16_t target, const Bytes &uds, Bytes &prefix) {
+    Bytes bytes = std::move(prefix);
+    prefix.clear();
+    Bytes message = uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, uds}, version_);
+    bytes.insert(bytes.end(), message.begin(), message.end());
+    trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> " +
+          spaced_hex(uds.data(), uds.size()));
+    return send(bytes);
+}
+
+bool Connection::send_pending(uint16_t target, uint8_t service, Bytes &prefix) {
+    return send_uds(target, negative_response(service, uozuds::nrc::kResponsePending), prefix);
+}
+
+// The answer to one request, with whatever delays, response-pending messages
+// and closing the switches ask for.
+void Connection::answer(uint16_t target, const Request &request) {
+    const Misbehaviour &misbehave = entity_.settings().misbehave;
+    UdsAnswer result = entity_.serve(target, request.data);
+    const uint8_t service = request.data[0];
+    Bytes prefix = misbehave.coalesce ? request.held_ack : Bytes{};
+    if (request.functional && silent_when_functional(result.response)) {
+        trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> no answer to " +
+              spaced_hex(result.response.data(), result.response.size()));
+        if (!prefix.empty())
+            send(prefix);
+        if (misbehave.ack_after_answer && !misbehave.coalesce && !request.held_ack.empty())
+            send(request.held_ack);
+        return;
+    }
+
+    auto slow = misbehave.slow.find(target);
+    uint32_t delay_ms =
+        slow != misbehave.slow.end() ? slow->second : misbehave.slow_all.value_or(0);
+    if (delay_ms > 0 && !pause(milliseconds(delay_ms)))
+        return;
+    for (int i = 0; i < misbehave.pending_count; ++i) {
+        if ((i > 0 && !pause(milliseconds(misbehave.pending_interval_ms))) ||
+            !send_pending(target, service, prefix))
+            return;
+    }
+    if (misbehave.pending_count > 0 && !pause(milliseconds(misbehave.pending_interval_ms)))
+        return;
+    // A busy ECU says so at once, then again well within P2* until done.
+    const uint32_t repeat_ms = entity_.settings().uds.p2_star_ms * 2 / 5;
+    for (uint32_t left = result.busy_ms; left > 0;) {
+        if (!send_pending(target, service, prefix))
+            return;
+        uint32_t step = left < repeat_ms ? left : repeat_ms;
+        if (!pause(milliseconds(step)))
+            return;
+        left -= step;
+    }
+    if (!result.suppressed && misbehave.cut_answer.count(request.number) != 0) {
+        cut_answer(target, result.response, prefix, request.number);
+        return;
+    }
+    if (!result.suppressed && misbehave.bad_version.count(request.number) != 0) {
+        Bytes message =
+            uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, result.response}, version_);
+        message[1] = static_cast<uint8_t>(message[1] ^ 0xFF);  // inverse no longer inverse
+        prefix.insert(prefix.end(), message.begin(), message.end());
+        trace("request #" + std::to_string(request.number) + ": answer with a bad version pair");
+        send(prefix);
+        return;
+    }
+    if (!result.suppressed) {
+        if (!send_uds(target, result.response, prefix))
+            return;
+    } else {
+        trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> no answer");
+        if (!prefix.empty() && !send(prefix))
+            return;
+    }
+    if (misbehave.ack_after_answer && !misbehave.coalesce && !request.held_ack.empty() &&
+        !send(request.held_ack))
+        return;
+    if (misbehave.drop_after.count(request.number) != 0) {
+        trace("request #" + std::to_string(request.number) + " answered: dropping the connection");
+        close();
+    }
+}
+
+// Half of the answer's message (after a coalesced ACK, whole), then the
+// connection closes: the tester sees a message that never completes.
+void Connection::cut_answer(uint16_t target, const Bytes &uds, Bytes &prefix, uint64_t number) {
+    Bytes message = uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, uds}, version_);
+    prefix.insert(prefix.end(), message.begin(), message.begin() + message.size() / 2);
+    trace("request #" + std::to_string(number) + ": answer cut after " +
+          std::to_string(message.size() / 2) + " of " + std::to_string(message.size()) +
+          " bytes, dropping the connection");
+    if (send(prefix))
+        close();
+}
+
+bool Connection::alive(milliseconds wait) {
+    if (closing_ || finished_)
+        return false;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        alive_answered_ = false;
+    }
+    if (!send(uozdoip::encode_alive_check_request(version_)))
+        return false;
+    std::unique_lock<std::mutex> hold(lock_);
+    wake_.wait_for(hold, wait, [&] { return alive_answered_ || closing_; });
+    return alive_answered_ && !closing_;
+}
+
+}  // namespace uozecusim

@@ -1,0 +1,342 @@
+#include "doip_entity.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "connection.h"
+
+namespace uozecusim {
+
+namespace {
+
+constexpr uint8_t kNodeTypeGateway = 0x00;
+
+constexpr uint8_t kPowerModeReady = 0x01;
+
+std::string endpoint_text(const sockaddr *address) {
+    char host[INET6_ADDRSTRLEN] = "?";
+    uint16_t port = 0;
+    if (address->sa_family == AF_INET6) {
+        auto *v6 = reinterpret_cast<const sockaddr_in6 *>(address);
+        inet_ntop(AF_INET6, &v6->sin6_addr, host, sizeof(host));
+        port = ntohs(v6->sin6_port);
+        return "[" + std::string(host) + "]:" + std::to_string(port);
+    }
+    auto *v4 = reinterpret_cast<const sockaddr_in *>(address);
+    inet_ntop(AF_INET, &v4->sin_addr, host, sizeof(host));
+    port = ntohs(v4->sin_port);
+    return std::string(host) + ":" + std::to_string(port);
+}
+
+void set_port(sockaddr_storage &address, uint16_t port) {
+    if (address.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6 *>(&address)->sin6_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in *>(&address)->sin_port = htons(port);
+}
+
+[[noreturn]] void cannot(const std::string &what) {
+    throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+}  // namespace
+
+DoipEntity::DoipEntity(VehicleFile vehicle, EntitySettings settings)
+    : vehicle_(std::move(vehicle)), settings_(std::move(settings)) {
+    for (const SimulatedEcu &ecu : vehicle_.ecus) {
+        auto slot = std::make_unique<EcuSlot>();
+        slot->server = std::make_unique<EcuServer>(ecu, settings_.uds);
+        ecus_[ecu.logical_address] = std::move(slot);
+    }
+}
+
+DoipEntity::~DoipEntity() {
+    close_all();
+}
+
+void DoipEntity::bind() {
+    const std::string where =
+        "cannot listen on " + settings_.host + ":" + std::to_string(settings_.port);
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV;
+    addrinfo *found = nullptr;
+    int status =
+        getaddrinfo(settings_.host.c_str(), std::to_string(settings_.port).c_str(), &hints, &found);
+    if (status != 0)
+        throw std::runtime_error(where + ": " + gai_strerror(status));
+    sockaddr_storage address{};
+    socklen_t length = found->ai_addrlen;
+    memcpy(&address, found->ai_addr, found->ai_addrlen);
+    freeaddrinfo(found);
+
+    // With port 0 the system picks the TCP port; UDP must get the same one,
+    // and if another program holds it for UDP, the next pick is tried.
+    const int attempts = settings_.port == 0 ? 8 : 1;
+    for (int attempt = 1;; ++attempt) {
+        bind_tcp(address, length, where);
+        set_port(address, port_);
+        udp_.reset(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (udp_.valid() && ::bind(udp_.get(), reinterpret_cast<sockaddr *>(&address), length) == 0)
+            break;
+        if (attempt == attempts || errno != EADDRINUSE)
+            cannot("cannot listen for UDP on " + settings_.host + ":" + std::to_string(port_));
+        set_port(address, 0);
+    }
+
+    int wake[2];
+    if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0)
+        cannot("cannot make a pipe");
+    wake_read_.reset(wake[0]);
+    wake_write_.reset(wake[1]);
+}
+
+void DoipEntity::bind_tcp(const sockaddr_storage &address, socklen_t length,
+                          const std::string &where) {
+    tcp_.reset(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    int yes = 1;
+    if (!tcp_.valid() || setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) != 0 ||
+        ::bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&address), length) != 0 ||
+        listen(tcp_.get(), 16) != 0)
+        cannot(where);
+    sockaddr_storage bound{};
+    socklen_t bound_length = sizeof(bound);
+    getsockname(tcp_.get(), reinterpret_cast<sockaddr *>(&bound), &bound_length);
+    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port
+                                              : reinterpret_cast<sockaddr_in *>(&bound)->sin_port);
+}
+
+std::string DoipEntity::listening_text() const {
+    char gateway[8];
+    snprintf(gateway, sizeof(gateway), "0x%04X", vehicle_.gateway_address);
+    bool v6 = settings_.host.find(':') != std::string::npos;
+    std::string text = "listening on " + (v6 ? "[" + settings_.host + "]" : settings_.host) + ":" +
+                       std::to_string(port_) + " (TCP and UDP), gateway " + gateway + ", ECUs:";
+    for (const SimulatedEcu &ecu : vehicle_.ecus) {
+        char address[8];
+        snprintf(address, sizeof(address), "0x%04X", ecu.logical_address);
+        text += " " + ecu.name + " " + address;
+        text += &ecu == &vehicle_.ecus.back() ? "" : ",";
+    }
+    return text;
+}
+
+void DoipEntity::stop() {
+    char byte = 1;
+    if (wake_write_.valid())
+        (void)!write(wake_write_.get(), &byte, 1);
+}
+
+void DoipEntity::run() {
+    for (;;) {
+        pollfd waits[3] = {
+            {tcp_.get(), POLLIN, 0}, {udp_.get(), POLLIN, 0}, {wake_read_.get(), POLLIN, 0}};
+        int ready = poll(waits, 3, 200);
+        if (ready < 0 && errno != EINTR)
+            break;
+        if (ready > 0 && waits[2].revents != 0)
+            break;
+        if (ready > 0 && waits[0].revents != 0)
+            accept_connection();
+        if (ready > 0 && waits[1].revents != 0)
+            answer_udp();
+        reap_finished();
+    }
+    close_all();
+}
+
+void DoipEntity::accept_connection() {
+    sockaddr_storage peer{};
+    socklen_t length = sizeof(peer);
+    uozdoip::ScopedFd fd(
+        accept4(tcp_.get(), reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC));
+    if (!fd.valid())
+        return;
+    int yes = 1;
+    setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
+    std::string name = endpoint_text(reinterpret_cast<sockaddr *>(&peer));
+    if (settings_.trace)
+        log(name + ": connected");
+    auto connection = std::make_shared<Connection>(*this, std::move(fd), name);
+    connection->start();
+    connections_.push_back(std::move(connection));
+}
+
+// Vehicle identification, entity status and power mode, each answered to
+// the sender; one message per datagram.
+void DoipEntity::answer_udp() {
+    uint8_t datagram[4096];
+    sockaddr_storage peer{};
+    socklen_t peer_length = sizeof(peer);
+    ssize_t got = recvfrom(udp_.get(), datagram, sizeof(datagram), 0,
+                           reinterpret_cast<sockaddr *>(&peer), &peer_length);
+    if (got <= 0)
+        return;
+    uozdoip::FrameReader reader(sizeof(datagram), true);
+    reader.feed(datagram, static_cast<size_t>(got));
+    uozdoip::Message message;
+    uozdoip::FrameReader::Result result = reader.next(message);
+    uint8_t version =
+        message.version == uozdoip::kVersionAny ? uozdoip::kDefaultVersion : message.version;
+    Bytes answer;
+    switch (result) {
+        case uozdoip::FrameReader::Result::kBadVersion:
+            answer = uozdoip::encode_generic_nack(uozdoip::generic_nack::kIncorrectPattern);
+            break;
+        case uozdoip::FrameReader::Result::kTooLarge:
+            answer = uozdoip::encode_generic_nack(uozdoip::generic_nack::kMessageTooLarge);
+            break;
+        case uozdoip::FrameReader::Result::kNeedMore:
+            if (static_cast<size_t>(got) >= uozdoip::kHeaderSize)
+                answer = uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength);
+            break;
+        case uozdoip::FrameReader::Result::kMessage:
+            answer = udp_answer(message, version);
+            break;
+    }
+    if (settings_.trace) {
+        log(endpoint_text(reinterpret_cast<sockaddr *>(&peer)) +
+            " (UDP): " + uozdoip::payload_type_name(message.payload_type) +
+            (answer.empty() ? ": no answer" : ": answered"));
+    }
+    if (!answer.empty())
+        sendto(udp_.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&peer),
+               peer_length);
+}
+
+Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) const {
+    switch (message.payload_type) {
+        case uozdoip::payload::kVehicleIdRequest:
+        case uozdoip::payload::kVehicleIdRequestByEid:
+        case uozdoip::payload::kVehicleIdRequestByVin: {
+            std::optional<uozdoip::VehicleIdRequest> request =
+                uozdoip::parse_vehicle_id_request(message);
+            if (!request)
+                return uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength,
+                                                    version);
+            const Bytes &filter = request->filter;
+            bool eid_differs = message.payload_type == uozdoip::payload::kVehicleIdRequestByEid &&
+                               !std::equal(filter.begin(), filter.end(), vehicle_.eid.begin());
+            bool vin_differs = message.payload_type == uozdoip::payload::kVehicleIdRequestByVin &&
+                               !std::equal(filter.begin(), filter.end(), vehicle_.vin.begin());
+            if (eid_differs || vin_differs)
+                return {};  // not this vehicle: no answer
+            uozdoip::VehicleAnnouncement announcement;
+            std::copy(vehicle_.vin.begin(), vehicle_.vin.end(), announcement.vin.begin());
+            announcement.logical_address = vehicle_.gateway_address;
+            announcement.eid = vehicle_.eid;
+            announcement.gid = vehicle_.gid;
+            announcement.sync_status = 0x00;
+            return uozdoip::encode(announcement, version);
+        }
+        case uozdoip::payload::kEntityStatusRequest: {
+            if (!message.payload.empty())
+                break;
+            // Node type, sockets at most and open now, largest message.
+            Bytes status = {kNodeTypeGateway,
+                            kMaxActiveTesters,
+                            static_cast<uint8_t>(connections_.size()),
+                            0x00,
+                            0x00,
+                            0xFF,
+                            0xFF};
+            return uozdoip::encode_message(uozdoip::payload::kEntityStatusResponse, status.data(),
+                                           status.size(), version);
+        }
+        case uozdoip::payload::kPowerModeRequest: {
+            if (!message.payload.empty())
+                break;
+            uint8_t mode = kPowerModeReady;
+            return uozdoip::encode_message(uozdoip::payload::kPowerModeResponse, &mode, 1, version);
+        }
+        default:
+            return uozdoip::encode_generic_nack(uozdoip::generic_nack::kUnknownPayloadType,
+                                                version);
+    }
+    return uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength, version);
+}
+
+void DoipEntity::reap_finished() {
+    for (auto it = connections_.begin(); it != connections_.end();) {
+        if ((*it)->finished()) {
+            (*it)->join();
+            it = connections_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+void DoipEntity::close_all() {
+    for (const auto &connection : connections_)
+        connection->close();
+    for (const auto &connection : connections_)
+        connection->join();
+    connections_.clear();
+}
+
+UdsAnswer DoipEntity::serve(uint16_t address, const Bytes &request) {
+    EcuSlot &slot = *ecus_.at(address);
+    std::lock_guard<std::mutex> hold(slot.lock);
+    return slot.server->handle(request.data(), request.size(), Clock::now());
+}
+
+const std::string &DoipEntity::ecu_name(uint16_t address) const {
+    return ecus_.at(address)->server->ecu().name;
+}
+
+uint8_t DoipEntity::claim_tester(uint16_t tester, const std::shared_ptr<Connection> &connection) {
+    std::shared_ptr<Connection> holder;
+    {
+        std::lock_guard<std::mutex> hold(testers_lock_);
+        holder = testers_[tester].lock();
+    }
+    // The address may still be held by a connection whose tester is gone
+    // (it reconnected before we saw the close): ask it, and take over if silent.
+    if (holder && holder != connection && !holder->finished()) {
+        if (holder->alive(std::chrono::milliseconds(settings_.alive_check_wait_ms)))
+            return uozdoip::routing::kDeniedSourceActiveElsewhere;
+        holder->close();
+    }
+    std::lock_guard<std::mutex> hold(testers_lock_);
+    size_t active = 0;
+    for (const auto &entry : testers_) {
+        std::shared_ptr<Connection> other = entry.second.lock();
+        active += entry.first != tester && other && !other->finished() ? 1 : 0;
+    }
+    if (active >= kMaxActiveTesters)
+        return uozdoip::routing::kDeniedAllSocketsActive;
+    testers_[tester] = connection;
+    return uozdoip::routing::kSuccess;
+}
+
+void DoipEntity::release_tester(uint16_t tester, const Connection *connection) {
+    std::lock_guard<std::mutex> hold(testers_lock_);
+    auto found = testers_.find(tester);
+    if (found != testers_.end()) {
+        std::shared_ptr<Connection> holder = found->second.lock();
+        if (!holder || holder.get() == connection)
+            testers_.erase(found);
+    }
+}
+
+void DoipEntity::log(const std::string &line) {
+    std::lock_guard<std::mutex> hold(log_lock_);
+    fprintf(stdout, "%s\n", line.c_str());
+    fflush(stdout);
+}
+
+}  // namespace uozecusim

@@ -1,0 +1,240 @@
+// uoz-ecusim: a DoIP entity with the vehicle file's ECUs behind one gateway
+// address, each a UDS server, and switches that make it misbehave on demand.
+//
+//   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--trace] [switches]
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <sstream>
+
+#include "doip_entity.h"
+#include "vehicle.h"
+#include "vehicle_default.h"
+
+namespace {
+
+constexpr int kOk = 0;
+constexpr int kCannotStart = 1;
+constexpr int kUsage = 2;
+
+uozecusim::DoipEntity *g_entity = nullptr;
+
+void request_stop(int) {
+    if (g_entity != nullptr)
+        g_entity->stop();
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path);
+    if (!file)
+        throw std::runtime_error("cannot read " + path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// "0x7E1" or "7E1"; CLI::ValidationError for anything else.
+uint32_t parse_hex(const std::string &text, uint32_t max, const std::string &what) {
+    size_t at = text.rfind("0x", 0) == 0 || text.rfind("0X", 0) == 0 ? 2 : 0;
+    if (at >= text.size() || text.size() - at > 8 ||
+        text.find_first_not_of("0123456789abcdefABCDEF", at) != std::string::npos)
+        throw CLI::ValidationError(what, "\"" + text + "\" is not a hex number");
+    uint32_t value = static_cast<uint32_t>(strtoul(text.c_str() + at, nullptr, 16));
+    if (value > max)
+        throw CLI::ValidationError(what, "\"" + text + "\" is too large");
+    return value;
+}
+
+uint32_t parse_count(const std::string &text, const std::string &what) {
+    if (text.empty() || text.size() > 9 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
+        throw CLI::ValidationError(what, "\"" + text + "\" is not a number");
+    return static_cast<uint32_t>(strtoul(text.c_str(), nullptr, 10));
+}
+
+// "TARGET:VALUE" pairs of the --nack and --slow switches.
+std::pair<std::string, std::string> split_pair(const std::string &text, const std::string &what) {
+    size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == text.size())
+        throw CLI::ValidationError(what, "\"" + text + "\" is not TARGET:VALUE");
+    return {text.substr(0, colon), text.substr(colon + 1)};
+}
+
+// "1,3,5": request numbers, counted from 1 over the simulator's lifetime.
+std::set<uint64_t> parse_numbers(const std::string &text, const std::string &what) {
+    std::set<uint64_t> numbers;
+    std::stringstream list(text);
+    std::string item;
+    while (std::getline(list, item, ',')) {
+        uint32_t number = parse_count(item, what);
+        if (number == 0)
+            throw CLI::ValidationError(what, "requests are counted from 1");
+        numbers.insert(number);
+    }
+    return numbers;
+}
+
+struct Switches {
+    std::string listen = "127.0.0.1:13400";
+    std::string vehicle_path;
+    std::vector<std::string> nack;
+    std::vector<std::string> slow;
+    std::string deny_routing;
+    std::string drop_after;
+    std::string drop_mid;
+    std::string cut_answer;
+    std::string bad_version;
+};
+
+uozecusim::EntitySettings settings_from(const Switches &switches,
+                                        uozecusim::EntitySettings settings) {
+    if (!uozdoip::split_host_port(switches.listen.c_str(), uozdoip::kDefaultPort, settings.host,
+                                  settings.port))
+        throw CLI::ValidationError("--listen", "\"" + switches.listen + "\" is not ADDR:PORT");
+    uozecusim::Misbehaviour &misbehave = settings.misbehave;
+    for (const std::string &item : switches.nack) {
+        auto [target, code] = split_pair(item, "--nack");
+        misbehave.nack[static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--nack"))] =
+            static_cast<uint8_t>(parse_hex(code, 0xFF, "--nack"));
+    }
+    for (const std::string &item : switches.slow) {
+        auto [target, delay] = split_pair(item, "--slow");
+        uint32_t ms = parse_count(delay, "--slow");
+        if (target == "all")
+            misbehave.slow_all = ms;
+        else
+            misbehave.slow[static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--slow"))] = ms;
+    }
+    if (!switches.deny_routing.empty())
+        misbehave.deny_routing =
+            static_cast<uint8_t>(parse_hex(switches.deny_routing, 0xFF, "--deny-routing"));
+    if (!switches.drop_after.empty())
+        misbehave.drop_after = parse_numbers(switches.drop_after, "--drop-after");
+    if (!switches.drop_mid.empty())
+        misbehave.drop_mid = parse_numbers(switches.drop_mid, "--drop-mid");
+    if (!switches.cut_answer.empty())
+        misbehave.cut_answer = parse_numbers(switches.cut_answer, "--cut-answer");
+    if (!switches.bad_version.empty())
+        misbehave.bad_version = parse_numbers(switches.bad_version, "--bad-version");
+    return settings;
+}
+
+void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &settings) {
+    uozecusim::Misbehaviour &misbehave = settings.misbehave;
+    app.add_option("--listen", switches.listen, "TCP and UDP address (port 0: any free port)")
+        ->type_name("ADDR:PORT")
+        ->capture_default_str();
+    app.add_option("--vehicle", switches.vehicle_path, "vehicle file (default: built-in)")
+        ->type_name("FILE");
+    app.add_flag("--trace", settings.trace, "print each request and response per ECU");
+    app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
+        ->type_name("MS")
+        ->capture_default_str();
+    app.add_option("--security-delay", settings.uds.security_delay_ms,
+                   "lock-out after too many invalid keys")
+        ->type_name("MS")
+        ->capture_default_str();
+    auto *group = "Misbehaviour";
+    app.add_flag("--coalesce", misbehave.coalesce, "write the ACK and the answer in one write")
+        ->group(group);
+    app.add_flag("--split", misbehave.split, "write every message byte by byte")->group(group);
+    app.add_flag("--no-ack", misbehave.no_ack, "never acknowledge a diagnostic message")
+        ->group(group);
+    app.add_flag("--ack-after-answer", misbehave.ack_after_answer, "send the answer before its ACK")
+        ->group(group);
+    app.add_option("--pending", misbehave.pending_count,
+                   "send N response-pending (0x78) before every answer")
+        ->check(CLI::Range(0, 1000))
+        ->type_name("N")
+        ->group(group);
+    app.add_option("--pending-interval", misbehave.pending_interval_ms,
+                   "time between response-pending messages and before the answer")
+        ->type_name("MS")
+        ->capture_default_str()
+        ->group(group);
+    app.add_option("--drop-after", switches.drop_after,
+                   "close the connection after answering these requests (1,3: counted from 1)")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--drop-mid", switches.drop_mid,
+                   "close the connection after ACKing these requests, without answering")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--cut-answer", switches.cut_answer,
+                   "send half of the answer to these requests, then close the connection")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--bad-version", switches.bad_version,
+                   "answer these requests with a wrong protocol version pair")
+        ->type_name("LIST")
+        ->group(group);
+    app.add_option("--nack", switches.nack, "NACK every message to TARGET with CODE (0x7E1:0x06)")
+        ->type_name("TARGET:CODE")
+        ->group(group);
+    app.add_option("--deny-routing", switches.deny_routing,
+                   "answer routing activation with this code (0x00-0x07) and close")
+        ->type_name("CODE")
+        ->group(group);
+    app.add_option("--slow", switches.slow, "delay TARGET's answers by MS (0x7E1:500, all:500)")
+        ->type_name("TARGET:MS")
+        ->group(group);
+    app.add_option("--alive-check", misbehave.alive_check_idle_ms,
+                   "send an alive check to a tester idle for MS; close if it does not answer")
+        ->type_name("MS")
+        ->group(group);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    CLI::App app{
+        "DoIP ECU simulator: the vehicle file's ECUs behind one gateway, each a UDS server.\n"
+        "Exit codes: 0 stopped by SIGINT/SIGTERM, 1 cannot start, 2 invalid usage"};
+    app.set_version_flag("--version", "uoz-ecusim " UOZ_VERSION);
+    Switches switches;
+    uozecusim::EntitySettings settings;
+    add_switches(app, switches, settings);
+    try {
+        app.parse(argc, argv);
+        settings = settings_from(switches, settings);
+    } catch (const CLI::ParseError &error) {
+        int rc = app.exit(error);
+        return rc == 0 ? kOk : kUsage;
+    }
+
+    std::unique_ptr<uozecusim::DoipEntity> entity;
+    try {
+        std::string text = switches.vehicle_path.empty() ? std::string(kDefaultVehicle)
+                                                         : read_file(switches.vehicle_path);
+        uozecusim::VehicleFile vehicle;
+        try {
+            vehicle = uozecusim::parse_vehicle(text);
+        } catch (const std::runtime_error &error) {
+            throw std::runtime_error(
+                (switches.vehicle_path.empty() ? "built-in vehicle" : switches.vehicle_path) +
+                ": " + error.what());
+        }
+        entity = std::make_unique<uozecusim::DoipEntity>(std::move(vehicle), settings);
+        entity->bind();
+    } catch (const std::exception &error) {
+        fprintf(stderr, "uoz-ecusim: %s\n", error.what());
+        return kCannotStart;
+    }
+
+    g_entity = entity.get();
+    struct sigaction action {};
+    action.sa_handler = request_stop;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    printf("uoz-ecusim: %s\n", entity->listening_text().c_str());
+    fflush(stdout);
+    entity->run();
+    g_entity = nullptr;
+    printf("uoz-ecusim: stopped\n");
+    return kOk;
+}
