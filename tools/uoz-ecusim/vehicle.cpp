@@ -283,8 +283,6 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     if (logical > 0xFFFF)
         fail(where, "\"targetAddress\" above 0xFFFF needs a \"logical-address\"");
     ecu.logical_address = static_cast<uint16_t>(logical);
-    const char *version = text_member(entry, "version", where);
-    ecu.version = version != nullptr ? version : "";
     if (json_object *dtcs = member(entry, "dtcs", json_type_array, where))
         ecu.dtcs = dtcs_from_json(dtcs, where);
     if (json_object *memories = member(entry, "user-memories", json_type_object, where)) {
@@ -310,14 +308,6 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
             std::string at = where + " routine " + key;
             uint16_t id = static_cast<uint16_t>(parse_number(at, key, 0xFFFF));
             ecu.routine_control[id] = routine_from_json(value, id, at);
-        }
-    }
-    if (json_object *named = member(entry, "routines", json_type_object, where)) {
-        json_object_object_foreach(named, routine, response) {
-            ecu.named_routines[routine] = to_hex(parse_bytes(
-                where + " routine " + routine, json_object_is_type(response, json_type_string)
-                                                   ? json_object_get_string(response)
-                                                   : nullptr));
         }
     }
     read_ecu_lists(ecu, entry, where);
@@ -378,8 +368,6 @@ VehicleFile parse_vehicle(const std::string &text) {
         throw std::runtime_error("a vehicle file is a JSON object with an \"ecus\" array");
     VehicleFile vehicle;
     read_gateway(vehicle, root.get());
-    if (const char *policy = text_member(root.get(), "policy", "vehicle"))
-        vehicle.policy = policy;
     for (size_t i = 0; i < json_object_array_length(ecus); ++i) {
         SimulatedEcu ecu = ecu_from_json(json_object_array_get_idx(ecus, i), i);
         for (const SimulatedEcu &earlier : vehicle.ecus) {

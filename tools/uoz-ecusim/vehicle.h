@@ -8,7 +8,6 @@
 
 #include <array>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -52,7 +51,6 @@ struct SimulatedEcu {
     int32_t target_address = 0;    // as the library addresses it
     uint16_t logical_address = 0;  // DoIP logical address
     std::string request_id;        // "phy-req-id" as configured
-    std::string version;
     std::vector<SimulatedDtc> dtcs;
     // User-defined DTC memories (reports 0x17-0x19), by memory selection.
     std::map<uint8_t, std::vector<SimulatedDtc>> user_memories;
@@ -63,8 +61,6 @@ struct SimulatedEcu {
     // Record numbers the ECU knows, whether or not a DTC holds one now.
     std::set<uint8_t> snapshot_record_numbers;
     std::set<uint8_t> extended_record_numbers;
-    // Named response bytes (hex) of the agent's former in-memory answers.
-    std::map<std::string, std::string> named_routines;
 };
 
 struct VehicleFile {
@@ -73,7 +69,6 @@ struct VehicleFile {
     uint16_t functional_address = 0xE400;  // a request to it goes to every ECU
     std::array<uint8_t, 6> eid{{0x02, 0x00, 0x00, 0x00, 0x10, 0x00}};
     std::array<uint8_t, 6> gid{{0x02, 0x00, 0x00, 0x00, 0x10, 0x00}};
-    std::string policy = "accept";
     std::vector<SimulatedEcu> ecus;
 };
 
@@ -93,41 +88,5 @@ std::string to_hex(const Bytes &bytes);                       // "1A2B"
 std::string spaced_hex(const uint8_t *bytes, size_t length);  // "1A 2B"
 
 }  // namespace uozecusim
-
-// ---- The agent's former in-memory answers ----
-// Kept only while uoz-agent still answers queries without a transport; it
-// goes once the agent asks the simulator over DoIP.
-namespace uozagent {
-
-using uozecusim::SimulatedDtc;
-using uozecusim::SimulatedEcu;
-using uozecusim::to_hex;
-
-enum class ConsentPolicy { kAccept, kReject, kAsk };
-
-class Vehicle {
-  public:
-    // Throws std::runtime_error for a file that does not describe a vehicle.
-    static Vehicle from_json(const std::string &text);
-    Vehicle(const Vehicle &other);
-
-    // The reply text to a "zelko.skyharbor-query", or "" when the text is none.
-    std::string answer_query(const std::string &query);
-    // The answer to a "zelko.external-consent" message under the policy; the
-    // ask function is used for ConsentPolicy::kAsk and returns true to accept.
-    std::string answer_consent(const std::string &message, ConsentPolicy policy,
-                               bool (*ask)(const std::string &campaign));
-    ConsentPolicy default_policy() const { return policy_; }
-    std::vector<std::string> ecu_names() const;
-
-  private:
-    Vehicle() = default;
-
-    mutable std::mutex lock_;
-    std::vector<SimulatedEcu> ecus_;
-    ConsentPolicy policy_ = ConsentPolicy::kAccept;
-};
-
-}  // namespace uozagent
 
 #endif
