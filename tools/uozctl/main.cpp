@@ -722,7 +722,8 @@ int main(int argc, char **argv) {
     app.footer(
         "ECU is a configured name (engine), a target address in hexadecimal (0x7E0) or 'all'.\n"
         "Numbers are hexadecimal, with or without 0x; DTCs may also be codes (P0301).\n"
-        "Each command's options: uozctl COMMAND --help (e.g. uozctl dtc read --help).\n\n"
+        "Each command's options: uozctl COMMAND --help (e.g. uozctl dtc read --help).\n"
+        "Exit code 4 also when only some ECUs failed: each ECU's line says how it went.\n\n"
         "Examples:\n"
         "  uozctl --config ecus.json check-config\n"
         "  uozctl --config ecus.json --certs pki/app dtc read engine --mask 0x08\n"
