@@ -216,6 +216,33 @@ TEST_F(UozctlTest, aRoutineOnAnUnreachableEcuFailsWithTheAgentsReason) {
     EXPECT_NE(text_at(engine, "error").find("Connection refused"), std::string::npos) << json.out;
 }
 
+// Every command that asks an ECU, with the ECUs unreachable: exit 4 and, with
+// --json, one document that says so.
+TEST_F(UozctlTest, everyCommandFailsInJsonWhenTheEcusAreUnreachable) {
+    agent_.stop_ecus();
+    const std::string commands[] = {
+        "dtc read engine",
+        "dtc read all",
+        "dtc read engine --report 0x06 --dtc P0301 --record 1",
+        "dtc clear engine",
+        "dtc clear all",
+        "version engine",
+        "version telematics",
+        std::string("run ") + UOZ_EXAMPLES + "/remote-command.json",
+    };
+    for (const std::string &command : commands) {
+        ToolRun text = uozctl(command);
+        EXPECT_EQ(text.code, 4) << command << "\n" << text.out << text.err;
+        EXPECT_EQ(text.out.find("done"), std::string::npos) << command << "\n" << text.out;
+        EXPECT_EQ(text.out.find("no DTCs"), std::string::npos) << command << "\n" << text.out;
+        ToolRun json = uozctl("--json " + command);
+        EXPECT_EQ(json.code, 4) << command;
+        JsonDocument document = parsed(json.out);
+        ASSERT_TRUE(document) << command << "\n" << json.out;
+        EXPECT_EQ(text_at(document.get(), "exit_code"), "4") << command << "\n" << json.out;
+    }
+}
+
 // One ECU the agent cannot ask among several: its line says so, the others
 // are shown as usual, and the exit code says that not all went well.
 TEST_F(UozctlTest, aReadOfAllEcusShowsWhichFailed) {
