@@ -137,7 +137,7 @@ using JsonDocument = std::unique_ptr<json_object, JsonFree>;
 const char kAgentFailure[] =
     "the agent reported a failure (see the agent's log; --debug 2 shows its reply)";
 
-// The members of an --json document; null when it does not parse.
+// An --json document, parsed; null when it is not JSON.
 JsonDocument parsed(const std::string &text) {
     return JsonDocument(json_tokener_parse(text.c_str()));
 }
