@@ -128,6 +128,7 @@ int call_with_timeout(const Tool &tool, const char *what, const char *who,
 
 struct Session {
     UDSOverZelkoHandle *handle = nullptr;
+    uozctl::ConfigReport config;
     ~Session() { UDSOverZelko_Terminate(handle); }
 };
 
@@ -151,10 +152,10 @@ int start(const Tool &tool, Session *session) {
         return tool.fail(kExitInvalidInput, error);
     if (options.certs.empty())
         return tool.fail(kExitInvalidInput, "--certs DIR is required for this command");
-    uozctl::ConfigReport config = uozctl::check_config(options.config);
-    if (!config.file_error.empty())
-        return tool.fail(kExitCannotStart, config.file_error);
-    warn_about_config(config);
+    session->config = uozctl::check_config(options.config);
+    if (!session->config.file_error.empty())
+        return tool.fail(kExitCannotStart, session->config.file_error);
+    warn_about_config(session->config);
     std::string warning = missing_reply_address(options.certs);
     if (!warning.empty())
         fprintf(stderr, "uozctl: warning: %s\n", warning.c_str());
@@ -174,6 +175,35 @@ int start(const Tool &tool, Session *session) {
                                                " (run with --debug 2 for details)");
     }
     return kExitOk;
+}
+
+std::string hex_text(uint32_t value, int digits) {
+    char text[16];
+    snprintf(text, sizeof(text), "0x%0*X", digits, value);
+    return text;
+}
+
+// What uozctl can say of a failure the agent reported when the library
+// passes on only that the call failed, not the agent's reason.
+const char kAgentFailure[] =
+    "the agent reported a failure (see the agent's log; --debug 2 shows its reply)";
+
+// "engine (0x7E0)", or "all ECUs" for -1.
+std::string ecu_title(UDSOverZelkoHandle *handle, int32_t address) {
+    if (address == -1)
+        return "all ECUs";
+    const char *name = UDSOverZelkoGetECUNameFromTargetAddress(handle, address);
+    return std::string(name != nullptr ? name : "unknown ECU") + " (" +
+           hex_text(static_cast<uint32_t>(address), 1) + ")";
+}
+
+// The loaded configuration entry of a target address, if any.
+const uozctl::EntryReport *loaded_entry(const uozctl::ConfigReport &config, int32_t address) {
+    for (const uozctl::EntryReport &entry : config.entries) {
+        if (entry.loaded && entry.target_address == address)
+            return &entry;
+    }
+    return nullptr;
 }
 
 // "all", an ECU name, or a target address in hexadecimal (0x7E0 or 7E0).
@@ -202,13 +232,15 @@ int start_for_ecu(const Tool &tool, const std::string &ecu, Session *session, in
                              "': give a configured name, its target address or 'all' (see "
                              "'uozctl ecus')");
     }
+    // The library sends nothing to a CANFD ECU: say so rather than report a
+    // failed exchange.
+    const uozctl::EntryReport *entry = loaded_entry(session->config, *address);
+    if (entry != nullptr && entry->type == "CANFD") {
+        return tool.fail(kExitInvalidInput,
+                         ecu_title(session->handle, *address) +
+                             " is a CANFD ECU, which the library cannot address: nothing was sent");
+    }
     return kExitOk;
-}
-
-std::string hex_text(uint32_t value, int digits) {
-    char text[16];
-    snprintf(text, sizeof(text), "0x%0*X", digits, value);
-    return text;
 }
 
 // The ECU an answer came from: its configured name, or the one asked when the
@@ -248,7 +280,8 @@ int read_dtcs(const Tool &tool, UDSOverZelkoHandle *handle, int32_t address,
 }
 
 // The exit code of a failed read.
-int explain_read_failure(const Tool &tool, int rc, uint32_t report, double waited) {
+int explain_read_failure(const Tool &tool, const std::string &ecu, int rc, uint32_t report,
+                         double waited) {
     if (rc == UOZ_ERR_UNSUPPORTED_SUBFUNCTION) {
         return tool.fail(kExitInvalidInput,
                          "report " + hex_text(report, 2) +
@@ -257,24 +290,40 @@ int explain_read_failure(const Tool &tool, int rc, uint32_t report, double waite
     // The library reports every other failed exchange as -1; a full wait means no reply.
     if (waited >= UOZ_REPLY_TIMEOUT_SECONDS - 0.5)
         return tool.fail(kExitNoReply, tool.no_reply_hint("diagnostic agent"));
-    return tool.fail(kExitFailureReported,
-                     "the read failed: a reply that does not answer it (--debug 2 shows why)");
+    // The library also fails a reply that does not answer the read, but the
+    // agent's failure answer is by far the likeliest.
+    return tool.fail(kExitFailureReported, ecu + ": the read failed: " + kAgentFailure);
 }
 
-// Prints the answers; true when one of them is a negative response.
-bool print_dtc_answers(const Tool &tool, UDSOverZelkoHandle *handle, int32_t asked,
-                       const DTCBuffer &buffer, int total_bytes) {
-    bool negative = false;
+// What the answers of a read held.
+struct ReadOutcome {
+    bool negative = false;            // an ECU answered with a negative response
+    std::vector<std::string> failed;  // the ECUs the agent got no answer from
+};
+
+// Prints the answers, one block per ECU. The agent answers an ECU it could
+// not ask with empty data: a UDS response is never empty, so that entry is
+// the ECU's failure, never an empty DTC list.
+ReadOutcome print_dtc_answers(const Tool &tool, UDSOverZelkoHandle *handle, int32_t asked,
+                              const DTCBuffer &buffer, int total_bytes) {
+    ReadOutcome outcome;
     Json results(json_object_new_array());
     for (int32_t i = 0; i < buffer.count; ++i) {
         const DTCBufferEntry *entry = buffer.entries[i];
         if (entry == nullptr)
             continue;
+        bool failed = entry->length == 0;
         uozctl::DtcReport decoded = uozctl::decode_dtc_response(entry->data, entry->length);
-        negative = negative || decoded.negative;
+        std::string label = ecu_label(handle, entry, asked);
+        if (failed)
+            outcome.failed.push_back(label);
+        outcome.negative = outcome.negative || decoded.negative;
         if (!tool.options.json) {
-            fprintf(tool.out(), "%s\n%s", ecu_label(handle, entry, asked).c_str(),
-                    uozctl::report_to_text(decoded).c_str());
+            fprintf(tool.out(), "%s\n", label.c_str());
+            if (failed)
+                fprintf(tool.out(), "  failed: %s\n", kAgentFailure);
+            else
+                fputs(uozctl::report_to_text(decoded).c_str(), tool.out());
             continue;
         }
         int32_t address = entry->target_address == 0 && entry->ecu_name == nullptr && asked != -1
@@ -291,18 +340,24 @@ bool print_dtc_answers(const Tool &tool, UDSOverZelkoHandle *handle, int32_t ask
         json_object_object_add(
             item, "bytes",
             json_object_new_string(uozctl::hex_of(entry->data, entry->length).c_str()));
-        json_object_object_add(item, "decoded", uozctl::report_to_json(decoded));
+        json_object_object_add(item, "decoded", failed ? nullptr : uozctl::report_to_json(decoded));
+        if (failed)
+            json_object_object_add(item, "error", json_object_new_string(kAgentFailure));
         json_object_array_add(results.get(), item);
     }
     if (tool.options.json) {
         Json object(json_object_new_object());
         json_object_object_add(object.get(), "total_length", json_object_new_int(total_bytes));
         json_object_object_add(object.get(), "ecus", json_object_get(results.get()));
+        if (!outcome.failed.empty() || outcome.negative) {
+            json_object_object_add(object.get(), "exit_code",
+                                   json_object_new_int(kExitFailureReported));
+        }
         tool.print_json(object.get());
     } else if (buffer.count == 0) {
         fprintf(tool.out(), "no ECU answered\n");
     }
-    return negative;
+    return outcome;
 }
 
 int run_dtc_read(const Tool &tool, const DtcRequest &request) {
@@ -317,14 +372,33 @@ int run_dtc_read(const Tool &tool, const DtcRequest &request) {
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     if (rc < 0) {
         UDSOverZelko_FreeDTCBuffer(&buffer);
-        return explain_read_failure(tool, rc, request.report, waited);
+        return explain_read_failure(tool, ecu_title(session.handle, address), rc, request.report,
+                                    waited);
     }
-    bool negative = print_dtc_answers(tool, session.handle, address, buffer, rc);
+    ReadOutcome outcome = print_dtc_answers(tool, session.handle, address, buffer, rc);
+    int buffer_count = buffer.count;
     UDSOverZelko_FreeDTCBuffer(&buffer);
-    return negative ? kExitFailureReported : kExitOk;
+    if (!outcome.failed.empty()) {
+        std::string ecus;
+        for (const std::string &label : outcome.failed)
+            ecus += (ecus.empty() ? "" : ", ") + label;
+        fprintf(stderr, "uozctl: the read failed on %zu of %d ECUs: %s\n", outcome.failed.size(),
+                buffer_count, ecus.c_str());
+    }
+    return !outcome.failed.empty() || outcome.negative ? kExitFailureReported : kExitOk;
 }
 
-// Every {"ecu": ..., "response": "<hex>"} of an agent's answer, wherever it is.
+const char *text_member(json_object *object, const char *key) {
+    json_object *member = nullptr;
+    if (!json_object_object_get_ex(object, key, &member) ||
+        !json_object_is_type(member, json_type_string)) {
+        return nullptr;
+    }
+    return json_object_get_string(member);
+}
+
+// Every ECU's result of an agent's answer, wherever it is: an object with a
+// "response" text, or an ECU's "error" when the agent could not run it there.
 void collect_responses(json_object *object, json_object *into) {
     if (json_object_is_type(object, json_type_array)) {
         for (size_t i = 0; i < json_object_array_length(object); ++i)
@@ -333,9 +407,8 @@ void collect_responses(json_object *object, json_object *into) {
     }
     if (!json_object_is_type(object, json_type_object))
         return;
-    json_object *response = nullptr;
-    if (json_object_object_get_ex(object, "response", &response) &&
-        json_object_is_type(response, json_type_string)) {
+    if (text_member(object, "response") != nullptr ||
+        (text_member(object, "ecu") != nullptr && text_member(object, "error") != nullptr)) {
         json_object_array_add(into, json_object_get(object));
         return;
     }
@@ -353,6 +426,30 @@ std::string negative_response_text(const std::string &response) {
     return "negative response: NRC " + hex_text(nrc, 2) + " " + uozctl::nrc_name(nrc);
 }
 
+// One ECU's result of a routine as shown: a negative response, a failure
+// with the agent's reason, or done.
+struct RoutineResult {
+    std::string ecu;
+    std::string response;  // hex, empty when the ECU gave none
+    std::string negative;  // the negative response's text
+    std::string error;     // the agent's reason when it is a failure
+};
+
+RoutineResult routine_result(json_object *answer) {
+    RoutineResult result;
+    const char *ecu = text_member(answer, "ecu");
+    const char *response = text_member(answer, "response");
+    const char *error = text_member(answer, "error");
+    result.ecu = ecu != nullptr ? ecu : "ECU";
+    result.response = response != nullptr ? response : "";
+    result.negative = negative_response_text(result.response);
+    // The agent also names the command a negative response stopped: the
+    // response's own text says it better.
+    if (result.negative.empty() && error != nullptr)
+        result.error = *error != '\0' ? error : "the agent gave no reason";
+    return result;
+}
+
 // Shows a routine's answer (clear DTCs, remote commands): one line per ECU.
 int show_command_response(const Tool &tool, int rc, CommandResponse *response, const char *what) {
     if (rc == UOZ_ERR_TIMEOUT)
@@ -363,44 +460,56 @@ int show_command_response(const Tool &tool, int rc, CommandResponse *response, c
                          "unreadable)");
     }
     if (rc != 0) {
-        return tool.fail(kExitFailureReported, std::string(what) + " failed (--debug 2 shows why)");
+        return tool.fail(kExitFailureReported, std::string(what) + " failed: " + kAgentFailure);
     }
     Json body(json_tokener_parse(response->body_text != nullptr ? response->body_text : ""));
     UDSOverZelko_FreeCommandResponse(response);
+    // The agent could not run the query at all.
+    if (const char *error = text_member(body.get(), "error"))
+        return tool.fail(kExitFailureReported, std::string(what) + " failed: " + error);
     Json answers(json_object_new_array());
     collect_responses(body.get(), answers.get());
-    bool negative = false;
+    bool negative = false, failed = false;
     Json results(json_object_new_array());
     for (size_t i = 0; i < json_object_array_length(answers.get()); ++i) {
-        json_object *answer = json_object_array_get_idx(answers.get(), i);
-        json_object *ecu = nullptr, *bytes = nullptr;
-        json_object_object_get_ex(answer, "ecu", &ecu);
-        json_object_object_get_ex(answer, "response", &bytes);
-        std::string text = json_object_get_string(bytes);
-        std::string nrc = negative_response_text(text);
-        negative = negative || !nrc.empty();
-        const char *name = ecu != nullptr ? json_object_get_string(ecu) : "ECU";
+        RoutineResult result = routine_result(json_object_array_get_idx(answers.get(), i));
+        negative = negative || !result.negative.empty();
+        failed = failed || !result.error.empty();
         if (tool.options.json) {
             json_object *item = json_object_new_object();
-            json_object_object_add(item, "ecu", json_object_new_string(name));
-            json_object_object_add(item, "response", json_object_new_string(text.c_str()));
-            json_object_object_add(item, "negative", json_object_new_boolean(!nrc.empty()));
+            json_object_object_add(item, "ecu", json_object_new_string(result.ecu.c_str()));
+            json_object_object_add(item, "response",
+                                   json_object_new_string(result.response.c_str()));
+            json_object_object_add(item, "negative",
+                                   json_object_new_boolean(!result.negative.empty()));
+            if (!result.error.empty())
+                json_object_object_add(item, "error", json_object_new_string(result.error.c_str()));
             json_object_array_add(results.get(), item);
+        } else if (!result.error.empty()) {
+            fprintf(tool.out(), "%s: %s: failed: %s\n", what, result.ecu.c_str(),
+                    result.error.c_str());
         } else {
-            fprintf(tool.out(), "%s: %s: %s\n", what, name,
-                    nrc.empty() ? ("done, response " + text).c_str() : nrc.c_str());
+            fprintf(tool.out(), "%s: %s: %s\n", what, result.ecu.c_str(),
+                    result.negative.empty() ? ("done, response " + result.response).c_str()
+                                            : result.negative.c_str());
         }
     }
     if (tool.options.json) {
         Json object(json_object_new_object());
         json_object_object_add(object.get(), "result",
-                               json_object_new_string(negative ? "negative response" : "done"));
+                               json_object_new_string(failed     ? "failed"
+                                                      : negative ? "negative response"
+                                                                 : "done"));
         json_object_object_add(object.get(), "responses", json_object_get(results.get()));
+        if (failed || negative) {
+            json_object_object_add(object.get(), "exit_code",
+                                   json_object_new_int(kExitFailureReported));
+        }
         tool.print_json(object.get());
     } else if (json_object_array_length(answers.get()) == 0) {
         fprintf(tool.out(), "%s: done\n", what);
     }
-    return negative ? kExitFailureReported : kExitOk;
+    return negative || failed ? kExitFailureReported : kExitOk;
 }
 
 int run_dtc_clear(const Tool &tool, const std::string &ecu, uint32_t group) {
@@ -422,6 +531,14 @@ int run_version(const Tool &tool, const std::string &ecu) {
         return rc;
     if (address == -1)
         return tool.fail(kExitInvalidInput, "name one ECU: 'all' has no version");
+    // Without a description the library has no query to send.
+    const uozctl::EntryReport *entry = loaded_entry(session.config, address);
+    if (entry != nullptr && entry->version_source == "-") {
+        return tool.fail(kExitInvalidInput,
+                         ecu_title(session.handle, address) +
+                             " has no \"ecu_version\" description in the configuration: there "
+                             "is no version to read");
+    }
     char version[1024] = {0};
     int rc = call_with_timeout(tool, "reading the version", "diagnostic agent", [&] {
         return UDSOverZelko_ReadECUVersionInformation(session.handle, address, version,
@@ -430,9 +547,8 @@ int run_version(const Tool &tool, const std::string &ecu) {
     if (rc == UOZ_ERR_TIMEOUT)
         return tool.fail(kExitNoReply, tool.no_reply_hint("diagnostic agent"));
     if (rc != 0) {
-        return tool.fail(rc == UOZ_ERR_EXCHANGE ? kExitFailureReported : kExitInvalidInput,
-                         "cannot read the version: the ECU needs an \"ecu_version\" description "
-                         "and the reply a \"version\" text (--debug 2 shows why)");
+        return tool.fail(kExitFailureReported, ecu_title(session.handle, address) +
+                                                   ": cannot read the version: " + kAgentFailure);
     }
     const char *name = UDSOverZelkoGetECUNameFromTargetAddress(session.handle, address);
     if (tool.options.json) {
@@ -606,7 +722,8 @@ int main(int argc, char **argv) {
     app.footer(
         "ECU is a configured name (engine), a target address in hexadecimal (0x7E0) or 'all'.\n"
         "Numbers are hexadecimal, with or without 0x; DTCs may also be codes (P0301).\n"
-        "Each command's options: uozctl COMMAND --help (e.g. uozctl dtc read --help).\n\n"
+        "Each command's options: uozctl COMMAND --help (e.g. uozctl dtc read --help).\n"
+        "Exit code 4 also when only some ECUs failed: each ECU's line says how it went.\n\n"
         "Examples:\n"
         "  uozctl --config ecus.json check-config\n"
         "  uozctl --config ecus.json --certs pki/app dtc read engine --mask 0x08\n"
