@@ -14,15 +14,6 @@ namespace {
 
 constexpr uint8_t kServiceSessionControl = 0x10;
 
-const char *text_member(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string)) {
-        return nullptr;
-    }
-    return json_object_get_string(value);
-}
-
 void add_text(json_object *object, const char *key, const std::string &text) {
     json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }

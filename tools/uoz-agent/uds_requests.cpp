@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "UDSOverZelko/read_dtc.h"
+#include "query_targets.h"
 
 namespace uozagent {
 
@@ -17,15 +18,6 @@ constexpr uint8_t kServiceReadDataByIdentifier = 0x22;
 constexpr uint8_t kServiceSessionControl = 0x10;
 constexpr uint8_t kPositiveOffset = 0x40;
 constexpr uint8_t kDefaultSecuritySession = 0x03;
-
-const char *text_member(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string)) {
-        return nullptr;
-    }
-    return json_object_get_string(value);
-}
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9')
