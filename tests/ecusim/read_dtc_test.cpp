@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 
+#include "hex_bytes.h"
 #include "vehicle.h"
 
 namespace {
@@ -13,15 +14,7 @@ namespace {
 using uozecusim::Bytes;
 
 Bytes bytes(const std::string &hex) {
-    Bytes out;
-    std::string digits;
-    for (char c : hex) {
-        if (c != ' ')
-            digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
+    return uoztest::hex_bytes(hex);
 }
 
 const char *const kVehicle = R"({"ecus": [
