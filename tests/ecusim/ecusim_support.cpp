@@ -12,6 +12,8 @@
 #include <chrono>
 #include <fstream>
 
+#include "hex_text.h"
+
 namespace uoztest {
 
 namespace {
@@ -26,13 +28,7 @@ std::string temp_path(const std::string &stem) {
 }  // namespace
 
 std::string hex_text(const Bytes &bytes) {
-    std::string text;
-    char pair[4];
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        snprintf(pair, sizeof(pair), i == 0 ? "%02X" : " %02X", bytes[i]);
-        text += pair;
-    }
-    return text;
+    return uozuds::hex_spaced(bytes.data(), bytes.size());
 }
 
 RunResult run_ecusim(const std::vector<std::string> &arguments) {

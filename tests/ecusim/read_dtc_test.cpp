@@ -7,6 +7,7 @@
 #include <string>
 
 #include "hex_bytes.h"
+#include "hex_text.h"
 #include "vehicle.h"
 
 namespace {
@@ -67,8 +68,8 @@ TEST_P(ReadDtcResponse, IsTheIsoLayout) {
     Bytes request = bytes(c.request);
     Bytes answer =
         uozecusim::read_dtc_response(vehicle_->ecus[c.ecu], request.data(), request.size());
-    EXPECT_EQ(uozecusim::spaced_hex(answer.data(), answer.size()),
-              uozecusim::spaced_hex(bytes(c.response).data(), bytes(c.response).size()))
+    EXPECT_EQ(uozuds::hex_spaced(answer.data(), answer.size()),
+              uozuds::hex_spaced(bytes(c.response).data(), bytes(c.response).size()))
         << c.request;
 }
 

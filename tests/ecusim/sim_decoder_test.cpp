@@ -9,6 +9,7 @@
 #include <string>
 
 #include "dtc_decode.h"
+#include "hex_text.h"
 #include "read_dtc.h"
 #include "vehicle.h"
 
@@ -63,8 +64,8 @@ TEST(SimulatorAndDecoder, AgreeOnEveryReportOfTheExampleVehicle) {
                 uozecusim::read_dtc_response(ecu, request.data(), request.size());
             uozctl::DtcReport report = uozctl::decode_dtc_response(answer.data(), answer.size());
             std::string where = ecu.name + " " +
-                                uozecusim::spaced_hex(request.data(), request.size()) + " -> " +
-                                uozecusim::spaced_hex(answer.data(), answer.size());
+                                uozuds::hex_spaced(request.data(), request.size()) + " -> " +
+                                uozuds::hex_spaced(answer.data(), answer.size());
             if (report.negative)
                 continue;
             ++positive;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hex_bytes.h"
+#include "hex_text.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ Bytes bytes(const std::string &hex) {
 }
 
 std::string spaced(const Bytes &data) {
-    return uozecusim::spaced_hex(data.data(), data.size());
+    return uozuds::hex_spaced(data.data(), data.size());
 }
 
 const char *const kEcu = R"({"ecus": [

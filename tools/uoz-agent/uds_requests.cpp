@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "UDSOverZelko/read_dtc.h"
+#include "hex_text.h"
 #include "query_targets.h"
 
 namespace uozagent {
@@ -164,13 +165,7 @@ bool parse_hex_bytes(const char *text, Bytes *bytes) {
 }
 
 std::string hex_text(const Bytes &bytes) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (uint8_t byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
-    }
-    return text;
+    return uozuds::hex_compact(bytes.data(), bytes.size());
 }
 
 bool is_negative_response(const Bytes &response, uint8_t *code) {
