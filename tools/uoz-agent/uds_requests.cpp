@@ -14,11 +14,7 @@ namespace uozagent {
 
 namespace {
 
-constexpr uint8_t kServiceReadDtcInformation = 0x19;
-constexpr uint8_t kServiceReadDataByIdentifier = 0x22;
-constexpr uint8_t kServiceSessionControl = 0x10;
-constexpr uint8_t kPositiveOffset = 0x40;
-constexpr uint8_t kDefaultSecuritySession = 0x03;
+constexpr uint8_t kDefaultSecuritySession = uozuds::session::kExtended;
 
 int hex_digit(char c) {
     if (c >= '0' && c <= '9')
@@ -169,7 +165,7 @@ std::string hex_text(const Bytes &bytes) {
 }
 
 bool is_negative_response(const Bytes &response, uint8_t *code) {
-    if (response.size() < 3 || response[0] != kNegativeResponse)
+    if (response.size() < 3 || response[0] != uozuds::kNegativeResponse)
         return false;
     if (code != nullptr)
         *code = response[2];
@@ -180,7 +176,7 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
     const char *sid = text_member(uds, "SID");
     uint32_t service = 0;
     if (sid == nullptr || !parse_hex_number(sid, &service) ||
-        service != kServiceReadDtcInformation) {
+        service != uozuds::sid::kReadDtcInformation) {
         *error = "only ReadDTCInformation (\"SID\" \"0x19\") is served as \"uds\"";
         return {};
     }
@@ -190,7 +186,7 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
         *error = std::string("unknown report \"") + (name ? name : "") + "\"";
         return {};
     }
-    Bytes request = {kServiceReadDtcInformation, report};
+    Bytes request = {uozuds::sid::kReadDtcInformation, report};
     uint32_t params = dtc_subfunction_params(report);
     if ((params & PARAM_NONE) != 0)
         return request;
@@ -251,12 +247,13 @@ std::vector<VersionItem> version_items(json_object *version, std::string *error)
 }
 
 Bytes read_did_request(uint16_t did) {
-    return {kServiceReadDataByIdentifier, static_cast<uint8_t>(did >> 8),
+    return {uozuds::sid::kReadDataByIdentifier, static_cast<uint8_t>(did >> 8),
             static_cast<uint8_t>(did)};
 }
 
 std::string did_value_text(uint16_t did, const Bytes &response, std::string *error) {
-    if (response.size() < 3 || response[0] != kServiceReadDataByIdentifier + kPositiveOffset ||
+    if (response.size() < 3 ||
+        response[0] != uozuds::sid::kReadDataByIdentifier + uozuds::kPositiveOffset ||
         response[1] != (did >> 8) || response[2] != (did & 0xFF)) {
         char text[80];
         snprintf(text, sizeof(text), "the answer to DID 0x%04X is not its value: %s", did,
@@ -336,7 +333,8 @@ SecurityRequest security_request(json_object *routine, std::string *error) {
 }
 
 bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms) {
-    if (response.size() != 6 || response[0] != kServiceSessionControl + kPositiveOffset)
+    if (response.size() != 6 ||
+        response[0] != uozuds::sid::kDiagnosticSessionControl + uozuds::kPositiveOffset)
         return false;
     *p2_ms = static_cast<uint32_t>(response[2] << 8 | response[3]);
     *p2_star_ms = static_cast<uint32_t>(response[4] << 8 | response[5]) * 10;
@@ -344,12 +342,13 @@ bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms
 }
 
 bool is_seed_request(const Bytes &request) {
-    return request.size() == 2 && request[0] == kServiceSecurityAccess && request[1] % 2 == 1 &&
-           request[1] <= 0x7D;
+    return request.size() == 2 && request[0] == uozuds::sid::kSecurityAccess &&
+           request[1] % 2 == 1 && request[1] <= 0x7D;
 }
 
 bool seed_of(const Bytes &response, uint8_t level, Bytes *seed) {
-    if (response.size() < 2 || response[0] != kServiceSecurityAccess + kPositiveOffset ||
+    if (response.size() < 2 ||
+        response[0] != uozuds::sid::kSecurityAccess + uozuds::kPositiveOffset ||
         response[1] != level) {
         return false;
     }
@@ -359,7 +358,7 @@ bool seed_of(const Bytes &response, uint8_t level, Bytes *seed) {
 
 Bytes send_key_request(uint8_t level, const Bytes &key) {
     Bytes request(2 + key.size());
-    request[0] = kServiceSecurityAccess;
+    request[0] = uozuds::sid::kSecurityAccess;
     request[1] = static_cast<uint8_t>(level + 1);
     std::copy(key.begin(), key.end(), request.begin() + 2);
     return request;

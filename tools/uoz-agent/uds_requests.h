@@ -10,14 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "uds.h"
+
 namespace uozagent {
 
 using Bytes = std::vector<uint8_t>;
-
-constexpr uint8_t kNegativeResponse = 0x7F;
-constexpr uint8_t kServiceSecurityAccess = 0x27;
-constexpr uint8_t kNrcBusyRepeatRequest = 0x21;
-constexpr uint8_t kNrcResponsePending = 0x78;
 
 // "0x7E0", "7E0" -> 0x7E0. False for a text that is empty, has no digits
 // or holds anything else after them.
