@@ -4,11 +4,10 @@
 // ECU knows.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "dtc_decode.h"
+#include "file_text.h"
 #include "hex_text.h"
 #include "read_dtc.h"
 #include "vehicle.h"
@@ -16,10 +15,7 @@
 namespace {
 
 uozecusim::VehicleFile example_vehicle() {
-    std::ifstream file(UOZ_EXAMPLES "/vehicle.json");
-    std::stringstream text;
-    text << file.rdbuf();
-    return uozecusim::parse_vehicle(text.str());
+    return uozecusim::parse_vehicle(uoztest::file_text(UOZ_EXAMPLES "/vehicle.json"));
 }
 
 // Requests of every report type: masks, DTCs and records that each ECU has.

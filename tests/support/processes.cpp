@@ -12,12 +12,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "broker_fixture.h"
+#include "file_text.h"
 
 extern char **environ;
 
@@ -47,13 +46,6 @@ std::string new_log_file() {
         throw std::runtime_error("mkstemp failed");
     close(fd);
     return path;
-}
-
-std::string file_text(const std::string &path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 }  // namespace
