@@ -93,4 +93,20 @@ TEST(UdsHexText, NumbersWithAtLeastTheDigitsAsked) {
     EXPECT_EQ(uozuds::hex_number(0xFFFFFFFF, 8), "0xFFFFFFFF");
 }
 
+TEST(UdsHexText, ParsesPrefixedAndBareNumbersOfUpToEightDigits) {
+    uint32_t value = 0;
+    EXPECT_TRUE(uozuds::parse_hex_number("0X7e0", &value));
+    EXPECT_EQ(value, 0x7E0u);
+    EXPECT_TRUE(uozuds::parse_hex_number("FFFFFFFF", &value));
+    EXPECT_EQ(value, 0xFFFFFFFFu);
+    value = 5;
+    for (const char *bad : {"", "0x", "7G", "1 2", "-1", "0x123456789", "\xC3\xA9"})
+        EXPECT_FALSE(uozuds::parse_hex_number(bad, &value)) << bad;
+    EXPECT_FALSE(uozuds::parse_hex_number(nullptr, &value));
+    EXPECT_EQ(value, 5u);  // untouched when refused
+    EXPECT_EQ(uozuds::hex_digit('b'), 11);
+    EXPECT_EQ(uozuds::hex_digit('F'), 15);
+    EXPECT_EQ(uozuds::hex_digit('g'), -1);
+}
+
 }  // namespace

@@ -1,6 +1,8 @@
 #include "hex_text.h"
 
+#include <ctype.h>
 #include <stdio.h>
+#include <string.h>
 
 namespace uozuds {
 
@@ -26,6 +28,30 @@ std::string hex_compact(const uint8_t *bytes, size_t length) {
 
 std::string hex_spaced(const uint8_t *bytes, size_t length) {
     return hex_joined(bytes, length, " ");
+}
+
+int hex_digit(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+bool parse_hex_number(const char *text, uint32_t *value) {
+    if (text == nullptr)
+        return false;
+    const char *digits = text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
+    if (*digits == '\0' || strlen(digits) > 8)
+        return false;
+    uint32_t result = 0;
+    for (const char *c = digits; *c != '\0'; ++c) {
+        int digit = hex_digit(*c);
+        if (digit < 0)
+            return false;
+        result = result << 4 | static_cast<uint32_t>(digit);
+    }
+    *value = result;
+    return true;
 }
 
 std::string hex_number(uint32_t value, int digits) {

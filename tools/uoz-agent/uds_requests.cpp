@@ -16,13 +16,6 @@ namespace {
 
 constexpr uint8_t kDefaultSecuritySession = uozuds::session::kExtended;
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
 const char *skip_prefix(const char *text) {
     return text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
 }
@@ -122,23 +115,6 @@ Bytes command_request(json_object *command, std::string *error) {
 
 }  // namespace
 
-bool parse_hex_number(const char *text, uint32_t *value) {
-    if (text == nullptr)
-        return false;
-    const char *digits = skip_prefix(text);
-    if (*digits == '\0' || strlen(digits) > 8)
-        return false;
-    uint32_t result = 0;
-    for (const char *c = digits; *c != '\0'; ++c) {
-        int digit = hex_digit(*c);
-        if (digit < 0)
-            return false;
-        result = result << 4 | static_cast<uint32_t>(digit);
-    }
-    *value = result;
-    return true;
-}
-
 bool parse_hex_bytes(const char *text, Bytes *bytes) {
     bytes->clear();
     if (text == nullptr)
@@ -147,15 +123,15 @@ bool parse_hex_bytes(const char *text, Bytes *bytes) {
     for (const char *c = skip_prefix(text); *c != '\0'; ++c) {
         if (*c == ' ')
             continue;
-        if (hex_digit(*c) < 0)
+        if (uozuds::hex_digit(*c) < 0)
             return false;
         digits += *c;
     }
     if (digits.size() % 2 != 0)
         digits.insert(digits.begin(), '0');
     for (size_t i = 0; i < digits.size(); i += 2) {
-        bytes->push_back(
-            static_cast<uint8_t>(hex_digit(digits[i]) << 4 | hex_digit(digits[i + 1])));
+        bytes->push_back(static_cast<uint8_t>(uozuds::hex_digit(digits[i]) << 4 |
+                                              uozuds::hex_digit(digits[i + 1])));
     }
     return true;
 }

@@ -28,19 +28,9 @@ using JsonOwner = std::unique_ptr<json_object, JsonPut>;
 uint32_t parse_number(const std::string &where, const char *text, uint32_t max) {
     if (text == nullptr)
         fail(where, "expected a hex number text such as \"0x7E0\"");
-    const char *digits = text;
-    if (digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X'))
-        digits += 2;
-    if (*digits == '\0' || strlen(digits) > 8)
-        fail(where, std::string("\"") + text + "\" is not a hex number");
     uint32_t value = 0;
-    for (const char *c = digits; *c != '\0'; ++c) {
-        if (!isxdigit(static_cast<unsigned char>(*c)))
-            fail(where, std::string("\"") + text + "\" is not a hex number");
-        value = value << 4 | static_cast<uint32_t>(isdigit(static_cast<unsigned char>(*c))
-                                                       ? *c - '0'
-                                                       : (tolower(*c) - 'a' + 10));
-    }
+    if (!uozuds::parse_hex_number(text, &value))
+        fail(where, std::string("\"") + text + "\" is not a hex number");
     if (value > max) {
         char limit[16];
         snprintf(limit, sizeof(limit), "0x%X", max);
