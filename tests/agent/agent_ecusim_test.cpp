@@ -4,11 +4,9 @@
 // response builder for the same vehicle file, so every byte is compared.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "UDSOverZelko/read_dtc.h"
 #include "diag_agent.h"
+#include "file_text.h"
 #include "isotp_link.h"
 #include "kt5Utils/kt5_json.h"
 #include "processes.h"
@@ -18,13 +16,6 @@
 
 namespace uozagent {
 namespace {
-
-std::string file_text(const std::string &path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 const char kEngine[] = "0x7E0";
 
@@ -39,7 +30,7 @@ class AgentEcusimTest : public ::testing::Test {
     // and IOC ECU through it.
     void start(const std::vector<std::string> &switches = {}) {
         simulator_ = std::make_unique<uoztest::EcuSimulator>(UOZ_ECUSIM_PATH, switches);
-        settings_.learn_ecus(file_text(UOZ_EXAMPLES "/ecus.json"));
+        settings_.learn_ecus(uoztest::file_text(UOZ_EXAMPLES "/ecus.json"));
         settings_.gateway.enabled = true;
         settings_.gateway.all = true;
         settings_.gateway.host = "127.0.0.1";
@@ -100,7 +91,7 @@ TEST_P(EveryReportTest, isAnsweredWithTheSimulatorsExactBytes) {
     Bytes request = read_dtc_request(uds.get(), &error);
     ASSERT_FALSE(request.empty()) << error;
     uozecusim::VehicleFile vehicle =
-        uozecusim::parse_vehicle(file_text(UOZ_EXAMPLES "/vehicle.json"));
+        uozecusim::parse_vehicle(uoztest::file_text(UOZ_EXAMPLES "/vehicle.json"));
     const uozecusim::SimulatedEcu *engine = nullptr;
     for (const uozecusim::SimulatedEcu &ecu : vehicle.ecus)
         engine = ecu.name == "engine" ? &ecu : engine;

@@ -3,9 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "file_text.h"
 #include "kt5Utils/kt5_json.h"
 
 namespace uozagent {
@@ -143,10 +141,8 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
 }
 
 TEST(AgentSettingsTest, theExampleFileIsValid) {
-    std::ifstream file(UOZ_EXAMPLES "/agent-settings.json");
-    std::stringstream text;
-    text << file.rdbuf();
-    AgentSettings settings = AgentSettings::from_json(text.str());
+    AgentSettings settings =
+        AgentSettings::from_json(uoztest::file_text(UOZ_EXAMPLES "/agent-settings.json"));
     EXPECT_FALSE(settings.allow_remote_gateways);
     EXPECT_EQ(settings.gateway.ecus.size(), 4u);
     EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);

@@ -10,7 +10,7 @@
 #include <map>
 #include <thread>
 
-#include "ecusim_process.h"
+#include "ecusim_support.h"
 
 namespace uoztest {
 namespace {
@@ -40,7 +40,6 @@ Bytes answer_of(const std::optional<Message> &message) {
 
 TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyOnSigterm) {
     EcuSim sim;
-    ASSERT_TRUE(sim.ready());
     EXPECT_EQ(sim.stop(SIGTERM), 0);
     std::string output = sim.output();
     EXPECT_NE(output.find("uoz-ecusim: listening on 127.0.0.1:" + std::to_string(sim.port()) +
@@ -53,7 +52,6 @@ TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyOnSigterm) {
 
 TEST(EcuSimStart, StopsOnSigintWhileAnEcuIsBusy) {
     EcuSim sim({"--slow", "all:60000"});
-    ASSERT_TRUE(sim.ready());
     Tester tester(sim.port());
     ASSERT_TRUE(tester.activate());
     ASSERT_TRUE(tester.request(kEngine, {0x3E, 0x00}));
@@ -118,7 +116,6 @@ TEST(EcuSimStartErrors, BadVehicleFileNamesTheFileAndThePlace) {
 
 TEST(EcuSimStartErrors, PortInUseIsACannotStart) {
     EcuSim first;
-    ASSERT_TRUE(first.ready());
     RunResult result = run_ecusim({"--listen", "127.0.0.1:" + std::to_string(first.port())});
     EXPECT_EQ(result.code, 1);
     EXPECT_NE(result.errors.find("cannot listen on 127.0.0.1:" + std::to_string(first.port()) +
@@ -139,7 +136,6 @@ class EcuSimTest : public ::testing::Test {
     }
     void start(const std::vector<std::string> &arguments = {}) {
         sim_ = std::make_unique<EcuSim>(arguments);
-        ASSERT_TRUE(sim_->ready());
         tester_ = std::make_unique<Tester>(sim_->port());
         ASSERT_TRUE(tester_->connected());
     }
@@ -514,7 +510,6 @@ TEST_F(EcuSimTest, S3ReturnsToTheDefaultSession) {
 class EcuSimUdp : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(sim_.ready());
         fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         ASSERT_TRUE(fd_.valid());
     }

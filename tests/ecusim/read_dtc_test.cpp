@@ -6,6 +6,8 @@
 #include <ostream>
 #include <string>
 
+#include "hex_bytes.h"
+#include "hex_text.h"
 #include "vehicle.h"
 
 namespace {
@@ -13,15 +15,7 @@ namespace {
 using uozecusim::Bytes;
 
 Bytes bytes(const std::string &hex) {
-    Bytes out;
-    std::string digits;
-    for (char c : hex) {
-        if (c != ' ')
-            digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
+    return uoztest::hex_bytes(hex);
 }
 
 const char *const kVehicle = R"({"ecus": [
@@ -74,8 +68,8 @@ TEST_P(ReadDtcResponse, IsTheIsoLayout) {
     Bytes request = bytes(c.request);
     Bytes answer =
         uozecusim::read_dtc_response(vehicle_->ecus[c.ecu], request.data(), request.size());
-    EXPECT_EQ(uozecusim::spaced_hex(answer.data(), answer.size()),
-              uozecusim::spaced_hex(bytes(c.response).data(), bytes(c.response).size()))
+    EXPECT_EQ(uozuds::hex_spaced(answer.data(), answer.size()),
+              uozuds::hex_spaced(bytes(c.response).data(), bytes(c.response).size()))
         << c.request;
 }
 

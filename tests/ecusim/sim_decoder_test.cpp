@@ -4,21 +4,18 @@
 // ECU knows.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "dtc_decode.h"
+#include "file_text.h"
+#include "hex_text.h"
 #include "read_dtc.h"
 #include "vehicle.h"
 
 namespace {
 
 uozecusim::VehicleFile example_vehicle() {
-    std::ifstream file(UOZ_EXAMPLES "/vehicle.json");
-    std::stringstream text;
-    text << file.rdbuf();
-    return uozecusim::parse_vehicle(text.str());
+    return uozecusim::parse_vehicle(uoztest::file_text(UOZ_EXAMPLES "/vehicle.json"));
 }
 
 // Requests of every report type: masks, DTCs and records that each ECU has.
@@ -63,8 +60,8 @@ TEST(SimulatorAndDecoder, AgreeOnEveryReportOfTheExampleVehicle) {
                 uozecusim::read_dtc_response(ecu, request.data(), request.size());
             uozctl::DtcReport report = uozctl::decode_dtc_response(answer.data(), answer.size());
             std::string where = ecu.name + " " +
-                                uozecusim::spaced_hex(request.data(), request.size()) + " -> " +
-                                uozecusim::spaced_hex(answer.data(), answer.size());
+                                uozuds::hex_spaced(request.data(), request.size()) + " -> " +
+                                uozuds::hex_spaced(answer.data(), answer.size());
             if (report.negative)
                 continue;
             ++positive;

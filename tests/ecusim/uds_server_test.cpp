@@ -8,25 +8,20 @@
 #include <string>
 #include <vector>
 
+#include "hex_bytes.h"
+#include "hex_text.h"
+
 namespace {
 
 using uozecusim::Bytes;
 using uozecusim::Clock;
 
 Bytes bytes(const std::string &hex) {
-    Bytes out;
-    std::string digits;
-    for (char c : hex) {
-        if (c != ' ')
-            digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
+    return uoztest::hex_bytes(hex);
 }
 
 std::string spaced(const Bytes &data) {
-    return uozecusim::spaced_hex(data.data(), data.size());
+    return uozuds::hex_spaced(data.data(), data.size());
 }
 
 const char *const kEcu = R"({"ecus": [

@@ -20,25 +20,11 @@
 
 #include "agent_peer.h"
 #include "pki.h"
+#include "processes.h"
 
 namespace uoztest {
 
 namespace {
-
-int free_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0) {
-        close(fd);
-        throw std::runtime_error("no free port");
-    }
-    close(fd);
-    return ntohs(address.sin_port);
-}
 
 bool accepts(int port) {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -75,7 +61,7 @@ Broker::Broker(const std::string &acl_path) {
     if (mkdtemp(work) == nullptr)
         throw std::runtime_error("mkdtemp failed");
     work_dir_ = work;
-    port_ = free_port();
+    port_ = free_loopback_port();
     std::string pki = pki_dir();
     uozpki::write_text(work_dir_ + "/mosquitto.conf",
                        uozpki::broker_config_text(pki, port_, acl_path));

@@ -6,17 +6,17 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #include "broker_fixture.h"
+#include "file_text.h"
 
 extern char **environ;
 
@@ -37,17 +37,31 @@ int free_loopback_port() {
     return ntohs(address.sin_port);
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string> &argv) {
+namespace {
+
+std::string new_log_file() {
     char path[] = "/tmp/uoz-child-XXXXXX";
     int fd = mkstemp(path);
     if (fd < 0)
         throw std::runtime_error("mkstemp failed");
     close(fd);
-    log_ = path;
+    return path;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::vector<std::string> &argv, Stderr stderr_to)
+    : log_(new_log_file()) {
+    if (stderr_to == Stderr::kOwnFile)
+        errors_log_ = new_log_file();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    if (errors_log_.empty())
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    else
+        posix_spawn_file_actions_addopen(&actions, 2, errors_log_.c_str(), O_WRONLY | O_TRUNC,
+                                         0644);
     std::vector<char *> args;
     for (const std::string &arg : argv)
         args.push_back(const_cast<char *>(arg.c_str()));
@@ -56,6 +70,9 @@ ChildProcess::ChildProcess(const std::vector<std::string> &argv) {
     posix_spawn_file_actions_destroy(&actions);
     if (rc != 0) {
         pid_ = -1;
+        unlink(log_.c_str());
+        if (!errors_log_.empty())
+            unlink(errors_log_.c_str());
         throw std::runtime_error("cannot start " + argv[0]);
     }
 }
@@ -63,13 +80,16 @@ ChildProcess::ChildProcess(const std::vector<std::string> &argv) {
 ChildProcess::~ChildProcess() {
     stop();
     unlink(log_.c_str());
+    if (!errors_log_.empty())
+        unlink(errors_log_.c_str());
 }
 
 std::string ChildProcess::output() const {
-    std::ifstream file(log_);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return file_text(log_);
+}
+
+std::string ChildProcess::errors() const {
+    return errors_log_.empty() ? std::string() : file_text(errors_log_);
 }
 
 bool ChildProcess::running() {
@@ -94,9 +114,14 @@ bool ChildProcess::wait_for_output(const std::string &text, int timeout_ms) {
     return false;
 }
 
-int ChildProcess::stop() {
-    if (pid_ > 0) {  // never kill(-1): that signals every process
-        ::kill(pid_, SIGTERM);
+int ChildProcess::stop(int signal_number) {
+    if (pid_ > 0)  // never kill(-1): that signals every process
+        ::kill(pid_, signal_number);
+    return wait();
+}
+
+int ChildProcess::wait() {
+    if (pid_ > 0) {
         waitpid(pid_, &status_, 0);
         pid_ = -1;
     }
@@ -115,11 +140,21 @@ void ChildProcess::kill() {
 
 namespace {
 
-std::vector<std::string> simulator_argv(const std::string &path, int port,
+const char kListeningOn[] = "listening on 127.0.0.1:";
+
+std::vector<std::string> simulator_argv(const std::string &path,
                                         const std::vector<std::string> &arguments) {
-    std::vector<std::string> argv = {path, "--listen", "127.0.0.1:" + std::to_string(port)};
+    std::vector<std::string> argv = {path, "--listen", "127.0.0.1:0"};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return argv;
+}
+
+// The port of a whole "listening on" line in the output; 0 before there is one.
+int listening_port(const std::string &output) {
+    size_t at = output.find(kListeningOn);
+    if (at == std::string::npos || output.find('\n', at) == std::string::npos)
+        return 0;
+    return atoi(output.c_str() + at + strlen(kListeningOn));
 }
 
 std::vector<std::string> agent_argv(const std::string &path, int broker_port,
@@ -137,10 +172,20 @@ std::vector<std::string> agent_argv(const std::string &path, int broker_port,
 
 }  // namespace
 
-EcuSimulator::EcuSimulator(const std::string &path, const std::vector<std::string> &arguments)
-    : port_(free_loopback_port()), process_(simulator_argv(path, port_, arguments)) {
-    if (!process_.wait_for_output("listening on", 5000))
-        throw std::runtime_error("uoz-ecusim did not start: " + process_.output());
+EcuSimulator::EcuSimulator(const std::string &path, const std::vector<std::string> &arguments,
+                           ChildProcess::Stderr stderr_to)
+    : process_(simulator_argv(path, arguments), stderr_to) {
+    // The line may be read while it is still being written: wait for all of it.
+    for (int tries = 0; tries < 500 && port_ == 0; ++tries) {
+        port_ = listening_port(process_.output());
+        if (port_ == 0 && !process_.running())
+            break;
+        if (port_ == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (port_ == 0)
+        throw std::runtime_error("uoz-ecusim did not start: " + process_.output() +
+                                 process_.errors());
 }
 
 AgentProcess::AgentProcess(const std::string &path, int broker_port,

@@ -7,6 +7,7 @@
 #ifndef UOZ_TESTS_PROCESSES_H
 #define UOZ_TESTS_PROCESSES_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <string>
@@ -16,8 +17,13 @@ namespace uoztest {
 
 class ChildProcess {
   public:
-    // Starts argv[0] with the arguments, stdout and stderr into a file.
-    explicit ChildProcess(const std::vector<std::string> &argv);
+    // Where stderr goes: into the output file with stdout, or into a file of
+    // its own (for tests that check the program said nothing there).
+    enum class Stderr { kWithOutput, kOwnFile };
+
+    // Starts argv[0] with the arguments, stdout (and stderr) into a file.
+    explicit ChildProcess(const std::vector<std::string> &argv,
+                          Stderr stderr_to = Stderr::kWithOutput);
     ~ChildProcess();
     ChildProcess(const ChildProcess &) = delete;
     ChildProcess &operator=(const ChildProcess &) = delete;
@@ -26,8 +32,13 @@ class ChildProcess {
     // process has ended.
     bool wait_for_output(const std::string &text, int timeout_ms);
     std::string output() const;
-    // SIGTERM and wait: the exit code, or 128 + the signal that ended it.
-    int stop();
+    // What it wrote on stderr when that has a file of its own; "" otherwise.
+    std::string errors() const;
+    // The signal and wait: the exit code, or 128 + the signal that ended it;
+    // once ended, the same code again.
+    int stop(int signal_number = SIGTERM);
+    // Waits for the process to end by itself; its code as stop() says it.
+    int wait();
     // SIGKILL and wait.
     void kill();
     pid_t pid() const { return pid_; }
@@ -37,20 +48,25 @@ class ChildProcess {
     pid_t pid_ = -1;
     int status_ = -1;
     std::string log_;
+    std::string errors_log_;
 };
 
-// uoz-ecusim on a free loopback port, started and ready ("listening on").
+// uoz-ecusim on 127.0.0.1 and a port of the system's choosing, started and
+// ready ("listening on"); it throws when the simulator does not start.
 class EcuSimulator {
   public:
-    EcuSimulator(const std::string &path, const std::vector<std::string> &arguments = {});
+    EcuSimulator(const std::string &path, const std::vector<std::string> &arguments = {},
+                 ChildProcess::Stderr stderr_to = ChildProcess::Stderr::kWithOutput);
     int port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
     ChildProcess &process() { return process_; }
     std::string output() const { return process_.output(); }
+    std::string errors() const { return process_.errors(); }
+    int stop(int signal_number = SIGTERM) { return process_.stop(signal_number); }
 
   private:
-    int port_;
     ChildProcess process_;
+    int port_ = 0;
 };
 
 // uoz-agent connected to a broker with the test PKI's "agent" identity,

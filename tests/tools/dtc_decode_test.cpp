@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "dtc_decode.h"
+#include "hex_bytes.h"
 
 namespace uozctl {
 namespace {
@@ -95,17 +96,7 @@ TEST(DtcDecodeTest, textAndJsonRenderings) {
     json_object_put(json);
 }
 
-std::vector<uint8_t> bytes_of(const std::string &hex) {
-    std::vector<uint8_t> out;
-    std::string digits;
-    for (char c : hex) {
-        if (c != ' ')
-            digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
-}
+using uoztest::hex_bytes;
 
 struct ReportCase {
     std::string name;
@@ -122,7 +113,7 @@ class DtcDecodeReport : public ::testing::TestWithParam<ReportCase> {};
 
 // Each report type laid out as ISO 14229-1 has it, decoded to the exact text.
 TEST_P(DtcDecodeReport, ReadsTheIsoLayout) {
-    EXPECT_EQ(report_to_text(decode(bytes_of(GetParam().bytes))), GetParam().text)
+    EXPECT_EQ(report_to_text(decode(hex_bytes(GetParam().bytes))), GetParam().text)
         << GetParam().bytes;
 }
 
@@ -235,21 +226,21 @@ TEST(DtcDecodeTest, SizesGivenByTheCallerSplitWhatTheTableDoesNot) {
     DataSizes sizes;
     sizes.extended_records[0x10] = 3;
     sizes.dids[0x1234] = 2;
-    std::vector<uint8_t> extended = bytes_of("59 06 030100 2F 10 01 02 A0 01 05");
+    std::vector<uint8_t> extended = hex_bytes("59 06 030100 2F 10 01 02 A0 01 05");
     DtcReport report = decode_dtc_response(extended.data(), extended.size(), &sizes);
     ASSERT_EQ(report.dtcs.size(), 1u);
     ASSERT_EQ(report.dtcs[0].records.size(), 2u);
     EXPECT_EQ(report.dtcs[0].records[0].hex, "01 02 A0");
     EXPECT_EQ(report.dtcs[0].records[1].hex, "05");
     EXPECT_TRUE(report.undecoded.empty());
-    std::vector<uint8_t> snapshot = bytes_of("59 04 030100 2F 01 01 1234 0102");
+    std::vector<uint8_t> snapshot = hex_bytes("59 04 030100 2F 01 01 1234 0102");
     report = decode_dtc_response(snapshot.data(), snapshot.size(), &sizes);
     ASSERT_EQ(report.dtcs[0].records.size(), 1u);
     EXPECT_EQ(report.dtcs[0].records[0].dids[0].hex, "01 02");
 }
 
 TEST(DtcDecodeTest, SnapshotJsonCarriesDidsAndUndecodedBytes) {
-    DtcReport report = decode(bytes_of("59 04 030100 2F 01 02 F40D 0A 1234 01"));
+    DtcReport report = decode(hex_bytes("59 04 030100 2F 01 02 F40D 0A 1234 01"));
     json_object *json = report_to_json(report);
     EXPECT_STREQ(
         json_object_to_json_string_ext(json, JSON_C_TO_STRING_PLAIN),
@@ -262,7 +253,7 @@ TEST(DtcDecodeTest, SnapshotJsonCarriesDidsAndUndecodedBytes) {
 }
 
 TEST(DtcDecodeTest, ExtendedRecordJsonHasNumberNameAndData) {
-    DtcReport report = decode(bytes_of("59 16 02 030100 2F 7F"));
+    DtcReport report = decode(hex_bytes("59 16 02 030100 2F 7F"));
     json_object *json = report_to_json(report);
     EXPECT_STREQ(
         json_object_to_json_string_ext(json, JSON_C_TO_STRING_PLAIN),

@@ -5,6 +5,8 @@
 #include <ostream>
 #include <string>
 
+#include "hex_text.h"
+
 namespace {
 
 struct KeyCase {
@@ -72,6 +74,39 @@ TEST(UdsServiceName, NamesServicesAndSaysUnknownOtherwise) {
     EXPECT_STREQ(uozuds::service_name(0x27), "SecurityAccess");
     EXPECT_STREQ(uozuds::service_name(0x31), "RoutineControl");
     EXPECT_STREQ(uozuds::service_name(0x01), "unknown");
+}
+
+TEST(UdsHexText, BytesCompactAndSpacedInUpperCase) {
+    const uint8_t bytes[] = {0x59, 0x02, 0xFF, 0x0a};
+    EXPECT_EQ(uozuds::hex_compact(bytes, sizeof(bytes)), "5902FF0A");
+    EXPECT_EQ(uozuds::hex_spaced(bytes, sizeof(bytes)), "59 02 FF 0A");
+    EXPECT_EQ(uozuds::hex_spaced(bytes, 1), "59");
+    EXPECT_EQ(uozuds::hex_compact(bytes, 0), "");
+    EXPECT_EQ(uozuds::hex_spaced(nullptr, 0), "");
+}
+
+TEST(UdsHexText, NumbersWithAtLeastTheDigitsAsked) {
+    EXPECT_EQ(uozuds::hex_number(0x7E0, 4), "0x07E0");
+    EXPECT_EQ(uozuds::hex_number(0x0A, 2), "0x0A");
+    EXPECT_EQ(uozuds::hex_number(0x030100, 6), "0x030100");
+    EXPECT_EQ(uozuds::hex_number(0x1234, 2), "0x1234");
+    EXPECT_EQ(uozuds::hex_number(0xFFFFFFFF, 8), "0xFFFFFFFF");
+}
+
+TEST(UdsHexText, ParsesPrefixedAndBareNumbersOfUpToEightDigits) {
+    uint32_t value = 0;
+    EXPECT_TRUE(uozuds::parse_hex_number("0X7e0", &value));
+    EXPECT_EQ(value, 0x7E0u);
+    EXPECT_TRUE(uozuds::parse_hex_number("FFFFFFFF", &value));
+    EXPECT_EQ(value, 0xFFFFFFFFu);
+    value = 5;
+    for (const char *bad : {"", "0x", "7G", "1 2", "-1", "0x123456789", "\xC3\xA9"})
+        EXPECT_FALSE(uozuds::parse_hex_number(bad, &value)) << bad;
+    EXPECT_FALSE(uozuds::parse_hex_number(nullptr, &value));
+    EXPECT_EQ(value, 5u);  // untouched when refused
+    EXPECT_EQ(uozuds::hex_digit('b'), 11);
+    EXPECT_EQ(uozuds::hex_digit('F'), 15);
+    EXPECT_EQ(uozuds::hex_digit('g'), -1);
 }
 
 }  // namespace

@@ -66,6 +66,44 @@ void free_identity(kt5bus_identity *identity) {
     memset(identity, 0, sizeof(*identity));
 }
 
+Received received_from(const kt5bus_message *message) {
+    Received received;
+    const char *data = static_cast<const char *>(message->data);
+    received.length = message->length;
+    received.text.assign(data, data != nullptr ? strnlen(data, message->length) : 0);
+    if (message->source != nullptr) {
+        received.source_kind = message->source->kind;
+        if (message->source->kind != KT5BUS_ADDR_SPECIAL)
+            received.source_name = message->source->value.name;
+    }
+    return received;
+}
+
+kt5bus_message *new_message(const std::string &text, size_t length, int kind,
+                            const std::string &name) {
+    auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
+    message->content_type = "application/json";
+    message->length = length;
+    message->data = calloc(1, text.size() + 1);
+    memcpy(message->data, text.data(), text.size());
+    int rc = kind == KT5BUS_ADDR_SPECIAL
+                 ? kt5bus_chain_address(&message->destination, kind, KT5BUS_SPECIAL_DM_CLIENT)
+                 : kt5bus_chain_address(&message->destination, kind, name.c_str(), 1);
+    if (rc != 0) {
+        free_message(message);
+        return nullptr;
+    }
+    return message;
+}
+
+void free_message(kt5bus_message *message) {
+    if (message == nullptr)
+        return;
+    free(message->data);
+    kt5bus_free_address(message->destination, 1);
+    free(message);
+}
+
 AgentPeer::AgentPeer(const std::string &identity_dir, const std::string &url) {
     client_.mode = 1;
     client_.owner = this;
@@ -185,16 +223,7 @@ void AgentPeer::send(const Action &action) {
 
 void AgentPeer::on_message(kt5bus_client *client, kt5bus_message *message) {
     AgentPeer *peer = peer_of(client);
-    Received received;
-    const char *data = static_cast<const char *>(message->data);
-    received.length = message->length;
-    received.text.assign(data, data != nullptr ? strnlen(data, message->length) : 0);
-    if (message->source != nullptr) {
-        received.source_kind = message->source->kind;
-        if (message->source->kind != KT5BUS_ADDR_SPECIAL) {
-            received.source_name = message->source->value.name;
-        }
-    }
+    Received received = received_from(message);
     Responder responder;
     {
         std::lock_guard<std::mutex> hold(peer->lock_);
@@ -236,18 +265,11 @@ void AgentPeer::sender_loop() {
 void AgentPeer::transmit(const Action &action) {
     if (action.kind == 0)
         return;  // the sender was unknown: nowhere to answer
-    auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
-    message->content_type = "application/json";
-    message->length = action.text.size() + (action.include_terminator ? 1 : 0);
-    message->data = calloc(1, action.text.size() + 1);
-    memcpy(message->data, action.text.data(), action.text.size());
-    int rc =
-        action.kind == KT5BUS_ADDR_SPECIAL
-            ? kt5bus_chain_address(&message->destination, action.kind, KT5BUS_SPECIAL_DM_CLIENT)
-            : kt5bus_chain_address(&message->destination, action.kind, action.name.c_str(), 1);
-    if (rc != 0 || kt5bus_send_message(&client_, message, nullptr) != 0) {
+    kt5bus_message *message =
+        new_message(action.text, action.text.size() + (action.include_terminator ? 1 : 0),
+                    action.kind, action.name);
+    if (message == nullptr || kt5bus_send_message(&client_, message, nullptr) != 0)
         on_delivered(&client_, message, nullptr, 0);
-    }
 }
 
 void AgentPeer::on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok) {
@@ -257,9 +279,7 @@ void AgentPeer::on_delivered(kt5bus_client *client, kt5bus_message *message, voi
         (ok ? peer->delivered_ok_ : peer->delivered_failed_)++;
     }
     peer->changed_.notify_all();
-    free(message->data);
-    kt5bus_free_address(message->destination, 1);
-    free(message);
+    free_message(message);
 }
 
 void AgentPeer::on_status(kt5bus_client *client, int status) {

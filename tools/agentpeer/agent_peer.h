@@ -51,6 +51,15 @@ using Responder = std::function<std::vector<Action>(const Received &)>;
 bool load_identity(kt5bus_identity *identity, const std::string &dir);
 void free_identity(kt5bus_identity *identity);
 
+// What a bus message says: its text up to the first NUL, and its sender.
+Received received_from(const kt5bus_message *message);
+// A JSON message of `length` bytes (the text and, when one longer, its NUL)
+// to `kind`/`name`, owned by the caller; nullptr when the address is refused.
+kt5bus_message *new_message(const std::string &text, size_t length, int kind,
+                            const std::string &name);
+// Releases a message made by new_message (nullptr is fine).
+void free_message(kt5bus_message *message);
+
 class AgentPeer {
   public:
     AgentPeer(const std::string &identity_dir, const std::string &url);

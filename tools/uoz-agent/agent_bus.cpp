@@ -1,8 +1,5 @@
 #include "agent_bus.h"
 
-#include <stdlib.h>
-#include <string.h>
-
 #include <stdexcept>
 
 #include "udsoverzelko.h"
@@ -13,12 +10,6 @@ namespace {
 
 AgentBus *bus_of(kt5bus_client *client) {
     return static_cast<AgentBus *>(client->owner);
-}
-
-void free_message(kt5bus_message *message) {
-    free(message->data);
-    kt5bus_free_address(message->destination, 1);
-    free(message);
 }
 
 }  // namespace
@@ -70,15 +61,8 @@ bool AgentBus::wait_running(int timeout_ms) {
 bool AgentBus::send(const std::string &text, int kind, const std::string &name) {
     if (kind == 0)
         return false;  // the sender is unknown: nowhere to answer
-    auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
-    message->content_type = "application/json";
-    message->length = text.size() + 1;
-    message->data = calloc(1, text.size() + 1);
-    memcpy(message->data, text.data(), text.size());
-    int rc = kind == KT5BUS_ADDR_SPECIAL
-                 ? kt5bus_chain_address(&message->destination, kind, KT5BUS_SPECIAL_DM_CLIENT)
-                 : kt5bus_chain_address(&message->destination, kind, name.c_str(), 1);
-    if (rc != 0 || kt5bus_send_message(&client_, message, nullptr) != 0) {
+    kt5bus_message *message = new_message(text, text.size() + 1, kind, name);
+    if (message == nullptr || kt5bus_send_message(&client_, message, nullptr) != 0) {
         ++failed_;
         UOZ_DBGLOG(UOZ_LOG_WARN, "the answer to %s could not be sent", name.c_str());
         free_message(message);
@@ -89,16 +73,7 @@ bool AgentBus::send(const std::string &text, int kind, const std::string &name) 
 
 void AgentBus::on_message(kt5bus_client *client, kt5bus_message *message) {
     AgentBus *bus = bus_of(client);
-    Received received;
-    const char *data = static_cast<const char *>(message->data);
-    received.length = message->length;
-    received.text.assign(data, data != nullptr ? strnlen(data, message->length) : 0);
-    if (message->source != nullptr) {
-        received.source_kind = message->source->kind;
-        if (message->source->kind != KT5BUS_ADDR_SPECIAL)
-            received.source_name = message->source->value.name;
-    }
-    bus->handler_(*bus, received);
+    bus->handler_(*bus, received_from(message));
 }
 
 void AgentBus::on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok) {

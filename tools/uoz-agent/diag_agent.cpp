@@ -12,17 +12,6 @@ namespace uozagent {
 
 namespace {
 
-constexpr uint8_t kServiceSessionControl = 0x10;
-
-const char *text_member(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string)) {
-        return nullptr;
-    }
-    return json_object_get_string(value);
-}
-
 void add_text(json_object *object, const char *key, const std::string &text) {
     json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }
@@ -77,13 +66,13 @@ class RoutineRun {
           timing_(settings.timing) {}
 
     bool session(uint8_t session) {
-        return step("DiagnosticSessionControl", {kServiceSessionControl, session});
+        return step("DiagnosticSessionControl", {uozuds::sid::kDiagnosticSessionControl, session});
     }
 
     // requestSeed, the key of the level's algorithm, sendKey. A zero seed
     // means the level is unlocked already.
     bool unlock(const std::string &name, uint8_t level) {
-        if (!step(name, {kServiceSecurityAccess, level}))
+        if (!step(name, {uozuds::sid::kSecurityAccess, level}))
             return false;
         Bytes seed;
         if (!seed_of(done.back().response, level, &seed)) {

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 
+#include "hex_text.h"
 #include "udsoverzelko.h"
 
 namespace uozagent {
@@ -69,18 +70,6 @@ int connect_before(const addrinfo *address, Clock::time_point deadline, int *err
     int one = 1;
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
     return fd.release();
-}
-
-std::string hex16(uint16_t value) {
-    char text[8];
-    snprintf(text, sizeof(text), "0x%04X", value);
-    return text;
-}
-
-std::string hex8(uint8_t value) {
-    char text[8];
-    snprintf(text, sizeof(text), "0x%02X", value);
-    return text;
 }
 
 }  // namespace
@@ -209,8 +198,8 @@ bool DoipConnection::activate(Clock::time_point deadline, std::string *error) {
     }
     uint8_t code = activation_->code;
     if (code != routing::kSuccess) {
-        *error = "routing activation denied by " + where() + ": code " + hex8(code) + " (" +
-                 routing_code_name(code) + ")";
+        *error = "routing activation denied by " + where() + ": code " +
+                 uozuds::hex_number(code, 2) + " (" + routing_code_name(code) + ")";
         if (code == routing::kConfirmationRequired)
             *error = "routing activation at " + where() + " waits for a confirmation (code 0x11)";
         close_locked();
@@ -220,7 +209,8 @@ bool DoipConnection::activate(Clock::time_point deadline, std::string *error) {
     active_ = true;
     ++activations_;
     UOZ_DBGLOG(UOZ_LOG_INFO, "routing activated at %s (entity %s, tester %s)", where().c_str(),
-               hex16(entity_address_).c_str(), hex16(options_.tester_address).c_str());
+               uozuds::hex_number(entity_address_, 4).c_str(),
+               uozuds::hex_number(options_.tester_address, 4).c_str());
     return true;
 }
 
@@ -306,18 +296,20 @@ bool DoipConnection::receive(uint16_t target, Clock::time_point until, Bytes *re
             return true;
         }
         if (mailbox.ack == Mailbox::Ack::kRefused) {
-            *error = where() + " refused the request to " + hex16(target) + ": NACK " +
-                     hex8(mailbox.nack_code) + " (" + diag_nack_name(mailbox.nack_code) + ")";
+            *error = where() + " refused the request to " + uozuds::hex_number(target, 4) +
+                     ": NACK " + uozuds::hex_number(mailbox.nack_code, 2) + " (" +
+                     diag_nack_name(mailbox.nack_code) + ")";
             return false;
         }
         if (mailbox.dropped) {
             *error = "the connection to " + where() + " dropped while waiting for the answer of " +
-                     hex16(target) + " (" + drop_reason_ + "); the request is not sent again";
+                     uozuds::hex_number(target, 4) + " (" + drop_reason_ +
+                     "); the request is not sent again";
             return false;
         }
         if (mailbox.ack == Mailbox::Ack::kWaiting && Clock::now() >= mailbox.ack_deadline) {
-            *error = "no acknowledge from " + where() + " for " + hex16(target) + " within " +
-                     std::to_string(options_.ack_timeout.count()) + " ms";
+            *error = "no acknowledge from " + where() + " for " + uozuds::hex_number(target, 4) +
+                     " within " + std::to_string(options_.ack_timeout.count()) + " ms";
             return false;
         }
         if (Clock::now() >= until) {
@@ -385,7 +377,8 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
         case payload::kGenericNack: {
             auto code = parse_generic_nack(message);
             UOZ_DBGLOG(UOZ_LOG_WARN, "%s sent generic NACK %s (%s)", where().c_str(),
-                       hex8(code.value_or(0xFF)).c_str(), generic_nack_name(code.value_or(0xFF)));
+                       uozuds::hex_number(code.value_or(0xFF), 2).c_str(),
+                       generic_nack_name(code.value_or(0xFF)));
             return;
         }
         default:

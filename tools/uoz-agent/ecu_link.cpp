@@ -12,7 +12,7 @@ namespace {
 bool answers(const Bytes &response, const Bytes &request) {
     if (response.empty() || request.empty())
         return false;
-    if (response[0] == kNegativeResponse)
+    if (response[0] == uozuds::kNegativeResponse)
         return response.size() >= 2 && response[1] == request[0];
     return response[0] == static_cast<uint8_t>(request[0] + 0x40);
 }
@@ -54,12 +54,12 @@ UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &tim
             if (!answers(response, request))
                 continue;
             uint8_t code = 0;
-            if (is_negative_response(response, &code) && code == kNrcResponsePending) {
+            if (is_negative_response(response, &code) && code == uozuds::nrc::kResponsePending) {
                 ++outcome.pending_answers;
                 until = std::min(deadline, Clock::now() + timing.p2_star);
                 continue;
             }
-            if (is_negative_response(response, &code) && code == kNrcBusyRepeatRequest &&
+            if (is_negative_response(response, &code) && code == uozuds::nrc::kBusyRepeatRequest &&
                 attempt < timing.busy_retries && Clock::now() + timing.busy_delay < deadline) {
                 ++outcome.busy_answers;
                 std::this_thread::sleep_for(timing.busy_delay);

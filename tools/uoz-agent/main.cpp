@@ -17,9 +17,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 
 #include "agent_bus.h"
@@ -27,12 +25,13 @@
 #include "consent.h"
 #include "diag_agent.h"
 #include "doip.h"
+#include "exit_codes.h"
+#include "files.h"
 #include "transport_links.h"
 #include "udsoverzelko.h"
 
 namespace {
 
-enum ExitCode { kOk = 0, kCannotStart = 1, kUsage = 2 };
 constexpr int kQueryWorkers = 8;
 
 std::atomic<bool> g_stop{false};
@@ -47,15 +46,6 @@ bool ask_on_terminal(const std::string &campaign) {
     if (fgets(answer, sizeof(answer), stdin) == nullptr)
         return false;
     return answer[0] == 'y' || answer[0] == 'Y';
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream file(path);
-    if (!file)
-        throw std::runtime_error("cannot read " + path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // Says so when the certificate does not carry the addresses the agent
@@ -169,9 +159,9 @@ uozagent::AgentSettings load_settings(const Options &options) {
     uozagent::AgentSettings settings =
         options.settings_path.empty()
             ? uozagent::AgentSettings{}
-            : uozagent::AgentSettings::from_json(read_file(options.settings_path));
+            : uozagent::AgentSettings::from_json(uoztools::read_text_file(options.settings_path));
     if (!options.ecu_config.empty())
-        settings.learn_ecus(read_file(options.ecu_config));
+        settings.learn_ecus(uoztools::read_text_file(options.ecu_config));
     if (!options.gateway.empty()) {
         settings.gateway.enabled = true;
         settings.gateway.all = true;
@@ -243,7 +233,7 @@ int run(const Options &options) {
     workers.stop();
     peer.stop();
     bus = nullptr;
-    return kOk;
+    return uoztools::kExitOk;
 }
 
 }  // namespace
@@ -283,7 +273,7 @@ int main(int argc, char **argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kOk : kUsage;
+        return app.exit(error) == 0 ? uoztools::kExitOk : uoztools::kExitInvalidInput;
     }
     std::string host;
     uint16_t port = 0;
@@ -293,13 +283,13 @@ int main(int argc, char **argv) {
                 "uoz-agent: --broker must be HOST:PORT with a port from 1 to 65535, not "
                 "\"%s\"\n",
                 options.broker.c_str());
-        return kUsage;
+        return uoztools::kExitInvalidInput;
     }
     if (!options.gateway.empty() &&
         !uozdoip::split_host_port(options.gateway.c_str(), uozdoip::kDefaultPort, host, port)) {
         fprintf(stderr, "uoz-agent: --gateway must be HOST or HOST:PORT, not \"%s\"\n",
                 options.gateway.c_str());
-        return kUsage;
+        return uoztools::kExitInvalidInput;
     }
     uoz_dbg_level = options.debug;
     signal(SIGINT, request_stop);
@@ -309,6 +299,6 @@ int main(int argc, char **argv) {
         return run(options);
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-agent: %s\n", error.what());
-        return kCannotStart;
+        return uoztools::kExitCannotStart;
     }
 }

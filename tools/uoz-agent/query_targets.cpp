@@ -5,8 +5,6 @@
 
 namespace uozagent {
 
-namespace {
-
 const char *text_member(json_object *object, const char *key) {
     json_object *value = nullptr;
     if (!json_object_object_get_ex(object, key, &value) ||
@@ -15,6 +13,8 @@ const char *text_member(json_object *object, const char *key) {
     }
     return json_object_get_string(value);
 }
+
+namespace {
 
 bool hex_member(json_object *block, const char *key, uint32_t largest, uint32_t *value,
                 EcuTarget *target) {

@@ -28,6 +28,9 @@ struct CanAddress {
     uint8_t block_size = 0;
 };
 
+// The string member `key` of a JSON object; nullptr when absent or not a string.
+const char *text_member(json_object *object, const char *key);
+
 enum class Transport { kNone, kDoip, kCan };
 
 struct EcuTarget {

@@ -7,32 +7,14 @@
 #include <algorithm>
 
 #include "UDSOverZelko/read_dtc.h"
+#include "hex_text.h"
+#include "query_targets.h"
 
 namespace uozagent {
 
 namespace {
 
-constexpr uint8_t kServiceReadDtcInformation = 0x19;
-constexpr uint8_t kServiceReadDataByIdentifier = 0x22;
-constexpr uint8_t kServiceSessionControl = 0x10;
-constexpr uint8_t kPositiveOffset = 0x40;
-constexpr uint8_t kDefaultSecuritySession = 0x03;
-
-const char *text_member(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string)) {
-        return nullptr;
-    }
-    return json_object_get_string(value);
-}
-
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
+constexpr uint8_t kDefaultSecuritySession = uozuds::session::kExtended;
 
 const char *skip_prefix(const char *text) {
     return text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
@@ -133,23 +115,6 @@ Bytes command_request(json_object *command, std::string *error) {
 
 }  // namespace
 
-bool parse_hex_number(const char *text, uint32_t *value) {
-    if (text == nullptr)
-        return false;
-    const char *digits = skip_prefix(text);
-    if (*digits == '\0' || strlen(digits) > 8)
-        return false;
-    uint32_t result = 0;
-    for (const char *c = digits; *c != '\0'; ++c) {
-        int digit = hex_digit(*c);
-        if (digit < 0)
-            return false;
-        result = result << 4 | static_cast<uint32_t>(digit);
-    }
-    *value = result;
-    return true;
-}
-
 bool parse_hex_bytes(const char *text, Bytes *bytes) {
     bytes->clear();
     if (text == nullptr)
@@ -158,31 +123,25 @@ bool parse_hex_bytes(const char *text, Bytes *bytes) {
     for (const char *c = skip_prefix(text); *c != '\0'; ++c) {
         if (*c == ' ')
             continue;
-        if (hex_digit(*c) < 0)
+        if (uozuds::hex_digit(*c) < 0)
             return false;
         digits += *c;
     }
     if (digits.size() % 2 != 0)
         digits.insert(digits.begin(), '0');
     for (size_t i = 0; i < digits.size(); i += 2) {
-        bytes->push_back(
-            static_cast<uint8_t>(hex_digit(digits[i]) << 4 | hex_digit(digits[i + 1])));
+        bytes->push_back(static_cast<uint8_t>(uozuds::hex_digit(digits[i]) << 4 |
+                                              uozuds::hex_digit(digits[i + 1])));
     }
     return true;
 }
 
 std::string hex_text(const Bytes &bytes) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string text;
-    for (uint8_t byte : bytes) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
-    }
-    return text;
+    return uozuds::hex_compact(bytes.data(), bytes.size());
 }
 
 bool is_negative_response(const Bytes &response, uint8_t *code) {
-    if (response.size() < 3 || response[0] != kNegativeResponse)
+    if (response.size() < 3 || response[0] != uozuds::kNegativeResponse)
         return false;
     if (code != nullptr)
         *code = response[2];
@@ -193,7 +152,7 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
     const char *sid = text_member(uds, "SID");
     uint32_t service = 0;
     if (sid == nullptr || !parse_hex_number(sid, &service) ||
-        service != kServiceReadDtcInformation) {
+        service != uozuds::sid::kReadDtcInformation) {
         *error = "only ReadDTCInformation (\"SID\" \"0x19\") is served as \"uds\"";
         return {};
     }
@@ -203,7 +162,7 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
         *error = std::string("unknown report \"") + (name ? name : "") + "\"";
         return {};
     }
-    Bytes request = {kServiceReadDtcInformation, report};
+    Bytes request = {uozuds::sid::kReadDtcInformation, report};
     uint32_t params = dtc_subfunction_params(report);
     if ((params & PARAM_NONE) != 0)
         return request;
@@ -264,12 +223,13 @@ std::vector<VersionItem> version_items(json_object *version, std::string *error)
 }
 
 Bytes read_did_request(uint16_t did) {
-    return {kServiceReadDataByIdentifier, static_cast<uint8_t>(did >> 8),
+    return {uozuds::sid::kReadDataByIdentifier, static_cast<uint8_t>(did >> 8),
             static_cast<uint8_t>(did)};
 }
 
 std::string did_value_text(uint16_t did, const Bytes &response, std::string *error) {
-    if (response.size() < 3 || response[0] != kServiceReadDataByIdentifier + kPositiveOffset ||
+    if (response.size() < 3 ||
+        response[0] != uozuds::sid::kReadDataByIdentifier + uozuds::kPositiveOffset ||
         response[1] != (did >> 8) || response[2] != (did & 0xFF)) {
         char text[80];
         snprintf(text, sizeof(text), "the answer to DID 0x%04X is not its value: %s", did,
@@ -349,7 +309,8 @@ SecurityRequest security_request(json_object *routine, std::string *error) {
 }
 
 bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms) {
-    if (response.size() != 6 || response[0] != kServiceSessionControl + kPositiveOffset)
+    if (response.size() != 6 ||
+        response[0] != uozuds::sid::kDiagnosticSessionControl + uozuds::kPositiveOffset)
         return false;
     *p2_ms = static_cast<uint32_t>(response[2] << 8 | response[3]);
     *p2_star_ms = static_cast<uint32_t>(response[4] << 8 | response[5]) * 10;
@@ -357,12 +318,13 @@ bool session_timing(const Bytes &response, uint32_t *p2_ms, uint32_t *p2_star_ms
 }
 
 bool is_seed_request(const Bytes &request) {
-    return request.size() == 2 && request[0] == kServiceSecurityAccess && request[1] % 2 == 1 &&
-           request[1] <= 0x7D;
+    return request.size() == 2 && request[0] == uozuds::sid::kSecurityAccess &&
+           request[1] % 2 == 1 && request[1] <= 0x7D;
 }
 
 bool seed_of(const Bytes &response, uint8_t level, Bytes *seed) {
-    if (response.size() < 2 || response[0] != kServiceSecurityAccess + kPositiveOffset ||
+    if (response.size() < 2 ||
+        response[0] != uozuds::sid::kSecurityAccess + uozuds::kPositiveOffset ||
         response[1] != level) {
         return false;
     }
@@ -372,7 +334,7 @@ bool seed_of(const Bytes &response, uint8_t level, Bytes *seed) {
 
 Bytes send_key_request(uint8_t level, const Bytes &key) {
     Bytes request(2 + key.size());
-    request[0] = kServiceSecurityAccess;
+    request[0] = uozuds::sid::kSecurityAccess;
     request[1] = static_cast<uint8_t>(level + 1);
     std::copy(key.begin(), key.end(), request.begin() + 2);
     return request;

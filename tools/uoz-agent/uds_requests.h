@@ -10,18 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "hex_text.h"
+#include "uds.h"
+
 namespace uozagent {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint8_t kNegativeResponse = 0x7F;
-constexpr uint8_t kServiceSecurityAccess = 0x27;
-constexpr uint8_t kNrcBusyRepeatRequest = 0x21;
-constexpr uint8_t kNrcResponsePending = 0x78;
-
-// "0x7E0", "7E0" -> 0x7E0. False for a text that is empty, has no digits
-// or holds anything else after them.
-bool parse_hex_number(const char *text, uint32_t *value);
+// "0x7E0", "7E0" -> 0x7E0; false for anything else (see hex_text.h).
+using uozuds::parse_hex_number;
 // "0xF190", "F1 90", "" -> bytes; a lone leading digit is its own byte
 // ("0x7" -> 07). False for any character that is not a hex digit or space.
 bool parse_hex_bytes(const char *text, Bytes *bytes);

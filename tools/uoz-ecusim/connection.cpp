@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <sys/socket.h>
 
+#include "hex_text.h"
 #include "uds.h"
 
 namespace uozecusim {
@@ -18,12 +19,6 @@ constexpr size_t kMaxUdsLength = 4095;
 constexpr uint16_t kFirstTesterAddress = 0x0E00;
 constexpr uint16_t kLastTesterAddress = 0x0FFF;
 constexpr int kPollMs = 50;
-
-std::string address_text(uint16_t address) {
-    char text[8];
-    snprintf(text, sizeof(text), "0x%04X", address);
-    return text;
-}
 
 // Negative answers an ECU keeps to itself when a request was sent to all
 // ECUs at once: not its service, sub-function or data.
@@ -157,13 +152,13 @@ bool Connection::check_alive_timers(steady_clock::time_point now) {
     if (alive_outstanding_) {
         if (now - alive_sent_ <= milliseconds(settings.alive_check_wait_ms))
             return true;
-        trace("no alive check response from " + address_text(tester_) + ": closing");
+        trace("no alive check response from " + uozuds::hex_number(tester_, 4) + ": closing");
         return false;
     }
     if (idle >= milliseconds(idle_ms)) {
         alive_outstanding_ = true;
         alive_sent_ = now;
-        trace("alive check request to " + address_text(tester_));
+        trace("alive check request to " + uozuds::hex_number(tester_, 4));
         return send(uozdoip::encode_alive_check_request(version_));
     }
     return true;
@@ -188,7 +183,7 @@ bool Connection::handle(const uozdoip::Message &message) {
                 alive_answered_ = true;
             }
             wake_.notify_all();
-            trace("alive check response from " + address_text(*source));
+            trace("alive check response from " + uozuds::hex_number(*source, 4));
             return true;
         }
     }
@@ -223,7 +218,7 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
         response.code = entity_.claim_tester(request->source, shared_from_this());
     else
         response.code = uozdoip::routing::kSuccess;
-    trace("routing activation for tester " + address_text(request->source) + ": " +
+    trace("routing activation for tester " + uozuds::hex_number(request->source, 4) + ": " +
           uozdoip::routing_code_name(response.code));
     if (!send(uozdoip::encode(response, version_)))
         return false;
@@ -246,7 +241,7 @@ bool Connection::diagnostic(const uozdoip::Message &message) {
     auto refuse = [&](uint8_t code) {
         ack.negative = true;
         ack.code = code;
-        trace("diagnostic message to " + address_text(request->target) + ": NACK " +
+        trace("diagnostic message to " + uozuds::hex_number(request->target, 4) + ": NACK " +
               uozdoip::diag_nack_name(code));
         return send(uozdoip::encode(ack, version_));
     };
@@ -266,8 +261,8 @@ bool Connection::diagnostic(const uozdoip::Message &message) {
 
     Request work{entity_.next_request_number(), request->data, {}, functional};
     trace((functional ? std::string("functional") : entity_.ecu_name(request->target)) + " (" +
-          address_text(request->target) + ") <- " +
-          spaced_hex(request->data.data(), request->data.size()));
+          uozuds::hex_number(request->target, 4) + ") <- " +
+          uozuds::hex_spaced(request->data.data(), request->data.size()));
     Bytes ack_bytes = uozdoip::encode(ack, version_);
     if (misbehave.drop_mid.count(work.number) != 0) {
         if (!misbehave.no_ack)
@@ -349,8 +344,8 @@ bool Connection::send_uds(uint16_t target, const Bytes &uds, Bytes &prefix) {
     prefix.clear();
     Bytes message = uozdoip::encode(uozdoip::DiagnosticMessage{target, tester_, uds}, version_);
     bytes.insert(bytes.end(), message.begin(), message.end());
-    trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> " +
-          spaced_hex(uds.data(), uds.size()));
+    trace(entity_.ecu_name(target) + " (" + uozuds::hex_number(target, 4) + ") -> " +
+          uozuds::hex_spaced(uds.data(), uds.size()));
     return send(bytes);
 }
 
@@ -366,8 +361,9 @@ void Connection::answer(uint16_t target, const Request &request) {
     const uint8_t service = request.data[0];
     Bytes prefix = misbehave.coalesce ? request.held_ack : Bytes{};
     if (request.functional && silent_when_functional(result.response)) {
-        trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> no answer to " +
-              spaced_hex(result.response.data(), result.response.size()));
+        trace(entity_.ecu_name(target) + " (" + uozuds::hex_number(target, 4) +
+              ") -> no answer to " +
+              uozuds::hex_spaced(result.response.data(), result.response.size()));
         if (!prefix.empty())
             send(prefix);
         if (misbehave.ack_after_answer && !misbehave.coalesce && !request.held_ack.empty())
@@ -414,7 +410,7 @@ void Connection::answer(uint16_t target, const Request &request) {
         if (!send_uds(target, result.response, prefix))
             return;
     } else {
-        trace(entity_.ecu_name(target) + " (" + address_text(target) + ") -> no answer");
+        trace(entity_.ecu_name(target) + " (" + uozuds::hex_number(target, 4) + ") -> no answer");
         if (!prefix.empty() && !send(prefix))
             return;
     }

@@ -7,33 +7,21 @@
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
-#include <fstream>
 #include <sstream>
 
 #include "doip_entity.h"
+#include "exit_codes.h"
+#include "files.h"
 #include "vehicle.h"
 #include "vehicle_default.h"
 
 namespace {
-
-constexpr int kOk = 0;
-constexpr int kCannotStart = 1;
-constexpr int kUsage = 2;
 
 uozecusim::DoipEntity *g_entity = nullptr;
 
 void request_stop(int) {
     if (g_entity != nullptr)
         g_entity->stop();
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream file(path);
-    if (!file)
-        throw std::runtime_error("cannot read " + path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // "0x7E1" or "7E1"; CLI::ValidationError for anything else.
@@ -202,13 +190,14 @@ int main(int argc, char **argv) {
         settings = settings_from(switches, settings);
     } catch (const CLI::ParseError &error) {
         int rc = app.exit(error);
-        return rc == 0 ? kOk : kUsage;
+        return rc == 0 ? uoztools::kExitOk : uoztools::kExitInvalidInput;
     }
 
     std::unique_ptr<uozecusim::DoipEntity> entity;
     try {
-        std::string text = switches.vehicle_path.empty() ? std::string(kDefaultVehicle)
-                                                         : read_file(switches.vehicle_path);
+        std::string text = switches.vehicle_path.empty()
+                               ? std::string(kDefaultVehicle)
+                               : uoztools::read_text_file(switches.vehicle_path);
         uozecusim::VehicleFile vehicle;
         try {
             vehicle = uozecusim::parse_vehicle(text);
@@ -221,7 +210,7 @@ int main(int argc, char **argv) {
         entity->bind();
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-ecusim: %s\n", error.what());
-        return kCannotStart;
+        return uoztools::kExitCannotStart;
     }
 
     g_entity = entity.get();
@@ -236,5 +225,5 @@ int main(int argc, char **argv) {
     entity->run();
     g_entity = nullptr;
     printf("uoz-ecusim: stopped\n");
-    return kOk;
+    return uoztools::kExitOk;
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "hex_text.h"
 #include "uds.h"
 
 namespace uozecusim {
@@ -27,19 +28,9 @@ using JsonOwner = std::unique_ptr<json_object, JsonPut>;
 uint32_t parse_number(const std::string &where, const char *text, uint32_t max) {
     if (text == nullptr)
         fail(where, "expected a hex number text such as \"0x7E0\"");
-    const char *digits = text;
-    if (digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X'))
-        digits += 2;
-    if (*digits == '\0' || strlen(digits) > 8)
-        fail(where, std::string("\"") + text + "\" is not a hex number");
     uint32_t value = 0;
-    for (const char *c = digits; *c != '\0'; ++c) {
-        if (!isxdigit(static_cast<unsigned char>(*c)))
-            fail(where, std::string("\"") + text + "\" is not a hex number");
-        value = value << 4 | static_cast<uint32_t>(isdigit(static_cast<unsigned char>(*c))
-                                                       ? *c - '0'
-                                                       : (tolower(*c) - 'a' + 10));
-    }
+    if (!uozuds::parse_hex_number(text, &value))
+        fail(where, std::string("\"") + text + "\" is not a hex number");
     if (value > max) {
         char limit[16];
         snprintf(limit, sizeof(limit), "0x%X", max);
@@ -96,12 +87,6 @@ bool flag_member(json_object *object, const char *key, const std::string &where)
     return value != nullptr && json_object_get_boolean(value);
 }
 
-std::string hex_text(uint32_t value, int digits) {
-    char text[16];
-    snprintf(text, sizeof(text), "0x%0*X", digits, value);
-    return text;
-}
-
 // A DID's value: a string is ASCII text, {"hex": "..."} raw bytes.
 Bytes did_value(json_object *value, const std::string &where) {
     if (json_object_is_type(value, json_type_string)) {
@@ -148,11 +133,11 @@ SimulatedDtc dtc_from_json(json_object *item, const std::string &ecu_where) {
     if (text_member(item, "code", ecu_where) == nullptr)
         fail(ecu_where, "every DTC needs a \"code\"");
     dtc.code = number_member(item, "code", ecu_where + " DTC", 0xFFFFFF, 0);
-    std::string where = ecu_where + " DTC " + hex_text(dtc.code, 6);
+    std::string where = ecu_where + " DTC " + uozuds::hex_number(dtc.code, 6);
     dtc.status = static_cast<uint8_t>(number_member(item, "status", where, 0xFF, 0));
     std::string contradiction = status_contradiction(dtc.status);
     if (!contradiction.empty())
-        fail(where, "status " + hex_text(dtc.status, 2) + ": " + contradiction);
+        fail(where, "status " + uozuds::hex_number(dtc.status, 2) + ": " + contradiction);
     dtc.severity = static_cast<uint8_t>(number_member(item, "severity", where, 0xFF, 0));
     dtc.functional_unit =
         static_cast<uint8_t>(number_member(item, "functional-unit", where, 0xFF, 0x10));
@@ -186,7 +171,7 @@ std::vector<SimulatedDtc> dtcs_from_json(json_object *array, const std::string &
         SimulatedDtc dtc = dtc_from_json(json_object_array_get_idx(array, i), where);
         for (const SimulatedDtc &earlier : dtcs) {
             if (earlier.code == dtc.code)
-                fail(where, "DTC " + hex_text(dtc.code, 6) + " is listed twice");
+                fail(where, "DTC " + uozuds::hex_number(dtc.code, 6) + " is listed twice");
         }
         dtcs.push_back(dtc);
     }
@@ -373,38 +358,20 @@ VehicleFile parse_vehicle(const std::string &text) {
         for (const SimulatedEcu &earlier : vehicle.ecus) {
             if (earlier.logical_address == ecu.logical_address)
                 fail("ECU \"" + ecu.name + "\"", "logical address " +
-                                                     hex_text(ecu.logical_address, 4) +
+                                                     uozuds::hex_number(ecu.logical_address, 4) +
                                                      " is also \"" + earlier.name + "\"'s");
         }
         if (ecu.logical_address == vehicle.functional_address)
-            fail("ECU \"" + ecu.name + "\"", "logical address " + hex_text(ecu.logical_address, 4) +
+            fail("ECU \"" + ecu.name + "\"", "logical address " +
+                                                 uozuds::hex_number(ecu.logical_address, 4) +
                                                  " is the functional address");
         if (ecu.logical_address == vehicle.gateway_address)
-            fail("ECU \"" + ecu.name + "\"",
-                 "logical address " + hex_text(ecu.logical_address, 4) + " is the gateway's own");
+            fail("ECU \"" + ecu.name + "\"", "logical address " +
+                                                 uozuds::hex_number(ecu.logical_address, 4) +
+                                                 " is the gateway's own");
         vehicle.ecus.push_back(ecu);
     }
     return vehicle;
-}
-
-std::string to_hex(const Bytes &bytes) {
-    std::string text;
-    char pair[3];
-    for (uint8_t byte : bytes) {
-        snprintf(pair, sizeof(pair), "%02X", byte);
-        text += pair;
-    }
-    return text;
-}
-
-std::string spaced_hex(const uint8_t *bytes, size_t length) {
-    std::string text;
-    char pair[4];
-    for (size_t i = 0; i < length; ++i) {
-        snprintf(pair, sizeof(pair), i == 0 ? "%02X" : " %02X", bytes[i]);
-        text += pair;
-    }
-    return text;
 }
 
 }  // namespace uozecusim

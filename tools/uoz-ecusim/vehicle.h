@@ -84,9 +84,6 @@ VehicleFile parse_vehicle(const std::string &text);
 // imply testFailedSinceLastClear).
 std::string status_contradiction(uint8_t status);
 
-std::string to_hex(const Bytes &bytes);                       // "1A2B"
-std::string spaced_hex(const uint8_t *bytes, size_t length);  // "1A 2B"
-
 }  // namespace uozecusim
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <stdio.h>
 
+#include "hex_text.h"
 #include "uds.h"
 
 namespace uozctl {
@@ -80,18 +81,6 @@ uint32_t dtc_at(const uint8_t *bytes) {
     return (uint32_t(bytes[0]) << 16) | (uint32_t(bytes[1]) << 8) | bytes[2];
 }
 
-std::string hex2(int value) {
-    char text[16];
-    snprintf(text, sizeof(text), "0x%02X", value);
-    return text;
-}
-
-std::string hex4(int value) {
-    char text[16];
-    snprintf(text, sizeof(text), "0x%04X", value);
-    return text;
-}
-
 Dtc make_dtc(uint32_t code, int status) {
     Dtc dtc;
     dtc.code = code;
@@ -157,7 +146,7 @@ void decode_items(const uint8_t *bytes, size_t length, size_t item, DtcReport &r
 // stopped (the reason is in the report).
 bool decode_identifiers(Reader &body, DataRecord &record, const DataSizes *sizes,
                         DtcReport &report) {
-    const std::string where = "record " + hex2(record.number);
+    const std::string where = "record " + uozuds::hex_number(record.number, 2);
     if (body.left() < 1) {
         leave_undecoded(report, body, where + " without its number of identifiers");
         return false;
@@ -173,12 +162,13 @@ bool decode_identifiers(Reader &body, DataRecord &record, const DataSizes *sizes
         int size = did_size(did, sizes);
         if (size < 0) {
             leave_undecoded(report, body,
-                            "DID " + hex4(did) + " of " + where +
+                            "DID " + uozuds::hex_number(did, 4) + " of " + where +
                                 " has no known size: the rest is left undecoded");
             return false;
         }
         if (body.left() < 2 + static_cast<size_t>(size)) {
-            leave_undecoded(report, body, "DID " + hex4(did) + " of " + where + " cut short");
+            leave_undecoded(report, body,
+                            "DID " + uozuds::hex_number(did, 4) + " of " + where + " cut short");
             return false;
         }
         const char *name = uozuds::did_name(did);
@@ -206,12 +196,13 @@ void decode_extended_records(Reader &body, Dtc &dtc, const DataSizes *sizes, Dtc
         int size = record_size(number, sizes);
         if (size < 0) {
             leave_undecoded(report, body,
-                            "extended data record " + hex2(number) +
+                            "extended data record " + uozuds::hex_number(number, 2) +
                                 " has no known size: the rest is left undecoded");
             return;
         }
         if (body.left() < 1 + static_cast<size_t>(size)) {
-            leave_undecoded(report, body, "extended data record " + hex2(number) + " cut short");
+            leave_undecoded(report, body,
+                            "extended data record " + uozuds::hex_number(number, 2) + " cut short");
             return;
         }
         dtc.records.push_back({number, record_name(number), hex_of(body.here() + 1, size), -1, {}});
@@ -292,13 +283,14 @@ void decode_extended_by_record(Reader &body, const DataSizes *sizes, DtcReport &
         if (size < 0) {
             report.dtcs.push_back(dtc);
             leave_undecoded(report, body,
-                            "extended data record " + hex2(number) +
+                            "extended data record " + uozuds::hex_number(number, 2) +
                                 " has no known size: the rest is left undecoded");
             return;
         }
         if (body.left() < static_cast<size_t>(size)) {
             report.dtcs.push_back(dtc);
-            leave_undecoded(report, body, "extended data record " + hex2(number) + " cut short");
+            leave_undecoded(report, body,
+                            "extended data record " + uozuds::hex_number(number, 2) + " cut short");
             return;
         }
         dtc.records.push_back({number, record_name(number), hex_of(body.here(), size), -1, {}});
@@ -405,13 +397,7 @@ void decode_body(int kind, const uint8_t *body, size_t length, const DataSizes *
 }  // namespace
 
 std::string hex_of(const uint8_t *bytes, size_t length) {
-    std::string text;
-    char pair[4];
-    for (size_t i = 0; i < length; ++i) {
-        snprintf(pair, sizeof(pair), i == 0 ? "%02X" : " %02X", bytes[i]);
-        text += pair;
-    }
-    return text;
+    return uozuds::hex_spaced(bytes, length);
 }
 
 std::string dtc_text(uint32_t code) {
@@ -475,14 +461,14 @@ std::string record_kind(int report) {
 }
 
 std::string record_text(int report, const DataRecord &record) {
-    std::string text = "      " + record_kind(report) + " " + hex2(record.number);
+    std::string text = "      " + record_kind(report) + " " + uozuds::hex_number(record.number, 2);
     if (!record.name.empty())
         text += " (" + record.name + ")";
     if (record.identifier_count < 0)
         return text + ": " + record.hex + "\n";
     text += ", " + std::to_string(record.identifier_count) + " identifier(s)\n";
     for (const DidValue &value : record.dids) {
-        text += "        DID " + hex4(value.did);
+        text += "        DID " + uozuds::hex_number(value.did, 4);
         if (!value.name.empty())
             text += " (" + value.name + ")";
         text += ": " + value.hex + "\n";
@@ -534,7 +520,7 @@ std::string report_to_text(const DtcReport &report) {
         text += line;
     }
     if (report.memory_selection >= 0)
-        text += "  memory selection " + hex2(report.memory_selection) + "\n";
+        text += "  memory selection " + uozuds::hex_number(report.memory_selection, 2) + "\n";
     if (report.count >= 0) {
         snprintf(line, sizeof(line), "  %d DTC(s) (format 0x%02X, availability mask 0x%02X)\n",
                  report.count, report.format, report.availability_mask);
@@ -542,7 +528,7 @@ std::string report_to_text(const DtcReport &report) {
     }
     if (report.report >= 0 && report.dtcs.empty() && report.count < 0 && report.note.empty()) {
         text += report.record_number >= 0
-                    ? "  no DTCs with record " + hex2(report.record_number) + "\n"
+                    ? "  no DTCs with record " + uozuds::hex_number(report.record_number, 2) + "\n"
                     : "  no DTCs\n";
     }
     for (const Dtc &dtc : report.dtcs) {

@@ -1,7 +1,7 @@
-// Test support: uoz-ecusim started as a process on a free loopback port, and
-// a small DoIP tester built on the shared framing library.
-#ifndef UOZ_TESTS_ECUSIM_PROCESS_H
-#define UOZ_TESTS_ECUSIM_PROCESS_H
+// Test support: uoz-ecusim as these tests start it, and a small DoIP tester
+// built on the shared framing library.
+#ifndef UOZ_TESTS_ECUSIM_SUPPORT_H
+#define UOZ_TESTS_ECUSIM_SUPPORT_H
 
 #include <stdint.h>
 #include <sys/types.h>
@@ -11,41 +11,21 @@
 #include <vector>
 
 #include "doip.h"
+#include "hex_bytes.h"
+#include "processes.h"
 
 namespace uoztest {
 
 using Bytes = std::vector<uint8_t>;
 
-// "19 02 FF" -> bytes; spaces are optional.
-Bytes hex_bytes(const std::string &hex);
 std::string hex_text(const Bytes &bytes);  // "19 02 FF"
 
-// uoz-ecusim on 127.0.0.1 and a port of the system's choosing, started with
-// the given arguments; it is stopped (SIGTERM) and reaped on destruction.
-class EcuSim {
+// The simulator with the given arguments, its stderr kept apart from its
+// output so that a test can check it stayed empty (no sanitizer's report).
+class EcuSim : public EcuSimulator {
   public:
-    explicit EcuSim(const std::vector<std::string> &arguments = {});
-    ~EcuSim();
-    EcuSim(const EcuSim &) = delete;
-    EcuSim &operator=(const EcuSim &) = delete;
-
-    bool ready() const { return port_ != 0; }
-    uint16_t port() const { return port_; }
-    // Sends the signal and waits: the exit code, or -1 when killed by a
-    // signal; once stopped, the same code again.
-    int stop(int signal_number = 15);
-    // Everything the simulator printed on stdout so far (read after stop()).
-    std::string output();
-    // Everything it printed on stderr: nothing, unless something went wrong
-    // (a sanitizer's report, for one).
-    std::string errors();
-
-  private:
-    pid_t pid_ = -1;
-    int exit_code_ = -1;
-    uint16_t port_ = 0;
-    std::string output_path_;
-    std::string errors_path_;
+    explicit EcuSim(const std::vector<std::string> &arguments = {})
+        : EcuSimulator(UOZ_ECUSIM_PATH, arguments, ChildProcess::Stderr::kOwnFile) {}
 };
 
 // Runs uoz-ecusim to completion (for usage and start-up errors): exit code

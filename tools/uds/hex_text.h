@@ -1,0 +1,25 @@
+// Bytes and numbers as the tools print them, in upper-case hexadecimal.
+#ifndef UOZ_TOOLS_UDS_HEX_TEXT_H
+#define UOZ_TOOLS_UDS_HEX_TEXT_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+
+namespace uozuds {
+
+std::string hex_compact(const uint8_t *bytes, size_t length);  // "1A2B"
+std::string hex_spaced(const uint8_t *bytes, size_t length);   // "1A 2B"
+// "0x07E0" for (0x7E0, 4): at least `digits` digits.
+std::string hex_number(uint32_t value, int digits);
+
+// The value of a hex digit, either case; -1 for any other character.
+int hex_digit(char c);
+// "0x7E0", "7E0" -> 0x7E0. False for a text that is empty, has no digits,
+// more than 8 of them, or anything else after them.
+bool parse_hex_number(const char *text, uint32_t *value);
+
+}  // namespace uozuds
+
+#endif
