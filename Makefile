@@ -4,7 +4,7 @@ JOBS ?= 2
 CTEST_JOBS ?= 8
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-asan test-tsan tidy demo bench fuzz install package clean format
+.PHONY: all deps build test test-asan test-tsan tidy demo bench fuzz install package coverage clean format
 
 all: build
 
@@ -46,6 +46,12 @@ fuzz:
 	@./scripts/install-deps.sh --fuzz
 	./scripts/fuzz.sh
 
+# Line and branch coverage of src/ and tools/ under the test suite, in
+# build-cov/coverage/. CTEST_ARGS picks tests, e.g. CTEST_ARGS="-L unit".
+coverage:
+	@./scripts/install-deps.sh --coverage
+	./scripts/coverage.sh build-cov $(CTEST_ARGS)
+
 install: build
 	cmake --install build
 
@@ -60,4 +66,4 @@ format:
 	find include src tools tests bench fuzz examples -name '*.[ch]' -o -name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz build-package
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-package build-cov

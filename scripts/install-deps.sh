@@ -6,6 +6,7 @@ packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto lib
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy
           python3 python3-scapy)
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
+if [ "${1:-}" = "--coverage" ]; then packages+=(gcovr); fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
