@@ -44,7 +44,7 @@ for _ in $(seq 100); do accepting "$port" && break; sleep 0.05; done
 accepting "$port" || { echo "demo: the broker did not start:"; cat "$work/mosquitto.log"; exit 1; }
 "$(bin uoz-ecusim)" --listen "127.0.0.1:$doip_port" --trace >"$work/ecusim.log" 2>&1 &
 pids+=($!)
-for _ in $(seq 100); do grep -q "listening on" "$work/ecusim.log" && break; sleep 0.05; done
+for _ in $(seq 100); do grep -qs "listening on" "$work/ecusim.log" && break; sleep 0.05; done
 grep -q "listening on" "$work/ecusim.log" || { echo "demo: the simulator did not start:"; cat "$work/ecusim.log"; exit 1; }
 # CAN and IOC ECUs are reached through the simulator's gateway by logical
 # address, as a vehicle's central gateway exposes them; the telematics ECU is
@@ -53,7 +53,7 @@ grep -q "listening on" "$work/ecusim.log" || { echo "demo: the simulator did not
   --gateway "127.0.0.1:$doip_port" --doip-port "$doip_port" --ecu-config examples/ecus.json \
   >"$work/agent.log" 2>&1 &
 pids+=($!)
-for _ in $(seq 100); do grep -q "uoz-agent ready" "$work/agent.log" && break; sleep 0.05; done
+for _ in $(seq 100); do grep -qs "uoz-agent ready" "$work/agent.log" && break; sleep 0.05; done
 grep -q "uoz-agent ready" "$work/agent.log" || { echo "demo: the agent did not connect:"; cat "$work/agent.log"; exit 1; }
 echo "broker, simulator and agent running"
 
