@@ -124,21 +124,6 @@ TEST_F(AgentEcusimTest, everyReportIsAnsweredWithTheSimulatorsExactBytes) {
     EXPECT_EQ(data_of(unsupported), "7F1912");
 }
 
-TEST_F(AgentEcusimTest, versionClearDtcAndAPredefinedRoutine) {
-    start();
-    std::string version = ask_engine(
-        R"("version":{"uds":[{"did":"0xF189","name":"software version"},{"did":"0xF191","name":"hardware version"}]})");
-    EXPECT_TRUE(holds(version, R"("version":"software version: ENG-2.4.1, hardware version: B3")"))
-        << version;
-    std::string vin = ask_engine(
-        R"("routine":{"name":"ReadVIN","commands":[{"command":"ReadDataByIdentifier","service":"0x22","subfn":"","data":"0xF190"}]})");
-    EXPECT_TRUE(holds(vin, R"("response":"62F190575A4C3030303030303030303030303031")")) << vin;
-    std::string clear = ask_engine(
-        R"("routine":{"name":"ClearDTC_Routine","commands":[{"command":"ClearDTC","service":"0x14","subfn":"","data":"0xFFFFFF"}]})");
-    EXPECT_TRUE(holds(clear, R"("results":[{"ecu":"engine","response":"54")")) << clear;
-    EXPECT_EQ(data_of(read_engine(0x02)), "5902FF");
-}
-
 // Learning idle speed needs level 1: refused without security access, run
 // after the seed and key exchange with the built-in algorithm.
 TEST_F(AgentEcusimTest, securityAccessUnlocksAProtectedRoutine) {
@@ -279,46 +264,38 @@ TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {
               "allow remote gateways (\"doip\": {\"allow-remote\": true})");
 }
 
+// Where the machine has no CAN: each query for a CAN ECU fails at once with
+// the reason, and the missing interface is logged once.
 TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
     std::string error;
     if (IsotpLink::open({"can0", 0x7E0, 0x7E8, 0, 8}, &error))
         GTEST_SKIP() << "this machine has can0; the failure case does not apply";
     start();
     settings_.gateway.enabled = false;
-    TransportLinks links(settings_);
-    DiagAgent direct(settings_, links, KeyAlgorithms());
-    std::string reply = direct.answer_query(
-        R"({"type":"zelko.skyharbor-query","reply-id":"x","body":{"mode":"CAN","targetAddress":"0x07E0","can":)" +
-        can_block("0x7E0", "0x7E8") + R"(,"version":{"uds":[{"did":"0xF189"}]}}})");
-    EXPECT_TRUE(holds(reply, R"("error":"engine (0x7E0): no CAN interface can0 on this machine)"))
-        << reply;
-}
-
-TEST(IsotpTest, aMissingCanInterfaceIsLoggedOncePerInterface) {
-    std::string error;
-    EcuTarget target;
-    target.label = "0x7E0";
-    target.transport = Transport::kCan;
-    target.can = {"can0", 0x7E0, 0x7E8, 0, 8};
-    if (IsotpLink::open(target.can, &error))
-        GTEST_SKIP() << "this machine has can0";
-    TransportLinks links{AgentSettings{}};
+    agent_ = std::make_unique<DiagAgent>(settings_, *links_, KeyAlgorithms());
     int level = uoz_dbg_level;
     uoz_dbg_level = UOZ_LOG_WARN;
     testing::internal::CaptureStdout();
-    for (int i = 0; i < 3; ++i) {
-        error.clear();
-        EXPECT_EQ(links.link_for(target, &error), nullptr);
-        EXPECT_EQ(error.rfind("no CAN interface can0 on this machine", 0), 0u) << error;
+    for (const char *ifname : {"can0", "can0", "can1"}) {
+        std::string block = can_block("0x7E0", "0x7E8");
+        block.replace(block.find("can0"), 4, ifname);
+        std::string reply =
+            ask("0x7E0", R"("can":)" + block, R"("version":{"uds":[{"did":"0xF189"}]})");
+        EXPECT_TRUE(holds(reply, std::string(R"("error":"engine (0x7E0): no CAN interface )") +
+                                     ifname + " on this machine"))
+            << reply;
     }
-    target.can.ifname = "can1";
-    links.link_for(target, &error);
     std::string log = testing::internal::GetCapturedStdout();
     uoz_dbg_level = level;
-    size_t first = log.find("no CAN interface can0 on this machine");
-    EXPECT_NE(first, std::string::npos) << log;
-    EXPECT_EQ(log.find("no CAN interface can0", first + 1), std::string::npos) << log;
-    EXPECT_TRUE(holds(log, "no CAN interface can1 on this machine")) << log;
+    auto count = [&log](const std::string &text) {
+        size_t found = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            ++found;
+        return found;
+    };
+    // One warning per interface, and one per failed query.
+    EXPECT_EQ(count("no CAN interface can0 on this machine"), 3u) << log;
+    EXPECT_EQ(count("no CAN interface can1 on this machine"), 2u) << log;
 }
 
 // With vcan0 and can-isotp a request goes out; nothing answers on a bare vcan.
