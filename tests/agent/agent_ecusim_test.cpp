@@ -215,7 +215,7 @@ TEST_F(AgentEcusimTest, deniedRoutingAndANackAreFailuresWithTheirCodes) {
 // The simulator asks for an alive check after 200 ms without traffic: while
 // the agent waits for a slow answer, and while it is idle.
 TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileWaitingAndWhileIdle) {
-    start({"--alive-check", "200", "--slow", "0x7E0:500"});
+    start({"--alive-check", "200", "--slow", "0x7E0:500", "--trace"});
     EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
     int while_waiting = connection()->alive_checks_answered();
     EXPECT_GE(while_waiting, 1);
@@ -224,6 +224,7 @@ TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileWaitingAndWhileIdle) {
     EXPECT_GT(connection()->alive_checks_answered(), while_waiting);
     EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
     EXPECT_EQ(connection()->activations(), 1);  // the connection stayed up
+    EXPECT_TRUE(holds(simulator_->output(), "alive check response from 0x0E80"));
 }
 
 TEST_F(AgentEcusimTest, noAcknowledgeInItsTimeFailsTheRequest) {

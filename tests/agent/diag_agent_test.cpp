@@ -139,6 +139,19 @@ TEST_F(DiagAgentTest, theTimingAnnouncedByTheEcuIsUsedForTheRestOfTheRoutine) {
     EXPECT_EQ(reply.find("\"error\""), std::string::npos) << reply;
 }
 
+// The target address is echoed as the query wrote it.
+TEST_F(DiagAgentTest, clearDtcSendsTheGroupOfDtc) {
+    links_.add("0x1001")->on("14FFFFFF", {{{0x54}}});
+    std::string reply =
+        ask(R"({"mode":"DOIP","targetAddress":"0x001001",)" + kDoipBlock +
+            R"(,"routine":{"name":"ClearDTC_Routine","commands":[)"
+            R"({"command":"ClearDTC","service":"0x14","subfn":"","data":"0xFFFFFF"}]}})");
+    EXPECT_NE(reply.find(R"("body":{"targetAddress":"0x001001","routine":{"name":)"
+                         R"("ClearDTC_Routine","results":[{"ecu":"0x1001","response":"54")"),
+              std::string::npos)
+        << reply;
+}
+
 TEST_F(DiagAgentTest, aPluggedInAlgorithmIsUsedForItsLevel) {
     keys_.set(0x03, [](uint8_t, const Bytes &seed, Bytes *key, std::string *) {
         *key = {static_cast<uint8_t>(seed[0] ^ 0xFF)};
