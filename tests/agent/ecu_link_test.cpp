@@ -19,15 +19,6 @@ UdsTiming fast_timing() {
     return timing;
 }
 
-TEST(UdsRequestTest, thePositiveAnswerIsTheOutcome) {
-    FakeLink link;
-    link.on("1902FF", {{{0x59, 0x02, 0xFF}}});
-    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, fast_timing());
-    EXPECT_TRUE(outcome.answered);
-    EXPECT_EQ(hex_text(outcome.response), "5902FF");
-    EXPECT_EQ(link.sent(), std::vector<std::string>{"1902FF"});
-}
-
 TEST(UdsRequestTest, responsePendingLongerThanP2WaitsWithP2Star) {
     FakeLink link;
     const Millis gap(40);  // three of them exceed P2 (60 ms) in total

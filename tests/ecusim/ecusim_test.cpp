@@ -171,19 +171,9 @@ const std::string kNewerAnswers =
     "03FC0006 00000009 0E80 1000 10 00000000 "
     "03FC8002 00000005 07E0 0E80 00 03FC8001 00000006 07E0 0E80 7E00";
 
-TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyOnSigterm) {
-    EcuSim sim;
-    EXPECT_EQ(sim.stop(SIGTERM), 0);
-    EXPECT_NE(sim.output().find("uoz-ecusim: listening on 127.0.0.1:" + std::to_string(sim.port()) +
-                                " (TCP and UDP), gateway 0x1000, ECUs: engine 0x07E0, "
-                                "transmission 0x07E1, body 0x07E2, gateway 0x0020, telematics "
-                                "0x1001\n"),
-              std::string::npos)
-        << sim.output();
-    EXPECT_NE(sim.output().find("uoz-ecusim: stopped\n"), std::string::npos);
-}
-
-TEST(EcuSimStart, StopsOnSigintWhileAnEcuIsBusy) {
+// SIGINT stops it cleanly even while an ECU is at work (SIGTERM ends every
+// other test).
+TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyWhileAnEcuIsBusy) {
     EcuSim sim({"--slow", "all:60000"});
     Tester tester(sim.port());
     ASSERT_TRUE(tester.activate());
@@ -191,6 +181,13 @@ TEST(EcuSimStart, StopsOnSigintWhileAnEcuIsBusy) {
     EXPECT_EQ(tester.drain(without_spaces(kAck)), without_spaces(kAck));
     EXPECT_EQ(sim.stop(SIGINT), 0);
     EXPECT_TRUE(tester.closed_by_peer());
+    EXPECT_NE(sim.output().find("uoz-ecusim: listening on 127.0.0.1:" + std::to_string(sim.port()) +
+                                " (TCP and UDP), gateway 0x1000, ECUs: engine 0x07E0, "
+                                "transmission 0x07E1, body 0x07E2, gateway 0x0020, telematics "
+                                "0x1001\n"),
+              std::string::npos)
+        << sim.output();
+    EXPECT_NE(sim.output().find("uoz-ecusim: stopped\n"), std::string::npos);
 }
 
 // uoz-ecusim run to its end: exit code and what it said.
@@ -445,23 +442,20 @@ TEST_F(EcuSimTest, SameTesterOnASecondConnectionDependsOnTheFirstBeingAlive) {
     EXPECT_TRUE(tester_->closed_by_peer());
 }
 
-TEST_F(EcuSimTest, TracePrintsRequestAndResponseBytesPerEcu) {
-    start({"--trace"});
-    EXPECT_EQ(tester_->exchange(kEngine, "19 01 08"), "59 01 FF 01 00 02");
-    EXPECT_EQ(sim_->stop(SIGTERM), 0);
-    std::string output = sim_->output();
-    EXPECT_NE(output.find(": engine (0x07E0) <- 19 01 08\n"), std::string::npos) << output;
-    EXPECT_NE(output.find(": engine (0x07E0) -> 59 01 FF 01 00 02\n"), std::string::npos) << output;
-    EXPECT_NE(output.find(": routing activation for tester 0x0E80: success\n"), std::string::npos)
-        << output;
-}
-
-TEST_F(EcuSimTest, S3ReturnsToTheDefaultSession) {
-    start({"--s3", "500"});
+// The session falls back to the default after S3 without requests; the
+// trace shows each request and answer per ECU.
+TEST_F(EcuSimTest, S3ReturnsToTheDefaultSessionAndTheTraceShowsTheBytes) {
+    start({"--s3", "500", "--trace"});
     EXPECT_EQ(tester_->exchange(kEngine, "10 03"), "50 03 00 32 01 F4");
     EXPECT_EQ(tester_->exchange(kEngine, "22 F186"), "62 F1 86 03");
     std::this_thread::sleep_for(std::chrono::milliseconds(900));
     EXPECT_EQ(tester_->exchange(kEngine, "22 F186"), "62 F1 86 01");
+    EXPECT_EQ(sim_->stop(SIGTERM), 0);
+    std::string output = sim_->output();
+    EXPECT_NE(output.find(": engine (0x07E0) <- 22 F1 86\n"), std::string::npos) << output;
+    EXPECT_NE(output.find(": engine (0x07E0) -> 62 F1 86 01\n"), std::string::npos) << output;
+    EXPECT_NE(output.find(": routing activation for tester 0x0E80: success\n"), std::string::npos)
+        << output;
 }
 
 // Vehicle identification over UDP: the announcement's bytes, and the
