@@ -17,11 +17,46 @@
 namespace uozagent {
 namespace {
 
-const char kEngine[] = "0x7E0";
-
 std::string can_block(const char *request_id, const char *response_id) {
     return std::string(R"({"ifname":"can0","func-addr":"0x7DF","phy-req-id":")") + request_id +
            R"(","phy-resp-id":")" + response_id + R"(","st-min":"0x00","bsize":"0x08"})";
+}
+
+std::string uds_of(uint32_t report, uint32_t mask, uint32_t dtc, uint8_t record) {
+    JsonPtr uds(build_read_dtc_body(report, mask, dtc, record));
+    return std::string(R"("uds":)") + json_object_to_json_string(uds.get());
+}
+
+// What the simulator's builder answers to the agent's request for the report.
+std::string simulated_answer(const char *ecu, uint32_t report, uint32_t mask = 0xFF,
+                             uint32_t dtc = 0, uint8_t record = 0) {
+    static const uozecusim::VehicleFile vehicle =
+        uozecusim::parse_vehicle(uoztest::file_text(UOZ_EXAMPLES "/vehicle.json"));
+    JsonPtr uds(build_read_dtc_body(report, mask, dtc, record));
+    std::string error;
+    Bytes request = read_dtc_request(uds.get(), &error);
+    EXPECT_FALSE(request.empty()) << error;
+    for (const uozecusim::SimulatedEcu &simulated : vehicle.ecus) {
+        if (simulated.name == ecu)
+            return hex_text(
+                uozecusim::read_dtc_response(simulated, request.data(), request.size()));
+    }
+    return "no ECU " + std::string(ecu);
+}
+
+std::string data_of(const std::string &reply, size_t index = 0) {
+    JsonPtr parsed(json_tokener_parse(reply.c_str()));
+    json_object *records =
+        kt5_json_borrow(parsed.get(), json_type_array, "body", "uds", "data-record", nullptr);
+    json_object *data = nullptr;
+    if (records == nullptr ||
+        !json_object_object_get_ex(json_object_array_get_idx(records, index), "data", &data))
+        return "no data in " + reply;
+    return json_object_get_string(data);
+}
+
+bool holds(const std::string &reply, const std::string &part) {
+    return reply.find(part) != std::string::npos;
 }
 
 class AgentEcusimTest : public ::testing::Test {
@@ -30,12 +65,13 @@ class AgentEcusimTest : public ::testing::Test {
     // and IOC ECU through it.
     void start(const std::vector<std::string> &switches = {}) {
         simulator_ = std::make_unique<uoztest::EcuSimulator>(UOZ_ECUSIM_PATH, switches);
+        port_ = static_cast<uint16_t>(simulator_->port());
         settings_.learn_ecus(uoztest::file_text(UOZ_EXAMPLES "/ecus.json"));
         settings_.gateway.enabled = true;
         settings_.gateway.all = true;
         settings_.gateway.host = "127.0.0.1";
-        settings_.gateway.port = static_cast<uint16_t>(simulator_->port());
-        settings_.doip_port = static_cast<uint16_t>(simulator_->port());
+        settings_.gateway.port = port_;
+        settings_.doip_port = port_;
         links_ = std::make_unique<TransportLinks>(settings_);
         agent_ = std::make_unique<DiagAgent>(settings_, *links_, KeyAlgorithms());
     }
@@ -47,107 +83,45 @@ class AgentEcusimTest : public ::testing::Test {
             target + R"(",)" + blocks + "," + request + "}}");
     }
     std::string ask_engine(const std::string &request) {
-        return ask(kEngine, R"("can":)" + can_block("0x7E0", "0x7E8"), request);
+        return ask("0x7E0", R"("can":)" + can_block("0x7E0", "0x7E8"), request);
     }
     std::string read_engine(uint32_t report, uint32_t mask = 0xFF, uint32_t dtc = 0,
                             uint8_t record = 0) {
-        JsonPtr uds(build_read_dtc_body(report, mask, dtc, record));
-        return ask_engine(std::string(R"("uds":)") + json_object_to_json_string(uds.get()));
+        return ask_engine(uds_of(report, mask, dtc, record));
     }
     std::shared_ptr<DoipConnection> connection() {
-        return links_->connection({"127.0.0.1", static_cast<uint16_t>(simulator_->port()),
-                                   settings_.gateway.tester_address, 0});
+        return links_->connection({"127.0.0.1", port_, settings_.gateway.tester_address, 0});
     }
+    std::string gateway() const { return "gateway 127.0.0.1:" + std::to_string(port_); }
 
     AgentSettings settings_;
+    uint16_t port_ = 0;
     std::unique_ptr<uoztest::EcuSimulator> simulator_;
     std::unique_ptr<TransportLinks> links_;
     std::unique_ptr<DiagAgent> agent_;
 };
 
-std::string data_of(const std::string &reply) {
-    JsonPtr parsed(json_tokener_parse(reply.c_str()));
-    json_object *records =
-        kt5_json_borrow(parsed.get(), json_type_array, "body", "uds", "data-record", nullptr);
-    if (records == nullptr || json_object_array_length(records) == 0)
-        return "no data in " + reply;
-    json_object *data = nullptr;
-    json_object_object_get_ex(json_object_array_get_idx(records, 0), "data", &data);
-    return json_object_get_string(data);
-}
-
-struct ReportCase {
-    uint32_t report, mask, dtc;
-    uint8_t record;
-};
-
-class EveryReportTest : public AgentEcusimTest, public ::testing::WithParamInterface<ReportCase> {};
-
-TEST_P(EveryReportTest, isAnsweredWithTheSimulatorsExactBytes) {
+TEST_F(AgentEcusimTest, everyReportIsAnsweredWithTheSimulatorsExactBytes) {
     start();
-    const ReportCase &row = GetParam();
-    std::string error;
-    JsonPtr uds(build_read_dtc_body(row.report, row.mask, row.dtc, row.record));
-    Bytes request = read_dtc_request(uds.get(), &error);
-    ASSERT_FALSE(request.empty()) << error;
-    uozecusim::VehicleFile vehicle =
-        uozecusim::parse_vehicle(uoztest::file_text(UOZ_EXAMPLES "/vehicle.json"));
-    const uozecusim::SimulatedEcu *engine = nullptr;
-    for (const uozecusim::SimulatedEcu &ecu : vehicle.ecus)
-        engine = ecu.name == "engine" ? &ecu : engine;
-    ASSERT_NE(engine, nullptr);
-    std::string expected =
-        hex_text(uozecusim::read_dtc_response(*engine, request.data(), request.size()));
-    EXPECT_EQ(data_of(read_engine(row.report, row.mask, row.dtc, row.record)), expected);
-    EXPECT_EQ(expected.substr(0, 2), "59");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Engine, EveryReportTest,
-    ::testing::Values(ReportCase{0x01, 0x08, 0, 0}, ReportCase{0x02, 0xFF, 0, 0},
-                      ReportCase{0x03, 0, 0, 0}, ReportCase{0x04, 0, 0x030100, 0x01},
-                      ReportCase{0x05, 0, 0, 0x01}, ReportCase{0x06, 0, 0x030100, 0xFF},
-                      ReportCase{0x09, 0, 0x030100, 0}, ReportCase{0x0A, 0, 0, 0},
-                      ReportCase{0x0B, 0, 0, 0}, ReportCase{0x0C, 0, 0, 0},
-                      ReportCase{0x0D, 0, 0, 0}, ReportCase{0x0E, 0, 0, 0},
-                      ReportCase{0x0F, 0xFF, 0, 0}, ReportCase{0x10, 0, 0x030100, 0xFF},
-                      ReportCase{0x11, 0xFF, 0, 0}, ReportCase{0x12, 0xFF, 0, 0},
-                      ReportCase{0x13, 0xFF, 0, 0}, ReportCase{0x14, 0, 0, 0},
-                      ReportCase{0x15, 0, 0, 0}, ReportCase{0x16, 0, 0, 0x01}));
-
-TEST_F(AgentEcusimTest, anUnsupportedReportIsTheEcusNegativeResponse) {
-    start();
-    JsonPtr uds(build_read_dtc_body(0x14, 0, 0, 0));
-    std::string reply = ask("0x7E1", R"("can":)" + can_block("0x7E1", "0x7E9"),
-                            std::string(R"("uds":)") + json_object_to_json_string(uds.get()));
-    EXPECT_EQ(data_of(reply), "7F1912");
-}
-
-TEST_F(AgentEcusimTest, theVersionIsReadByDid) {
-    start();
-    std::string reply = ask_engine(
-        R"("version":{"uds":[{"did":"0xF189","name":"software version"},{"did":"0xF191","name":"hardware version"}]})");
-    EXPECT_NE(reply.find(R"("version":"software version: ENG-2.4.1, hardware version: B3")"),
-              std::string::npos)
-        << reply;
-}
-
-TEST_F(AgentEcusimTest, clearDtcEmptiesTheEcusMemory) {
-    start();
-    std::string reply = ask_engine(
-        R"("routine":{"name":"ClearDTC_Routine","commands":[{"command":"ClearDTC","service":"0x14","subfn":"","data":"0xFFFFFF"}]})");
-    EXPECT_NE(reply.find(R"("results":[{"ecu":"engine","response":"54")"), std::string::npos)
-        << reply;
-    EXPECT_EQ(data_of(read_engine(0x02)), "5902FF");
-}
-
-TEST_F(AgentEcusimTest, aPredefinedRoutineRunsAsConfigured) {
-    start();
-    std::string reply = ask_engine(
-        R"("routine":{"name":"ReadVIN","commands":[{"command":"ReadDataByIdentifier","service":"0x22","subfn":"","data":"0xF190"}]})");
-    EXPECT_NE(reply.find(R"("response":"62F190575A4C3030303030303030303030303031")"),
-              std::string::npos)
-        << reply;
+    const struct {
+        uint32_t report, mask, dtc;
+        uint8_t record;
+    } reports[] = {{0x01, 0x08, 0, 0},        {0x02, 0xFF, 0, 0},        {0x03, 0, 0, 0},
+                   {0x04, 0, 0x030100, 0x01}, {0x05, 0, 0, 0x01},        {0x06, 0, 0x030100, 0xFF},
+                   {0x09, 0, 0x030100, 0},    {0x0A, 0, 0, 0},           {0x0B, 0, 0, 0},
+                   {0x0C, 0, 0, 0},           {0x0D, 0, 0, 0},           {0x0E, 0, 0, 0},
+                   {0x0F, 0xFF, 0, 0},        {0x10, 0, 0x030100, 0xFF}, {0x11, 0xFF, 0, 0},
+                   {0x12, 0xFF, 0, 0},        {0x13, 0xFF, 0, 0},        {0x14, 0, 0, 0},
+                   {0x15, 0, 0, 0},           {0x16, 0, 0, 0x01}};
+    for (const auto &row : reports) {
+        std::string expected =
+            simulated_answer("engine", row.report, row.mask, row.dtc, row.record);
+        EXPECT_EQ(expected.substr(0, 2), "59") << row.report;
+        EXPECT_EQ(data_of(read_engine(row.report, row.mask, row.dtc, row.record)), expected);
+    }
+    std::string unsupported =
+        ask("0x7E1", R"("can":)" + can_block("0x7E1", "0x7E9"), uds_of(0x14, 0, 0, 0));
+    EXPECT_EQ(data_of(unsupported), "7F1912");
 }
 
 // Learning idle speed needs level 1: refused without security access, run
@@ -159,37 +133,35 @@ TEST_F(AgentEcusimTest, securityAccessUnlocksAProtectedRoutine) {
     std::string locked = ask_engine(
         R"("routine":{"name":"custom_commands","commands":[{"command":"Extended","service":"0x10","subfn":"0x03"},)" +
         learn + "]}");
-    EXPECT_NE(locked.find(R"("error":"LearnIdle: negative response 7F3133")"), std::string::npos)
-        << locked;
+    EXPECT_TRUE(holds(locked, R"("error":"LearnIdle: negative response 7F3133")")) << locked;
     std::string unlocked = ask_engine(R"("routine":{"name":"custom_commands","commands":[)" +
                                       learn + R"(],"security_access":{"level":"0x01"}})");
-    EXPECT_EQ(unlocked.find("\"error\""), std::string::npos) << unlocked;
-    EXPECT_NE(unlocked.find(R"("command":"SecurityAccess","request":"2701")"), std::string::npos)
-        << unlocked;
-    EXPECT_NE(unlocked.find(R"("command":"LearnIdle","request":"3101FF02","response":"7101FF02)"),
-              std::string::npos)
+    EXPECT_FALSE(holds(unlocked, "\"error\"")) << unlocked;
+    EXPECT_TRUE(holds(unlocked, R"("command":"SecurityAccess","request":"2701")")) << unlocked;
+    EXPECT_TRUE(
+        holds(unlocked, R"("command":"LearnIdle","request":"3101FF02","response":"7101FF02)"))
         << unlocked;
 }
 
+// Four slow ECUs behind one gateway: one connection, each answer from its own ECU.
 TEST_F(AgentEcusimTest, aQueryForAllEcusGetsEveryAnswerInOneReply) {
-    start({"--slow", "all:300", "--trace"});
-    JsonPtr uds(build_read_dtc_body(0x02, 0xFF, 0, 0));
+    start({"--slow", "all:300"});
     std::string reply = ask(
         "-1",
         R"("ioc":[)" + can_block("0x7E0", "0x7E8") + "," + can_block("0x7E1", "0x7E9") + "," +
             can_block("0x7E2", "0x7EA") +
             R"(,{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}])",
-        std::string(R"("uds":)") + json_object_to_json_string(uds.get()));
-    for (const char *ecu : {"0x7E0", "0x7E1", "0x7E2", "0x720"}) {
-        EXPECT_NE(reply.find(std::string(R"({"phy-req-id":")") + ecu + R"(","data":"5902FF)"),
-                  std::string::npos)
-            << ecu << " in " << reply;
-    }
-    EXPECT_NE(reply.find(R"("targetAddress":"-1")"), std::string::npos);
-    EXPECT_EQ(connection()->activations(), 1);  // one connection for all four
+        uds_of(0x02, 0xFF, 0, 0));
+    const char *ecus[] = {"engine", "transmission", "body", "gateway"};
+    for (size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(data_of(reply, i), simulated_answer(ecus[i], 0x02)) << ecus[i];
+    EXPECT_TRUE(holds(reply, R"("targetAddress":"-1")"));
+    EXPECT_TRUE(holds(reply, R"({"phy-req-id":"0x720","data":"5902FF)")) << reply;
+    EXPECT_EQ(connection()->activations(), 1);
+    EXPECT_EQ(connection()->entity_address(), 0x1000);
 }
 
-TEST_F(AgentEcusimTest, splitAndCoalescedFramesAreRead) {
+TEST_F(AgentEcusimTest, splitCoalescedAndUnacknowledgedAnswersAreRead) {
     for (const char *framing : {"--split", "--coalesce", "--ack-after-answer", "--no-ack"}) {
         start({framing});
         EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002") << framing;
@@ -202,61 +174,66 @@ TEST_F(AgentEcusimTest, aResponsePendingChainLongerThanP2IsWaitedFor) {
     EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
 }
 
-TEST_F(AgentEcusimTest, aDropMidRequestFailsItAndTheNextRequestSucceeds) {
-    start({"--drop-mid", "1"});
-    std::string first = read_engine(0x02);
-    EXPECT_NE(first.find("dropped while waiting for the answer of 0x07E0"), std::string::npos)
-        << first;
-    EXPECT_EQ(data_of(read_engine(0x01, 0x08)).substr(0, 6), "5901FF");
-    EXPECT_EQ(connection()->activations(), 2);
-}
-
-// Half an answer then a closed connection, or a header with a wrong version
-// pair: the request fails with the reason and the next one gets through on a
-// new connection.
-TEST_F(AgentEcusimTest, aCutAnswerOrAWrongVersionFailsOnlyThatRequest) {
+// The connection drops, or the answer is cut or has a wrong version pair:
+// that request fails with the reason, is not sent again, and the next one
+// gets through on a new connection.
+TEST_F(AgentEcusimTest, aBrokenAnswerFailsOnlyThatRequest) {
     const struct {
         const char *name;
         const char *reason;
-    } cases[] = {{"--cut-answer", "(closed by the gateway)"},
-                 {"--bad-version", "(the gateway sent a header with a wrong protocol version)"}};
+    } cases[] = {{"--drop-mid", "closed by the gateway"},
+                 {"--cut-answer", "closed by the gateway"},
+                 {"--bad-version", "the gateway sent a header with a wrong protocol version"}};
     for (const auto &row : cases) {
         start({row.name, "1"});
         std::string first = read_engine(0x02);
-        EXPECT_NE(
-            first.find(std::string("dropped while waiting for the answer of 0x07E0 ") + row.reason),
-            std::string::npos)
+        EXPECT_TRUE(holds(first, R"("error":"engine (0x7E0): the connection to )" + gateway() +
+                                     " dropped while waiting for the answer of 0x07E0 (" +
+                                     row.reason + "); the request is not sent again\""))
             << row.name << ": " << first;
         EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002") << row.name;
         EXPECT_EQ(connection()->activations(), 2) << row.name;
     }
 }
 
-TEST_F(AgentEcusimTest, deniedRoutingActivationIsAFailureWithItsCode) {
+TEST_F(AgentEcusimTest, deniedRoutingAndANackAreFailuresWithTheirCodes) {
     start({"--deny-routing", "0x00"});
-    std::string reply = read_engine(0x02);
-    EXPECT_NE(reply.find(R"("error":"engine (0x7E0): routing activation denied by gateway )"
-                         "127.0.0.1:" +
-                         std::to_string(simulator_->port()) + ": code 0x00"),
-              std::string::npos)
-        << reply;
-}
-
-TEST_F(AgentEcusimTest, anUnknownTargetAddressIsNacked) {
+    std::string denied = read_engine(0x02);
+    EXPECT_TRUE(holds(denied, R"("error":"engine (0x7E0): routing activation denied by )" +
+                                  gateway() + ": code 0x00 (" + uozdoip::routing_code_name(0x00) +
+                                  ")\""))
+        << denied;
     start();
-    std::string reply = ask("0x0999", R"("doip":{"sa":"0x0E80","ta":"0x0999","gw-ip":"127.0.0.1"})",
-                            R"("version":{"uds":[{"did":"0xF189"}]})");
-    EXPECT_NE(reply.find("refused the request to 0x0999: NACK 0x03"), std::string::npos) << reply;
+    std::string nacked =
+        ask("0x0999", R"("doip":{"sa":"0x0E80","ta":"0x0999","gw-ip":"127.0.0.1"})",
+            R"("version":{"uds":[{"did":"0xF189"}]})");
+    EXPECT_TRUE(holds(nacked, gateway() + " refused the request to 0x0999: NACK 0x03 (" +
+                                  uozdoip::diag_nack_name(0x03) + ")"))
+        << nacked;
 }
 
-TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileIdle) {
-    start({"--alive-check", "200"});
-    EXPECT_EQ(data_of(read_engine(0x01, 0x08)).substr(0, 6), "5901FF");
-    for (int i = 0; i < 300 && connection()->alive_checks_answered() < 2; ++i)
+// The simulator asks for an alive check after 200 ms without traffic: while
+// the agent waits for a slow answer, and while it is idle.
+TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileWaitingAndWhileIdle) {
+    start({"--alive-check", "200", "--slow", "0x7E0:500", "--trace"});
+    EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
+    int while_waiting = connection()->alive_checks_answered();
+    EXPECT_GE(while_waiting, 1);
+    for (int i = 0; i < 300 && connection()->alive_checks_answered() <= while_waiting; ++i)
         std::this_thread::sleep_for(Millis(10));
-    EXPECT_GE(connection()->alive_checks_answered(), 2);
-    EXPECT_EQ(data_of(read_engine(0x01, 0x08)).substr(0, 6), "5901FF");
+    EXPECT_GT(connection()->alive_checks_answered(), while_waiting);
+    EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
     EXPECT_EQ(connection()->activations(), 1);  // the connection stayed up
+    EXPECT_TRUE(holds(simulator_->output(), "alive check response from 0x0E80"));
+}
+
+TEST_F(AgentEcusimTest, noAcknowledgeInItsTimeFailsTheRequest) {
+    settings_.ack_timeout = Millis(200);
+    start({"--no-ack", "--slow", "0x7E0:1500"});
+    std::string reply = read_engine(0x02);
+    EXPECT_TRUE(holds(reply, R"("error":"engine (0x7E0): no acknowledge from )" + gateway() +
+                                 " for 0x07E0 within 200 ms\""))
+        << reply;
 }
 
 // A silent ECU, and a gateway that is not there at all, are answered with a
@@ -266,74 +243,68 @@ TEST_F(AgentEcusimTest, anUnreachableEcuIsAnsweredWithinThreeSeconds) {
     auto started = Clock::now();
     std::string silent = read_engine(0x02);
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(3));
-    EXPECT_NE(silent.find(R"("error":"engine (0x7E0): no answer from the ECU within 1000 ms")"),
-              std::string::npos)
+    EXPECT_TRUE(holds(silent, R"("error":"engine (0x7E0): no answer from the ECU within 1000 ms")"))
         << silent;
-    EXPECT_EQ(silent.find("data-record"), std::string::npos);
-    int port = simulator_->port();
+    EXPECT_FALSE(holds(silent, "data-record"));
     simulator_.reset();
     started = Clock::now();
     std::string refused = read_engine(0x02);
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(3));
-    EXPECT_NE(refused.find("cannot connect to gateway 127.0.0.1:" + std::to_string(port) +
-                           ": Connection refused"),
-              std::string::npos)
+    EXPECT_TRUE(holds(refused, "cannot connect to " + gateway() + ": Connection refused"))
         << refused;
 }
 
-TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
-    start();
-    settings_.gateway.enabled = false;
-    TransportLinks links(settings_);
-    DiagAgent direct(settings_, links, KeyAlgorithms());
-    std::string error;
-    CanAddress can0{"can0", 0x7E0, 0x7E8, 0, 8};
-    if (IsotpLink::open(can0, &error))
-        GTEST_SKIP() << "this machine has can0; the failure case does not apply";
-    std::string reply = direct.answer_query(
-        R"({"type":"zelko.skyharbor-query","reply-id":"x","body":{"mode":"CAN","targetAddress":"0x07E0","can":)" +
-        can_block("0x7E0", "0x7E8") + R"(,"version":{"uds":[{"did":"0xF189"}]}}})");
-    EXPECT_NE(reply.find(R"("error":"engine (0x7E0): no CAN interface can0 on this machine)"),
-              std::string::npos)
-        << reply;
+TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {
+    DoipOptions remote;
+    remote.host = "192.0.2.1";  // documentation range; never contacted
+    DoipLink link(std::make_shared<DoipConnection>(remote), 0x07E0);
+    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, UdsTiming{});
+    EXPECT_FALSE(outcome.answered);
+    EXPECT_EQ(outcome.error,
+              "gateway 192.0.2.1:13400 is not on this machine, and the agent settings do not "
+              "allow remote gateways (\"doip\": {\"allow-remote\": true})");
 }
 
-TEST(IsotpTest, aMissingCanInterfaceIsLoggedOncePerInterface) {
+// Where the machine has no CAN: each query for a CAN ECU fails at once with
+// the reason, and the missing interface is logged once.
+TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
     std::string error;
-    CanAddress can0{"can0", 0x7E0, 0x7E8, 0, 8};
-    if (IsotpLink::open(can0, &error))
-        GTEST_SKIP() << "this machine has can0";
-    EcuTarget target;
-    target.label = "0x7E0";
-    target.transport = Transport::kCan;
-    target.can = can0;
-    TransportLinks links{AgentSettings{}};
+    if (IsotpLink::open({"can0", 0x7E0, 0x7E8, 0, 8}, &error))
+        GTEST_SKIP() << "this machine has can0; the failure case does not apply";
+    start();
+    settings_.gateway.enabled = false;
+    agent_ = std::make_unique<DiagAgent>(settings_, *links_, KeyAlgorithms());
     int level = uoz_dbg_level;
     uoz_dbg_level = UOZ_LOG_WARN;
     testing::internal::CaptureStdout();
-    for (int i = 0; i < 3; ++i) {
-        error.clear();
-        EXPECT_EQ(links.link_for(target, &error), nullptr);
-        EXPECT_EQ(error.rfind("no CAN interface can0 on this machine", 0), 0u) << error;
+    for (const char *ifname : {"can0", "can0", "can1"}) {
+        std::string block = can_block("0x7E0", "0x7E8");
+        block.replace(block.find("can0"), 4, ifname);
+        std::string reply =
+            ask("0x7E0", R"("can":)" + block, R"("version":{"uds":[{"did":"0xF189"}]})");
+        EXPECT_TRUE(holds(reply, std::string(R"("error":"engine (0x7E0): no CAN interface )") +
+                                     ifname + " on this machine"))
+            << reply;
     }
-    target.can.ifname = "can1";
-    links.link_for(target, &error);
     std::string log = testing::internal::GetCapturedStdout();
     uoz_dbg_level = level;
-    size_t first = log.find("no CAN interface can0 on this machine");
-    EXPECT_NE(first, std::string::npos) << log;
-    EXPECT_EQ(log.find("no CAN interface can0", first + 1), std::string::npos) << log;
-    EXPECT_NE(log.find("no CAN interface can1 on this machine"), std::string::npos) << log;
+    auto count = [&log](const std::string &text) {
+        size_t found = 0;
+        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+            ++found;
+        return found;
+    };
+    // One warning per interface, and one per failed query.
+    EXPECT_EQ(count("no CAN interface can0 on this machine"), 3u) << log;
+    EXPECT_EQ(count("no CAN interface can1 on this machine"), 2u) << log;
 }
 
+// With vcan0 and can-isotp a request goes out; nothing answers on a bare vcan.
 TEST(IsotpTest, readsAnEcuOverCanWhereTheKernelHasIt) {
     std::string error;
-    CanAddress vcan{"vcan0", 0x7E0, 0x7E8, 0, 8};
-    std::unique_ptr<IsotpLink> link = IsotpLink::open(vcan, &error);
+    std::unique_ptr<IsotpLink> link = IsotpLink::open({"vcan0", 0x7E0, 0x7E8, 0, 8}, &error);
     if (!link)
         GTEST_SKIP() << "no CAN ISO-TP here: " << error;
-    // With vcan0 and can-isotp, a request goes out; nothing answers on a
-    // bare vcan, so the wait ends without an answer.
     UdsTiming timing;
     timing.p2 = Millis(100);
     UdsOutcome outcome = uds_request(*link, {0x22, 0xF1, 0x89}, timing);

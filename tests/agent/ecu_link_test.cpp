@@ -19,15 +19,6 @@ UdsTiming fast_timing() {
     return timing;
 }
 
-TEST(UdsRequestTest, thePositiveAnswerIsTheOutcome) {
-    FakeLink link;
-    link.on("1902FF", {{{0x59, 0x02, 0xFF}}});
-    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, fast_timing());
-    EXPECT_TRUE(outcome.answered);
-    EXPECT_EQ(hex_text(outcome.response), "5902FF");
-    EXPECT_EQ(link.sent(), std::vector<std::string>{"1902FF"});
-}
-
 TEST(UdsRequestTest, responsePendingLongerThanP2WaitsWithP2Star) {
     FakeLink link;
     const Millis gap(40);  // three of them exceed P2 (60 ms) in total
@@ -41,33 +32,27 @@ TEST(UdsRequestTest, responsePendingLongerThanP2WaitsWithP2Star) {
     EXPECT_EQ(outcome.pending_answers, 3);
 }
 
-TEST(UdsRequestTest, pendingWithoutTheFinalAnswerFailsWithTheReason) {
-    FakeLink link;
-    link.on("3101FF00", {{{0x7F, 0x31, 0x78}}});
-    UdsOutcome outcome = uds_request(link, {0x31, 0x01, 0xFF, 0x00}, fast_timing());
-    EXPECT_FALSE(outcome.answered);
-    EXPECT_EQ(outcome.error, "the ECU said it would answer (response pending) but did not in time");
-}
-
-TEST(UdsRequestTest, noAnswerWithinP2Fails) {
-    FakeLink link;
-    UdsOutcome outcome = uds_request(link, {0x22, 0xF1, 0x90}, fast_timing());
-    EXPECT_FALSE(outcome.answered);
-    EXPECT_EQ(outcome.error, "no answer from the ECU within 60 ms");
-}
-
-TEST(UdsRequestTest, theOverallDeadlineEndsAnEndlessPendingChain) {
-    FakeLink link;
-    std::vector<FakeLink::Answer> endless(40, {{0x7F, 0x31, 0x78}, Millis(20)});
-    link.on("3101FF00", endless);
-    UdsTiming timing = fast_timing();
-    timing.overall = Millis(150);
-    UdsOutcome outcome = uds_request(link, {0x31, 0x01, 0xFF, 0x00}, timing);
-    EXPECT_FALSE(outcome.answered);
-    EXPECT_EQ(outcome.error,
-              "the ECU said it would answer (response pending) but did not in time (overall "
-              "limit 150 ms reached)");
-    EXPECT_LT(outcome.pending_answers, 40);
+// No answer, a pending answer without the final one, and an endless pending
+// chain that the overall deadline ends.
+TEST(UdsRequestTest, aMissingAnswerFailsWithTheReason) {
+    const std::tuple<std::vector<FakeLink::Answer>, int, std::string> cases[] = {
+        {{}, 2000, "no answer from the ECU within 60 ms"},
+        {{{{0x7F, 0x31, 0x78}}},
+         2000,
+         "the ECU said it would answer (response pending) but did not in time"},
+        {std::vector<FakeLink::Answer>(40, {{0x7F, 0x31, 0x78}, Millis(20)}), 150,
+         "the ECU said it would answer (response pending) but did not in time (overall limit "
+         "150 ms reached)"}};
+    for (const auto &[answers, overall, error] : cases) {
+        FakeLink link;
+        link.on("3101FF00", answers);
+        UdsTiming timing = fast_timing();
+        timing.overall = Millis(overall);
+        UdsOutcome outcome = uds_request(link, {0x31, 0x01, 0xFF, 0x00}, timing);
+        EXPECT_FALSE(outcome.answered);
+        EXPECT_EQ(outcome.error, error);
+        EXPECT_LT(outcome.pending_answers, 40);
+    }
 }
 
 TEST(UdsRequestTest, busyIsRetriedAFewTimesThenAnswered) {

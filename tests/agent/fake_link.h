@@ -38,11 +38,11 @@ class FakeLink : public EcuLink {
         }
         auto found = script_.find(hex_text(request));
         pending_.clear();
-        if (found == script_.end())
-            return true;
-        pending_.assign(found->second.front().begin(), found->second.front().end());
-        if (found->second.size() > 1)
-            found->second.pop_front();
+        if (found != script_.end()) {
+            pending_.assign(found->second.front().begin(), found->second.front().end());
+            if (found->second.size() > 1)
+                found->second.pop_front();
+        }
         return true;
     }
     bool receive(Clock::time_point until, Bytes *response, std::string *,
@@ -58,9 +58,8 @@ class FakeLink : public EcuLink {
         pending_.pop_front();
         hold.unlock();
         int now_waiting = ++waiting_;
-        int most = most_waiting_.load();
-        while (now_waiting > most && !most_waiting_.compare_exchange_weak(most, now_waiting)) {
-        }
+        for (int most = most_waiting_; now_waiting > most;)
+            most_waiting_.compare_exchange_weak(most, now_waiting);
         std::this_thread::sleep_for(answer.delay);
         --waiting_;
         *response = answer.bytes;
@@ -89,17 +88,14 @@ class FakeLink : public EcuLink {
 class FakeLinks : public LinkProvider {
   public:
     std::shared_ptr<FakeLink> add(const std::string &label) {
-        auto link = std::make_shared<FakeLink>();
-        links_[label] = link;
-        return link;
+        return links_[label] = std::make_shared<FakeLink>();
     }
     std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) override {
         auto found = links_.find(target.label);
-        if (found == links_.end()) {
-            *error = "no link to " + target.label;
-            return nullptr;
-        }
-        return found->second;
+        if (found != links_.end())
+            return found->second;
+        *error = "no link to " + target.label;
+        return nullptr;
     }
 
   private:

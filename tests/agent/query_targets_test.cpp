@@ -93,19 +93,6 @@ TEST(QueryTargetsTest, anUnroutedIocEcuCannotBeReachedAndSaysHowToFixIt) {
               "settings' \"gateway\"");
 }
 
-TEST(QueryTargetsTest, routingEveryEcuUsesTheTargetAddressOfTheConfiguration) {
-    AgentSettings settings;
-    settings.learn_ecus(kEcus);
-    settings.gateway.enabled = true;
-    settings.gateway.all = true;
-    settings.gateway.host = "127.0.0.1";
-    bool broadcast = false;
-    auto targets = targets_of(kAllQuery, settings, &broadcast);
-    ASSERT_EQ(targets.size(), 2u);
-    EXPECT_EQ(targets[0].doip.logical_address, 0x7E0);
-    EXPECT_EQ(targets[1].doip.logical_address, 0x20);
-}
-
 TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
     bool broadcast = false;
     auto targets = targets_of(

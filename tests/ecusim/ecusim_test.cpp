@@ -1,277 +1,373 @@
-// uoz-ecusim as a process, over loopback: its DoIP entity, its ECUs and each
-// misbehaviour switch, seen from a tester built on the shared framing library.
+// uoz-ecusim as a process over loopback: its DoIP entity, its ECUs and each
+// misbehaviour switch, byte for byte, seen from a tester built on the shared
+// framing library.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <fstream>
 #include <map>
+#include <optional>
+#include <sstream>
 #include <thread>
 
-#include "ecusim_support.h"
+#include "doip.h"
+#include "hex_bytes.h"
+#include "hex_text.h"
+#include "processes.h"
 
 namespace uoztest {
 namespace {
 
+using Bytes = std::vector<uint8_t>;
+using uozdoip::Message;
+using Activation = std::optional<uozdoip::RoutingActivationResponse>;
+
 constexpr uint16_t kEngine = 0x07E0;
 constexpr uint16_t kTransmission = 0x07E1;
-constexpr uint16_t kTelematics = 0x1001;
 
-using uozdoip::Message;
-
-void expect_ack(Tester &tester, uint16_t from) {
-    std::optional<Message> message = tester.receive();
-    ASSERT_TRUE(message);
-    auto ack = uozdoip::parse_diagnostic_ack(*message);
-    ASSERT_TRUE(ack) << uozdoip::payload_type_name(message->payload_type);
-    EXPECT_FALSE(ack->negative);
-    EXPECT_EQ(ack->source, from);
-    EXPECT_EQ(ack->target, 0x0E80);
+std::string spaced(const Bytes &bytes) {
+    return uozuds::hex_spaced(bytes.data(), bytes.size());
 }
 
-Bytes answer_of(const std::optional<Message> &message) {
-    if (!message)
-        return {};
-    auto diagnostic = uozdoip::parse_diagnostic_message(*message);
-    return diagnostic ? diagnostic->data : Bytes{};
+std::string without_spaces(std::string text) {
+    text.erase(std::remove(text.begin(), text.end(), ' '), text.end());
+    return text;
 }
 
-TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyOnSigterm) {
-    EcuSim sim;
-    EXPECT_EQ(sim.stop(SIGTERM), 0);
-    std::string output = sim.output();
-    EXPECT_NE(output.find("uoz-ecusim: listening on 127.0.0.1:" + std::to_string(sim.port()) +
-                          " (TCP and UDP), gateway 0x1000, ECUs: engine 0x07E0, transmission "
-                          "0x07E1, body 0x07E2, gateway 0x0020, telematics 0x1001\n"),
-              std::string::npos)
-        << output;
-    EXPECT_NE(output.find("uoz-ecusim: stopped\n"), std::string::npos);
+// The simulator with its stderr apart, so that a test can check it stayed empty.
+class EcuSim : public EcuSimulator {
+  public:
+    explicit EcuSim(const std::vector<std::string> &arguments = {})
+        : EcuSimulator(UOZ_ECUSIM_PATH, arguments, ChildProcess::Stderr::kOwnFile) {}
+};
+
+// A file that is removed with the object.
+class TempFile {
+  public:
+    explicit TempFile(const std::string &text)
+        : path_("/tmp/ecusim-file-" + std::to_string(getpid()) + "-" + std::to_string(++count_)) {
+        std::ofstream(path_) << text;
+    }
+    ~TempFile() { unlink(path_.c_str()); }
+    const std::string &path() const { return path_; }
+
+  private:
+    static inline int count_ = 0;
+    std::string path_;
+};
+
+// A DoIP tester on one TCP connection.
+class Tester {
+  public:
+    explicit Tester(int port) {
+        fd_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(fd_.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    }
+    bool send(const Bytes &bytes) { return uozdoip::write_all(fd_.get(), bytes); }
+    // The next whole message; nullopt on timeout or close.
+    std::optional<Message> receive(int timeout_ms = 3000) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+        Message message;
+        while (reader_.next(message) != uozdoip::FrameReader::Result::kMessage) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd wait_for{fd_.get(), POLLIN, 0};
+            if (left.count() <= 0 || poll(&wait_for, 1, static_cast<int>(left.count())) <= 0 ||
+                uozdoip::read_into(fd_.get(), reader_) <= 0)
+                return std::nullopt;
+        }
+        return message;
+    }
+    // Every byte the simulator writes (hex), and "closed" when it closes the
+    // connection: read until the expected text is complete, then until 300 ms
+    // pass quietly (3 s while the text is incomplete or a close is expected).
+    std::string drain(const std::string &expected = "") {
+        Bytes got;
+        uint8_t buffer[4096];
+        pollfd wait_for{fd_.get(), POLLIN, 0};
+        bool closes = expected.find("closed") != std::string::npos;
+        auto wait_ms = [&] { return closes || got.size() * 2 < expected.size() ? 3000 : 300; };
+        while (poll(&wait_for, 1, wait_ms()) == 1) {
+            ssize_t size = recv(fd_.get(), buffer, sizeof(buffer), 0);
+            if (size <= 0)
+                return uozuds::hex_compact(got.data(), got.size()) + "closed";
+            got.insert(got.end(), buffer, buffer + size);
+            ++reads_;
+        }
+        return uozuds::hex_compact(got.data(), got.size());
+    }
+    bool closed_by_peer() {
+        std::string rest = drain("closed");
+        return rest.size() >= 6 && rest.compare(rest.size() - 6, 6, "closed") == 0;
+    }
+    Activation activate(uint16_t source = 0x0E80) {
+        send(uozdoip::encode(uozdoip::RoutingActivationRequest{source, 0x00, 0, std::nullopt}));
+        std::optional<Message> answer = receive();
+        return answer ? uozdoip::parse_routing_activation_response(*answer) : std::nullopt;
+    }
+    bool request(uint16_t target, const Bytes &uds) {
+        return send(uozdoip::encode(uozdoip::DiagnosticMessage{0x0E80, target, uds}));
+    }
+    // The UDS answer of target after its ACK, response-pending answers
+    // skipped and counted; empty on NACK, timeout or close.
+    std::string exchange(uint16_t target, const std::string &uds, int *pending = nullptr) {
+        Bytes sent = hex_bytes(uds);
+        request(target, sent);
+        for (std::optional<Message> message; (message = receive());) {
+            if (message->payload_type == uozdoip::payload::kDiagnosticNack)
+                break;
+            auto answer = uozdoip::parse_diagnostic_message(*message);
+            if (!answer || answer->source != target)
+                continue;
+            if (answer->data == Bytes{0x7F, sent[0], 0x78} && pending != nullptr)
+                ++*pending;
+            else if (answer->data != Bytes{0x7F, sent[0], 0x78})
+                return spaced(answer->data);
+        }
+        return "";
+    }
+    int reads() const { return reads_; }
+
+  private:
+    uozdoip::ScopedFd fd_;
+    uozdoip::FrameReader reader_;
+    int reads_ = 0;
+};
+
+// DoIP messages as these tests spell them.
+std::string activation(const std::string &source, const std::string &type = "00") {
+    return "02FD0005 00000007 " + source + type + " 00000000";
+}
+std::string denied(const std::string &tester, const std::string &code) {
+    return "02FD0006 00000009 " + tester + " 1000 " + code + " 00000000 closed";
+}
+std::string tester_present(const std::string &target) {
+    return "02FD8001 00000006 0E80 " + target + " 3E00";
+}
+std::string nack(const std::string &target, const std::string &code) {
+    return "02FD8003 00000005 " + target + " 0E80 " + code;
 }
 
-TEST(EcuSimStart, StopsOnSigintWhileAnEcuIsBusy) {
+const std::string kActivate = activation("0E80");
+const std::string kActivated = "02FD0006 00000009 0E80 1000 10 00000000";
+const std::string kTesterPresent = tester_present("07E0");
+const std::string kAck = "02FD8002 00000005 07E0 0E80 00 ";
+const std::string kAnswer = "02FD8001 00000006 07E0 0E80 7E00 ";
+const std::string kPending = "02FD8001 00000007 07E0 0E80 7F3E78 ";
+const std::string kNewerVersion =
+    "03FC0005 00000007 0E80 00 00000000 03FC8001 00000006 0E80 07E0 3E00";
+const std::string kNewerAnswers =
+    "03FC0006 00000009 0E80 1000 10 00000000 "
+    "03FC8002 00000005 07E0 0E80 00 03FC8001 00000006 07E0 0E80 7E00";
+
+// SIGINT stops it cleanly even while an ECU is at work (SIGTERM ends every
+// other test).
+TEST(EcuSimStart, PrintsWhereItListensAndStopsCleanlyWhileAnEcuIsBusy) {
     EcuSim sim({"--slow", "all:60000"});
     Tester tester(sim.port());
     ASSERT_TRUE(tester.activate());
-    ASSERT_TRUE(tester.request(kEngine, {0x3E, 0x00}));
-    expect_ack(tester, kEngine);
+    ASSERT_TRUE(tester.send(hex_bytes(kTesterPresent)));
+    EXPECT_EQ(tester.drain(without_spaces(kAck)), without_spaces(kAck));
     EXPECT_EQ(sim.stop(SIGINT), 0);
     EXPECT_TRUE(tester.closed_by_peer());
+    EXPECT_NE(sim.output().find("uoz-ecusim: listening on 127.0.0.1:" + std::to_string(sim.port()) +
+                                " (TCP and UDP), gateway 0x1000, ECUs: engine 0x07E0, "
+                                "transmission 0x07E1, body 0x07E2, gateway 0x0020, telematics "
+                                "0x1001\n"),
+              std::string::npos)
+        << sim.output();
+    EXPECT_NE(sim.output().find("uoz-ecusim: stopped\n"), std::string::npos);
 }
 
-struct UsageCase {
-    std::string name;
-    std::vector<std::string> arguments;
-    int code;
-    std::string error;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const UsageCase &c, std::ostream *os) {
-    *os << c.name;
+// uoz-ecusim run to its end: exit code and what it said.
+std::pair<int, std::string> run_ecusim(const std::vector<std::string> &arguments) {
+    std::vector<std::string> argv = {UOZ_ECUSIM_PATH};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    ChildProcess ecusim(argv, ChildProcess::Stderr::kOwnFile);
+    int code = ecusim.wait();
+    return {code, ecusim.errors() + ecusim.output()};
 }
 
-class EcuSimUsage : public ::testing::TestWithParam<UsageCase> {};
-
-TEST_P(EcuSimUsage, ExitsWithItsCodeAndSaysWhy) {
-    RunResult result = run_ecusim(GetParam().arguments);
-    EXPECT_EQ(result.code, GetParam().code) << result.errors;
-    EXPECT_NE(result.errors.find(GetParam().error), std::string::npos) << result.errors;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, EcuSimUsage,
-    ::testing::Values(
-        UsageCase{"version", {"--version"}, 0, "uoz-ecusim 1.0.0"},
-        UsageCase{"help", {"--help"}, 0, "--drop-mid"},
-        UsageCase{"unknown_option", {"--bogus"}, 2, "--bogus"},
-        UsageCase{"bad_listen",
-                  {"--listen", "127.0.0.1:99999"},
-                  2,
-                  "--listen: \"127.0.0.1:99999\" is not ADDR:PORT"},
-        UsageCase{"bad_nack", {"--nack", "0x7E1"}, 2, "--nack: \"0x7E1\" is not TARGET:VALUE"},
-        UsageCase{"bad_nack_code", {"--nack", "0x7E1:0x100"}, 2, "\"0x100\" is too large"},
-        UsageCase{"bad_slow", {"--slow", "0x7E1:fast"}, 2, "\"fast\" is not a number"},
-        UsageCase{"drop_zero", {"--drop-mid", "0"}, 2, "requests are counted from 1"},
-        UsageCase{"missing_vehicle",
-                  {"--vehicle", "/nonexistent.json"},
-                  1,
-                  "uoz-ecusim: cannot read /nonexistent.json"},
-        UsageCase{"unresolvable_host",
-                  {"--listen", "no.such.host.invalid:0"},
-                  1,
-                  "uoz-ecusim: cannot listen on no.such.host.invalid:0"}),
-    [](const auto &info) { return info.param.name; });
-
-TEST(EcuSimStartErrors, BadVehicleFileNamesTheFileAndThePlace) {
+TEST(EcuSimStart, UsageAndStartErrorsExitWithTheirCodeAndSayWhy) {
+    const struct {
+        std::vector<std::string> arguments;
+        int code;
+        std::string error;
+    } cases[] = {
+        {{"--version"}, 0, "uoz-ecusim 1.0.0"},
+        {{"--help"}, 0, "--drop-mid"},
+        {{"--bogus"}, 2, "--bogus"},
+        {{"--listen", "127.0.0.1:99999"}, 2, "--listen: \"127.0.0.1:99999\" is not ADDR:PORT"},
+        {{"--nack", "0x7E1"}, 2, "--nack: \"0x7E1\" is not TARGET:VALUE"},
+        {{"--nack", "0x7E1:0x100"}, 2, "\"0x100\" is too large"},
+        {{"--slow", "0x7E1:fast"}, 2, "\"fast\" is not a number"},
+        {{"--drop-mid", "0"}, 2, "requests are counted from 1"},
+        {{"--vehicle", "/nonexistent.json"}, 1, "uoz-ecusim: cannot read /nonexistent.json"},
+        {{"--listen", "no.such.host.invalid:0"},
+         1,
+         "uoz-ecusim: cannot listen on no.such.host.invalid:0"},
+    };
+    for (const auto &row : cases) {
+        auto [code, said] = run_ecusim(row.arguments);
+        EXPECT_EQ(code, row.code) << row.arguments[0] << ": " << said;
+        EXPECT_NE(said.find(row.error), std::string::npos) << said;
+    }
     TempFile vehicle(R"({"ecus": [{"name": "e", "targetAddress": "0x7E0", "phy-req-id": "1",
                                   "dtcs": [{"code": "0x017100", "status": "0x09"}]}]})");
-    RunResult result = run_ecusim({"--vehicle", vehicle.path()});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.errors, "uoz-ecusim: " + vehicle.path() +
-                                 ": ECU \"e\" DTC 0x017100: status 0x09: testFailed without "
-                                 "testFailedThisOperationCycle\n");
-}
-
-TEST(EcuSimStartErrors, PortInUseIsACannotStart) {
+    EXPECT_EQ(run_ecusim({"--vehicle", vehicle.path()}),
+              std::make_pair(1, "uoz-ecusim: " + vehicle.path() +
+                                    ": ECU \"e\" DTC 0x017100: status 0x09: testFailed without "
+                                    "testFailedThisOperationCycle\n"));
     EcuSim first;
-    RunResult result = run_ecusim({"--listen", "127.0.0.1:" + std::to_string(first.port())});
-    EXPECT_EQ(result.code, 1);
-    EXPECT_NE(result.errors.find("cannot listen on 127.0.0.1:" + std::to_string(first.port()) +
-                                 ": Address already in use"),
+    auto [code, said] = run_ecusim({"--listen", "127.0.0.1:" + std::to_string(first.port())});
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(said.find("cannot listen on 127.0.0.1:" + std::to_string(first.port()) +
+                        ": Address already in use"),
               std::string::npos)
-        << result.errors;
+        << said;
 }
 
 class EcuSimTest : public ::testing::Test {
   protected:
     // The simulator ends cleanly and says nothing on stderr, whatever the test did.
     void TearDown() override {
-        if (!sim_)
-            return;
         tester_.reset();
-        EXPECT_EQ(sim_->stop(SIGTERM), 0);
-        EXPECT_EQ(sim_->errors(), "");
+        if (sim_) {
+            EXPECT_EQ(sim_->stop(SIGTERM), 0);
+            EXPECT_EQ(sim_->errors(), "");
+        }
     }
-    void start(const std::vector<std::string> &arguments = {}) {
+    void start(const std::vector<std::string> &arguments = {}, bool activate = true) {
         sim_ = std::make_unique<EcuSim>(arguments);
         tester_ = std::make_unique<Tester>(sim_->port());
-        ASSERT_TRUE(tester_->connected());
-    }
-    void activated(const std::vector<std::string> &arguments = {}) {
-        start(arguments);
-        auto response = tester_->activate();
-        ASSERT_TRUE(response);
-        ASSERT_EQ(response->code, 0x10);
+        if (activate) {
+            Activation response = tester_->activate();
+            ASSERT_TRUE(response);
+            ASSERT_EQ(response->code, 0x10);
+        }
     }
     std::unique_ptr<EcuSim> sim_;
     std::unique_ptr<Tester> tester_;
 };
 
-TEST_F(EcuSimTest, RoutingActivationGivesTheGatewayAddress) {
-    start();
-    auto response = tester_->activate(0x0E80);
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->code, 0x10);
-    EXPECT_EQ(response->tester, 0x0E80);
-    EXPECT_EQ(response->entity, 0x1000);
-}
-
-struct DeniedCase {
+// What the tester sends (after routing activation and `before` tester-present
+// exchanges; before -1: without activation) and the exact bytes the simulator
+// writes back, "closed" when it then closes the connection.
+struct Scenario {
     std::string name;
-    std::vector<std::string> arguments;
-    uint16_t source;
-    uint8_t type;
-    uint8_t code;
+    std::string switches;
+    int before;
+    std::string sent;
+    std::string written;
+    int reads = 0;  // when not 0: the reads all of it took
 };
 
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const DeniedCase &c, std::ostream *os) {
+void PrintTo(const Scenario &c, std::ostream *os) {
     *os << c.name;
 }
 
-class EcuSimRoutingDenied : public EcuSimTest, public ::testing::WithParamInterface<DeniedCase> {};
+const Scenario kScenarios[] = {
+    {"activation", "", -1, kActivate, kActivated},
+    {"activation_again", "", 1, kActivate, kActivated},
+    {"deny_switch", "--deny-routing 0x04", -1, kActivate, denied("0E80", "04")},
+    {"deny_tls_required", "--deny-routing 0x07", -1, kActivate, denied("0E80", "07")},
+    {"unknown_source", "", -1, activation("0100"), denied("0100", "00")},
+    {"unsupported_type", "", -1, activation("0E80", "42"), denied("0E80", "06")},
+    {"second_source", "", 0, activation("0E81"), denied("0E81", "02")},
+    {"diagnostic_before_activation", "", -1, kTesterPresent, nack("07E0", "02") + "closed"},
+    {"testers_protocol_version", "", -1, kNewerVersion, kNewerAnswers},
+    {"unknown_target", "", 0, tester_present("0777"), nack("0777", "03")},
+    {"nack_switch", "--nack 0x7E1:0x06", 0, tester_present("07E1"), nack("07E1", "06")},
+    {"tester_sends_bad_version", "", 0, "02FC" + kTesterPresent.substr(4),
+     "02FD0000 00000001 00 closed"},
+    {"unknown_payload_type", "", 0, "02FD1234 00000000", "02FD0000 00000001 01"},
+    {"coalesce", "--coalesce", 0, kTesterPresent, kAck + kAnswer, 1},
+    {"split", "--split", 0, kTesterPresent, kAck + kAnswer},
+    {"no_ack", "--no-ack", 0, kTesterPresent, kAnswer},
+    {"ack_after_answer", "--ack-after-answer", 0, kTesterPresent, kAnswer + kAck},
+    {"pending", "--pending 2 --pending-interval 60", 0, kTesterPresent,
+     kAck + kPending + kPending + kAnswer},
+    {"drop_mid", "--drop-mid 2", 1, kTesterPresent, kAck + "closed"},
+    {"drop_after", "--drop-after 1", 0, kTesterPresent, kAck + kAnswer + "closed"},
+    {"cut_answer", "--cut-answer 1", 0, kTesterPresent, kAck + "02FD8001 000000 closed"},
+    {"bad_version", "--bad-version 2", 1, kTesterPresent,
+     kAck + "02028001 00000006 07E0 0E80 7E00"},
+};
 
-TEST_P(EcuSimRoutingDenied, AnswersTheCodeAndCloses) {
-    start(GetParam().arguments);
-    auto response = tester_->activate(GetParam().source, GetParam().type);
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->code, GetParam().code);
-    EXPECT_TRUE(tester_->closed_by_peer());
+class EcuSimScenario : public EcuSimTest, public ::testing::WithParamInterface<Scenario> {};
+
+TEST_P(EcuSimScenario, WritesTheExactBytes) {
+    const Scenario &row = GetParam();
+    std::vector<std::string> switches;
+    std::istringstream words(row.switches);
+    for (std::string word; words >> word;)
+        switches.push_back(word);
+    start(switches, row.before >= 0);
+    for (int i = 0; i < row.before; ++i)
+        EXPECT_EQ(tester_->exchange(kEngine, "3E 00"), "7E 00");
+    ASSERT_TRUE(tester_->send(hex_bytes(row.sent)));
+    int reads_before = tester_->reads();
+    std::string written = tester_->drain(without_spaces(row.written));
+    EXPECT_EQ(written, without_spaces(row.written));
+    EXPECT_TRUE(row.reads == 0 || tester_->reads() - reads_before == row.reads) << row.reads;
+    bool serving = row.before >= 0 && written.find("closed") == std::string::npos;
+    EXPECT_EQ(serving ? tester_->exchange(kEngine, "3E 00") : "", serving ? "7E 00" : "");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Table, EcuSimRoutingDenied,
-    ::testing::Values(DeniedCase{"switch", {"--deny-routing", "0x04"}, 0x0E80, 0x00, 0x04},
-                      DeniedCase{"tls_required", {"--deny-routing", "0x07"}, 0x0E80, 0x00, 0x07},
-                      DeniedCase{"unknown_source", {}, 0x0100, 0x00, 0x00},
-                      DeniedCase{"unsupported_type", {}, 0x0E80, 0x42, 0x06}),
-    [](const auto &info) { return info.param.name; });
-
-TEST_F(EcuSimTest, ActivatingAgainWithTheSameSourceSucceeds) {
-    activated();
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-    auto again = tester_->activate(0x0E80);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->code, 0x10);
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-}
-
-TEST_F(EcuSimTest, SecondActivationWithAnotherSourceIsRefused) {
-    activated();
-    auto response = tester_->activate(0x0E81);
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->code, 0x02);
-    EXPECT_TRUE(tester_->closed_by_peer());
-}
+INSTANTIATE_TEST_SUITE_P(Table, EcuSimScenario, ::testing::ValuesIn(kScenarios),
+                         [](const auto &info) { return info.param.name; });
 
 TEST_F(EcuSimTest, SeventeenthTesterIsDeniedWhileSixteenAreActive) {
-    activated();  // 0x0E80
+    start();  // 0x0E80
     std::vector<std::unique_ptr<Tester>> others;
     for (uint16_t source = 0x0E81; source < 0x0E80 + 16; ++source) {
         others.push_back(std::make_unique<Tester>(sim_->port()));
-        auto response = others.back()->activate(source);
+        Activation response = others.back()->activate(source);
         ASSERT_TRUE(response);
         ASSERT_EQ(response->code, 0x10) << source;
     }
     Tester one_too_many(sim_->port());
-    auto refused = one_too_many.activate(0x0EFF);
+    Activation refused = one_too_many.activate(0x0EFF);
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->code, 0x01);
     EXPECT_TRUE(one_too_many.closed_by_peer());
-    others.pop_back();  // a tester leaves: its place is free again, once the entity sees it go
-    std::optional<uozdoip::RoutingActivationResponse> accepted;
+    others.pop_back();  // a tester leaves: its place is free once the entity sees it go
+    Activation accepted;
     for (int attempt = 0; attempt < 50 && !(accepted && accepted->code == 0x10); ++attempt) {
-        Tester candidate(sim_->port());
-        accepted = candidate.activate(0x0EFE);
-        if (!accepted || accepted->code != 0x10)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(attempt == 0 ? 0 : 20));
+        accepted = Tester(sim_->port()).activate(0x0EFE);
     }
     ASSERT_TRUE(accepted);
     EXPECT_EQ(accepted->code, 0x10);
 }
 
-TEST_F(EcuSimTest, DiagnosticMessageBeforeActivationIsNackedAndClosed) {
-    start();
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    auto message = tester_->receive();
-    ASSERT_TRUE(message);
-    auto nack = uozdoip::parse_diagnostic_ack(*message);
-    ASSERT_TRUE(nack);
-    EXPECT_TRUE(nack->negative);
-    EXPECT_EQ(nack->code, 0x02);
-    EXPECT_TRUE(tester_->closed_by_peer());
-}
-
-TEST_F(EcuSimTest, EcusAnswerBehindTheGateway) {
-    activated();
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F189"))),
-              "62 F1 89 45 4E 47 2D 32 2E 34 2E 31");
-    EXPECT_EQ(hex_text(tester_->exchange(kTelematics, hex_bytes("22 F189"))),
-              "62 F1 89 54 43 4D 2D 37 2E 30 2E 30");
-    EXPECT_EQ(hex_text(tester_->exchange(kTransmission, hex_bytes("19 14"))), "7F 19 12");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("19 01 08"))), "59 01 FF 01 00 02");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("10 03"))), "50 03 00 32 01 F4");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("27 02 00 00 00 00"))), "7F 27 24");
-}
-
 // A request to the functional address reaches every ECU; each answers from
 // its own address, and one that does not support it stays silent.
 TEST_F(EcuSimTest, FunctionalRequestIsAnsweredByEveryEcuThatSupportsIt) {
-    activated();
+    start();
     ASSERT_TRUE(tester_->request(0xE400, hex_bytes("19 14")));
-    auto ack = tester_->receive();
+    std::optional<Message> ack = tester_->receive();
     ASSERT_TRUE(ack);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*ack)), "02 FD 80 02 00 00 00 05 E4 00 0E 80 00");
+    EXPECT_EQ(spaced(uozdoip::encode_message(*ack)), "02 FD 80 02 00 00 00 05 E4 00 0E 80 00");
     std::map<uint16_t, std::string> answers;
     for (int i = 0; i < 4; ++i) {  // five ECUs; the transmission has no report 0x14
-        auto message = tester_->receive();
+        std::optional<Message> message = tester_->receive();
         ASSERT_TRUE(message);
         auto answer = uozdoip::parse_diagnostic_message(*message);
         ASSERT_TRUE(answer);
         EXPECT_EQ(answer->target, 0x0E80);
-        answers[answer->source] = hex_text(answer->data);
+        answers[answer->source] = spaced(answer->data);
     }
     EXPECT_EQ(answers, (std::map<uint16_t, std::string>{{0x07E0, "59 14 01 13 00 32"},
                                                         {0x07E2, "59 14"},
@@ -280,301 +376,119 @@ TEST_F(EcuSimTest, FunctionalRequestIsAnsweredByEveryEcuThatSupportsIt) {
     EXPECT_FALSE(tester_->receive(300));  // nothing from 0x07E1
 }
 
-TEST_F(EcuSimTest, UnknownTargetIsNackedAndTheConnectionStays) {
-    activated();
-    ASSERT_TRUE(tester_->request(0x0777, {0x3E, 0x00}));
-    auto message = tester_->receive();
-    ASSERT_TRUE(message);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*message)),
-              "02 FD 80 03 00 00 00 05 07 77 0E 80 03");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-}
-
-TEST_F(EcuSimTest, NackSwitchRefusesOneTargetWithItsCode) {
-    activated({"--nack", "0x7E1:0x06"});
-    ASSERT_TRUE(tester_->request(kTransmission, {0x3E, 0x00}));
-    auto nack = uozdoip::parse_diagnostic_ack(*tester_->receive());
-    ASSERT_TRUE(nack);
-    EXPECT_TRUE(nack->negative);
-    EXPECT_EQ(nack->source, kTransmission);
-    EXPECT_EQ(nack->code, 0x06);
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-}
-
-TEST_F(EcuSimTest, BadVersionPairGetsGenericNackAndClose) {
-    activated();
-    ASSERT_TRUE(tester_->send(hex_bytes("02 FC 80 01 00 00 00 06 0E 80 07 E0 3E 00")));
-    auto message = tester_->receive();
-    ASSERT_TRUE(message);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*message)), "02 FD 00 00 00 00 00 01 00");
-    EXPECT_TRUE(tester_->closed_by_peer());
-}
-
 TEST_F(EcuSimTest, OversizedMessageGetsGenericNackAndFramingGoesOn) {
-    activated();
+    start();
     Bytes huge = hex_bytes("02 FD 80 01 00 01 00 01");  // one byte above the 64 KiB cap
     huge.resize(huge.size() + 0x10001, 0x3E);
     ASSERT_TRUE(tester_->send(huge));
-    auto message = tester_->receive();
+    std::optional<Message> message = tester_->receive();
     ASSERT_TRUE(message);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*message)), "02 FD 00 00 00 00 00 01 02");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
+    EXPECT_EQ(spaced(uozdoip::encode_message(*message)), "02 FD 00 00 00 00 00 01 02");
+    EXPECT_EQ(tester_->exchange(kEngine, "3E 00"), "7E 00");
 }
 
-TEST_F(EcuSimTest, UnknownPayloadTypeGetsGenericNack) {
-    activated();
-    ASSERT_TRUE(tester_->send(hex_bytes("02 FD 12 34 00 00 00 00")));
-    auto message = tester_->receive();
-    ASSERT_TRUE(message);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*message)), "02 FD 00 00 00 00 00 01 01");
-}
-
-TEST_F(EcuSimTest, AnswersInTheTestersProtocolVersion) {
-    start();
-    ASSERT_TRUE(tester_->send(
-        uozdoip::encode(uozdoip::RoutingActivationRequest{0x0E80, 0x00, 0, std::nullopt}, 0x03)));
-    auto activation = tester_->receive();
-    ASSERT_TRUE(activation);
-    EXPECT_EQ(activation->version, 0x03);
-    ASSERT_TRUE(tester_->send(
-        uozdoip::encode(uozdoip::DiagnosticMessage{0x0E80, kEngine, {0x3E, 0x00}}, 0x03)));
-    auto ack = tester_->receive();
-    ASSERT_TRUE(ack);
-    EXPECT_EQ(ack->version, 0x03);
-}
-
-// ---- Misbehaviour switches ----
-
-TEST_F(EcuSimTest, CoalescedAckAndAnswerArriveInOneWrite) {
-    activated({"--coalesce"});
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    // One write of both: the bytes of the ACK and the answer are in the
-    // socket together, so one read returns both.
-    pollfd wait_for{tester_->fd(), POLLIN, 0};
-    ASSERT_EQ(poll(&wait_for, 1, 3000), 1);
-    uint8_t buffer[256];
-    ssize_t got = recv(tester_->fd(), buffer, sizeof(buffer), 0);
-    EXPECT_EQ(hex_text(Bytes(buffer, buffer + (got > 0 ? got : 0))),
-              "02 FD 80 02 00 00 00 05 07 E0 0E 80 00 02 FD 80 01 00 00 00 06 07 E0 0E 80 7E 00");
-}
-
-TEST_F(EcuSimTest, SplitWritesStillFrameToTheSameMessages) {
-    activated({"--split"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("19 02 01"))),
-              "59 02 FF 03 01 00 2F 01 71 00 2B");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("3E 00"))), "7E 00");
-}
-
-TEST_F(EcuSimTest, NoAckSendsTheAnswerAlone) {
-    activated({"--no-ack"});
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    EXPECT_EQ(hex_text(answer_of(tester_->receive())), "7E 00");
-}
-
-TEST_F(EcuSimTest, AckAfterAnswerSendsTheAnswerFirst) {
-    activated({"--ack-after-answer"});
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    EXPECT_EQ(hex_text(answer_of(tester_->receive())), "7E 00");
-    expect_ack(*tester_, kEngine);
-}
-
-TEST_F(EcuSimTest, PendingChainPrecedesEveryAnswer) {
-    activated({"--pending", "3", "--pending-interval", "60"});
-    int pending = 0;
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F191"), &pending)),
-              "62 F1 91 42 33");
-    EXPECT_EQ(pending, 3);
+TEST_F(EcuSimTest, SlowEcuDoesNotHoldUpAnotherOnTheSameConnection) {
+    start({"--slow", "0x7E1:800"});
+    ASSERT_TRUE(tester_->send(hex_bytes(tester_present("07E1"))));
+    EXPECT_EQ(tester_->drain("02FD80020000000507E10E8000"), "02FD80020000000507E10E8000");
+    EXPECT_EQ(tester_->exchange(kEngine, "3E 00"), "7E 00");
+    std::optional<Message> slow = tester_->receive();
+    ASSERT_TRUE(slow);
+    EXPECT_EQ(uozdoip::parse_diagnostic_message(*slow)->source, kTransmission);
 }
 
 TEST_F(EcuSimTest, SlowRoutineAnswersResponsePendingFirst) {
     TempFile vehicle(R"({"ecus": [{"name": "e", "targetAddress": "0x7E0", "phy-req-id": "1",
         "routine-control": {"0xFF01": {"start": "01", "results": "00", "duration-ms": 300}}}]})");
-    activated({"--vehicle", vehicle.path()});
+    start({"--vehicle", vehicle.path()});
     int pending = 0;
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("31 01 FF 01"), &pending)),
-              "71 01 FF 01 01");
+    EXPECT_EQ(tester_->exchange(kEngine, "31 01 FF 01", &pending), "71 01 FF 01 01");
     EXPECT_EQ(pending, 1);
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("31 03 FF 01"))), "71 03 FF 01 00");
+    EXPECT_EQ(tester_->exchange(kEngine, "31 03 FF 01"), "71 03 FF 01 00");
 }
 
-TEST_F(EcuSimTest, DropMidRequestClosesAfterTheAckAndTheNextConnectionWorks) {
-    activated({"--drop-mid", "2"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    expect_ack(*tester_, kEngine);
-    EXPECT_TRUE(tester_->closed_by_peer());
-
-    Tester again(sim_->port());
-    auto response = again.activate();
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->code, 0x10);
-    EXPECT_EQ(hex_text(again.exchange(kEngine, {0x3E, 0x00})), "7E 00");
-}
-
-TEST_F(EcuSimTest, DropAfterClosesOnceTheAnswerIsOut) {
-    activated({"--drop-after", "1"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-    EXPECT_TRUE(tester_->closed_by_peer());
-}
-
-TEST_F(EcuSimTest, CutAnswerStopsHalfwayThroughTheMessageAndCloses) {
-    activated({"--cut-answer", "1"});
-    ASSERT_TRUE(tester_->request(kEngine, hex_bytes("22 F1 89")));
-    expect_ack(*tester_, kEngine);
-    EXPECT_TRUE(tester_->closed_by_peer());
-    // 24 bytes: header, addresses and 12 UDS bytes (62 F1 89 "ENG-2.4.1"); 12 arrived.
-    EXPECT_EQ(tester_->buffered(), 12u);
-}
-
-TEST_F(EcuSimTest, BadVersionSwitchAnswersWithAWrongVersionPair) {
-    activated({"--bad-version", "2"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    expect_ack(*tester_, kEngine);
-    EXPECT_FALSE(tester_->receive());
-    EXPECT_EQ(tester_->framing(), uozdoip::FrameReader::Result::kBadVersion);
-}
-
-TEST_F(EcuSimTest, SlowEcuDoesNotHoldUpAnotherOnTheSameConnection) {
-    activated({"--slow", "0x7E1:800"});
-    ASSERT_TRUE(tester_->request(kTransmission, {0x22, 0xF1, 0x89}));
-    expect_ack(*tester_, kTransmission);
-    ASSERT_TRUE(tester_->request(kEngine, {0x3E, 0x00}));
-    expect_ack(*tester_, kEngine);
-    auto first = tester_->receive();
-    ASSERT_TRUE(first);
-    EXPECT_EQ(uozdoip::parse_diagnostic_message(*first)->source, kEngine);
-    auto second = tester_->receive();
-    ASSERT_TRUE(second);
-    EXPECT_EQ(uozdoip::parse_diagnostic_message(*second)->source, kTransmission);
-}
-
-TEST_F(EcuSimTest, AliveCheckOfAnIdleTesterThatAnswersKeepsTheConnection) {
-    activated({"--alive-check", "200"});
-    auto check = tester_->receive();
+// An idle tester is asked whether it is alive: one that answers keeps its
+// connection, a silent one loses it.
+TEST_F(EcuSimTest, AliveCheckOfAnIdleTester) {
+    start({"--alive-check", "200"});
+    Tester silent(sim_->port());
+    ASSERT_TRUE(silent.activate(0x0E81));
+    std::optional<Message> check = tester_->receive();
     ASSERT_TRUE(check);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*check)), "02 FD 00 07 00 00 00 00");
+    EXPECT_EQ(spaced(uozdoip::encode_message(*check)), "02 FD 00 07 00 00 00 00");
     ASSERT_TRUE(tester_->send(uozdoip::encode_alive_check_response(0x0E80)));
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, {0x3E, 0x00})), "7E 00");
-}
-
-TEST_F(EcuSimTest, AliveCheckOfAnIdleTesterThatIsSilentClosesTheConnection) {
-    activated({"--alive-check", "200"});
-    EXPECT_TRUE(tester_->closed_by_peer());
+    EXPECT_EQ(tester_->exchange(kEngine, "3E 00"), "7E 00");
+    EXPECT_TRUE(silent.closed_by_peer());
 }
 
 // A second connection for the same tester address: refused while the first
 // answers its alive check, accepted once the first stays silent.
 TEST_F(EcuSimTest, SameTesterOnASecondConnectionDependsOnTheFirstBeingAlive) {
-    activated();
+    start();
     std::thread answering([&] {
-        auto check = tester_->receive();
+        std::optional<Message> check = tester_->receive();
         if (check && check->payload_type == uozdoip::payload::kAliveCheckRequest)
             tester_->send(uozdoip::encode_alive_check_response(0x0E80));
     });
-    Tester second(sim_->port());
-    auto refused = second.activate();
+    Activation refused = Tester(sim_->port()).activate();
     answering.join();
     ASSERT_TRUE(refused);
     EXPECT_EQ(refused->code, 0x03);
-
     Tester third(sim_->port());
-    auto accepted = third.activate();  // the first tester does not answer this time
+    Activation accepted = third.activate();  // the first tester does not answer this time
     ASSERT_TRUE(accepted);
     EXPECT_EQ(accepted->code, 0x10);
-    EXPECT_EQ(hex_text(third.exchange(kEngine, {0x3E, 0x00})), "7E 00");
+    EXPECT_EQ(third.exchange(kEngine, "3E 00"), "7E 00");
     EXPECT_TRUE(tester_->closed_by_peer());
 }
 
-TEST_F(EcuSimTest, TracePrintsRequestAndResponseBytesPerEcu) {
-    activated({"--trace"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("19 01 08"))), "59 01 FF 01 00 02");
+// The session falls back to the default after S3 without requests; the
+// trace shows each request and answer per ECU.
+TEST_F(EcuSimTest, S3ReturnsToTheDefaultSessionAndTheTraceShowsTheBytes) {
+    start({"--s3", "500", "--trace"});
+    EXPECT_EQ(tester_->exchange(kEngine, "10 03"), "50 03 00 32 01 F4");
+    EXPECT_EQ(tester_->exchange(kEngine, "22 F186"), "62 F1 86 03");
+    std::this_thread::sleep_for(std::chrono::milliseconds(900));
+    EXPECT_EQ(tester_->exchange(kEngine, "22 F186"), "62 F1 86 01");
     EXPECT_EQ(sim_->stop(SIGTERM), 0);
     std::string output = sim_->output();
-    EXPECT_NE(output.find(": engine (0x07E0) <- 19 01 08\n"), std::string::npos) << output;
-    EXPECT_NE(output.find(": engine (0x07E0) -> 59 01 FF 01 00 02\n"), std::string::npos) << output;
+    EXPECT_NE(output.find(": engine (0x07E0) <- 22 F1 86\n"), std::string::npos) << output;
+    EXPECT_NE(output.find(": engine (0x07E0) -> 62 F1 86 01\n"), std::string::npos) << output;
     EXPECT_NE(output.find(": routing activation for tester 0x0E80: success\n"), std::string::npos)
         << output;
 }
 
-TEST_F(EcuSimTest, S3ReturnsToTheDefaultSession) {
-    activated({"--s3", "500"});
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("10 03"))), "50 03 00 32 01 F4");
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 03");
-    std::this_thread::sleep_for(std::chrono::milliseconds(900));
-    EXPECT_EQ(hex_text(tester_->exchange(kEngine, hex_bytes("22 F186"))), "62 F1 86 01");
-}
-
-// ---- Vehicle identification over UDP ----
-
-class EcuSimUdp : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        fd_.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        ASSERT_TRUE(fd_.valid());
-    }
-    void TearDown() override {
-        EXPECT_EQ(sim_.stop(SIGTERM), 0);
-        EXPECT_EQ(sim_.errors(), "");
-    }
-    std::optional<Message> ask(const Bytes &datagram) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(sim_.port());
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        sendto(fd_.get(), datagram.data(), datagram.size(), 0,
-               reinterpret_cast<sockaddr *>(&address), sizeof(address));
-        pollfd wait_for{fd_.get(), POLLIN, 0};
-        if (poll(&wait_for, 1, 1000) != 1)
-            return std::nullopt;
+// Vehicle identification over UDP: the announcement's bytes, and the
+// entity's answer (or silence) to each other datagram.
+TEST(EcuSimUdp, AnswersIdentificationStatusAndPowerModeRequests) {
+    EcuSim sim;
+    uozdoip::ScopedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(sim.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto ask = [&](const std::string &datagram) {
+        Bytes sent = hex_bytes(datagram);
+        sendto(fd.get(), sent.data(), sent.size(), 0, reinterpret_cast<sockaddr *>(&address),
+               sizeof(address));
+        pollfd wait_for{fd.get(), POLLIN, 0};
         uint8_t buffer[512];
-        ssize_t got = recv(fd_.get(), buffer, sizeof(buffer), 0);
-        uozdoip::FrameReader reader;
-        reader.feed(buffer, got > 0 ? static_cast<size_t>(got) : 0);
-        Message message;
-        if (reader.next(message) != uozdoip::FrameReader::Result::kMessage)
-            return std::nullopt;
-        return message;
-    }
-    EcuSim sim_;
-    uozdoip::ScopedFd fd_;
-};
-
-TEST_F(EcuSimUdp, AnnouncesTheVehicleToAnIdentificationRequest) {
-    auto answer = ask(uozdoip::encode(uozdoip::VehicleIdRequest{}));
-    ASSERT_TRUE(answer);
-    auto announcement = uozdoip::parse_vehicle_announcement(*answer);
-    ASSERT_TRUE(announcement);
-    EXPECT_EQ(std::string(announcement->vin.begin(), announcement->vin.end()), "WZL00000000000001");
-    EXPECT_EQ(announcement->logical_address, 0x1000);
-    EXPECT_EQ(hex_text(Bytes(announcement->eid.begin(), announcement->eid.end())),
-              "02 00 00 00 10 00");
-}
-
-TEST_F(EcuSimUdp, AnswersByVinOrEidOnlyWhenTheyMatch) {
-    std::string vin = "WZL00000000000001";
-    EXPECT_TRUE(
-        ask(uozdoip::encode(uozdoip::VehicleIdRequest{0x0003, Bytes(vin.begin(), vin.end())})));
-    EXPECT_TRUE(ask(uozdoip::encode(uozdoip::VehicleIdRequest{0x0002, hex_bytes("020000001000")})));
-    EXPECT_FALSE(
-        ask(uozdoip::encode(uozdoip::VehicleIdRequest{0x0002, hex_bytes("020000001001")})));
-}
-
-TEST_F(EcuSimUdp, EntityStatusPowerModeAndErrors) {
-    auto status = ask(hex_bytes("02 FD 40 01 00 00 00 00"));
-    ASSERT_TRUE(status);
-    EXPECT_EQ(status->payload_type, 0x4002);
-    EXPECT_EQ(status->payload.size(), 7u);
-    EXPECT_EQ(status->payload[0], 0x00);
-    auto power = ask(hex_bytes("02 FD 40 03 00 00 00 00"));
-    ASSERT_TRUE(power);
-    EXPECT_EQ(hex_text(power->payload), "01");
-    auto bad_length = ask(hex_bytes("02 FD 00 02 00 00 00 01 05"));
-    ASSERT_TRUE(bad_length);
-    EXPECT_EQ(hex_text(uozdoip::encode_message(*bad_length)), "02 FD 00 00 00 00 00 01 04");
-    auto bad_version = ask(hex_bytes("05 FA 00 01 00 00 00 00"));
-    ASSERT_TRUE(bad_version);
-    EXPECT_EQ(hex_text(bad_version->payload), "00");
+        ssize_t got = poll(&wait_for, 1, 1000) == 1 ? recv(fd.get(), buffer, sizeof(buffer), 0) : 0;
+        return spaced(Bytes(buffer, buffer + (got > 0 ? got : 0)));
+    };
+    const std::string vin = "57 5A 4C 30 30 30 30 30 30 30 30 30 30 30 30 30 31";  // WZL...01
+    const std::string announcement =
+        "02 FD 00 04 00 00 00 21 " + vin + " 10 00 02 00 00 00 10 00 02 00 00 00 10 00 00 00";
+    EXPECT_EQ(ask("FF 00 00 01 00 00 00 00"), announcement);
+    EXPECT_EQ(ask("02 FD 00 03 00 00 00 11 " + vin), announcement);
+    EXPECT_EQ(ask("02 FD 00 02 00 00 00 06 02 00 00 00 10 00"), announcement);
+    EXPECT_EQ(ask("02 FD 00 02 00 00 00 06 02 00 00 00 10 01"), "");
+    EXPECT_EQ(ask("02 FD 40 01 00 00 00 00").substr(0, 26), "02 FD 40 02 00 00 00 07 00");
+    EXPECT_EQ(ask("02 FD 40 03 00 00 00 00"), "02 FD 40 04 00 00 00 01 01");
+    EXPECT_EQ(ask("02 FD 00 02 00 00 00 01 05"), "02 FD 00 00 00 00 00 01 04");
+    EXPECT_EQ(ask("05 FA 00 01 00 00 00 00").substr(24), "00");
+    EXPECT_EQ(sim.stop(SIGTERM), 0);
+    EXPECT_EQ(sim.errors(), "");
 }
 
 }  // namespace

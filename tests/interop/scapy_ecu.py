@@ -1,22 +1,18 @@
 #!/usr/bin/python3
-"""A small DoIP entity with one ECU, built on scapy's DoIP and UDS packet
-classes, as an implementation independent of ours for the agent to talk to.
+"""A small DoIP entity with one ECU on scapy's DoIP and UDS packet classes, an
+implementation independent of ours for the agent to talk to. It logs the bytes
+of every message it receives and what it made of them.
 
-It parses every request with scapy and answers with packets built by scapy:
-ReadDTCInformation (report 0x02), ReadDataByIdentifier and RoutineControl.
-A request that scapy does not read as exactly the expected layout is
-answered with NRC 0x13 (incorrectMessageLengthOrInvalidFormat), so a wrong
-byte from the agent shows as a failure.
-
-Scapy's own DoIP socket parses whatever one TCP read returns; this entity
-frames by the header's length instead.
+A request that scapy does not read as exactly the expected layout is answered
+with NRC 0x13, so a wrong byte from the agent shows as a failure. Scapy's own
+DoIP socket parses whatever one TCP read returns; this entity frames by the
+header's length instead.
 
     scapy_ecu.py --port PORT   (prints "listening on 127.0.0.1:PORT" when ready)
 """
 import argparse
 import socket
 import struct
-import sys
 import threading
 
 from scapy.contrib.automotive.doip import DoIP
@@ -24,10 +20,8 @@ from scapy.contrib.automotive.uds import (UDS, UDS_NR, UDS_RC, UDS_RCPR, UDS_RDB
                                           UDS_RDTCI, UDS_RDTCIPR)
 from scapy.packet import Raw
 
-TESTER = 0x0E80
 ENTITY = 0x0100
 ECU = 0x07E0
-AVAILABILITY_MASK = 0xFF
 DTCS = [(0x030100, 0x2F), (0x017100, 0x08), (0xC10000, 0x24)]
 DIDS = {0xF189: b"SCAPY-ECU 1.0", 0xF190: b"WZL00000000000001"}
 ROUTINES = {0xFF00: b"\x00"}
@@ -52,10 +46,10 @@ def answer_uds(data):
     if service == 0x19:
         if not exact(request, UDS_RDTCI) or request[UDS_RDTCI].reportType != 0x02:
             return negative(service, 0x13 if len(data) != 3 else 0x12)
-        mask = request[UDS_RDTCI].DTCStatusMask & AVAILABILITY_MASK
+        mask = request[UDS_RDTCI].DTCStatusMask
         records = b"".join(struct.pack(">I", code)[1:] + bytes([status])
                            for code, status in DTCS if status & mask)
-        return UDS() / UDS_RDTCIPR(reportType=0x02, DTCStatusAvailabilityMask=AVAILABILITY_MASK,
+        return UDS() / UDS_RDTCIPR(reportType=0x02, DTCStatusAvailabilityMask=0xFF,
                                    DTCAndStatusRecord=records)
     if service == 0x22:
         if not exact(request, UDS_RDBI) or len(request[UDS_RDBI].identifiers) != 1:
@@ -76,6 +70,28 @@ def answer_uds(data):
     return negative(service, 0x11)
 
 
+def answer(message):
+    """The DoIP messages that answer one received message, and what it was."""
+    if message.payload_type == 0x0005:
+        return "routing activation", [
+            DoIP(payload_type=0x0006, logical_address_tester=message.source_address,
+                 logical_address_doip_entity=ENTITY, routing_activation_response=0x10)]
+    if message.payload_type == 0x0007:
+        return "alive check", [DoIP(payload_type=0x0008, source_address=ENTITY)]
+    if message.payload_type != 0x8001:
+        return "ignored", []
+    if message.target_address != ECU:
+        return "NACK 0x03", [DoIP(payload_type=0x8003, source_address=message.target_address,
+                                  target_address=message.source_address, nack_code=0x03)]
+    data = bytes(message.payload)
+    response = bytes(answer_uds(data))
+    return data.hex().upper() + " -> " + response.hex().upper(), [
+        DoIP(payload_type=0x8002, source_address=ECU, target_address=message.source_address,
+             ack_code=0x00),
+        DoIP(payload_type=0x8001, source_address=ECU,
+             target_address=message.source_address) / Raw(response)]
+
+
 def read_exactly(connection, count):
     data = b""
     while len(data) < count:
@@ -86,48 +102,25 @@ def read_exactly(connection, count):
     return data
 
 
-def answer(message):
-    """The DoIP messages that answer one received message."""
-    if message.payload_type == 0x0005:
-        return [DoIP(payload_type=0x0006, logical_address_tester=message.source_address,
-                     logical_address_doip_entity=ENTITY, routing_activation_response=0x10)]
-    if message.payload_type == 0x0007:
-        return [DoIP(payload_type=0x0008, source_address=ENTITY)]
-    if message.payload_type != 0x8001:
-        return []
-    if message.target_address != ECU:
-        return [DoIP(payload_type=0x8003, source_address=message.target_address,
-                     target_address=message.source_address, nack_code=0x03)]
-    data = bytes(message.payload)
-    response = bytes(answer_uds(data))
-    log(data.hex().upper() + " -> " + response.hex().upper())
-    return [DoIP(payload_type=0x8002, source_address=ECU, target_address=message.source_address,
-                 ack_code=0x00),
-            DoIP(payload_type=0x8001, source_address=ECU,
-                 target_address=message.source_address) / Raw(response)]
-
-
 def serve(connection):
     with connection:
         while True:
             header = read_exactly(connection, 8)
-            if header is None:
-                return
-            length = struct.unpack(">I", header[4:8])[0]
-            payload = read_exactly(connection, length)
+            payload = header and read_exactly(connection, struct.unpack(">I", header[4:8])[0])
             if payload is None:
                 return
-            for reply in answer(DoIP(header + payload)):
+            what, replies = answer(DoIP(header + payload))
+            log((header + payload).hex().upper() + ": " + what)
+            for reply in replies:
                 connection.sendall(bytes(reply))
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--port", type=int, default=0)
-    arguments = parser.parse_args()
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    listener.bind(("127.0.0.1", arguments.port))
+    listener.bind(("127.0.0.1", parser.parse_args().port))
     listener.listen(4)
     log("listening on 127.0.0.1:%d" % listener.getsockname()[1])
     while True:
@@ -139,4 +132,4 @@ if __name__ == "__main__":
     try:
         main()
     except KeyboardInterrupt:
-        sys.exit(0)
+        pass
