@@ -135,7 +135,17 @@ UdsAnswer EcuServer::clear_dtcs(const uint8_t *request, size_t length) {
                  std::any_of(dtcs.begin(), dtcs.end(), cleared);
     if (!known)
         return refuse(sid::kClearDiagnosticInformation, nrc::kRequestOutOfRange);
-    dtcs.erase(std::remove_if(dtcs.begin(), dtcs.end(), cleared), dtcs.end());
+    // A cleared DTC stays supported (report 0x0A, and a second clear of its
+    // group is accepted); only what it had recorded is gone.
+    for (SimulatedDtc &dtc : dtcs) {
+        if (!cleared(dtc))
+            continue;
+        dtc.status = 0;
+        dtc.fault_detection_counter = 0;
+        dtc.permanent = false;
+        dtc.snapshots.clear();
+        dtc.extended.clear();
+    }
     return positive({sid::kClearDiagnosticInformation + uozuds::kPositiveOffset}, false);
 }
 
