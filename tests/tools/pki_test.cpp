@@ -22,10 +22,9 @@ class PkiTest : public ::testing::Test {
         dir_ = dir;
     }
     void TearDown() override { system(("rm -rf " + dir_).c_str()); }
-    // Runs uoz-pki in dir_ so that relative paths are relative to it.
-    ToolRun pki(const std::string &arguments) {
-        return run("cd " + dir_ + " && " + UOZ_PKI_PATH + " " + arguments);
-    }
+    // uoz-pki run in dir_, so that relative paths are relative to it.
+    std::string program() { return "cd " + dir_ + " && " + UOZ_PKI_PATH; }
+    ToolRun pki(const std::string &arguments) { return run(program() + " " + arguments); }
     std::string text_of(const std::string &name) { return file_text(dir_ + "/pki/" + name); }
     std::string dir_;
 };
@@ -33,20 +32,17 @@ class PkiTest : public ::testing::Test {
 TEST_F(PkiTest, initAndNodeRefuseToReplaceWithoutForce) {
     ASSERT_EQ(pki("init --dir pki").code, 0);
     std::string ca = text_of("ca/ca.pem");
-    ToolRun again = pki("init --dir pki");
-    EXPECT_EQ(again.code, 2);
-    EXPECT_EQ(again.err,
-              "uoz-pki: pki/ca/ca.pem exists: init would replace the CA and so "
-              "invalidate every identity it signed; add --force to replace it\n");
+    expect_run(program(), {"init --dir pki", 2, "",
+                           "uoz-pki: pki/ca/ca.pem exists: init would replace the CA and so "
+                           "invalidate every identity it signed; add --force to replace it\n"});
     EXPECT_EQ(text_of("ca/ca.pem"), ca);
 
     ASSERT_EQ(pki("node --dir pki --id app").code, 0);
     std::string identity = text_of("app/cert.pem");
-    ToolRun node = pki("node --dir pki --id app --ua /other");
-    EXPECT_EQ(node.code, 2);
-    EXPECT_EQ(node.err, "uoz-pki: " + dir_ +
-                            "/pki/app/cert.pem exists: node would replace this identity; add "
-                            "--force to replace it\n");
+    expect_run(program(), {"node --dir pki --id app --ua /other", 2, "",
+                           "uoz-pki: " + dir_ +
+                               "/pki/app/cert.pem exists: node would replace this identity; add "
+                               "--force to replace it\n"});
     EXPECT_EQ(text_of("app/cert.pem"), identity);
 
     EXPECT_EQ(pki("node --dir pki --id app --ua /other --force").code, 0);
@@ -57,12 +53,12 @@ TEST_F(PkiTest, initAndNodeRefuseToReplaceWithoutForce) {
 
 TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
     ASSERT_EQ(pki("init --dir pki").code, 0);
-    ToolRun app = pki("node --dir pki --id diag-app");
-    EXPECT_EQ(app.out, "created node      " + dir_ +
-                           "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n");
-    ToolRun bare = pki("node --dir pki --id bare --no-reply-address");
-    EXPECT_EQ(bare.out, "created node      " + dir_ +
-                            "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n");
+    expect_run(program(), {"node --dir pki --id diag-app", 0,
+                           "created node      " + dir_ +
+                               "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n"});
+    expect_run(program(), {"node --dir pki --id bare --no-reply-address", 0,
+                           "created node      " + dir_ +
+                               "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n"});
     std::vector<uozpki::NodeAddresses> nodes =
         uozpki::read_nodes(dir_ + "/pki", {"diag-app", "bare"});
     ASSERT_EQ(nodes.size(), 2u);

@@ -32,16 +32,15 @@ ToolRun run(const std::string &command) {
     return result;
 }
 
-bool is_json(const std::string &text) {
+JsonDocument parse_json(const std::string &text) {
     json_tokener *tokener = json_tokener_new();
-    json_object *object =
-        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size()));
+    JsonDocument object(
+        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size())));
     bool whole =
-        object != nullptr && json_tokener_get_error(tokener) == json_tokener_success &&
+        object && json_tokener_get_error(tokener) == json_tokener_success &&
         text.find_first_not_of(" \t\r\n", json_tokener_get_parse_end(tokener)) == std::string::npos;
-    json_object_put(object);
     json_tokener_free(tokener);
-    return whole;
+    return whole ? std::move(object) : nullptr;
 }
 
 bool matches(const std::string &text, const std::string &pattern) {
@@ -65,10 +64,6 @@ bool matches(const std::string &text, const std::string &pattern) {
         at += piece.size();
         from = next + 1;
     }
-}
-
-JsonDocument parse_json(const std::string &text) {
-    return JsonDocument(is_json(text) ? json_tokener_parse(text.c_str()) : nullptr);
 }
 
 std::string text_at(json_object *object, const char *key) {

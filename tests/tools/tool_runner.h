@@ -20,9 +20,6 @@ struct ToolRun {
 // Runs a shell command line; standard output and error apart.
 ToolRun run(const std::string &command);
 
-// True when text is exactly one JSON document (nothing else around it).
-bool is_json(const std::string &text);
-
 // True when text is the pattern, where each '*' stands for any run of characters.
 bool matches(const std::string &text, const std::string &pattern);
 
@@ -47,8 +44,11 @@ struct JsonFree {
 };
 using JsonDocument = std::unique_ptr<json_object, JsonFree>;
 
-// A --json document, parsed; null when it is not JSON.
+// Exactly one JSON document (nothing else around it), parsed; null otherwise.
 JsonDocument parse_json(const std::string &text);
+inline bool is_json(const std::string &text) {
+    return parse_json(text) != nullptr;
+}
 
 // A member as text; "(none)" when it is missing or null.
 std::string text_at(json_object *object, const char *key);
