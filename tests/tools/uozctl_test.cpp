@@ -114,15 +114,21 @@ TEST_F(UozctlTest, everyCommandWithItsTextJsonAndExitCode) {
         << agent_->output();
 }
 
-// The commands not in the table above.
+// The commands not in the table above: their --json output too is one
+// document without colour and with snake_case keys.
 TEST_F(UozctlTest, jsonOutputAlwaysParses) {
-    for (const char *command : {"dtc read engine --report 0x06 --dtc P0301 --record 1",
-                                "dtc clear engine", "run /nonexistent.json", "consent download C-1",
-                                "ecus", "check-config", "--debug 2 dtc read body", "dtc read"}) {
-        SCOPED_TRACE(command);
-        ToolRun result = uozctl(std::string("--json ") + command);
-        EXPECT_TRUE(is_json(result.out)) << result.out;
-    }
+    const Expected cases[] = {
+        {"dtc read engine --report 0x06 --dtc P0301 --record 1", 0, "*", "", ""},
+        {"dtc clear engine", 0, "*", "", ""},
+        {"run /nonexistent.json", 2, "", "*", ""},
+        {"consent download C-1", 0, "*", "", ""},
+        {"ecus", 0, "*", "", ""},
+        {"check-config", 0, "*", "", ""},
+        {"--debug 2 dtc read body", 0, "*", "*", ""},
+        {"dtc read", 2, "", "*", ""},
+    };
+    for (const Expected &expected : cases)
+        check(expected);
     // The library's log lines go to standard error, without colour.
     ToolRun debug = uozctl("--debug 2 version engine");
     EXPECT_EQ(debug.code, 0);
