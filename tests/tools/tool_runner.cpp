@@ -66,11 +66,19 @@ bool matches(const std::string &text, const std::string &pattern) {
     }
 }
 
-std::string text_at(json_object *object, const char *key) {
-    json_object *member = nullptr;
-    if (!json_object_object_get_ex(object, key, &member) || member == nullptr)
-        return "(none)";
-    return json_object_get_string(member);
+std::string text_at(json_object *object, const std::string &path) {
+    size_t from = 0;
+    for (size_t dot = 0; object != nullptr && dot != std::string::npos; from = dot + 1) {
+        dot = path.find('.', from);
+        std::string step = path.substr(from, dot - from);
+        if (json_object_is_type(object, json_type_array) && step == "#")
+            return std::to_string(json_object_array_length(object));
+        if (json_object_is_type(object, json_type_array))
+            object = json_object_array_get_idx(object, std::stoul(step));
+        else if (!json_object_object_get_ex(object, step.c_str(), &object))
+            object = nullptr;
+    }
+    return object != nullptr ? json_object_get_string(object) : "(none)";
 }
 
 ToolRun expect_run(const std::string &program, const Expected &expected) {

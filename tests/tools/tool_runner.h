@@ -50,8 +50,9 @@ inline bool is_json(const std::string &text) {
     return parse_json(text) != nullptr;
 }
 
-// A member as text; "(none)" when it is missing or null.
-std::string text_at(json_object *object, const char *key);
+// The member at a dotted path ("ecus.1.error"; "#" is an array's length) as
+// text; "(none)" when it is missing or null.
+std::string text_at(json_object *object, const std::string &path);
 
 }  // namespace uoztest
 

@@ -141,7 +141,7 @@ TEST(UozctlCliTest, exitCodesAndConventionsAreThoseOfEveryTool) {
         {"--config /nonexistent ecus", 1},
         {"--config /nonexistent/ecus.json check-config", 1, "",
          "uozctl: cannot read /nonexistent/ecus.json: No such file or directory\n"},
-        {"check-config " + kExamples + "/ecus.json", 0},
+        {"check-config " + kExamples + "/ecus.json", 0, "*", "", ""},
         {kConfig + " dtc read engine --mask 1 --dtc 2", 2},
         {kConfig + " ecus", 0, "*transmission   0x7E1    CAN    J1939*", "", ""},
     };
