@@ -2,7 +2,6 @@
 // before anything is sent.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <fstream>
 
@@ -17,18 +16,14 @@ using uozctl::ConfigReport;
 
 class ChecksTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char dir[] = "/tmp/uoz-checks-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-    }
-    void TearDown() override { system(("rm -rf " + dir_).c_str()); }
+    void SetUp() override { ASSERT_NE(mkdtemp(dir_), nullptr); }
+    void TearDown() override { system((std::string("rm -rf ") + dir_).c_str()); }
     std::string write(const std::string &name, const std::string &text) {
-        std::string path = dir_ + "/" + name;
+        std::string path = std::string(dir_) + "/" + name;
         std::ofstream(path) << text;
         return path;
     }
-    std::string dir_;
+    char dir_[24] = "/tmp/uoz-checks-XXXXXX";
 };
 
 const char kEntries[] = R"({"configs": [
@@ -49,8 +44,7 @@ const char kEntries[] = R"({"configs": [
 TEST_F(ChecksTest, eachEntrySaysWhetherItLoadsAndWhy) {
     ConfigReport report = check_config(write("ecus.json", kEntries));
     ASSERT_EQ(report.file_error, "");
-    ASSERT_EQ(report.entries.size(), 7u);
-    struct Expected {
+    const struct {
         const char *name;
         bool loaded;
         const char *problem;
@@ -63,48 +57,58 @@ TEST_F(ChecksTest, eachEntrySaysWhetherItLoadsAndWhy) {
         {"adas", true, "the target address is already used by entry 0 (engine)"},
         {"", false, "no \"type\" text"},
     };
+    ASSERT_EQ(report.entries.size(), std::size(expected));
     for (size_t i = 0; i < report.entries.size(); ++i) {
+        SCOPED_TRACE(i);
         EXPECT_EQ(report.entries[i].index, i);
-        EXPECT_EQ(report.entries[i].name, expected[i].name) << i;
-        EXPECT_EQ(report.entries[i].loaded, expected[i].loaded) << i;
-        EXPECT_EQ(report.entries[i].problem, expected[i].problem) << i;
+        EXPECT_EQ(report.entries[i].name, expected[i].name);
+        EXPECT_EQ(report.entries[i].loaded, expected[i].loaded);
+        EXPECT_EQ(report.entries[i].problem, expected[i].problem);
     }
     EXPECT_FALSE(report.all_usable());
     EXPECT_EQ(report.entries[0].target_address, 0x7E0);
-    ASSERT_EQ(report.routines.size(), 1u);
-    EXPECT_EQ(report.routines[0], "ReadVIN");
+    EXPECT_EQ(report.routines, std::vector<std::string>{"ReadVIN"});
 }
 
+// A missing file: see uozctl_cli_test.
 TEST_F(ChecksTest, fileErrorsSayWhatTheSystemSaid) {
-    EXPECT_EQ(check_config(dir_ + "/missing.json").file_error,
-              "cannot read " + dir_ + "/missing.json: No such file or directory");
-    std::string truncated = write("truncated.json", "{\"configs\": [\n  {\"type\": \"CAN\",");
-    EXPECT_EQ(check_config(truncated).file_error,
-              truncated + " is not JSON: it ends in the middle of the document");
-    std::string broken = write("broken.json", "{\"configs\": [\n  {\"type\" \"CAN\"}]}");
-    EXPECT_EQ(check_config(broken).file_error,
-              broken +
-                  " is not JSON: object property name separator ':' expected at line 2, "
-                  "column 11");
-    std::string trailing = write("trailing.json", "{\"configs\": []}\n}");
-    EXPECT_EQ(check_config(trailing).file_error,
-              trailing + " is not JSON: text after the document at line 2, column 1");
-    std::string other = write("other.json", "{\"ecus\": []}");
-    EXPECT_EQ(check_config(other).file_error,
-              other + " is not an ECU configuration: it has no \"configs\" array");
+    const struct {
+        const char *text;
+        const char *error;
+    } cases[] = {
+        {"{\"configs\": [\n  {\"type\": \"CAN\",",
+         " is not JSON: it ends in the middle of the document"},
+        {"{\"configs\": [\n  {\"type\" \"CAN\"}]}",
+         " is not JSON: object property name separator ':' expected at line 2, column 11"},
+        {"{\"configs\": []}\n}", " is not JSON: text after the document at line 2, column 1"},
+        {"{\"ecus\": []}", " is not an ECU configuration: it has no \"configs\" array"},
+    };
+    for (const auto &c : cases) {
+        std::string path = write("config.json", c.text);
+        EXPECT_EQ(check_config(path).file_error, path + c.error);
+    }
     EXPECT_TRUE(check_config(write("empty-list.json", "{\"configs\": []}")).all_usable());
 }
 
-struct DocumentCase {
-    const char *document;
-    const char *problem;
-};
+// A raw command for the ECU at `address`, with a validity period when given.
+std::string raw_at(const std::string &address, const std::string &period = "") {
+    return R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": ")" + address + "\"}" +
+           (period.empty() ? "" : R"(, "diagnostic_period": )" + period) + "}";
+}
+
+std::string period(const std::string &start, const std::string &end) {
+    return R"({"start_time": ")" + start + R"(", "end_time": ")" + end + "\"}";
+}
 
 TEST_F(ChecksTest, remoteCommandDocumentsAreCheckedFieldByField) {
     ConfigReport config = check_config(write("ecus.json", kEntries));
-    // 2026-06-01T00:00:00Z
-    const time_t now = 1780272000;
-    const DocumentCase cases[] = {
+    const time_t now = 1780272000;  // 2026-06-01T00:00:00Z
+    const std::string utc = "expected a UTC time such as \"2026-01-31T23:59:59Z\"";
+    const std::string unknown = "ecu.ServerAddress: no configured ECU has the address ";
+    const struct {
+        std::string document;
+        std::string problem;
+    } cases[] = {
         {R"({"commands": [{"type": "predefined", "command": "ReadVIN"}],
              "ecu": {"ServerAddress": "0x7E0"}})",
          ""},
@@ -120,36 +124,25 @@ TEST_F(ChecksTest, remoteCommandDocumentsAreCheckedFieldByField) {
          "commands: expected a non-empty array of commands"},
         {R"({"commands": [{"type": "raw", "service": "0x22"}]})",
          "ecu.ServerAddress: expected the target address as a text, e.g. \"0x7E0\""},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x999"}})",
-         "ecu.ServerAddress: no configured ECU has the address 0x999 (see 'uozctl ecus')"},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "engine"}})",
-         "ecu.ServerAddress: 'engine' is not a hexadecimal address"},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "FFFFFFFF"}})", ""},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E1"}})",
-         "ecu.ServerAddress: no configured ECU has the address 0x7E1 (see 'uozctl ecus')"},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},
-             "diagnostic_period": {"start_time": "2026-01-01", "end_time": "2027-01-01T00:00:00Z"}})",
-         "diagnostic_period.start_time: expected a UTC time such as \"2026-01-31T23:59:59Z\""},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},
-             "diagnostic_period": {"start_time": "2026-01-01T00:00:00Z"}})",
-         "diagnostic_period.end_time: expected a UTC time such as \"2026-01-31T23:59:59Z\""},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},
-             "diagnostic_period": {"start_time": "2026-01-01T00:00:00Z",
-                                   "end_time": "2026-05-31T23:59:59Z"}})",
+        {raw_at("0x999"), unknown + "0x999 (see 'uozctl ecus')"},
+        {raw_at("engine"), "ecu.ServerAddress: 'engine' is not a hexadecimal address"},
+        {raw_at("FFFFFFFF"), ""},
+        {raw_at("0x7E1"), unknown + "0x7E1 (see 'uozctl ecus')"},
+        {raw_at("0x7E0", period("2026-01-01", "2027-01-01T00:00:00Z")),
+         "diagnostic_period.start_time: " + utc},
+        {raw_at("0x7E0", R"({"start_time": "2026-01-01T00:00:00Z"})"),
+         "diagnostic_period.end_time: " + utc},
+        {raw_at("0x7E0", period("2026-01-01T00:00:00Z", "2026-05-31T23:59:59Z")),
          "diagnostic_period: the command expired at 2026-05-31T23:59:59Z"},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},
-             "diagnostic_period": {"start_time": "2026-07-01T00:00:00Z",
-                                   "end_time": "2026-08-01T00:00:00Z"}})",
+        {raw_at("0x7E0", period("2026-07-01T00:00:00Z", "2026-08-01T00:00:00Z")),
          "diagnostic_period: the command is not valid before 2026-07-01T00:00:00Z"},
-        {R"({"commands": [{"type": "raw"}], "ecu": {"ServerAddress": "0x7E0"},
-             "diagnostic_period": {"start_time": "2026-08-01T00:00:00Z",
-                                   "end_time": "2026-07-01T00:00:00Z"}})",
+        {raw_at("0x7E0", period("2026-08-01T00:00:00Z", "2026-07-01T00:00:00Z")),
          "diagnostic_period: end_time 2026-07-01T00:00:00Z is before start_time "
          "2026-08-01T00:00:00Z"},
         {"[1, 2]", "the document must be a JSON object"},
         {"{\"commands\": [", "the document is not JSON: it ends in the middle of the document"},
     };
-    for (const DocumentCase &test : cases)
+    for (const auto &test : cases)
         EXPECT_EQ(check_document(test.document, config, now), test.problem) << test.document;
 }
 

@@ -5,26 +5,27 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <ostream>
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "hex_bytes.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 using uozdoip::FrameReader;
 using uozdoip::Message;
+using uoztest::hex_bytes;
 
-Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &part : parts)
-        out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
+const Bytes kDiagRequest = hex_bytes("02FD8001 00000007 0E0007E0 1902FF");
+const Bytes kDiagAck = hex_bytes("02FD8002 00000005 07E00E00 00");
+const Bytes kAliveCheck = hex_bytes("03FC0007 00000000");
 
-// Every message the reader gives back for `stream` fed in chunks of the given sizes
-// (the last chunk takes the rest).
-std::vector<Message> frame(FrameReader &reader, const Bytes &stream, std::vector<size_t> cuts) {
+// Every message the reader gives back for `stream` fed in pieces ending at
+// `cuts` (the last piece takes the rest); counts kTooLarge results in too_large.
+std::vector<Message> frame(FrameReader &reader, const Bytes &stream, std::vector<size_t> cuts,
+                           int *too_large = nullptr) {
     std::vector<Message> messages;
     size_t at = 0;
     cuts.push_back(stream.size());
@@ -32,54 +33,22 @@ std::vector<Message> frame(FrameReader &reader, const Bytes &stream, std::vector
         reader.feed(stream.data() + at, cut - at);
         at = cut;
         Message message;
-        while (reader.next(message) == FrameReader::Result::kMessage)
-            messages.push_back(message);
+        for (;;) {
+            FrameReader::Result result = reader.next(message);
+            if (result == FrameReader::Result::kMessage)
+                messages.push_back(message);
+            else if (result == FrameReader::Result::kTooLarge && too_large != nullptr)
+                ++*too_large;
+            else
+                break;
+        }
     }
     return messages;
 }
 
-const Bytes kDiagRequest = {0x02, 0xFD, 0x80, 0x01, 0x00, 0x00, 0x00, 0x07,
-                            0x0E, 0x00, 0x07, 0xE0, 0x19, 0x02, 0xFF};
-const Bytes kDiagAck = {0x02, 0xFD, 0x80, 0x02, 0x00, 0x00, 0x00,
-                        0x05, 0x07, 0xE0, 0x0E, 0x00, 0x00};
-const Bytes kAliveCheck = {0x03, 0xFC, 0x00, 0x07, 0x00, 0x00, 0x00, 0x00};
-
-TEST(DoipHeader, EncodesVersionInverseTypeAndLength) {
+TEST(DoipHeader, EncodesAndDecodesVersionInverseTypeAndLength) {
     auto head = uozdoip::encode_header({0x02, 0x8001, 0x01020304});
-    EXPECT_EQ(Bytes(head.begin(), head.end()),
-              (Bytes{0x02, 0xFD, 0x80, 0x01, 0x01, 0x02, 0x03, 0x04}));
-}
-
-struct VersionCase {
-    uint8_t version;
-    uint8_t inverse;
-    bool any_allowed;
-    bool valid;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const VersionCase &c, std::ostream *os) {
-    *os << static_cast<int>(c.version) << "/" << static_cast<int>(c.inverse);
-}
-
-class DoipVersionPair : public ::testing::TestWithParam<VersionCase> {};
-
-TEST_P(DoipVersionPair, IsValidOnlyForKnownVersionAndItsInverse) {
-    const VersionCase &c = GetParam();
-    EXPECT_EQ(uozdoip::version_pair_valid(c.version, c.inverse, c.any_allowed), c.valid);
-    Bytes head = {c.version, c.inverse, 0x80, 0x01, 0, 0, 0, 5};
-    EXPECT_EQ(uozdoip::decode_header(head.data(), head.size(), c.any_allowed).has_value(), c.valid);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DoipVersionPair,
-    ::testing::Values(VersionCase{0x02, 0xFD, false, true}, VersionCase{0x03, 0xFC, false, true},
-                      VersionCase{0x01, 0xFE, false, false}, VersionCase{0x04, 0xFB, false, false},
-                      VersionCase{0x02, 0xFC, false, false}, VersionCase{0x02, 0x02, false, false},
-                      VersionCase{0xFF, 0x00, false, false}, VersionCase{0xFF, 0x00, true, true},
-                      VersionCase{0x00, 0xFF, true, false}));
-
-TEST(DoipHeader, DecodesTypeAndLength) {
+    EXPECT_EQ(Bytes(head.begin(), head.end()), hex_bytes("02FD8001 01020304"));
     auto header = uozdoip::decode_header(kDiagRequest.data(), kDiagRequest.size());
     ASSERT_TRUE(header);
     EXPECT_EQ(header->version, 0x02);
@@ -88,42 +57,43 @@ TEST(DoipHeader, DecodesTypeAndLength) {
     EXPECT_FALSE(uozdoip::decode_header(kDiagRequest.data(), 7));
 }
 
-TEST(DoipFrameReader, FramesAStreamSplitAtEveryOffset) {
-    const Bytes stream = concat({kDiagRequest, kDiagAck, kAliveCheck});
-    for (size_t cut = 0; cut <= stream.size(); ++cut) {
-        FrameReader reader;
-        std::vector<Message> messages = frame(reader, stream, {cut});
-        ASSERT_EQ(messages.size(), 3u) << "cut at " << cut;
-        EXPECT_EQ(uozdoip::encode_message(messages[0]), kDiagRequest) << "cut at " << cut;
-        EXPECT_EQ(uozdoip::encode_message(messages[1]), kDiagAck) << "cut at " << cut;
-        EXPECT_EQ(uozdoip::encode_message(messages[2]), kAliveCheck) << "cut at " << cut;
-        EXPECT_EQ(reader.buffered(), 0u);
+TEST(DoipHeader, VersionPairIsValidOnlyForKnownVersionAndItsInverse) {
+    const struct {
+        uint8_t version, inverse;
+        bool any_allowed, valid;
+    } cases[] = {{0x02, 0xFD, false, true},  {0x03, 0xFC, false, true},  {0x01, 0xFE, false, false},
+                 {0x04, 0xFB, false, false}, {0x02, 0xFC, false, false}, {0x02, 0x02, false, false},
+                 {0xFF, 0x00, false, false}, {0xFF, 0x00, true, true},   {0x00, 0xFF, true, false}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << int(c.version) << "/" << int(c.inverse) << " any " << c.any_allowed);
+        EXPECT_EQ(uozdoip::version_pair_valid(c.version, c.inverse, c.any_allowed), c.valid);
+        Bytes head = {c.version, c.inverse, 0x80, 0x01, 0, 0, 0, 5};
+        EXPECT_EQ(uozdoip::decode_header(head.data(), head.size(), c.any_allowed).has_value(),
+                  c.valid);
     }
 }
 
-TEST(DoipFrameReader, FramesAStreamFedByteByByte) {
-    const Bytes stream = concat({kDiagAck, kDiagRequest});
-    std::vector<size_t> cuts;
-    for (size_t at = 1; at < stream.size(); ++at)
-        cuts.push_back(at);
-    FrameReader reader;
-    std::vector<Message> messages = frame(reader, stream, cuts);
-    ASSERT_EQ(messages.size(), 2u);
-    EXPECT_EQ(messages[0].payload_type, 0x8002);
-    EXPECT_EQ(messages[1].payload, (Bytes{0x0E, 0x00, 0x07, 0xE0, 0x19, 0x02, 0xFF}));
-}
-
-TEST(DoipFrameReader, GivesEveryMessageOfOneCoalescedRead) {
-    FrameReader reader;
-    std::vector<Message> messages =
-        frame(reader, concat({kDiagAck, kDiagRequest, kAliveCheck, kDiagAck}), {});
-    ASSERT_EQ(messages.size(), 4u);
-    EXPECT_EQ(messages[0].payload_type, 0x8002);
-    EXPECT_EQ(messages[1].payload_type, 0x8001);
-    EXPECT_EQ(messages[2].payload_type, 0x0007);
-    EXPECT_EQ(messages[2].version, 0x03);
-    EXPECT_TRUE(messages[2].payload.empty());
-    EXPECT_EQ(messages[3].payload_type, 0x8002);
+// Split once at every offset, and fed byte by byte.
+TEST(DoipFrameReader, FramesAStreamHoweverTheReadsSplitIt) {
+    const Bytes stream = hex_bytes(
+        "02FD8001 00000007 0E0007E0 1902FF 02FD8002 00000005 07E00E00 00"
+        "03FC0007 00000000");
+    std::vector<std::vector<size_t>> splits(1);
+    for (size_t at = 0; at <= stream.size(); ++at) {
+        splits[0].push_back(at);
+        splits.push_back({at});
+    }
+    for (const std::vector<size_t> &cuts : splits) {
+        SCOPED_TRACE(testing::Message() << cuts.size() << " cut(s) from " << cuts[0]);
+        FrameReader reader;
+        std::vector<Message> messages = frame(reader, stream, cuts);
+        ASSERT_EQ(messages.size(), 3u);
+        EXPECT_EQ(uozdoip::encode_message(messages[0]), kDiagRequest);
+        EXPECT_EQ(uozdoip::encode_message(messages[1]), kDiagAck);
+        EXPECT_EQ(uozdoip::encode_message(messages[2]), kAliveCheck);
+        EXPECT_EQ(reader.buffered(), 0u);
+    }
 }
 
 TEST(DoipFrameReader, NeedsMoreUntilThePayloadIsComplete) {
@@ -137,26 +107,22 @@ TEST(DoipFrameReader, NeedsMoreUntilThePayloadIsComplete) {
     EXPECT_EQ(reader.next(message), FrameReader::Result::kNeedMore);
 }
 
-TEST(DoipFrameReader, ReportsABadVersionPairAndStaysBroken) {
+TEST(DoipFrameReader, ReportsABadVersionPairAndStaysBrokenUntilReset) {
     FrameReader reader;
     Message message;
-    Bytes stream = concat({kDiagAck, {0x02, 0xFC, 0x80, 0x01, 0, 0, 0, 1, 0x3E}, kDiagAck});
+    Bytes stream = hex_bytes("02FD8002 00000005 07E00E00 00 02FC8001 00000001 3E");
     reader.feed(stream.data(), stream.size());
     EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
     EXPECT_EQ(reader.next(message), FrameReader::Result::kBadVersion);
     EXPECT_EQ(reader.bad_header().version, 0x02);
     EXPECT_EQ(reader.bad_header().payload_type, 0x8001);
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kBadVersion);
     reader.feed(kDiagAck.data(), kDiagAck.size());
     EXPECT_EQ(reader.next(message), FrameReader::Result::kBadVersion);
     reader.reset();
     reader.feed(kDiagAck.data(), kDiagAck.size());
     EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
-}
-
-TEST(DoipFrameReader, AcceptsAnyVersionOnlyWhenAskedTo) {
-    Bytes identification = {0xFF, 0x00, 0x00, 0x01, 0, 0, 0, 0};
-    Message message;
+    // Any version (vehicle identification) only when asked to.
+    Bytes identification = hex_bytes("FF000001 00000000");
     FrameReader strict;
     strict.feed(identification.data(), identification.size());
     EXPECT_EQ(strict.next(message), FrameReader::Result::kBadVersion);
@@ -167,77 +133,68 @@ TEST(DoipFrameReader, AcceptsAnyVersionOnlyWhenAskedTo) {
 }
 
 // An oversized message is reported once, its payload skipped wherever the
-// reads split it, and the next message framed as usual.
+// reads split it, and the next message framed as usual; a payload exactly at
+// the cap is accepted.
 TEST(DoipFrameReader, SkipsAnOversizedPayloadSplitAnywhere) {
-    Bytes oversized = {0x02, 0xFD, 0x80, 0x01, 0, 0, 0, 20};
-    oversized.resize(oversized.size() + 20, 0xAA);
-    const Bytes stream = concat({oversized, kDiagAck});
+    Bytes stream = hex_bytes("02FD8001 00000014");
+    stream.resize(stream.size() + 20, 0xAA);
+    stream.insert(stream.end(), kDiagAck.begin(), kDiagAck.end());
     for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        SCOPED_TRACE(testing::Message() << "cut at " << cut);
         FrameReader reader(16);
-        Message message;
         int too_large = 0;
-        std::vector<Message> messages;
-        for (auto [from, to] : {std::pair<size_t, size_t>{0, cut}, {cut, stream.size()}}) {
-            reader.feed(stream.data() + from, to - from);
-            for (;;) {
-                FrameReader::Result result = reader.next(message);
-                if (result == FrameReader::Result::kTooLarge)
-                    ++too_large;
-                else if (result == FrameReader::Result::kMessage)
-                    messages.push_back(message);
-                else
-                    break;
-            }
-        }
-        EXPECT_EQ(too_large, 1) << "cut at " << cut;
+        std::vector<Message> messages = frame(reader, stream, {cut}, &too_large);
+        EXPECT_EQ(too_large, 1);
         EXPECT_EQ(reader.bad_header().payload_length, 20u);
-        ASSERT_EQ(messages.size(), 1u) << "cut at " << cut;
+        ASSERT_EQ(messages.size(), 1u);
         EXPECT_EQ(uozdoip::encode_message(messages[0]), kDiagAck);
     }
-}
-
-TEST(DoipFrameReader, AcceptsAPayloadExactlyAtTheCap) {
-    Bytes at_cap = {0x02, 0xFD, 0x80, 0x01, 0, 0, 0, 16};
+    Bytes at_cap = hex_bytes("02FD8001 00000010");
     at_cap.resize(at_cap.size() + 16, 0x55);
     FrameReader reader(16);
+    std::vector<Message> messages = frame(reader, at_cap, {});
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0].payload.size(), 16u);
+    // A huge declared length is not buffered while its payload is skipped.
+    Bytes huge = hex_bytes("02FD8001 FFFFFFFF");
+    FrameReader skipping;
     Message message;
-    reader.feed(at_cap.data(), at_cap.size());
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
-    EXPECT_EQ(message.payload.size(), 16u);
-}
-
-TEST(DoipFrameReader, DoesNotBufferAHugeDeclaredLength) {
-    Bytes huge = {0x02, 0xFD, 0x80, 0x01, 0xFF, 0xFF, 0xFF, 0xFF};
-    FrameReader reader;
-    Message message;
-    reader.feed(huge.data(), huge.size());
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kTooLarge);
+    skipping.feed(huge.data(), huge.size());
+    EXPECT_EQ(skipping.next(message), FrameReader::Result::kTooLarge);
     Bytes chunk(4096, 0x11);
-    reader.feed(chunk.data(), chunk.size());
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kNeedMore);
-    EXPECT_EQ(reader.buffered(), 0u);
+    skipping.feed(chunk.data(), chunk.size());
+    EXPECT_EQ(skipping.next(message), FrameReader::Result::kNeedMore);
+    EXPECT_EQ(skipping.buffered(), 0u);
 }
 
-// ---- Payloads: exact bytes each way ----
-
-struct EncodeCase {
-    std::string name;
-    Bytes encoded;
-    Bytes expected;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const EncodeCase &c, std::ostream *os) {
-    *os << c.name;
+// How many of the payload parsers accept the message.
+int accepted_by(const Message &message) {
+    using namespace uozdoip;
+    return !!parse_routing_activation_request(message) +
+           !!parse_routing_activation_response(message) + !!parse_diagnostic_message(message) +
+           !!parse_diagnostic_ack(message) + !!parse_generic_nack(message) +
+           !!parse_alive_check_response(message) + !!parse_vehicle_id_request(message) +
+           !!parse_vehicle_announcement(message);
 }
 
-class DoipEncode : public ::testing::TestWithParam<EncodeCase> {};
-
-TEST_P(DoipEncode, WritesTheExactBytes) {
-    EXPECT_EQ(GetParam().encoded, GetParam().expected);
+// Parses a message with the payload parser, then encodes what it gave: the
+// bytes must come back unchanged, so every field was read.
+template <typename Parse, typename Encode>
+std::function<Bytes(const Message &)> reparse(Parse parse, Encode encode) {
+    return [parse, encode](const Message &message) {
+        auto parsed = parse(message);
+        return parsed ? encode(*parsed, message.version) : Bytes();
+    };
 }
 
-std::vector<EncodeCase> encode_cases() {
+template <typename Parse>
+std::function<Bytes(const Message &)> reparse(Parse parse) {
+    return reparse(
+        parse, [](const auto &value, uint8_t version) { return uozdoip::encode(value, version); });
+}
+
+// Exact bytes each way: what encode writes, and what the parser reads back.
+TEST(DoipPayloads, EncodeTheExactBytesAndParseThemBack) {
     using namespace uozdoip;
     VehicleAnnouncement announcement;
     const std::string vin = "WUOZ0000000000001";
@@ -245,177 +202,108 @@ std::vector<EncodeCase> encode_cases() {
     announcement.logical_address = 0x0E80;
     announcement.eid = {0x02, 0x00, 0x00, 0x00, 0x00, 0x01};
     announcement.gid = {0x02, 0x00, 0x00, 0x00, 0x00, 0x02};
-    Bytes announced = {0x02, 0xFD, 0x00, 0x04, 0, 0, 0, 32};
-    announced.insert(announced.end(), vin.begin(), vin.end());
-    announced.insert(announced.end(),
-                     {0x0E, 0x80, 0x02, 0, 0, 0, 0, 0x01, 0x02, 0, 0, 0, 0, 0x02, 0x00});
-    return {
-        {"routing_request",
-         encode(RoutingActivationRequest{0x0E00, 0x00, 0, std::nullopt}),
-         {0x02, 0xFD, 0x00, 0x05, 0, 0, 0, 7, 0x0E, 0x00, 0x00, 0, 0, 0, 0}},
-        {"routing_request_oem",
-         encode(RoutingActivationRequest{0x0E00, 0xE0, 0, 0x11223344}),
-         {0x02, 0xFD, 0x00, 0x05, 0, 0, 0, 11, 0x0E, 0x00, 0xE0, 0, 0, 0, 0, 0x11, 0x22, 0x33,
-          0x44}},
+    const std::string vin_hex = "57554F5A30303030303030303030303031";
+    VehicleAnnouncement synced;
+    synced.logical_address = 0x1000;
+    synced.further_action = 0x10;
+    synced.sync_status = 0x00;
+    auto routing_request = reparse(parse_routing_activation_request);
+    auto routing_response = reparse(parse_routing_activation_response);
+    auto ack = reparse(parse_diagnostic_ack);
+    auto vehicle_id = reparse(parse_vehicle_id_request);
+    auto announced = reparse(parse_vehicle_announcement);
+    const struct {
+        const char *name;
+        Bytes encoded;
+        std::string hex;
+        std::function<Bytes(const Message &)> parsed_again;
+    } cases[] = {
+        {"routing_request", encode(RoutingActivationRequest{0x0E00, 0x00, 0, std::nullopt}),
+         "02FD0005 00000007 0E00 00 00000000", routing_request},
+        {"routing_request_oem", encode(RoutingActivationRequest{0x0E00, 0xE0, 0, 0x11223344}),
+         "02FD0005 0000000B 0E00 E0 00000000 11223344", routing_request},
         {"routing_response",
          encode(RoutingActivationResponse{0x0E00, 0x1000, 0x10, 0, std::nullopt}, 0x03),
-         {0x03, 0xFC, 0x00, 0x06, 0, 0, 0, 9, 0x0E, 0x00, 0x10, 0x00, 0x10, 0, 0, 0, 0}},
-        {"routing_denied",
-         encode(RoutingActivationResponse{0x0E00, 0x1000, 0x00, 0, std::nullopt}),
-         {0x02, 0xFD, 0x00, 0x06, 0, 0, 0, 9, 0x0E, 0x00, 0x10, 0x00, 0x00, 0, 0, 0, 0}},
+         "03FC0006 00000009 0E00 1000 10 00000000", routing_response},
+        {"routing_denied", encode(RoutingActivationResponse{0x0E00, 0x1000, 0x07, 0, std::nullopt}),
+         "02FD0006 00000009 0E00 1000 07 00000000", routing_response},
         {"diagnostic_message", encode(DiagnosticMessage{0x0E00, 0x07E0, {0x19, 0x02, 0xFF}}),
-         kDiagRequest},
-        {"diagnostic_ack", encode(DiagnosticAck{false, 0x07E0, 0x0E00, 0x00, {}}), kDiagAck},
-        {"diagnostic_nack",
-         encode(DiagnosticAck{true, 0x0777, 0x0E00, 0x03, {0x22, 0xF1}}),
-         {0x02, 0xFD, 0x80, 0x03, 0, 0, 0, 7, 0x07, 0x77, 0x0E, 0x00, 0x03, 0x22, 0xF1}},
-        {"generic_nack", encode_generic_nack(0x02), {0x02, 0xFD, 0x00, 0x00, 0, 0, 0, 1, 0x02}},
-        {"alive_check_request", encode_alive_check_request(), {0x02, 0xFD, 0x00, 0x07, 0, 0, 0, 0}},
-        {"alive_check_response",
-         encode_alive_check_response(0x0E00),
-         {0x02, 0xFD, 0x00, 0x08, 0, 0, 0, 2, 0x0E, 0x00}},
-        {"vehicle_id_request", encode(VehicleIdRequest{}), {0xFF, 0x00, 0x00, 0x01, 0, 0, 0, 0}},
+         "02FD8001 00000007 0E00 07E0 1902FF", reparse(parse_diagnostic_message)},
+        {"diagnostic_ack", encode(DiagnosticAck{false, 0x07E0, 0x0E00, 0x00, {}}),
+         "02FD8002 00000005 07E0 0E00 00", ack},
+        {"diagnostic_nack", encode(DiagnosticAck{true, 0x0777, 0x0E00, 0x03, {0x22, 0xF1}}),
+         "02FD8003 00000007 0777 0E00 03 22F1", ack},
+        {"generic_nack", encode_generic_nack(0x02), "02FD0000 00000001 02",
+         reparse(parse_generic_nack, encode_generic_nack)},
+        {"alive_check_request", encode_alive_check_request(), "02FD0007 00000000", nullptr},
+        {"alive_check_response", encode_alive_check_response(0x0E00), "02FD0008 00000002 0E00",
+         reparse(parse_alive_check_response, encode_alive_check_response)},
+        {"vehicle_id_request", encode(VehicleIdRequest{}), "FF000001 00000000", vehicle_id},
         {"vehicle_id_by_eid",
          encode(VehicleIdRequest{payload::kVehicleIdRequestByEid, {1, 2, 3, 4, 5, 6}}, 0x02),
-         {0x02, 0xFD, 0x00, 0x02, 0, 0, 0, 6, 1, 2, 3, 4, 5, 6}},
-        {"vehicle_announcement", encode(announcement), announced},
+         "02FD0002 00000006 010203040506", vehicle_id},
+        {"vehicle_id_by_vin",
+         encode(VehicleIdRequest{payload::kVehicleIdRequestByVin, Bytes(vin.begin(), vin.end())}),
+         "FF000003 00000011" + vin_hex, vehicle_id},
+        {"vehicle_announcement", encode(announcement),
+         "02FD0004 00000020" + vin_hex + "0E80 020000000001 020000000002 00", announced},
+        {"announcement_with_sync_status", encode(synced),
+         "02FD0004 00000021" + std::string(34, '0') + "1000" + std::string(24, '0') + "10 00",
+         announced},
     };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(c.encoded, hex_bytes(c.hex));
+        if (!c.parsed_again)
+            continue;
+        FrameReader reader(uozdoip::kDefaultMaxPayload, true);
+        std::vector<Message> messages = frame(reader, c.encoded, {});
+        ASSERT_EQ(messages.size(), 1u);
+        EXPECT_EQ(c.parsed_again(messages[0]), c.encoded);
+        EXPECT_EQ(accepted_by(messages[0]), 1);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Table, DoipEncode, ::testing::ValuesIn(encode_cases()),
-                         [](const auto &info) { return info.param.name; });
-
-Message parse_one(const Bytes &bytes) {
-    FrameReader reader(uozdoip::kDefaultMaxPayload, true);
-    reader.feed(bytes.data(), bytes.size());
-    Message message;
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
-    return message;
-}
-
-TEST(DoipParse, RoutingActivationRequestWithAndWithoutOem) {
-    auto plain = uozdoip::parse_routing_activation_request(
-        parse_one({0x02, 0xFD, 0x00, 0x05, 0, 0, 0, 7, 0x0E, 0x01, 0x01, 0, 0, 0, 0}));
-    ASSERT_TRUE(plain);
-    EXPECT_EQ(plain->source, 0x0E01);
-    EXPECT_EQ(plain->activation_type, 0x01);
-    EXPECT_FALSE(plain->oem);
-    auto oem = uozdoip::parse_routing_activation_request(parse_one(
-        {0x02, 0xFD, 0x00, 0x05, 0, 0, 0, 11, 0x0E, 0x01, 0x00, 0, 0, 0, 0, 0xA, 0xB, 0xC, 0xD}));
-    ASSERT_TRUE(oem);
-    EXPECT_EQ(*oem->oem, 0x0A0B0C0Du);
-}
-
-TEST(DoipParse, RoutingActivationResponseGivesTheEntityAndCode) {
-    auto response = uozdoip::parse_routing_activation_response(
-        parse_one({0x02, 0xFD, 0x00, 0x06, 0, 0, 0, 9, 0x0E, 0x00, 0x10, 0x00, 0x07, 0, 0, 0, 0}));
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->tester, 0x0E00);
-    EXPECT_EQ(response->entity, 0x1000);
-    EXPECT_EQ(response->code, 0x07);
-    EXPECT_STREQ(uozdoip::routing_code_name(response->code), "denied: TLS required");
-}
-
-TEST(DoipParse, DiagnosticMessageAndAcks) {
-    auto message = uozdoip::parse_diagnostic_message(parse_one(kDiagRequest));
-    ASSERT_TRUE(message);
-    EXPECT_EQ(message->source, 0x0E00);
-    EXPECT_EQ(message->target, 0x07E0);
-    EXPECT_EQ(message->data, (Bytes{0x19, 0x02, 0xFF}));
-
-    auto ack = uozdoip::parse_diagnostic_ack(parse_one(kDiagAck));
-    ASSERT_TRUE(ack);
-    EXPECT_FALSE(ack->negative);
-    EXPECT_EQ(ack->source, 0x07E0);
-    EXPECT_EQ(ack->code, 0x00);
-
-    auto nack = uozdoip::parse_diagnostic_ack(
-        parse_one({0x02, 0xFD, 0x80, 0x03, 0, 0, 0, 5, 0x07, 0x77, 0x0E, 0x00, 0x03}));
-    ASSERT_TRUE(nack);
-    EXPECT_TRUE(nack->negative);
-    EXPECT_EQ(nack->code, 0x03);
-    EXPECT_STREQ(uozdoip::diag_nack_name(nack->code), "unknown target address");
-}
-
-TEST(DoipParse, AliveCheckVehicleIdentificationAndGenericNack) {
-    EXPECT_EQ(uozdoip::parse_alive_check_response(
-                  parse_one({0x02, 0xFD, 0x00, 0x08, 0, 0, 0, 2, 0x0E, 0x00})),
-              std::optional<uint16_t>(0x0E00));
-    EXPECT_EQ(uozdoip::parse_generic_nack(parse_one({0x02, 0xFD, 0x00, 0x00, 0, 0, 0, 1, 0x04})),
-              std::optional<uint8_t>(0x04));
-    auto by_vin = uozdoip::parse_vehicle_id_request(
-        parse_one(uozdoip::encode(uozdoip::VehicleIdRequest{0x0003, Bytes(17, 'W')})));
-    ASSERT_TRUE(by_vin);
-    EXPECT_EQ(by_vin->filter, Bytes(17, 'W'));
-
-    uozdoip::VehicleAnnouncement sent;
-    sent.logical_address = 0x1000;
-    sent.further_action = 0x10;
-    sent.sync_status = 0x00;
-    auto received = uozdoip::parse_vehicle_announcement(parse_one(uozdoip::encode(sent)));
-    ASSERT_TRUE(received);
-    EXPECT_EQ(received->logical_address, 0x1000);
-    EXPECT_EQ(received->further_action, 0x10);
-    EXPECT_EQ(received->sync_status, std::optional<uint8_t>(0x00));
-}
-
-struct RejectCase {
-    std::string name;
-    Bytes message;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const RejectCase &c, std::ostream *os) {
-    *os << c.name;
-}
-
-class DoipParseRejects : public ::testing::TestWithParam<RejectCase> {};
 
 // Each payload parser refuses any other payload type and any wrong length.
-TEST_P(DoipParseRejects, WrongTypeOrLength) {
-    Message message = parse_one(GetParam().message);
-    EXPECT_FALSE(uozdoip::parse_routing_activation_request(message));
-    EXPECT_FALSE(uozdoip::parse_routing_activation_response(message));
-    EXPECT_FALSE(uozdoip::parse_diagnostic_message(message));
-    EXPECT_FALSE(uozdoip::parse_diagnostic_ack(message));
-    EXPECT_FALSE(uozdoip::parse_generic_nack(message));
-    EXPECT_FALSE(uozdoip::parse_alive_check_response(message));
-    EXPECT_FALSE(uozdoip::parse_vehicle_id_request(message));
-    EXPECT_FALSE(uozdoip::parse_vehicle_announcement(message));
+TEST(DoipPayloads, ParsersRefuseAWrongTypeOrLength) {
+    const char *cases[] = {
+        "02FD0005 00000008 0000 00 00000000 00",       // routing request of 8
+        "02FD0006 0000000A 0000 0000 10 00000000 00",  // routing response of 10
+        "02FD8001 00000004 0000 0000",                 // diagnostic message without data
+        "02FD8002 00000004 0000 0000",                 // ack without code
+        "02FD0000 00000002 0000",                      // generic NACK of 2
+        "02FD0008 00000003 000000",                    // alive check response of 3
+        "02FD0002 00000005 0102030405",                // identification by EID of 5
+        "02FD1234 00000000",                           // unknown type
+    };
+    for (const char *hex : cases) {
+        SCOPED_TRACE(hex);
+        FrameReader reader;
+        std::vector<Message> messages = frame(reader, hex_bytes(hex), {});
+        ASSERT_EQ(messages.size(), 1u);
+        EXPECT_EQ(accepted_by(messages[0]), 0);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DoipParseRejects,
-    ::testing::Values(
-        RejectCase{"routing_request_8",
-                   {0x02, 0xFD, 0x00, 0x05, 0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0}},
-        RejectCase{"routing_response_10",
-                   {0x02, 0xFD, 0x00, 0x06, 0, 0, 0, 10, 0, 0, 0, 0, 0x10, 0, 0, 0, 0, 0}},
-        RejectCase{"diagnostic_without_data", {0x02, 0xFD, 0x80, 0x01, 0, 0, 0, 4, 0, 0, 0, 0}},
-        RejectCase{"ack_without_code", {0x02, 0xFD, 0x80, 0x02, 0, 0, 0, 4, 0, 0, 0, 0}},
-        RejectCase{"generic_nack_2", {0x02, 0xFD, 0x00, 0x00, 0, 0, 0, 2, 0, 0}},
-        RejectCase{"alive_response_3", {0x02, 0xFD, 0x00, 0x08, 0, 0, 0, 3, 0, 0, 0}},
-        RejectCase{"id_by_eid_5", {0x02, 0xFD, 0x00, 0x02, 0, 0, 0, 5, 1, 2, 3, 4, 5}},
-        RejectCase{"unknown_type", {0x02, 0xFD, 0x12, 0x34, 0, 0, 0, 0}}),
-    [](const auto &info) { return info.param.name; });
 
 TEST(DoipNames, NameEveryCodeAndSayUnknownOtherwise) {
     EXPECT_STREQ(uozdoip::payload_type_name(0x8001), "diagnostic message");
     EXPECT_STREQ(uozdoip::payload_type_name(0x1234), "unknown");
     EXPECT_STREQ(uozdoip::routing_code_name(0x10), "success");
+    EXPECT_STREQ(uozdoip::routing_code_name(0x07), "denied: TLS required");
     EXPECT_STREQ(uozdoip::routing_code_name(0x42), "unknown");
+    EXPECT_STREQ(uozdoip::diag_nack_name(0x03), "unknown target address");
     EXPECT_STREQ(uozdoip::diag_nack_name(0x06), "target unreachable");
     EXPECT_STREQ(uozdoip::generic_nack_name(0x00), "incorrect pattern format");
 }
 
-// ---- POSIX helpers ----
-
-TEST(DoipIo, WriteAllThenReadIntoFramesAcrossASocketPair) {
+TEST(DoipIo, WriteAllAndReadIntoOverASocketPairAndAPipe) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
     uozdoip::ScopedFd left(pair[0]);
     uozdoip::ScopedFd right(pair[1]);
-    ASSERT_TRUE(uozdoip::write_all(left.get(), concat({kDiagRequest, kDiagAck})));
+    Bytes both = kDiagRequest;
+    both.insert(both.end(), kDiagAck.begin(), kDiagAck.end());
+    ASSERT_TRUE(uozdoip::write_all(left.get(), both));
     FrameReader reader;
     std::vector<Message> messages;
     Message message;
@@ -427,18 +315,10 @@ TEST(DoipIo, WriteAllThenReadIntoFramesAcrossASocketPair) {
     EXPECT_EQ(messages[1].payload_type, 0x8002);
     left.reset();
     EXPECT_EQ(uozdoip::read_into(right.get(), reader), 0);
-}
-
-TEST(DoipIo, WriteAllFailsWithoutSignalWhenThePeerIsGone) {
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    uozdoip::ScopedFd left(pair[0]);
-    close(pair[1]);
-    EXPECT_FALSE(uozdoip::write_all(left.get(), kDiagAck));
+    // The peer is gone: a failure with EPIPE, not SIGPIPE.
+    EXPECT_FALSE(uozdoip::write_all(right.get(), kDiagAck));
     EXPECT_EQ(errno, EPIPE);
-}
 
-TEST(DoipIo, WriteAllWorksOnAPipe) {
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
     uozdoip::ScopedFd reading(pipe_fds[0]);
@@ -461,41 +341,26 @@ TEST(DoipIo, ScopedFdClosesOnceAndMovesOwnership) {
     EXPECT_EQ(errno, EBADF);
 }
 
-struct HostPortCase {
-    std::string text;
-    bool ok;
-    std::string host;
-    uint16_t port;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const HostPortCase &c, std::ostream *os) {
-    *os << '"' << c.text << '"';
-}
-
-class DoipHostPort : public ::testing::TestWithParam<HostPortCase> {};
-
-TEST_P(DoipHostPort, Splits) {
+TEST(DoipHostPort, SplitsWithTheDefaultPortAndRefusesTheRest) {
+    const struct {
+        const char *text, *host;
+        uint16_t port;
+    } accepted[] = {{"127.0.0.1:13401", "127.0.0.1", 13401},
+                    {"127.0.0.1", "127.0.0.1", 13400},
+                    {"localhost:0", "localhost", 0},
+                    {"[::1]:13400", "::1", 13400},
+                    {"[::1]", "::1", 13400},
+                    {"::1", "::1", 13400}};
     std::string host;
     uint16_t port = 0;
-    const HostPortCase &c = GetParam();
-    ASSERT_EQ(uozdoip::split_host_port(c.text.c_str(), 13400, host, port), c.ok) << c.text;
-    if (c.ok) {
+    for (const auto &c : accepted) {
+        ASSERT_TRUE(uozdoip::split_host_port(c.text, 13400, host, port)) << c.text;
         EXPECT_EQ(host, c.host);
         EXPECT_EQ(port, c.port);
     }
+    for (const char *text :
+         {"127.0.0.1:", ":13400", "127.0.0.1:65536", "127.0.0.1:12a", "[::1", ""})
+        EXPECT_FALSE(uozdoip::split_host_port(text, 13400, host, port)) << text;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, DoipHostPort,
-    ::testing::Values(
-        HostPortCase{"127.0.0.1:13401", true, "127.0.0.1", 13401},
-        HostPortCase{"127.0.0.1", true, "127.0.0.1", 13400},
-        HostPortCase{"localhost:0", true, "localhost", 0},
-        HostPortCase{"[::1]:13400", true, "::1", 13400}, HostPortCase{"[::1]", true, "::1", 13400},
-        HostPortCase{"::1", true, "::1", 13400}, HostPortCase{"127.0.0.1:", false, "", 0},
-        HostPortCase{":13400", false, "", 0}, HostPortCase{"127.0.0.1:65536", false, "", 0},
-        HostPortCase{"127.0.0.1:12a", false, "", 0}, HostPortCase{"[::1", false, "", 0},
-        HostPortCase{"", false, "", 0}));
 
 }  // namespace

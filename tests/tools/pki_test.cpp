@@ -5,21 +5,14 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
+#include <cstring>
 
+#include "file_text.h"
 #include "pki.h"
 #include "tool_runner.h"
 
 namespace uoztest {
 namespace {
-
-std::string read_text(const std::string &path) {
-    std::ifstream file(path);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 class PkiTest : public ::testing::Test {
   protected:
@@ -29,46 +22,43 @@ class PkiTest : public ::testing::Test {
         dir_ = dir;
     }
     void TearDown() override { system(("rm -rf " + dir_).c_str()); }
-    // Runs uoz-pki in dir_ so that relative paths are relative to it.
-    ToolRun pki(const std::string &arguments) {
-        return run("cd " + dir_ + " && " + UOZ_PKI_PATH + " " + arguments);
-    }
+    // uoz-pki run in dir_, so that relative paths are relative to it.
+    std::string program() { return "cd " + dir_ + " && " + UOZ_PKI_PATH; }
+    ToolRun pki(const std::string &arguments) { return run(program() + " " + arguments); }
+    std::string text_of(const std::string &name) { return file_text(dir_ + "/pki/" + name); }
     std::string dir_;
 };
 
 TEST_F(PkiTest, initAndNodeRefuseToReplaceWithoutForce) {
     ASSERT_EQ(pki("init --dir pki").code, 0);
-    std::string ca = read_text(dir_ + "/pki/ca/ca.pem");
-    ToolRun again = pki("init --dir pki");
-    EXPECT_EQ(again.code, 2);
-    EXPECT_EQ(again.err,
-              "uoz-pki: pki/ca/ca.pem exists: init would replace the CA and so "
-              "invalidate every identity it signed; add --force to replace it\n");
-    EXPECT_EQ(read_text(dir_ + "/pki/ca/ca.pem"), ca);
+    std::string ca = text_of("ca/ca.pem");
+    expect_run(program(), {"init --dir pki", 2, "",
+                           "uoz-pki: pki/ca/ca.pem exists: init would replace the CA and so "
+                           "invalidate every identity it signed; add --force to replace it\n"});
+    EXPECT_EQ(text_of("ca/ca.pem"), ca);
 
     ASSERT_EQ(pki("node --dir pki --id app").code, 0);
-    std::string identity = read_text(dir_ + "/pki/app/cert.pem");
-    ToolRun node = pki("node --dir pki --id app --ua /other");
-    EXPECT_EQ(node.code, 2);
-    EXPECT_EQ(node.err, "uoz-pki: " + dir_ +
-                            "/pki/app/cert.pem exists: node would replace this identity; add "
-                            "--force to replace it\n");
-    EXPECT_EQ(read_text(dir_ + "/pki/app/cert.pem"), identity);
+    std::string identity = text_of("app/cert.pem");
+    expect_run(program(), {"node --dir pki --id app --ua /other", 2, "",
+                           "uoz-pki: " + dir_ +
+                               "/pki/app/cert.pem exists: node would replace this identity; add "
+                               "--force to replace it\n"});
+    EXPECT_EQ(text_of("app/cert.pem"), identity);
 
     EXPECT_EQ(pki("node --dir pki --id app --ua /other --force").code, 0);
-    EXPECT_NE(read_text(dir_ + "/pki/app/cert.pem"), identity);
+    EXPECT_NE(text_of("app/cert.pem"), identity);
     EXPECT_EQ(pki("init --dir pki --force").code, 0);
-    EXPECT_NE(read_text(dir_ + "/pki/ca/ca.pem"), ca);
+    EXPECT_NE(text_of("ca/ca.pem"), ca);
 }
 
 TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
     ASSERT_EQ(pki("init --dir pki").code, 0);
-    ToolRun app = pki("node --dir pki --id diag-app");
-    EXPECT_EQ(app.out, dir_.substr(0, 0) + "created node      " + dir_ +
-                           "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n");
-    ToolRun bare = pki("node --dir pki --id bare --no-reply-address");
-    EXPECT_EQ(bare.out, "created node      " + dir_ +
-                            "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n");
+    expect_run(program(), {"node --dir pki --id diag-app", 0,
+                           "created node      " + dir_ +
+                               "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n"});
+    expect_run(program(), {"node --dir pki --id bare --no-reply-address", 0,
+                           "created node      " + dir_ +
+                               "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n"});
     std::vector<uozpki::NodeAddresses> nodes =
         uozpki::read_nodes(dir_ + "/pki", {"diag-app", "bare"});
     ASSERT_EQ(nodes.size(), 2u);
@@ -76,27 +66,23 @@ TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
     EXPECT_TRUE(nodes[1].addresses.empty());
 }
 
-TEST_F(PkiTest, theBrokerConfigurationHasAbsolutePaths) {
+// Paths the broker can open from anywhere; access rules between applications
+// and the agents that serve them, each way, and nothing else.
+TEST_F(PkiTest, brokerConfigurationWithAbsolutePathsAndRulesThatNameTheSender) {
     ASSERT_EQ(pki("init --dir pki").code, 0);
+    ASSERT_EQ(pki("node --dir pki --id app --ua /uoz/app").code, 0);
+    ASSERT_EQ(pki("node --dir pki --id agent --ua /ZDATA/UDS --group policy-agent").code, 0);
     ASSERT_EQ(pki("broker-config --dir pki --port 18883").code, 0);
-    std::string conf = read_text(dir_ + "/pki/mosquitto.conf");
+    std::string conf = text_of("mosquitto.conf");
     for (const char *line : {"acl_file ", "cafile ", "certfile ", "keyfile "}) {
         size_t at = conf.find(std::string("\n") + line);
         ASSERT_NE(at, std::string::npos) << line;
         EXPECT_EQ(conf.compare(at + 1 + strlen(line), dir_.size() + 5, dir_ + "/pki/"), 0) << conf;
     }
-}
-
-// Applications and the agents that serve them, each way, and nothing else.
-TEST_F(PkiTest, accessRulesNameTheSenderByDefault) {
-    ASSERT_EQ(pki("init --dir pki").code, 0);
-    ASSERT_EQ(pki("node --dir pki --id app --ua /uoz/app").code, 0);
-    ASSERT_EQ(pki("node --dir pki --id agent --ua /ZDATA/UDS --group policy-agent").code, 0);
-    ASSERT_EQ(pki("broker-config --dir pki --port 18883").code, 0);
     ToolRun added = pki("add --dir pki --id infotainment --ua /info");
     EXPECT_EQ(added.code, 0) << added.err;
     EXPECT_NE(added.out.find("reload the broker so that it reads the new ACL"), std::string::npos);
-    std::string acl = read_text(dir_ + "/pki/acl");
+    std::string acl = text_of("acl");
     EXPECT_EQ(acl.find("pattern write kt5/msg/%u/#"), std::string::npos) << acl;
     const char *expected =
         "user agent\n"
@@ -122,11 +108,11 @@ TEST_F(PkiTest, accessRulesNameTheSenderByDefault) {
     EXPECT_NE(acl.find(expected), std::string::npos) << acl;
 
     ASSERT_EQ(pki("broker-config --dir pki --port 18883 --open-acl").code, 0);
-    acl = read_text(dir_ + "/pki/acl");
+    acl = text_of("acl");
     EXPECT_NE(acl.find("pattern write kt5/msg/%u/#"), std::string::npos) << acl;
     // 'add' keeps the mode the ACL was written with.
     ASSERT_EQ(pki("add --dir pki --id second --ua /second").code, 0);
-    acl = read_text(dir_ + "/pki/acl");
+    acl = text_of("acl");
     EXPECT_NE(acl.find("pattern write kt5/msg/%u/#"), std::string::npos) << acl;
     EXPECT_NE(acl.find("user second\ntopic read kt5/presence/#\ntopic read kt5/msg/+/ua/second\n"),
               std::string::npos)

@@ -1,4 +1,4 @@
-// Colour only on a terminal, and never with NO_COLOR.
+// Colour only on a terminal, and never with NO_COLOR or a dumb terminal.
 #include "terminal.h"
 
 #include <fcntl.h>
@@ -8,42 +8,29 @@
 
 namespace {
 
-class TerminalTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        master_ = posix_openpt(O_RDWR | O_NOCTTY);
-        ASSERT_GE(master_, 0);
-        ASSERT_EQ(grantpt(master_), 0);
-        ASSERT_EQ(unlockpt(master_), 0);
-        terminal_ = open(ptsname(master_), O_RDWR | O_NOCTTY);
-        ASSERT_GE(terminal_, 0);
-        ASSERT_EQ(pipe(pipe_), 0);
-        unsetenv("NO_COLOR");
-        setenv("TERM", "xterm", 1);
-    }
-    void TearDown() override {
-        for (int fd : {terminal_, master_, pipe_[0], pipe_[1]})
-            close(fd);
-        unsetenv("NO_COLOR");
-    }
-    int master_ = -1;
-    int terminal_ = -1;
-    int pipe_[2] = {-1, -1};
-};
-
-TEST_F(TerminalTest, colourOnATerminalOnly) {
-    EXPECT_TRUE(uoztools::colour_allowed(terminal_));
-    EXPECT_FALSE(uoztools::colour_allowed(pipe_[1]));
-}
-
-TEST_F(TerminalTest, noColourWhenNoColorIsSetOrTheTerminalIsDumb) {
+TEST(TerminalTest, colourOnATerminalOnlyAndNeverWithNoColor) {
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(grantpt(master), 0);
+    ASSERT_EQ(unlockpt(master), 0);
+    int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
+    ASSERT_GE(terminal, 0);
+    int pipe_fds[2];
+    ASSERT_EQ(pipe(pipe_fds), 0);
+    unsetenv("NO_COLOR");
+    setenv("TERM", "xterm", 1);
+    EXPECT_TRUE(uoztools::colour_allowed(terminal));
+    EXPECT_FALSE(uoztools::colour_allowed(pipe_fds[1]));
     setenv("NO_COLOR", "1", 1);
-    EXPECT_FALSE(uoztools::colour_allowed(terminal_));
+    EXPECT_FALSE(uoztools::colour_allowed(terminal));
     // An empty NO_COLOR does not count.
     setenv("NO_COLOR", "", 1);
-    EXPECT_TRUE(uoztools::colour_allowed(terminal_));
+    EXPECT_TRUE(uoztools::colour_allowed(terminal));
     setenv("TERM", "dumb", 1);
-    EXPECT_FALSE(uoztools::colour_allowed(terminal_));
+    EXPECT_FALSE(uoztools::colour_allowed(terminal));
+    unsetenv("NO_COLOR");
+    for (int fd : {terminal, master, pipe_fds[0], pipe_fds[1]})
+        close(fd);
 }
 
 }  // namespace

@@ -1,30 +1,21 @@
 #include "tool_runner.h"
 
-#include <fcntl.h>
-#include <json-c/json.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
-#include <fstream>
-#include <sstream>
-#include <thread>
 
-#include "broker_fixture.h"
-
-extern char **environ;
+#include "file_text.h"
 
 namespace uoztest {
 
 ToolRun run(const std::string &command) {
     char err_path[] = "/tmp/uoz-tool-err-XXXXXX";
-    int fd = mkstemp(err_path);
-    close(fd);
+    close(mkstemp(err_path));
     ToolRun result;
     auto started = std::chrono::steady_clock::now();
     FILE *pipe = popen((command + " 2>" + err_path).c_str(), "r");
@@ -36,47 +27,81 @@ ToolRun run(const std::string &command) {
     result.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream err(err_path);
-    std::stringstream text;
-    text << err.rdbuf();
-    result.err = text.str();
+    result.err = file_text(err_path);
     unlink(err_path);
     return result;
 }
 
-bool is_json(const std::string &text) {
+JsonDocument parse_json(const std::string &text) {
     json_tokener *tokener = json_tokener_new();
-    json_object *object =
-        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size()));
+    JsonDocument object(
+        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size())));
     bool whole =
-        object != nullptr && json_tokener_get_error(tokener) == json_tokener_success &&
+        object && json_tokener_get_error(tokener) == json_tokener_success &&
         text.find_first_not_of(" \t\r\n", json_tokener_get_parse_end(tokener)) == std::string::npos;
-    json_object_put(object);
     json_tokener_free(tokener);
-    return whole;
+    return whole ? std::move(object) : nullptr;
 }
 
-VehicleAgent::VehicleAgent(int broker_port) {
-    ecus_ = std::make_unique<EcuSimulator>(UOZ_ECUSIM_PATH);
-    agent_ = std::make_unique<AgentProcess>(
-        UOZ_AGENT_PATH, broker_port,
-        std::vector<std::string>{"--gateway", ecus_->address(), "--doip-port",
-                                 std::to_string(ecus_->port()), "--ecu-config",
-                                 std::string(UOZ_EXAMPLES) + "/ecus.json"});
+bool matches(const std::string &text, const std::string &pattern) {
+    size_t star = pattern.find('*');
+    if (star == std::string::npos)
+        return text == pattern;
+    if (text.compare(0, star, pattern, 0, star) != 0)
+        return false;
+    // The piece after each further '*' is found as early as it can be; the
+    // last piece must end the text.
+    size_t at = star;
+    for (size_t from = star + 1;;) {
+        size_t next = pattern.find('*', from);
+        std::string piece = pattern.substr(from, next - from);
+        if (next == std::string::npos)
+            return text.size() >= at + piece.size() &&
+                   text.compare(text.size() - piece.size(), piece.size(), piece) == 0;
+        at = text.find(piece, at);
+        if (at == std::string::npos)
+            return false;
+        at += piece.size();
+        from = next + 1;
+    }
 }
 
-VehicleAgent::~VehicleAgent() = default;
-
-void VehicleAgent::stop() {
-    agent_.reset();
+std::string text_at(json_object *object, const std::string &path) {
+    size_t from = 0;
+    for (size_t dot = 0; object != nullptr && dot != std::string::npos; from = dot + 1) {
+        dot = path.find('.', from);
+        std::string step = path.substr(from, dot - from);
+        if (json_object_is_type(object, json_type_array) && step == "#")
+            return std::to_string(json_object_array_length(object));
+        if (json_object_is_type(object, json_type_array))
+            object = json_object_array_get_idx(object, std::stoul(step));
+        else if (!json_object_object_get_ex(object, step.c_str(), &object))
+            object = nullptr;
+    }
+    return object != nullptr ? json_object_get_string(object) : "(none)";
 }
 
-void VehicleAgent::stop_ecus() {
-    ecus_.reset();
-}
-
-std::string VehicleAgent::agent_output() const {
-    return agent_ ? agent_->output() : std::string();
+ToolRun expect_run(const std::string &program, const Expected &expected) {
+    SCOPED_TRACE(expected.arguments);
+    ToolRun text = run(program + " " + expected.arguments);
+    EXPECT_EQ(text.code, expected.code) << text.out << text.err;
+    EXPECT_TRUE(matches(text.out, expected.out)) << text.out;
+    EXPECT_TRUE(matches(text.err, expected.err)) << text.err;
+    if (!expected.json)
+        return text;
+    ToolRun json = run(program + " --json " + expected.arguments);
+    EXPECT_EQ(json.code, expected.code);
+    JsonDocument document = parse_json(json.out);
+    EXPECT_TRUE(document) << json.out;
+    if (document) {
+        EXPECT_EQ(text_at(document.get(), "exit_code"),
+                  expected.code == 0 ? "(none)" : std::to_string(expected.code));
+    }
+    EXPECT_TRUE(matches(json.out, "*" + *expected.json + "*")) << json.out;
+    EXPECT_EQ(json.out.find("\x1b["), std::string::npos) << json.out;
+    for (const char *camel : {"targetAddress", "exitCode", "phyReqId"})
+        EXPECT_EQ(json.out.find(camel), std::string::npos) << json.out;
+    return text;
 }
 
 }  // namespace uoztest

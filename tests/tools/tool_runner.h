@@ -1,14 +1,12 @@
-// Running the command-line tools as a person would, and the diagnostic agent
-// they talk to.
+// Running the command-line tools as a person would, and reading what they say.
 #ifndef UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 #define UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 
-#include <sys/types.h>
+#include <json-c/json.h>
 
 #include <memory>
+#include <optional>
 #include <string>
-
-#include "processes.h"
 
 namespace uoztest {
 
@@ -22,29 +20,39 @@ struct ToolRun {
 // Runs a shell command line; standard output and error apart.
 ToolRun run(const std::string &command);
 
-// True when text is exactly one JSON document (nothing else around it).
-bool is_json(const std::string &text);
+// True when text is the pattern, where each '*' stands for any run of characters.
+bool matches(const std::string &text, const std::string &pattern);
 
-// The diagnostic agent on the test broker, with the identity "agent", asking
-// the ECU simulator over DoIP for the ECUs of examples/ecus.json: the one
-// place that starts them. Waits until both are ready.
-class VehicleAgent {
-  public:
-    explicit VehicleAgent(int broker_port);
-    ~VehicleAgent();
-    VehicleAgent(const VehicleAgent &) = delete;
-    VehicleAgent &operator=(const VehicleAgent &) = delete;
-    bool ready() const { return agent_ != nullptr; }
-    // Stops the agent: queries then go unanswered.
-    void stop();
-    // Stops the simulator: the agent then finds its ECUs unreachable.
-    void stop_ecus();
-    std::string agent_output() const;
-
-  private:
-    std::unique_ptr<EcuSimulator> ecus_;
-    std::unique_ptr<AgentProcess> agent_;
+// A run of `program arguments`: its exit code and what it prints ('*' stands
+// for any text). With `json` given, `program --json arguments` must give the
+// same exit code and one JSON document, without colour and with snake_case
+// keys, that holds the `json` pattern and has "exit_code" exactly when the
+// code is not 0.
+struct Expected {
+    std::string arguments;
+    int code;
+    std::string out = "*";
+    std::string err = "*";
+    std::optional<std::string> json = std::nullopt;
 };
+
+// Checks the run (and its --json form) against expected; gives the text run.
+ToolRun expect_run(const std::string &program, const Expected &expected);
+
+struct JsonFree {
+    void operator()(json_object *object) const { json_object_put(object); }
+};
+using JsonDocument = std::unique_ptr<json_object, JsonFree>;
+
+// Exactly one JSON document (nothing else around it), parsed; null otherwise.
+JsonDocument parse_json(const std::string &text);
+inline bool is_json(const std::string &text) {
+    return parse_json(text) != nullptr;
+}
+
+// The member at a dotted path ("ecus.1.error"; "#" is an array's length) as
+// text; "(none)" when it is missing or null.
+std::string text_at(json_object *object, const std::string &path);
 
 }  // namespace uoztest
 

@@ -2,90 +2,53 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
 #include <string>
 
 #include "hex_text.h"
 
 namespace {
 
-struct KeyCase {
-    uint8_t level;
-    uint32_t seed;
-    uint32_t key;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const KeyCase &c, std::ostream *os) {
-    *os << static_cast<int>(c.level) << "/" << c.seed;
-}
-
-class UdsBuiltinKey : public ::testing::TestWithParam<KeyCase> {};
-
 // Expected keys worked out from the documented formula outside this code.
-TEST_P(UdsBuiltinKey, FollowsTheDocumentedFormula) {
-    EXPECT_EQ(uozuds::builtin_key(GetParam().level, GetParam().seed), GetParam().key);
+TEST(UdsBuiltinKey, FollowsTheDocumentedFormula) {
+    const struct {
+        uint8_t level;
+        uint32_t seed, key;
+    } cases[] = {{0x01, 0x11223344, 0x976CE25B},
+                 {0x03, 0xDEADBEEF, 0x28D6EB37},
+                 {0x21, 0x00000000, 0xD550A8F3},
+                 {0x20, 0x5A17C3E9, 0x20202020},
+                 {0x7F, 0xFFFFFFFF, 0xD2739D8A}};
+    for (const auto &c : cases)
+        EXPECT_EQ(uozuds::builtin_key(c.level, c.seed), c.key) << int(c.level) << "/" << c.seed;
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, UdsBuiltinKey,
-                         ::testing::Values(KeyCase{0x01, 0x11223344, 0x976CE25B},
-                                           KeyCase{0x03, 0xDEADBEEF, 0x28D6EB37},
-                                           KeyCase{0x21, 0x00000000, 0xD550A8F3},
-                                           KeyCase{0x20, 0x5A17C3E9, 0x20202020},
-                                           KeyCase{0x7F, 0xFFFFFFFF, 0xD2739D8A}));
-
-TEST(UdsBuiltinKey, DependsOnTheLevel) {
-    EXPECT_NE(uozuds::builtin_key(0x01, 0x12345678), uozuds::builtin_key(0x03, 0x12345678));
-}
-
-struct NameCase {
-    uint8_t code;
-    std::string name;
-};
-
-// Shown in test names and failures instead of the bytes of the object.
-void PrintTo(const NameCase &c, std::ostream *os) {
-    *os << static_cast<int>(c.code);
-}
-
-class UdsNrcName : public ::testing::TestWithParam<NameCase> {};
-
-TEST_P(UdsNrcName, IsTheIsoName) {
-    EXPECT_EQ(uozuds::nrc_name(GetParam().code), GetParam().name);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, UdsNrcName,
-    ::testing::Values(NameCase{0x10, "generalReject"}, NameCase{0x11, "serviceNotSupported"},
-                      NameCase{0x12, "subFunctionNotSupported"},
-                      NameCase{0x13, "incorrectMessageLengthOrInvalidFormat"},
-                      NameCase{0x21, "busyRepeatRequest"}, NameCase{0x22, "conditionsNotCorrect"},
-                      NameCase{0x24, "requestSequenceError"}, NameCase{0x31, "requestOutOfRange"},
-                      NameCase{0x33, "securityAccessDenied"}, NameCase{0x35, "invalidKey"},
-                      NameCase{0x36, "exceedNumberOfAttempts"},
-                      NameCase{0x37, "requiredTimeDelayNotExpired"},
-                      NameCase{0x78, "requestCorrectlyReceived-ResponsePending"},
-                      NameCase{0x7E, "subFunctionNotSupportedInActiveSession"},
-                      NameCase{0x7F, "serviceNotSupportedInActiveSession"},
-                      NameCase{0x00, "unknown"}, NameCase{0xFF, "unknown"}));
-
-TEST(UdsServiceName, NamesServicesAndSaysUnknownOtherwise) {
+TEST(UdsNames, NrcsAndServicesHaveTheirIsoNamesAndUnknownOtherwise) {
+    std::string nrcs;
+    for (uint8_t code : {0x10, 0x11, 0x12, 0x13, 0x21, 0x22, 0x24, 0x31, 0x33, 0x35, 0x36, 0x37,
+                         0x78, 0x7E, 0x7F, 0x00, 0xFF})
+        nrcs += uozuds::hex_number(code, 2) + " " + uozuds::nrc_name(code) + "\n";
+    EXPECT_EQ(nrcs,
+              "0x10 generalReject\n0x11 serviceNotSupported\n0x12 subFunctionNotSupported\n"
+              "0x13 incorrectMessageLengthOrInvalidFormat\n0x21 busyRepeatRequest\n"
+              "0x22 conditionsNotCorrect\n0x24 requestSequenceError\n0x31 requestOutOfRange\n"
+              "0x33 securityAccessDenied\n0x35 invalidKey\n0x36 exceedNumberOfAttempts\n"
+              "0x37 requiredTimeDelayNotExpired\n0x78 requestCorrectlyReceived-ResponsePending\n"
+              "0x7E subFunctionNotSupportedInActiveSession\n"
+              "0x7F serviceNotSupportedInActiveSession\n0x00 unknown\n0xFF unknown\n");
     EXPECT_STREQ(uozuds::service_name(0x19), "ReadDTCInformation");
     EXPECT_STREQ(uozuds::service_name(0x27), "SecurityAccess");
     EXPECT_STREQ(uozuds::service_name(0x31), "RoutineControl");
     EXPECT_STREQ(uozuds::service_name(0x01), "unknown");
 }
 
-TEST(UdsHexText, BytesCompactAndSpacedInUpperCase) {
+TEST(UdsHexText, BytesAndNumbersInUpperCase) {
     const uint8_t bytes[] = {0x59, 0x02, 0xFF, 0x0a};
     EXPECT_EQ(uozuds::hex_compact(bytes, sizeof(bytes)), "5902FF0A");
     EXPECT_EQ(uozuds::hex_spaced(bytes, sizeof(bytes)), "59 02 FF 0A");
     EXPECT_EQ(uozuds::hex_spaced(bytes, 1), "59");
     EXPECT_EQ(uozuds::hex_compact(bytes, 0), "");
     EXPECT_EQ(uozuds::hex_spaced(nullptr, 0), "");
-}
-
-TEST(UdsHexText, NumbersWithAtLeastTheDigitsAsked) {
+    // At least the digits asked for.
     EXPECT_EQ(uozuds::hex_number(0x7E0, 4), "0x07E0");
     EXPECT_EQ(uozuds::hex_number(0x0A, 2), "0x0A");
     EXPECT_EQ(uozuds::hex_number(0x030100, 6), "0x030100");
