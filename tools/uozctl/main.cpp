@@ -638,6 +638,8 @@ int run_ecus(const Tool &tool, bool check_only) {
         json_object_object_add(object.get(), "entries", json_object_get(entries.get()));
         json_object_object_add(object.get(), "all_usable",
                                json_object_new_boolean(report.all_usable()));
+        if (check_only && code != kExitOk)
+            json_object_object_add(object.get(), "exit_code", json_object_new_int(code));
         tool.print_json(object.get());
         return check_only ? code : kExitOk;
     }
