@@ -1,40 +1,17 @@
-// The ECU configuration file: accepted entries, dropped entries and their
-// messages, and files that cannot be used.
+// The ECU configuration file (accepted and dropped entries, their messages,
+// unusable files) and the exact query bodies built from it.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <time.h>
 
-#include <regex>
 #include <string>
 
-#include "UDSOverZelko/config.h"
-#include "log_capture.h"
+#include "UDSOverZelko/query.h"
+#include "core_support.h"
+#include "kt5Utils/kt5_json.h"
 
 namespace uoztest {
 namespace {
-
-std::string temp_file(const std::string &text) {
-    char path[] = "/tmp/uoz-config-XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(fd);
-    return path;
-}
-
-// Loads the text; the handle, or nullptr when the load failed.
-UDSOverZelkoHandle *load(const std::string &text, std::string *log = nullptr, int level = 0) {
-    std::string path = temp_file(text);
-    UDSOverZelkoHandle *handle = new_handle();
-    LogCapture capture(level);
-    int rc = load_ecu_config(handle, path.c_str());
-    if (log != nullptr)
-        *log = capture.text();
-    unlink(path.c_str());
-    if (rc == 0)
-        return handle;
-    release_handle(handle);
-    return nullptr;
-}
 
 int count(const UDSOverZelkoHandle *handle) {
     int n = 0;
@@ -48,11 +25,10 @@ const char kCan[] =
 
 TEST(ConfigTest, unusableFilesFailTheLoad) {
     std::string log;
-    EXPECT_EQ(load("not json", &log), nullptr);
+    EXPECT_EQ(load_config("not json", &log), nullptr);
     EXPECT_TRUE(std::regex_search(log, std::regex(R"(ERR  \S+ Config failure\n)"))) << log;
-    EXPECT_EQ(load(R"({"other":[]})", &log), nullptr);
-    EXPECT_EQ(load(R"({"configs":{}})", &log), nullptr);
-    EXPECT_EQ(load(R"({"configs":"x"})", &log), nullptr);
+    for (const char *text : {R"({"other":[]})", R"({"configs":{}})", R"({"configs":"x"})"})
+        EXPECT_EQ(load_config(text), nullptr) << text;
     UDSOverZelkoHandle *handle = new_handle();
     EXPECT_EQ(load_ecu_config(handle, "/nonexistent/ecus.json"), -1);
     release_handle(handle);
@@ -84,7 +60,7 @@ TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
     };
     for (const Case &c : cases) {
         std::string log;
-        UDSOverZelkoHandle *handle = load(R"({"configs":[)" + c.entry + "]}", &log);
+        UDSOverZelkoHandle *handle = load_config(R"({"configs":[)" + c.entry + "]}", &log);
         ASSERT_NE(handle, nullptr) << c.entry;
         EXPECT_EQ(count(handle), 0) << c.entry;
         EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos)
@@ -99,7 +75,7 @@ TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
         kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
         R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
         R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
-    UDSOverZelkoHandle *handle = load(text);
+    UDSOverZelkoHandle *handle = load_config(text);
     ASSERT_NE(handle, nullptr);
     ASSERT_EQ(count(handle), 3);
     EcuConfig *engine = handle->ecus;
@@ -120,6 +96,38 @@ TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
     EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_IOC);
     EXPECT_EQ(handle->broadcast_ecu->target_address, -1);
     release_handle(handle);
+    handle = load_config(R"({"configs":[]})");
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle->ecus, nullptr);
+    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
+    release_handle(handle);
+}
+
+TEST(ConfigTest, nullElementsAreDroppedAndDuplicatesKeptInFileOrder) {
+    const char kBlock[] =
+        R"("can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"})";
+    std::string text = std::string(R"({"configs":[null,)") +
+                       R"({"type":"CAN","targetAddress":"0x7E0","name":"first",)" + kBlock +
+                       R"(},null,{"type":"CAN","targetAddress":"0x7E0","name":"second",)" + kBlock +
+                       R"(},{"type":"CAN","targetAddress":"0x7E1","name":"FIRST",)" + kBlock +
+                       "},7]}";
+    std::string log;
+    UDSOverZelkoHandle *handle = load_config(text, &log);
+    ASSERT_NE(handle, nullptr);
+    // Each null element and the number are dropped with the same message.
+    std::regex drop("Could not parse 'type'\n");
+    EXPECT_EQ(
+        std::distance(std::sregex_iterator(log.begin(), log.end(), drop), std::sregex_iterator()),
+        3)
+        << log;
+    ASSERT_EQ(count(handle), 3);
+    EXPECT_STREQ(handle->ecus->name, "first");
+    EXPECT_STREQ(handle->ecus->next->name, "second");
+    // The earlier of two entries wins both look-ups; no entry reads as -1 here.
+    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "first");
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "First"), 0x7E0);
+    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, -1), nullptr);
+    release_handle(handle);
 }
 
 TEST(ConfigTest, targetAddressesReadAsThirtyTwoBitHexadecimal) {
@@ -133,24 +141,16 @@ TEST(ConfigTest, targetAddressesReadAsThirtyTwoBitHexadecimal) {
         EXPECT_EQ(parse_target_address(c.text), c.address) << c.text;
 }
 
-TEST(ConfigTest, emptyConfigsGiveOnlyTheBroadcastRecord) {
-    UDSOverZelkoHandle *handle = load(R"({"configs":[]})");
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(handle->ecus, nullptr);
-    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
-    release_handle(handle);
-}
-
 TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
     std::string text =
         std::string(R"({"configs":[{"type":"CAN","targetAddress":"0x7E0","name":"e",)") + kCan +
         R"(,"ecu_version":{"uds":[]}},{"type":"DOIP","targetAddress":"12345678","name":"t","doip":{"sa":"1","ta":"2","gw-ip":"10.0.0.1"}}]})";
-    UDSOverZelkoHandle *handle = load(text);
+    UDSOverZelkoHandle *handle = load_config(text);
     ASSERT_NE(handle, nullptr);
     LogCapture capture(2);
     print_ecu_config(handle);
     std::string log = capture.text();
-    std::string expected[] = {"Target Address: 0x07E0\n",
+    const char *expected[] = {"Target Address: 0x07E0\n",
                               "ECU Version Information: { \"uds\": [ ] }\n",
                               "TP Info:\n",
                               "CAN Interface Name can0:\n",
@@ -164,12 +164,149 @@ TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
                               "SA: 1\n",
                               "TA: 2\n"};
     size_t at = 0;
-    for (const std::string &line : expected) {
-        size_t found = log.find(line, at);
-        ASSERT_NE(found, std::string::npos) << line << log;
-        at = found + line.size();
+    for (const char *line : expected) {
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << line << log;
     }
     release_handle(handle);
+}
+
+// ---- query bodies --------------------------------------------------------
+
+const char kEcus[] = R"({"configs":[
+ {"type":"CAN","targetAddress":"0x7E0","name":"A","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","bsize":"0x08"},"ecu_version":{"uds":[{"did":"0xF189"}]}},
+ {"type":"DOIP","targetAddress":"0x1001","name":"B","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"10.0.0.1"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
+ {"type":"IOC","targetAddress":"0x20","name":"C","ioc":{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}},
+ {"type":"CANFD","targetAddress":"0x7E5","name":"D"},
+ {"type":"CAN","targetAddress":"0x7E1","name":"E","can":{"ifname":"can1","func-addr":"0x7DF","phy-req-id":"0x7E1","phy-resp-id":"0x7E9"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
+ {"type":"CAN","targetAddress":"0x12345","name":"F","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
+ {"type":"CAN","targetAddress":"0x123456","name":"G","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}}
+]})";
+
+const char kCanA[] =
+    R"("can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
+
+class QueryTest : public ::testing::Test {
+  protected:
+    void SetUp() override { handle_ = load_config(kEcus, nullptr, -1); }
+    void TearDown() override { release_handle(handle_); }
+
+    std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) {
+        JsonPtr uds(json_tokener_parse(R"({"SID":"0x19"})"));
+        EcuConfig *addressed = nullptr;
+        JsonPtr built(build_query_body(handle_, address, kind, uds.get(), &addressed));
+        if (record != nullptr)
+            *record = addressed;
+        return built ? json_object_to_json_string(built.get()) : "NULL";
+    }
+
+    UDSOverZelkoHandle *handle_ = nullptr;
+};
+
+TEST_F(QueryTest, bodiesCarryModeAddressTransportBlockAndUdsOrVersion) {
+    struct Case {
+        int32_t address;
+        QueryKind kind;
+        std::string body;  // the whole body, or (starting with a blank) a part of it
+    } cases[] = {
+        {0x7E0, QUERY_UDS_DATA,
+         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
+             R"(, "uds": { "SID": "0x19" } })"},
+        {0x20, QUERY_UDS_DATA,
+         R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })"},
+        {0x1001, QUERY_UDS_DATA,
+         R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })"},
+        {-1, QUERY_UDS_DATA,
+         R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })"},
+        // Long addresses are written in full up to five digits.
+        {0x12345, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
+        {0x123456, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
+        {0x7E0, QUERY_VERSION,
+         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
+             R"(, "version": { "uds": [ { "did": "0xF189" } ] } })"},
+        // A CAN ECU sends its j1939 object with its interface, the same each time.
+        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
+        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
+        // Any other transport sends the whole description.
+        {0x1001, QUERY_VERSION, R"( "version": { "j1939": { "pgn": "0xFEDA" } } })"},
+        {0x20, QUERY_VERSION, "NULL"},
+        {-1, QUERY_VERSION, "NULL"},
+    };
+    for (const Case &c : cases) {
+        std::string text = body(c.address, c.kind);
+        if (c.body[0] == ' ') {
+            EXPECT_NE(text.find(c.body), std::string::npos) << text;
+        } else {
+            EXPECT_EQ(text, c.body) << c.address;
+        }
+    }
+    EcuConfig *record = nullptr;
+    body(0x7E0, QUERY_UDS_DATA, &record);
+    EXPECT_STREQ(record->name, "A");
+    UDSOverZelkoHandle *only_doip = load_config(
+        R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
+    std::swap(handle_, only_doip);
+    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
+              R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
+    std::swap(handle_, only_doip);
+    release_handle(only_doip);
+}
+
+TEST_F(QueryTest, unknownAddressCanfdAndBelowMinusOneFail) {
+    struct Case {
+        int32_t address;
+        const char *log;
+    } cases[] = {{291, "Could not find tragetAddress=291\n"}, {0x7E5, ""}, {-2, ""}};
+    for (const Case &c : cases) {
+        LogCapture capture(0);
+        EXPECT_EQ(body(c.address, QUERY_UDS_DATA), "NULL");
+        std::string log = capture.text();
+        EXPECT_STREQ(uoz_last_error, "Could not get tp blob");
+        EXPECT_NE(log.find(c.log), std::string::npos) << log;
+        EXPECT_NE(log.find("Could not get tp blob\n"), std::string::npos) << log;
+    }
+}
+
+TEST_F(QueryTest, envelopeAndTransportModeNames) {
+    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
+    EXPECT_STREQ(json_object_to_json_string(envelope.get()),
+                 R"({ "type": "zelko.skyharbor-query", "reply-id": "abc", "body": { } })");
+    struct Case {
+        int type;
+        const char *mode;
+        const char *key;
+    } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
+    for (const Case &c : cases) {
+        const char *key = nullptr;
+        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
+        EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
+        EXPECT_STREQ(key, c.key);
+    }
+    const char *key = "keep";
+    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
+    EXPECT_STREQ(key, "keep");
+}
+
+// Each character is rand() % 69 after srand() of the calendar second; a
+// check whose second turned while it ran is run again.
+TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+    for (;;) {
+        time_t now = time(nullptr);
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr shorter(generate_reply_id(5));
+        srand(static_cast<unsigned>(now));
+        std::string expected;
+        for (int i = 0; i < REPLY_ID_LENGTH; ++i)
+            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+        if (time(nullptr) != now)
+            continue;
+        EXPECT_EQ(first.get(), expected);
+        EXPECT_EQ(second.get(), expected);
+        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        break;
+    }
+    EXPECT_EQ(generate_reply_id(-1), nullptr);
 }
 
 }  // namespace

@@ -3,10 +3,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
-
-#include "UDSOverZelko/records.h"
 
 namespace uoztest {
 
@@ -59,10 +56,6 @@ std::string reply_for(const std::string &query, const std::string &body) {
            "\",\"body\":" + body + "}";
 }
 
-std::string last_error() {
-    return uoz_last_error;
-}
-
 void LibraryTest::SetUp() {
     agent_ = std::make_unique<uozagent::AgentPeer>(identity_dir("agent"), broker_.url());
     ASSERT_TRUE(agent_->wait_running()) << "the test agent did not connect";
@@ -76,15 +69,19 @@ void LibraryTest::TearDown() {
         unlink(config_path_.c_str());
 }
 
-UDSOverZelkoHandle *LibraryTest::start_library(const std::string &config) {
-    config_path_ = write_temp_file(config);
-    std::string certs = identity_dir("app");
+BrokerConfig LibraryTest::broker_config(const char *certs) {
     BrokerConfig broker{};
     broker.broker_ip = "localhost";
     broker.port = broker_.port();
     broker.node_address = "app";
-    broker.cert_path = certs.c_str();
+    broker.cert_path = certs;
     broker.debug_level = uoz_dbg_level;
+    return broker;
+}
+
+UDSOverZelkoHandle *LibraryTest::start_library(const std::string &config) {
+    config_path_ = write_temp_file(config);
+    BrokerConfig broker = broker_config(certs_.c_str());
     handle_ = UDSOverZelko_Init(&broker, config_path_.c_str());
     EXPECT_NE(handle_, nullptr);
     EXPECT_TRUE(agent_->wait_for_peer("/uoz/app")) << "the library did not appear on the bus";

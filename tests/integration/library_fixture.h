@@ -31,8 +31,6 @@ std::string mask_reply_id(const std::string &query);
 std::string reply_id_of(const std::string &query);
 // A "zelko.skyharbor-query-update" answering query, with the given body text.
 std::string reply_for(const std::string &query, const std::string &body);
-// The last error text of the calling thread.
-std::string last_error();
 
 class LibraryTest : public ::testing::Test {
   protected:
@@ -40,13 +38,16 @@ class LibraryTest : public ::testing::Test {
     void TearDown() override;
     // Starts the library with the given configuration text and waits until
     // the agent sees it on the bus.
-    UDSOverZelkoHandle *start_library(const std::string &config);
+    UDSOverZelkoHandle *start_library(const std::string &config = kTestConfig);
+    // The broker settings of the test PKI's "app" identity.
+    BrokerConfig broker_config(const char *certs);
     // Waits for the n-th message the agent receives and returns its text.
     std::string query_number(size_t n);
 
     Broker broker_;
     std::unique_ptr<uozagent::AgentPeer> agent_;
     std::string config_path_;
+    std::string certs_ = identity_dir("app");
     UDSOverZelkoHandle *handle_ = nullptr;
 };
 
