@@ -69,15 +69,25 @@ TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
     }
 }
 
-TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
+TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaultsAndNullElementsAreDropped) {
     std::string text =
-        std::string(R"({"configs":[{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
+        std::string(
+            R"({"configs":[null,{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
         kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
+        R"({"type":"CAN","targetAddress":"0x7E0","name":"second",)" + kCan +
+        R"(},{"type":"CAN","targetAddress":"0x7E1","name":"ENGINE",)" + kCan + "},null," +
         R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
-        R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
-    UDSOverZelkoHandle *handle = load_config(text);
+        R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}},7]})";
+    std::string log;
+    UDSOverZelkoHandle *handle = load_config(text, &log);
     ASSERT_NE(handle, nullptr);
-    ASSERT_EQ(count(handle), 3);
+    // Each null element and the number are dropped with the same message.
+    std::regex drop("Could not parse 'type'\n");
+    EXPECT_EQ(
+        std::distance(std::sregex_iterator(log.begin(), log.end(), drop), std::sregex_iterator()),
+        3)
+        << log;
+    ASSERT_EQ(count(handle), 5);
     EcuConfig *engine = handle->ecus;
     EXPECT_EQ(engine->target_address, 0x7E0);
     EXPECT_STREQ(engine->phy_req_id, "0x7E0");
@@ -88,10 +98,14 @@ TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
     EXPECT_EQ(adas->type, TRANSPORT_CANFD);
     EXPECT_EQ(adas->target_address, -1);
     EXPECT_EQ(adas->ifname, nullptr);
-    EcuConfig *tcu = adas->next;
+    EXPECT_STREQ(adas->next->name, "second");
+    EcuConfig *tcu = adas->next->next->next;
     EXPECT_EQ(tcu->target_address, -1);
     EXPECT_STREQ(json_object_to_json_string(tcu->ecu_version),
                  R"({ "j1939": { "pgn": "1" }, "extra": true })");
+    // The earlier of two entries wins both look-ups.
+    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "engine");
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "Engine"), 0x7E0);
     // The dropped IOC entry passed its transport block: the broadcast record is IOC.
     EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_IOC);
     EXPECT_EQ(handle->broadcast_ecu->target_address, -1);
@@ -100,32 +114,7 @@ TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
     ASSERT_NE(handle, nullptr);
     EXPECT_EQ(handle->ecus, nullptr);
     EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
-    release_handle(handle);
-}
-
-TEST(ConfigTest, nullElementsAreDroppedAndDuplicatesKeptInFileOrder) {
-    const char kBlock[] =
-        R"("can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"})";
-    std::string text = std::string(R"({"configs":[null,)") +
-                       R"({"type":"CAN","targetAddress":"0x7E0","name":"first",)" + kBlock +
-                       R"(},null,{"type":"CAN","targetAddress":"0x7E0","name":"second",)" + kBlock +
-                       R"(},{"type":"CAN","targetAddress":"0x7E1","name":"FIRST",)" + kBlock +
-                       "},7]}";
-    std::string log;
-    UDSOverZelkoHandle *handle = load_config(text, &log);
-    ASSERT_NE(handle, nullptr);
-    // Each null element and the number are dropped with the same message.
-    std::regex drop("Could not parse 'type'\n");
-    EXPECT_EQ(
-        std::distance(std::sregex_iterator(log.begin(), log.end(), drop), std::sregex_iterator()),
-        3)
-        << log;
-    ASSERT_EQ(count(handle), 3);
-    EXPECT_STREQ(handle->ecus->name, "first");
-    EXPECT_STREQ(handle->ecus->next->name, "second");
-    // The earlier of two entries wins both look-ups; no entry reads as -1 here.
-    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "first");
-    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "First"), 0x7E0);
+    // No entry reads as -1 here, so the broadcast address names nothing.
     EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, -1), nullptr);
     release_handle(handle);
 }

@@ -94,23 +94,6 @@ TEST(ValidityTest, timesAreUtcWhateverTheProcessTimeZone) {
     EXPECT_EQ(result, 1);
 }
 
-TEST(ValidityTest, aPeriodWithoutItsEndFailsBeforeTheClockIsRead) {
-    UDSOverZelkoHandle *handle = new_handle();
-    const char *const documents[] = {
-        R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z"},"commands":[]})",
-        R"({"diagnostic_period":{"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-        R"({"diagnostic_period":{"start_time":5,"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-    };
-    for (const char *document : documents) {
-        Request request;
-        LogCapture capture(0);
-        EXPECT_EQ(build_remote_command_request(handle, document, &request), -1) << document;
-        EXPECT_STREQ(uoz_last_error, "Error");
-        EXPECT_EQ(capture.text().find("Command validity"), std::string::npos);
-    }
-    release_handle(handle);
-}
-
 TEST(ReadDtcBodyTest, everyServedReportTypeHasItsBody) {
     const char kMask[] =
         R"("data-record": { "type": "STATUS_MASK", "record": [ "UDS_STATUS_MASK_TEST_FAILED", "UDS_STATUS_MASK_CONFIRMED_DTC" ] })";

@@ -57,7 +57,7 @@ TEST_F(FaultTest, brokerKilledUnderLoadEndsRequestsAndServiceResumes) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     broker_.kill();
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_TRUE(agent_->wait_for_status(KT5BUS_STATUS_CONNECTION_BROKE, 5000));
     broker_.start();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     stop = true;

@@ -7,27 +7,13 @@
 
 namespace uoztest {
 
-const char kTestConfig[] = R"({
-  "configs": [
+const char kTestConfig[] = R"({"configs": [
     {"type": "CAN", "targetAddress": "0x7E0", "name": "engine",
      "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8"},
      "ecu_version": {"uds": [{"did": "0xF189"}]}},
-    {"type": "CAN", "targetAddress": "0x7E1", "name": "gearbox",
-     "can": {"ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9",
-             "st-min": "0x0A", "bsize": "0x08"},
-     "ecu_version": {"j1939": {"pgn": "0xFEDA"}}},
     {"type": "IOC", "targetAddress": "0x20", "name": "gateway",
-     "ioc": {"bus-id": "2", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728"}},
-    {"type": "DOIP", "targetAddress": "0x1001", "name": "telematics",
-     "doip": {"sa": "0x0E80", "ta": "0x1001", "gw-ip": "192.168.10.1"},
-     "ecu_version": {"j1939": {"pgn": "0xFEDA"}}},
-    {"type": "CANFD", "targetAddress": "0x7E5", "name": "adas"}
-  ],
-  "pre-defined-routines": [
-    {"name": "ResetECU", "commands": [{"command": "HardReset", "service": "0x11", "subfn": "0x01"}]},
-    {"name": "ReadVIN", "commands": [{"command": "ReadVIN", "service": "0x22", "data": "0xF190"}]}
-  ]
-})";
+     "ioc": {"bus-id": "2", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728"}}
+]})";
 
 std::string write_temp_file(const std::string &text) {
     char path[] = "/tmp/uoz-test-XXXXXX";

@@ -15,13 +15,8 @@
 
 namespace uoztest {
 
-// The ECUs every integration test configures:
-//   engine   0x7E0 CAN  phy-req-id 0x7E0, UDS version description
-//   gearbox  0x7E1 CAN  phy-req-id 0x7E1, J1939 version description
-//   gateway  0x20  IOC  phy-req-id 0x720
-//   telematics 0x1001 DOIP, J1939 version description
-//   adas     0x7E5 CANFD
-// and "pre-defined-routines" ResetECU and ReadVIN.
+// engine 0x7E0 CAN (phy-req-id 0x7E0, a UDS version description) and gateway
+// 0x20 IOC (phy-req-id 0x720).
 extern const char kTestConfig[];
 
 // Writes text to a new temporary file; returns its path.

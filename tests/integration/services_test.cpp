@@ -54,19 +54,6 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     EXPECT_EQ(buffer.entries, nullptr);
 }
 
-TEST_F(ServicesTest, downloadConsentReachesThePolicyAgentFromTheApplication) {
-    agent_->set_responder([](const Received &) {
-        return std::vector<Action>{
-            {R"({"type":"zelko.external-consent","body":{"consent-status":"Accepted"}})"}};
-    });
-    start_library();
-    EXPECT_EQ(UDSOverZelkoSendExternalConsent(handle_, CONSENT_DOWNLOAD, "C-1"), 1);
-    EXPECT_EQ(
-        query_number(1),
-        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "C-1", "download-consent": "Yes", "install-consent": "No" } })");
-    EXPECT_EQ(agent_->received()[0].source_name, "/uoz/app");
-}
-
 TEST_F(ServicesTest, sixteenEcusFromSixteenThreadsEachGetTheirOwnAnswers) {
     std::string config = R"({"configs":[)";
     for (int i = 0; i < 16; ++i) {

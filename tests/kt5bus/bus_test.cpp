@@ -1,5 +1,5 @@
 // Our bus library against a real broker: addressing, delivery reports,
-// presence, the ACL and reconnection.
+// presence, the ACL and connecting late (reconnection: FaultTest).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -156,20 +156,6 @@ TEST(BusTest, aclStopsEavesdroppingAndSpoofing) {
     ASSERT_TRUE(two->wait_for_messages(1, 5000));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(raw.received(), 0) << "another node's messages reached the eavesdropper";
-}
-
-TEST(BusTest, clientReconnectsAfterTheBrokerRestarts) {
-    Broker broker;
-    auto one = peer("peer1", broker), two = peer("peer2", broker);
-    ASSERT_TRUE(one->wait_running() && two->wait_running());
-    broker.kill();
-    ASSERT_TRUE(one->wait_for_status(KT5BUS_STATUS_CONNECTION_BROKE, 5000));
-    broker.start();
-    ASSERT_TRUE(one->wait_running(10000) && two->wait_running(10000));
-    ASSERT_TRUE(one->wait_for_peer("/test/peer2"));
-    one->send(to(KT5BUS_ADDR_UA, "/test/peer2", "after the restart"));
-    ASSERT_TRUE(two->wait_for_messages(1, 5000));
-    EXPECT_EQ(two->received()[0].text, "after the restart");
 }
 
 // Without a broker the client keeps trying, and a stop reports every pending

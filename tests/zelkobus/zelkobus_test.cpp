@@ -158,7 +158,7 @@ TEST_F(ZelkobusTest, IdentityDirectoryWithAndWithoutSubdirectory) {
 
 TEST_F(ZelkobusTest, RefusedClientStartReportsItsCode) {
     write_identity();
-    fakebus::state().results["init_client"] = KT5BUS_ERR_URL;
+    fakebus::state().init_result = KT5BUS_ERR_URL;
     Lines lines;
     EXPECT_EQ(nullptr, start(&lines));
     EXPECT_EQ("ERR Failed to init kt5bus client err=-4.", lines.back());
@@ -179,11 +179,6 @@ class StartedTest : public ZelkobusTest {
         if (connection_)
             zebus_stop(connection_);
         ZelkobusTest::TearDown();
-    }
-    int send_to_ua(const char *text, const char *name) {
-        int rc = -1;
-        logged([&] { rc = zebus_send_message_to(connection_, text, KT5BUS_ADDR_UA, name); });
-        return rc;
     }
     BusConnection *connection_ = nullptr;
 };
@@ -208,17 +203,17 @@ TEST_F(StartedTest, SendCopiesTextAndLogsIt) {
 }
 
 TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
-    fakebus::state().results["send_message"] = KT5BUS_ERR_FULL;
+    fakebus::state().send_result = KT5BUS_ERR_FULL;
     EXPECT_EQ(logged([&] {
                   EXPECT_EQ(KT5BUS_ERR_FULL,
                             zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
               }).at(0),
               "INFO zebus_send_message status=-6, target=g, id=00000, msg={}");
-    fakebus::state().results.clear();
+    fakebus::state().send_result = 0;
     const char *empty[] = {nullptr};
     EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty)); }),
               (Lines{"ERR Error while adding type handler"}));
-    fakebus::state().refused_names.insert("bad");
+    fakebus::state().refused_name = "bad";
     const char *names[] = {"good", "bad", nullptr};
     EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", names)); }),
               (Lines{"ERR Failed to get address for bad", "ERR Error while adding type handler"}));
@@ -229,27 +224,37 @@ TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
 }
 
 TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
-    for (int i = 0; i < 7; ++i)
-        send_to_ua("{}", "u");
-    EXPECT_EQ(logged([] {
-                  for (int ok : {0, 0, 0, 0, 0, 1, 0})
-                      fakebus::deliver_oldest(ok);
-              }),
-              (Lines{"WARN BUS ERR 00001 {}", "WARN BUS ERR 00002 {}", "WARN BUS ERR 00003 {}",
-                     "WARN BUS ERR 00004 {}", "D2BG BUS ACK 00006 {}", "WARN BUS ERR 00007 {}"}));
+    logged([&] {
+        for (int i = 0; i < 7; ++i)
+            zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u");
+    });
+    kt5bus_client *client = fakebus::state().client;
+    EXPECT_EQ(
+        logged([&] {
+            for (int ok : {0, 0, 0, 0, 0, 1, 0}) {
+                kt5bus_message *message = fakebus::state().pending.front();
+                fakebus::state().pending.pop_front();
+                fakebus::on_bus_thread([&] { client->on_delivered(client, message, nullptr, ok); });
+            }
+        }),
+        (Lines{"WARN BUS ERR 00001 {}", "WARN BUS ERR 00002 {}", "WARN BUS ERR 00003 {}",
+               "WARN BUS ERR 00004 {}", "D2BG BUS ACK 00006 {}", "WARN BUS ERR 00007 {}"}));
 }
 
 TEST_F(StartedTest, PresenceStatusAndMessagesReachTheirHandlers) {
-    kt5bus_address *dm = nullptr;
-    kt5bus_address *ua = nullptr;
-    kt5bus_chain_address(&dm, KT5BUS_ADDR_SPECIAL, 0);
-    kt5bus_chain_address(&ua, KT5BUS_ADDR_UA, "/x", 1);
-    kt5bus_client *client = fakebus::client();
+    char name[] = "/x";
+    kt5bus_address ua{};
+    ua.kind = KT5BUS_ADDR_UA;
+    ua.value.name = name;
+    kt5bus_address dm{};
+    dm.kind = KT5BUS_ADDR_SPECIAL;
+    dm.value.special = KT5BUS_SPECIAL_DM_CLIENT;
+    kt5bus_client *client = fakebus::state().client;
     EXPECT_EQ(logged([&] {
                   fakebus::on_bus_thread([&] {
-                      client->on_presence(client, ua, nullptr);
-                      client->on_presence(client, dm, nullptr);
-                      client->on_presence(client, nullptr, dm);
+                      client->on_presence(client, &ua, nullptr);
+                      client->on_presence(client, &dm, nullptr);
+                      client->on_presence(client, nullptr, &dm);
                   });
               }),
               (Lines{"INFO Connected: <UA: /x> ", "INFO Zelko Bus state: 0x02",
@@ -258,11 +263,9 @@ TEST_F(StartedTest, PresenceStatusAndMessagesReachTheirHandlers) {
     kt5bus_message message{};
     message.data = const_cast<char *>("{\"r\":1}");
     message.length = 8;
-    message.source = ua;
+    message.source = &ua;
     fakebus::on_bus_thread([&] { client->on_message(client, &message); });
     EXPECT_EQ((Lines{"{\"r\":1}|<UA: /x> "}), received_);
-    kt5bus_free_address(dm, 1);
-    kt5bus_free_address(ua, 1);
     const struct {
         int status;
         const char *line;
@@ -293,7 +296,8 @@ TEST_F(StartedTest, StopWaitsForTheStoppedCallback) {
     });
     usleep(100000);
     EXPECT_FALSE(done.load());
-    fakebus::inject_stopped();
+    kt5bus_client *client = fakebus::state().client;
+    fakebus::on_bus_thread([&] { client->on_stopped(client); });
     stopper.join();
     EXPECT_TRUE(done.load());
     connection_ = nullptr;
