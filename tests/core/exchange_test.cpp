@@ -70,7 +70,7 @@ class ExchangeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         saved_level_ = uoz_dbg_level;
-        uoz_dbg_level = -1;
+        uoz_dbg_level = 0;  // error lines are logged, as applications see them
         std::string path = temp_file(kEcus);
         g_handle = new_handle();
         ASSERT_EQ(load_ecu_config(g_handle, path.c_str()), 0);

@@ -159,7 +159,8 @@ TEST(BusTest, aclStopsEavesdroppingAndSpoofing) {
 }
 
 // Without a broker the client keeps trying, and a stop reports every pending
-// message promptly as not delivered; once the broker is up, it connects.
+// message promptly as not delivered; once the broker is up, it connects and
+// sends what was held meanwhile.
 TEST(BusTest, clientKeepsTryingUntilTheBrokerComesUpAndStopReportsPendingMessages) {
     Broker broker;
     broker.stop();
@@ -174,8 +175,11 @@ TEST(BusTest, clientKeepsTryingUntilTheBrokerComesUpAndStopReportsPendingMessage
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     EXPECT_EQ(two->delivered_failed(), 5u);
     EXPECT_EQ(two->delivered_ok(), 0u);
+    one->send(to(KT5BUS_ADDR_UA, "/test/peer1", "held"));
     broker.start();
     EXPECT_TRUE(one->wait_running(10000));
+    ASSERT_TRUE(one->wait_for_messages(1, 5000));
+    EXPECT_EQ(one->received()[0].text, "held");
 }
 
 }  // namespace
