@@ -1,7 +1,8 @@
 // The exchange without a broker: reply decoding, routing, matching for every
-// service, consent answers, argument checks, name look-ups and remote command
-// addresses. Sent messages are caught at the bus library's send entry point,
-// and the answer, if any, is delivered to the handler before the send returns.
+// service, consent answers, argument checks, query bodies, name look-ups and
+// remote command addresses. Sent messages are caught at the bus library's
+// send entry point, and the answer, if any, is delivered to the handler
+// before the send returns.
 #include <ctype.h>
 #include <gtest/gtest.h>
 #include <locale.h>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "UDSOverZelko/exchange.h"
+#include "UDSOverZelko/query.h"
 #include "UDSOverZelko/remote_command.h"
 #include "core_support.h"
 #include "kt5Utils/kt5_json.h"
@@ -24,10 +26,14 @@ namespace uoztest {
 namespace {
 
 const char kEcus[] = R"({"configs":[
- {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8"},"ecu_version":{"uds":[{"did":"0xF189"}]}},
+ {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","bsize":"0x08"},"ecu_version":{"uds":[{"did":"0xF189"}]}},
+ {"type":"DOIP","targetAddress":"0x1001","name":"telematics","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"10.0.0.1"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
  {"type":"IOC","targetAddress":"0x20","name":"gateway","ioc":{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}},
- {"type":"CAN","targetAddress":"FFFFFFFF","name":"everyone","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
- {"type":"CANFD","targetAddress":"0x7E5","name":"adas"}
+ {"type":"CANFD","targetAddress":"0x7E5","name":"adas"},
+ {"type":"CAN","targetAddress":"0x7E1","name":"gearbox","can":{"ifname":"can1","func-addr":"0x7DF","phy-req-id":"0x7E1","phy-resp-id":"0x7E9"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
+ {"type":"CAN","targetAddress":"0x12345","name":"F","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
+ {"type":"CAN","targetAddress":"0x123456","name":"G","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
+ {"type":"CAN","targetAddress":"FFFFFFFF","name":"everyone","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}}
 ],
 "pre-defined-routines":[{"name":"ResetECU","commands":[{"service":"0x11","subfn":"0x01"}]}]})";
 
@@ -297,7 +303,7 @@ TEST_F(ExchangeTest, routinesSendTheirQueriesAndReturnTheAnswersWholeBody) {
                       target[1].str() + "}");
     };
     const char kEngine[] =
-        R"("mode": "CAN", "targetAddress": "%s", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x00" })";
+        R"("mode": "CAN", "targetAddress": "%s", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
     const char kGateway[] =
         R"("mode": "IOC", "targetAddress": "%s", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" })";
     const char reset[] =
@@ -491,6 +497,105 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     EXPECT_STREQ(json_object_to_json_string(taken_json.get()), taken_text.get());
     EXPECT_FALSE(reply_slot_take(slot, &taken_text, &taken_json));
     release_handle(handle);
+}
+
+// ---- query bodies --------------------------------------------------------
+
+const char kCanA[] =
+    R"("can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
+
+// The body of a query to address, or "NULL".
+std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) {
+    JsonPtr uds(json_tokener_parse(R"({"SID":"0x19"})"));
+    EcuConfig *addressed = nullptr;
+    JsonPtr built(build_query_body(g_handle, address, kind, uds.get(), &addressed));
+    if (record != nullptr)
+        *record = addressed;
+    return built ? json_object_to_json_string(built.get()) : "NULL";
+}
+
+TEST_F(ExchangeTest, queryBodiesCarryModeAddressTransportBlockAndUdsOrVersion) {
+    struct Case {
+        int32_t address;
+        QueryKind kind;
+        std::string body;  // the whole body, or (starting with a blank) a part of it
+    } cases[] = {
+        {0x7E0, QUERY_UDS_DATA,
+         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
+             R"(, "uds": { "SID": "0x19" } })"},
+        {0x20, QUERY_UDS_DATA,
+         R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })"},
+        {0x1001, QUERY_UDS_DATA,
+         R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })"},
+        {-1, QUERY_UDS_DATA,
+         R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })"},
+        // Long addresses are written in full up to five digits.
+        {0x12345, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
+        {0x123456, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
+        {0x7E0, QUERY_VERSION,
+         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
+             R"(, "version": { "uds": [ { "did": "0xF189" } ] } })"},
+        // A CAN ECU sends its j1939 object with its interface, the same each time.
+        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
+        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
+        // Any other transport sends the whole description.
+        {0x1001, QUERY_VERSION, R"( "version": { "j1939": { "pgn": "0xFEDA" } } })"},
+        {0x20, QUERY_VERSION, "NULL"},
+        {-1, QUERY_VERSION, "NULL"},
+    };
+    for (const Case &c : cases) {
+        std::string text = body(c.address, c.kind);
+        if (c.body[0] == ' ') {
+            EXPECT_NE(text.find(c.body), std::string::npos) << text;
+        } else {
+            EXPECT_EQ(text, c.body) << c.address;
+        }
+    }
+    EcuConfig *record = nullptr;
+    body(0x7E0, QUERY_UDS_DATA, &record);
+    EXPECT_STREQ(record->name, "engine");
+    UDSOverZelkoHandle *only_doip = load_config(
+        R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
+    std::swap(g_handle, only_doip);
+    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
+              R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
+    std::swap(g_handle, only_doip);
+    release_handle(only_doip);
+}
+
+TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
+    struct Case {
+        int32_t address;
+        const char *log;
+    } cases[] = {{291, "Could not find tragetAddress=291\n"}, {0x7E5, ""}, {-2, ""}};
+    for (const Case &c : cases) {
+        LogCapture capture(0);
+        EXPECT_EQ(body(c.address, QUERY_UDS_DATA), "NULL");
+        std::string log = capture.text();
+        EXPECT_STREQ(uoz_last_error, "Could not get tp blob");
+        EXPECT_NE(log.find(c.log), std::string::npos) << log;
+        EXPECT_NE(log.find("Could not get tp blob\n"), std::string::npos) << log;
+    }
+}
+
+TEST_F(ExchangeTest, queryEnvelopeAndTransportModeNames) {
+    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
+    EXPECT_STREQ(json_object_to_json_string(envelope.get()),
+                 R"({ "type": "zelko.skyharbor-query", "reply-id": "abc", "body": { } })");
+    struct Case {
+        int type;
+        const char *mode;
+        const char *key;
+    } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
+    for (const Case &c : cases) {
+        const char *key = nullptr;
+        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
+        EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
+        EXPECT_STREQ(key, c.key);
+    }
+    const char *key = "keep";
+    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
+    EXPECT_STREQ(key, "keep");
 }
 
 // ---- name look-ups -----------------------------------------------------

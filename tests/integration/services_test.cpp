@@ -32,15 +32,15 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     start_library();
     DTCBuffer buffer{};
     int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0x09, &buffer);
+    std::string query = query_number(1);
+    EXPECT_EQ(reply_id_of(query).size(), 24u);
     EXPECT_EQ(
-        mask_reply_id(query_number(1)),
-        std::string("{ \"type\": \"zelko.skyharbor-query\", \"reply-id\": \"<id>\", "
-                    "\"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x07E0\", ") +
-            kEngineBlock +
+        query,
+        "{ \"type\": \"zelko.skyharbor-query\", \"reply-id\": \"" + reply_id_of(query) +
+            "\", \"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x07E0\", " + kEngineBlock +
             ", \"uds\": { \"SID\": \"0x19\", \"subfunction\": \"UDS_REPORT_DTC_BY_STATUS_MASK\", "
             "\"data-record\": { \"type\": \"STATUS_MASK\", \"record\": [ "
             "\"UDS_STATUS_MASK_TEST_FAILED\", \"UDS_STATUS_MASK_CONFIRMED_DTC\" ] } } } }");
-    EXPECT_EQ(reply_id_of(query_number(1)).size(), 24u);
     ASSERT_EQ(rc, 11);
     ASSERT_EQ(buffer.count, 1);
     const DTCBufferEntry *entry = buffer.entries[0];
