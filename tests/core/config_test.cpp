@@ -1,40 +1,17 @@
-// The ECU configuration file: accepted entries, dropped entries and their
-// messages, and files that cannot be used.
+// The ECU configuration file (accepted and dropped entries, their messages,
+// unusable files) and the reply identifiers.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <time.h>
 
-#include <regex>
 #include <string>
 
-#include "UDSOverZelko/config.h"
-#include "log_capture.h"
+#include "UDSOverZelko/query.h"
+#include "core_support.h"
+#include "kt5Utils/kt5_json.h"
 
 namespace uoztest {
 namespace {
-
-std::string temp_file(const std::string &text) {
-    char path[] = "/tmp/uoz-config-XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    close(fd);
-    return path;
-}
-
-// Loads the text; the handle, or nullptr when the load failed.
-UDSOverZelkoHandle *load(const std::string &text, std::string *log = nullptr, int level = 0) {
-    std::string path = temp_file(text);
-    UDSOverZelkoHandle *handle = new_handle();
-    LogCapture capture(level);
-    int rc = load_ecu_config(handle, path.c_str());
-    if (log != nullptr)
-        *log = capture.text();
-    unlink(path.c_str());
-    if (rc == 0)
-        return handle;
-    release_handle(handle);
-    return nullptr;
-}
 
 int count(const UDSOverZelkoHandle *handle) {
     int n = 0;
@@ -48,11 +25,10 @@ const char kCan[] =
 
 TEST(ConfigTest, unusableFilesFailTheLoad) {
     std::string log;
-    EXPECT_EQ(load("not json", &log), nullptr);
+    EXPECT_EQ(load_config("not json", &log), nullptr);
     EXPECT_TRUE(std::regex_search(log, std::regex(R"(ERR  \S+ Config failure\n)"))) << log;
-    EXPECT_EQ(load(R"({"other":[]})", &log), nullptr);
-    EXPECT_EQ(load(R"({"configs":{}})", &log), nullptr);
-    EXPECT_EQ(load(R"({"configs":"x"})", &log), nullptr);
+    for (const char *text : {R"({"other":[]})", R"({"configs":{}})", R"({"configs":"x"})"})
+        EXPECT_EQ(load_config(text), nullptr) << text;
     UDSOverZelkoHandle *handle = new_handle();
     EXPECT_EQ(load_ecu_config(handle, "/nonexistent/ecus.json"), -1);
     release_handle(handle);
@@ -84,7 +60,7 @@ TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
     };
     for (const Case &c : cases) {
         std::string log;
-        UDSOverZelkoHandle *handle = load(R"({"configs":[)" + c.entry + "]}", &log);
+        UDSOverZelkoHandle *handle = load_config(R"({"configs":[)" + c.entry + "]}", &log);
         ASSERT_NE(handle, nullptr) << c.entry;
         EXPECT_EQ(count(handle), 0) << c.entry;
         EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos)
@@ -93,15 +69,25 @@ TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
     }
 }
 
-TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
+TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaultsAndNullElementsAreDropped) {
     std::string text =
-        std::string(R"({"configs":[{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
+        std::string(
+            R"({"configs":[null,{"type":"CAN","targetAddress":" 7e0 engine","name":"engine",)") +
         kCan + R"(},{"type":"CANFD","targetAddress":"FFFFFFFF","name":"adas"},)" +
+        R"({"type":"CAN","targetAddress":"0x7E0","name":"second",)" + kCan +
+        R"(},{"type":"CAN","targetAddress":"0x7E1","name":"ENGINE",)" + kCan + "},null," +
         R"({"type":"IOC","targetAddress":"0x20","name":"gw","ioc":{"bus-id":"1","func-addr":"2","phy-req-id":"3","phy-resp-id":"4"},"ecu_version":{"uds":[],"j1939":{}}},)" +
-        R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}}]})";
-    UDSOverZelkoHandle *handle = load(text);
+        R"({"type":"DOIP","targetAddress":"-0x1","name":"tcu","doip":{"sa":"1","ta":"2","gw-ip":"3"},"ecu_version":{"j1939":{"pgn":"1"},"extra":true}},7]})";
+    std::string log;
+    UDSOverZelkoHandle *handle = load_config(text, &log);
     ASSERT_NE(handle, nullptr);
-    ASSERT_EQ(count(handle), 3);
+    // Each null element and the number are dropped with the same message.
+    std::regex drop("Could not parse 'type'\n");
+    EXPECT_EQ(
+        std::distance(std::sregex_iterator(log.begin(), log.end(), drop), std::sregex_iterator()),
+        3)
+        << log;
+    ASSERT_EQ(count(handle), 5);
     EcuConfig *engine = handle->ecus;
     EXPECT_EQ(engine->target_address, 0x7E0);
     EXPECT_STREQ(engine->phy_req_id, "0x7E0");
@@ -112,13 +98,24 @@ TEST(ConfigTest, entriesKeepFileOrderTextsAndDefaults) {
     EXPECT_EQ(adas->type, TRANSPORT_CANFD);
     EXPECT_EQ(adas->target_address, -1);
     EXPECT_EQ(adas->ifname, nullptr);
-    EcuConfig *tcu = adas->next;
+    EXPECT_STREQ(adas->next->name, "second");
+    EcuConfig *tcu = adas->next->next->next;
     EXPECT_EQ(tcu->target_address, -1);
     EXPECT_STREQ(json_object_to_json_string(tcu->ecu_version),
                  R"({ "j1939": { "pgn": "1" }, "extra": true })");
+    // The earlier of two entries wins both look-ups.
+    EXPECT_STREQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, 0x7E0), "engine");
+    EXPECT_EQ(UDSOverZelkoGetTargetAddressFromECUName(handle, "Engine"), 0x7E0);
     // The dropped IOC entry passed its transport block: the broadcast record is IOC.
     EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_IOC);
     EXPECT_EQ(handle->broadcast_ecu->target_address, -1);
+    release_handle(handle);
+    handle = load_config(R"({"configs":[]})");
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(handle->ecus, nullptr);
+    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
+    // No entry reads as -1 here, so the broadcast address names nothing.
+    EXPECT_EQ(UDSOverZelkoGetECUNameFromTargetAddress(handle, -1), nullptr);
     release_handle(handle);
 }
 
@@ -133,24 +130,16 @@ TEST(ConfigTest, targetAddressesReadAsThirtyTwoBitHexadecimal) {
         EXPECT_EQ(parse_target_address(c.text), c.address) << c.text;
 }
 
-TEST(ConfigTest, emptyConfigsGiveOnlyTheBroadcastRecord) {
-    UDSOverZelkoHandle *handle = load(R"({"configs":[]})");
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(handle->ecus, nullptr);
-    EXPECT_EQ(handle->broadcast_ecu->type, TRANSPORT_CAN);
-    release_handle(handle);
-}
-
 TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
     std::string text =
         std::string(R"({"configs":[{"type":"CAN","targetAddress":"0x7E0","name":"e",)") + kCan +
         R"(,"ecu_version":{"uds":[]}},{"type":"DOIP","targetAddress":"12345678","name":"t","doip":{"sa":"1","ta":"2","gw-ip":"10.0.0.1"}}]})";
-    UDSOverZelkoHandle *handle = load(text);
+    UDSOverZelkoHandle *handle = load_config(text);
     ASSERT_NE(handle, nullptr);
     LogCapture capture(2);
     print_ecu_config(handle);
     std::string log = capture.text();
-    std::string expected[] = {"Target Address: 0x07E0\n",
+    const char *expected[] = {"Target Address: 0x07E0\n",
                               "ECU Version Information: { \"uds\": [ ] }\n",
                               "TP Info:\n",
                               "CAN Interface Name can0:\n",
@@ -164,12 +153,33 @@ TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
                               "SA: 1\n",
                               "TA: 2\n"};
     size_t at = 0;
-    for (const std::string &line : expected) {
-        size_t found = log.find(line, at);
-        ASSERT_NE(found, std::string::npos) << line << log;
-        at = found + line.size();
+    for (const char *line : expected) {
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << line << log;
     }
     release_handle(handle);
+}
+
+// Each character is rand() % 69 after srand() of the calendar second; a
+// check whose second turned while it ran is run again.
+TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+    for (;;) {
+        time_t now = time(nullptr);
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr shorter(generate_reply_id(5));
+        srand(static_cast<unsigned>(now));
+        std::string expected;
+        for (int i = 0; i < REPLY_ID_LENGTH; ++i)
+            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+        if (time(nullptr) != now)
+            continue;
+        EXPECT_EQ(first.get(), expected);
+        EXPECT_EQ(second.get(), expected);
+        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        break;
+    }
+    EXPECT_EQ(generate_reply_id(-1), nullptr);
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 // A stand-in for the bus library: records every call with its arguments,
-// refuses operations on request and plays the library's callbacks from a
-// thread of its own, so that the bus wrapper can be tested without a broker.
+// refuses operations on request and runs the client's callbacks on a thread
+// of their own, so that the bus wrapper can be tested without a broker.
+// Tests set and read the state while no other thread uses it.
 #ifndef UOZ_TESTS_FAKE_KT5BUS_H
 #define UOZ_TESTS_FAKE_KT5BUS_H
 
+#include <deque>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -12,39 +15,30 @@
 
 namespace fakebus {
 
-// Forget every call, result, pending message and client.
+struct State {
+    std::vector<std::string> calls;  // in order, e.g. "init_client(tcp://h:1)"
+    int init_result = 0;             // of init_client
+    int send_result = 0;             // of send_message
+    std::string refused_name;        // chain_address refuses it
+    // What get_identity_data reports: (kind, name).
+    std::vector<std::pair<int, std::string>> identity_addresses;
+    bool call_stopped = true;              // stop_client calls the stopped callback
+    uint32_t next_id = 1;                  // of the next accepted message
+    kt5bus_client *client = nullptr;       // of the last init_client
+    std::deque<kt5bus_message *> pending;  // accepted, not handed back; oldest first
+};
+
+State &state();
+// Forgets every call, result, pending message and client.
 void reset();
-// Every call so far, in order, e.g. "init_client(tcp://h:1)".
-std::vector<std::string> calls();
-// Result of the named operation ("init_client", "send_message",
-// "chain_address", "get_identity_data", "stop_client").
-void set_result(const std::string &operation, int result);
-// chain_address refuses this name with KT5BUS_ERR_INVALID.
-void refuse_name(const std::string &name);
-// Addresses that get_identity_data reports: (kind, name) with the special
-// code in decimal for KT5BUS_ADDR_SPECIAL.
-void set_identity_addresses(const std::vector<std::pair<int, std::string>> &addresses);
-// Whether stop_client calls the stopped callback (default true).
-void set_call_stopped(bool call);
-// Id given to the next accepted message (then counts up).
-void set_next_id(uint32_t id);
+// "kind:name,kind:name"
+std::string destination(const kt5bus_message *message);
 
-// The client record of the last init_client, or nullptr.
-kt5bus_client *client();
-// Messages accepted and not yet handed back, oldest first.
-size_t pending_count();
-// Text and length of the i-th accepted message (still pending).
-std::string pending_text(size_t index);
-size_t pending_length(size_t index);
-std::string pending_content_type(size_t index);
-std::string pending_destination(size_t index);  // "kind:name,kind:name"
-
-// Callbacks, each run on a fresh thread that is joined before returning.
-void deliver_oldest(int ok);
-void inject_message(const std::string &text, size_t length, kt5bus_address *source);
-void inject_presence(kt5bus_address *connected, kt5bus_address *disconnected);
-void inject_status(int status);
-void inject_stopped();
+// Runs callbacks on a thread of their own, as the library does, and joins it.
+template <typename F>
+void on_bus_thread(F callbacks) {
+    std::thread(callbacks).join();
+}
 
 }  // namespace fakebus
 

@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 #include <json-c/json.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "agent_peer.h"
@@ -15,38 +18,81 @@
 
 namespace uoztest {
 
-// The ECUs every integration test configures:
-//   engine   0x7E0 CAN  phy-req-id 0x7E0, UDS version description
-//   gearbox  0x7E1 CAN  phy-req-id 0x7E1, J1939 version description
-//   gateway  0x20  IOC  phy-req-id 0x720
-//   telematics 0x1001 DOIP, J1939 version description
-//   adas     0x7E5 CANFD
-// and "pre-defined-routines" ResetECU and ReadVIN.
-extern const char kTestConfig[];
+// engine 0x7E0 CAN (phy-req-id 0x7E0, a UDS version description) and gateway
+// 0x20 IOC (phy-req-id 0x720).
+inline constexpr char kTestConfig[] = R"({"configs": [
+    {"type": "CAN", "targetAddress": "0x7E0", "name": "engine",
+     "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8"},
+     "ecu_version": {"uds": [{"did": "0xF189"}]}},
+    {"type": "IOC", "targetAddress": "0x20", "name": "gateway",
+     "ioc": {"bus-id": "2", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728"}}
+]})";
 
 // Writes text to a new temporary file; returns its path.
-std::string write_temp_file(const std::string &text);
-// Query text with its "reply-id" value replaced by "<id>".
-std::string mask_reply_id(const std::string &query);
-std::string reply_id_of(const std::string &query);
+inline std::string write_temp_file(const std::string &text) {
+    char path[] = "/tmp/uoz-test-XXXXXX";
+    int fd = mkstemp(path);
+    if (fd < 0)
+        return "";
+    ssize_t written = write(fd, text.data(), text.size());
+    close(fd);
+    return written == static_cast<ssize_t>(text.size()) ? path : "";
+}
+
+inline std::string reply_id_of(const std::string &query) {
+    std::smatch match;
+    if (!std::regex_search(query, match, std::regex("\"reply-id\": \"([^\"]*)\"")))
+        return "";
+    return match[1];
+}
+
 // A "zelko.skyharbor-query-update" answering query, with the given body text.
-std::string reply_for(const std::string &query, const std::string &body);
-// The last error text of the calling thread.
-std::string last_error();
+inline std::string reply_for(const std::string &query, const std::string &body) {
+    return "{\"type\":\"zelko.skyharbor-query-update\",\"reply-to\":\"" + reply_id_of(query) +
+           "\",\"body\":" + body + "}";
+}
 
 class LibraryTest : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        agent_ = std::make_unique<uozagent::AgentPeer>(identity_dir("agent"), broker_.url());
+        ASSERT_TRUE(agent_->wait_running()) << "the test agent did not connect";
+    }
+    void TearDown() override {
+        UDSOverZelko_Terminate(handle_);
+        handle_ = nullptr;
+        agent_.reset();
+        if (!config_path_.empty())
+            unlink(config_path_.c_str());
+    }
+    // The broker settings of the test PKI's "app" identity.
+    BrokerConfig broker_config(const char *certs) {
+        BrokerConfig broker{};
+        broker.broker_ip = "localhost";
+        broker.port = broker_.port();
+        broker.node_address = "app";
+        broker.cert_path = certs;
+        broker.debug_level = uoz_dbg_level;
+        return broker;
+    }
     // Starts the library with the given configuration text and waits until
     // the agent sees it on the bus.
-    UDSOverZelkoHandle *start_library(const std::string &config);
+    void start_library(const std::string &config = kTestConfig) {
+        config_path_ = write_temp_file(config);
+        BrokerConfig broker = broker_config(certs_.c_str());
+        handle_ = UDSOverZelko_Init(&broker, config_path_.c_str());
+        EXPECT_NE(handle_, nullptr);
+        EXPECT_TRUE(agent_->wait_for_peer("/uoz/app")) << "the library did not appear on the bus";
+    }
     // Waits for the n-th message the agent receives and returns its text.
-    std::string query_number(size_t n);
+    std::string query_number(size_t n) {
+        return agent_->wait_for_messages(n, 5000) ? agent_->received()[n - 1].text : "";
+    }
 
     Broker broker_;
     std::unique_ptr<uozagent::AgentPeer> agent_;
     std::string config_path_;
+    std::string certs_ = identity_dir("app");
     UDSOverZelkoHandle *handle_ = nullptr;
 };
 

@@ -20,11 +20,13 @@
 
 namespace {
 
-// "[stamp] LABEL file:line text" becomes "LABEL file: text".
-std::vector<std::string> log_lines(const std::string &output) {
+using Lines = std::vector<std::string>;
+
+// "[stamp] LABEL file:line text" becomes "LABEL text".
+Lines log_lines(const std::string &output) {
     std::string plain = std::regex_replace(output, std::regex("\x1b\\[[0-9;]*m"), "");
     static const std::regex line_form(R"(^\[[^\]]+\] +(\w+) +([\w.]+):[0-9]+ (.*)$)");
-    std::vector<std::string> lines;
+    Lines lines;
     std::istringstream stream(plain);
     std::string line;
     std::smatch match;
@@ -37,8 +39,20 @@ std::vector<std::string> log_lines(const std::string &output) {
     return lines;
 }
 
+// The log lines that the action writes.
+template <typename F>
+Lines logged(F action) {
+    testing::internal::CaptureStdout();
+    action();
+    return log_lines(testing::internal::GetCapturedStdout());
+}
+
 void write_file(const std::string &path, const std::string &content) {
     std::ofstream(path, std::ios::binary) << content;
+}
+
+const Lines &calls() {
+    return fakebus::state().calls;
 }
 
 class ZelkobusTest : public ::testing::Test {
@@ -51,92 +65,72 @@ class ZelkobusTest : public ::testing::Test {
         mkdir((root_ + "/ca").c_str(), 0700);
         mkdir((root_ + "/app").c_str(), 0700);
     }
-    void TearDown() override {
-        std::string command = "rm -rf '" + root_ + "'";
-        ASSERT_EQ(0, system(command.c_str()));
+    void TearDown() override { ASSERT_EQ(0, system(("rm -rf '" + root_ + "'").c_str())); }
+    void write_identity() {
+        write_file(root_ + "/app/private.pem", "KEY");
+        write_file(root_ + "/ca/ca.pem", "CA");
+        write_file(root_ + "/app/cert.pem", "CERT");
     }
-    void write_identity(bool key = true, bool ca = true, bool cert = true) {
-        if (key)
-            write_file(root_ + "/app/private.pem", "KEY");
-        if (ca)
-            write_file(root_ + "/ca/ca.pem", "CA");
-        if (cert)
-            write_file(root_ + "/app/cert.pem", "CERT");
-    }
-    BusConnection *start(std::string *output = nullptr) {
-        testing::internal::CaptureStdout();
-        BusConnection *connection =
-            zebus_init("app", root_.c_str(), "tcp://broker:1", &user_data_, record_message, 0);
-        std::string text = testing::internal::GetCapturedStdout();
-        if (output)
-            *output = text;
+    BusConnection *start(Lines *lines = nullptr) {
+        BusConnection *connection = nullptr;
+        Lines written = logged([&] {
+            connection =
+                zebus_init("app", root_.c_str(), "tcp://broker:1", &received_, record_message, 0);
+        });
+        if (lines != nullptr)
+            *lines = written;
         return connection;
     }
     static int record_message(const char *data, size_t length, const kt5bus_address *source,
                               void *user_data) {
-        auto *self = static_cast<std::vector<std::string> *>(user_data);
         char *from = zebus_address_to_text(source);
-        self->push_back(std::string(data, length - 1) + "|" + (from ? from : "-"));
+        static_cast<Lines *>(user_data)->push_back(std::string(data, length - 1) + "|" +
+                                                   (from ? from : "-"));
         free(from);
         return 0;
     }
     std::string root_;
-    std::vector<std::string> user_data_;
+    Lines received_;
 };
 
 TEST_F(ZelkobusTest, NullCertDirCallsNoBusOperation) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(nullptr, zebus_init("app", nullptr, "tcp://broker:1", nullptr, nullptr, 0));
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"ERR cert_dir is NULL",
-                                        "ERR Failed to init kt5bus client err=-1."}),
-              lines);
-    EXPECT_TRUE(fakebus::calls().empty());
+    EXPECT_EQ(logged([] {
+                  EXPECT_EQ(nullptr,
+                            zebus_init("app", nullptr, "tcp://broker:1", nullptr, nullptr, 0));
+              }),
+              (Lines{"ERR cert_dir is NULL", "ERR Failed to init kt5bus client err=-1."}));
+    EXPECT_TRUE(calls().empty());
     EXPECT_STREQ("cert_dir is NULL", zebus_last_error);
 }
 
-TEST_F(ZelkobusTest, MissingPrivateKeyStopsBeforeOtherFiles) {
+TEST_F(ZelkobusTest, MissingKeyOrCaStopsBeforeTheFilesAfterIt) {
     // Dangling links: opening either would log another "unable to open path".
     ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/ca/ca.pem").c_str()));
     ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
-    std::string output;
-    EXPECT_EQ(nullptr, start(&output));
-    std::string dir = root_ + "/app";
-    EXPECT_EQ((std::vector<std::string>{"ERR unable to open path",
-                                        "ERR identity->x509.private_key is NULL",
-                                        "ERR Failed to load identity certificate from " + dir,
-                                        "ERR Failed to init kt5bus client err=-1."}),
-              log_lines(output));
-    EXPECT_EQ((std::vector<std::string>{"init_ll(debug)", "stop_client()", "fini_ll()"}),
-              fakebus::calls());
-}
-
-TEST_F(ZelkobusTest, MissingCaLeavesCertificateUnread) {
-    // A dangling cert.pem: opening it would log another "unable to open path".
-    write_identity(true, false, false);
-    ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
-    std::string output;
-    EXPECT_EQ(nullptr, start(&output));
-    auto lines = log_lines(output);
-    ASSERT_EQ(4u, lines.size());
-    EXPECT_EQ("ERR unable to open path", lines[0]);
-    EXPECT_EQ("ERR identity->x509.trust[0] is NULL", lines[1]);
-    EXPECT_EQ("ERR Failed to load identity certificate from " + root_ + "/app", lines[2]);
+    for (const char *missing : {"private_key", "trust[0]"}) {
+        fakebus::reset();
+        Lines lines;
+        EXPECT_EQ(nullptr, start(&lines));
+        EXPECT_EQ(lines, (Lines{"ERR unable to open path",
+                                std::string("ERR identity->x509.") + missing + " is NULL",
+                                "ERR Failed to load identity certificate from " + root_ + "/app",
+                                "ERR Failed to init kt5bus client err=-1."}));
+        EXPECT_EQ(calls(), (Lines{"init_ll(debug)", "stop_client()", "fini_ll()"}));
+        write_file(root_ + "/app/private.pem", "KEY");
+    }
 }
 
 TEST_F(ZelkobusTest, ReadFileLengthIsSizePlusOne) {
-    const struct {
-        std::string content;
-    } cases[] = {{""}, {"A"}, {std::string(1024, 'x')}, {std::string(3000, 'y')}};
-    for (const auto &c : cases) {
+    for (const std::string &content :
+         {std::string(), std::string("A"), std::string(1024, 'x'), std::string(3000, 'y')}) {
         std::string path = root_ + "/file.pem";
-        write_file(path, c.content);
+        write_file(path, content);
         kt5bus_buffer *buffer = zebus_read_file(path.c_str());
         ASSERT_NE(nullptr, buffer);
-        EXPECT_EQ(c.content.size() + 1, buffer->length);
+        EXPECT_EQ(content.size() + 1, buffer->length);
         EXPECT_EQ(KT5BUS_ENCODING_PEM, buffer->encoding);
-        EXPECT_EQ(0, memcmp(buffer->data, c.content.data(), c.content.size()));
-        EXPECT_EQ('\0', static_cast<char *>(buffer->data)[c.content.size()]);
+        EXPECT_EQ(0, memcmp(buffer->data, content.data(), content.size()));
+        EXPECT_EQ('\0', static_cast<char *>(buffer->data)[content.size()]);
         free(buffer->data);
         free(buffer);
     }
@@ -144,40 +138,33 @@ TEST_F(ZelkobusTest, ReadFileLengthIsSizePlusOne) {
 
 TEST_F(ZelkobusTest, IdentityDirectoryWithAndWithoutSubdirectory) {
     write_identity();
-    fakebus::set_identity_addresses({{KT5BUS_ADDR_UA, "/uoz/app"}, {KT5BUS_ADDR_GROUP, "g1"}});
-    std::string output;
-    BusConnection *connection = start(&output);
+    fakebus::state().identity_addresses = {{KT5BUS_ADDR_UA, "/uoz/app"}, {KT5BUS_ADDR_GROUP, "g1"}};
+    Lines lines;
+    BusConnection *connection = start(&lines);
     ASSERT_NE(nullptr, connection);
     EXPECT_STREQ("/uoz/app", connection->node_name);
     EXPECT_STREQ("g1", connection->group_name);
-    auto lines = log_lines(output);
-    ASSERT_FALSE(lines.empty());
     EXPECT_EQ("INFO node=/uoz/app, cert_dir=" + root_, lines.back());
     zebus_stop(connection);
 
     fakebus::reset();
     std::string app = root_ + "/app";
-    testing::internal::CaptureStdout();
-    connection = zebus_init(nullptr, app.c_str(), "tcp://broker:1", nullptr, nullptr, 0);
-    testing::internal::GetCapturedStdout();
+    logged(
+        [&] { connection = zebus_init(nullptr, app.c_str(), "tcp://b:1", nullptr, nullptr, 0); });
     ASSERT_NE(nullptr, connection);
-    EXPECT_EQ("get_identity_data(KEY)", fakebus::calls().at(1));
+    EXPECT_EQ("get_identity_data(KEY)", calls().at(1));
     zebus_stop(connection);
 }
 
 TEST_F(ZelkobusTest, RefusedClientStartReportsItsCode) {
     write_identity();
-    fakebus::set_result("init_client", KT5BUS_ERR_URL);
-    std::string output;
-    EXPECT_EQ(nullptr, start(&output));
-    auto lines = log_lines(output);
-    ASSERT_GE(lines.size(), 1u);
+    fakebus::state().init_result = KT5BUS_ERR_URL;
+    Lines lines;
+    EXPECT_EQ(nullptr, start(&lines));
     EXPECT_EQ("ERR Failed to init kt5bus client err=-4.", lines.back());
-    auto calls = fakebus::calls();
-    ASSERT_GE(calls.size(), 3u);
-    EXPECT_EQ("init_client(tcp://broker:1)", calls[calls.size() - 3]);
-    EXPECT_EQ("stop_client()", calls[calls.size() - 2]);
-    EXPECT_EQ("fini_ll()", calls.back());
+    ASSERT_GE(calls().size(), 3u);
+    EXPECT_EQ(Lines(calls().end() - 3, calls().end()),
+              (Lines{"init_client(tcp://broker:1)", "stop_client()", "fini_ll()"}));
 }
 
 class StartedTest : public ZelkobusTest {
@@ -197,104 +184,88 @@ class StartedTest : public ZelkobusTest {
 };
 
 TEST_F(StartedTest, SendCopiesTextAndLogsIt) {
-    fakebus::set_next_id(0x1a);
+    fakebus::state().next_id = 0x1a;
     char *text = strdup("{\"a\":1}");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, zebus_send_message_to(connection_, text, KT5BUS_ADDR_UA, "/ZDATA/UDS"));
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    EXPECT_EQ(logged([&] {
+                  EXPECT_EQ(0,
+                            zebus_send_message_to(connection_, text, KT5BUS_ADDR_UA, "/ZDATA/UDS"));
+              }),
+              (Lines{"INFO zebus_send_message status=0, target=/ZDATA/UDS, id=0001a, "
+                     "msg={\"a\":1}"}));
     memset(text, 'X', strlen(text));
     free(text);
-    EXPECT_EQ((std::vector<std::string>{"INFO zebus_send_message status=0, "
-                                        "target=/ZDATA/UDS, id=0001a, msg={\"a\":1}"}),
-              lines);
-    ASSERT_EQ(1u, fakebus::pending_count());
-    EXPECT_EQ("{\"a\":1}", fakebus::pending_text(0));
-    EXPECT_EQ(strlen("{\"a\":1}") + 1, fakebus::pending_length(0));
-    EXPECT_EQ("application/json", fakebus::pending_content_type(0));
-    EXPECT_EQ("2:/ZDATA/UDS", fakebus::pending_destination(0));
+    ASSERT_EQ(1u, fakebus::state().pending.size());
+    kt5bus_message *sent = fakebus::state().pending[0];
+    EXPECT_STREQ("{\"a\":1}", static_cast<const char *>(sent->data));
+    EXPECT_EQ(strlen("{\"a\":1}") + 1, sent->length);
+    EXPECT_STREQ("application/json", sent->content_type);
+    EXPECT_EQ("2:/ZDATA/UDS", fakebus::destination(sent));
 }
 
-TEST_F(StartedTest, RefusedSendReleasesEverything) {
-    fakebus::set_result("send_message", KT5BUS_ERR_FULL);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(KT5BUS_ERR_FULL, zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ("INFO zebus_send_message status=-6, target=g, id=00000, msg={}", lines[0]);
-    EXPECT_EQ(0u, fakebus::pending_count());  // leaks would show under ASan
-}
-
-TEST_F(StartedTest, SendToGroupsNeedsEveryName) {
+TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
+    fakebus::state().send_result = KT5BUS_ERR_FULL;
+    EXPECT_EQ(logged([&] {
+                  EXPECT_EQ(KT5BUS_ERR_FULL,
+                            zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
+              }).at(0),
+              "INFO zebus_send_message status=-6, target=g, id=00000, msg={}");
+    fakebus::state().send_result = 0;
     const char *empty[] = {nullptr};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty));
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"ERR Error while adding type handler"}), lines);
-
-    fakebus::refuse_name("bad");
+    EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty)); }),
+              (Lines{"ERR Error while adding type handler"}));
+    fakebus::state().refused_name = "bad";
     const char *names[] = {"good", "bad", nullptr};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, zebus_send_message(connection_, "{}", names));
-    lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"ERR Failed to get address for bad",
-                                        "ERR Error while adding type handler"}),
-              lines);
-    EXPECT_EQ(0u, fakebus::pending_count());
-
+    EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", names)); }),
+              (Lines{"ERR Failed to get address for bad", "ERR Error while adding type handler"}));
+    EXPECT_EQ(0u, fakebus::state().pending.size());  // leaks would show under ASan
     const char *two[] = {"g1", "g2", nullptr};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, zebus_send_message(connection_, "{}", two));
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ("3:g1,3:g2", fakebus::pending_destination(0));
+    logged([&] { EXPECT_EQ(0, zebus_send_message(connection_, "{}", two)); });
+    EXPECT_EQ("3:g1,3:g2", fakebus::destination(fakebus::state().pending.at(0)));
 }
 
 TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
-    for (int i = 0; i < 7; ++i) {
-        testing::internal::CaptureStdout();
-        zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u");
-        testing::internal::GetCapturedStdout();
-    }
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 5; ++i)
-        fakebus::deliver_oldest(0);
-    fakebus::deliver_oldest(1);
-    fakebus::deliver_oldest(0);
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
-    EXPECT_EQ((std::vector<std::string>{"WARN BUS ERR 00001 {}", "WARN BUS ERR 00002 {}",
-                                        "WARN BUS ERR 00003 {}", "WARN BUS ERR 00004 {}",
-                                        "D2BG BUS ACK 00006 {}", "WARN BUS ERR 00007 {}"}),
-              lines);
-}
-
-kt5bus_address *chain(std::initializer_list<std::pair<int, const char *>> entries) {
-    kt5bus_address *list = nullptr;
-    for (const auto &entry : entries) {
-        if (entry.first == KT5BUS_ADDR_SPECIAL)
-            kt5bus_chain_address(&list, entry.first, atoi(entry.second));
-        else
-            kt5bus_chain_address(&list, entry.first, entry.second, 1);
-    }
-    return list;
-}
-
-TEST_F(StartedTest, PresenceBits) {
-    kt5bus_address *dm = chain({{KT5BUS_ADDR_SPECIAL, "0"}});
-    kt5bus_address *ua = chain({{KT5BUS_ADDR_UA, "/x"}});
-    testing::internal::CaptureStdout();
-    fakebus::inject_presence(ua, nullptr);
-    fakebus::inject_presence(dm, nullptr);
-    fakebus::inject_presence(nullptr, dm);
-    auto lines = log_lines(testing::internal::GetCapturedStdout());
+    logged([&] {
+        for (int i = 0; i < 7; ++i)
+            zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u");
+    });
+    kt5bus_client *client = fakebus::state().client;
     EXPECT_EQ(
-        (std::vector<std::string>{"INFO Connected: <UA: /x> ", "INFO Zelko Bus state: 0x02",
-                                  "INFO Connected: <DM-CLIENT>", "INFO Zelko Bus state: 0x06",
-                                  "INFO Disconnected: <DM-CLIENT>", "INFO Zelko Bus state: 0x02"}),
-        lines);
-    kt5bus_free_address(dm, 1);
-    kt5bus_free_address(ua, 1);
+        logged([&] {
+            for (int ok : {0, 0, 0, 0, 0, 1, 0}) {
+                kt5bus_message *message = fakebus::state().pending.front();
+                fakebus::state().pending.pop_front();
+                fakebus::on_bus_thread([&] { client->on_delivered(client, message, nullptr, ok); });
+            }
+        }),
+        (Lines{"WARN BUS ERR 00001 {}", "WARN BUS ERR 00002 {}", "WARN BUS ERR 00003 {}",
+               "WARN BUS ERR 00004 {}", "D2BG BUS ACK 00006 {}", "WARN BUS ERR 00007 {}"}));
 }
 
-TEST_F(StartedTest, StatusTexts) {
+TEST_F(StartedTest, PresenceStatusAndMessagesReachTheirHandlers) {
+    char name[] = "/x";
+    kt5bus_address ua{};
+    ua.kind = KT5BUS_ADDR_UA;
+    ua.value.name = name;
+    kt5bus_address dm{};
+    dm.kind = KT5BUS_ADDR_SPECIAL;
+    dm.value.special = KT5BUS_SPECIAL_DM_CLIENT;
+    kt5bus_client *client = fakebus::state().client;
+    EXPECT_EQ(logged([&] {
+                  fakebus::on_bus_thread([&] {
+                      client->on_presence(client, &ua, nullptr);
+                      client->on_presence(client, &dm, nullptr);
+                      client->on_presence(client, nullptr, &dm);
+                  });
+              }),
+              (Lines{"INFO Connected: <UA: /x> ", "INFO Zelko Bus state: 0x02",
+                     "INFO Connected: <DM-CLIENT>", "INFO Zelko Bus state: 0x06",
+                     "INFO Disconnected: <DM-CLIENT>", "INFO Zelko Bus state: 0x02"}));
+    kt5bus_message message{};
+    message.data = const_cast<char *>("{\"r\":1}");
+    message.length = 8;
+    message.source = &ua;
+    fakebus::on_bus_thread([&] { client->on_message(client, &message); });
+    EXPECT_EQ((Lines{"{\"r\":1}|<UA: /x> "}), received_);
     const struct {
         int status;
         const char *line;
@@ -309,24 +280,15 @@ TEST_F(StartedTest, StatusTexts) {
         {7, "INFO Zelko Bus connection: start"},
         {12, "ERR Zelko Bus error: condition=12"},
     };
-    for (const auto &c : cases) {
-        testing::internal::CaptureStdout();
-        fakebus::inject_status(c.status);
-        EXPECT_EQ(std::vector<std::string>{c.line},
-                  log_lines(testing::internal::GetCapturedStdout()));
-    }
+    for (const auto &c : cases)
+        EXPECT_EQ(Lines{c.line}, logged([&] {
+                      fakebus::on_bus_thread([&] { client->on_status(client, c.status); });
+                  }));
     EXPECT_EQ(1, connection_->running.load());  // status 6 does not end the client
 }
 
-TEST_F(StartedTest, MessagesReachTheCallback) {
-    kt5bus_address *from = chain({{KT5BUS_ADDR_UA, "/ZDATA/UDS"}});
-    fakebus::inject_message("{\"r\":1}", 8, from);
-    EXPECT_EQ((std::vector<std::string>{"{\"r\":1}|<UA: /ZDATA/UDS> "}), user_data_);
-    kt5bus_free_address(from, 1);
-}
-
 TEST_F(StartedTest, StopWaitsForTheStoppedCallback) {
-    fakebus::set_call_stopped(false);
+    fakebus::state().call_stopped = false;
     std::atomic<bool> done{false};
     std::thread stopper([&] {
         zebus_stop(connection_);
@@ -334,13 +296,12 @@ TEST_F(StartedTest, StopWaitsForTheStoppedCallback) {
     });
     usleep(100000);
     EXPECT_FALSE(done.load());
-    fakebus::inject_stopped();
+    kt5bus_client *client = fakebus::state().client;
+    fakebus::on_bus_thread([&] { client->on_stopped(client); });
     stopper.join();
     EXPECT_TRUE(done.load());
     connection_ = nullptr;
-    auto calls = fakebus::calls();
-    EXPECT_EQ("stop_client()", calls[calls.size() - 2]);
-    EXPECT_EQ("fini_ll()", calls.back());
+    EXPECT_EQ(Lines(calls().end() - 2, calls().end()), (Lines{"stop_client()", "fini_ll()"}));
 }
 
 TEST(ZelkobusCallbacks, MessageBeforeOwnerIsIgnored) {
@@ -348,9 +309,7 @@ TEST(ZelkobusCallbacks, MessageBeforeOwnerIsIgnored) {
     kt5bus_message message{};
     message.data = const_cast<char *>("{}");
     message.length = 3;
-    testing::internal::CaptureStdout();
-    zebus_on_message(&client, &message);
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_TRUE(logged([&] { zebus_on_message(&client, &message); }).empty());
 }
 
 TEST(ZelkobusAddressText, Forms) {
