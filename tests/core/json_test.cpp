@@ -6,6 +6,7 @@
 
 #include "core_support.h"
 #include "kt5Utils/kt5_json.h"
+#include "kt5Utils/text.h"
 
 namespace uoztest {
 namespace {
@@ -109,6 +110,22 @@ TEST(JsonHasTest, presenceIgnoresTypesAndCountsNull) {
               0);
     EXPECT_EQ(kt5_json_has(document.get(), "x", "y", nullptr), 0);
     EXPECT_EQ(kt5_json_has(nullptr, "x", nullptr), 0);
+}
+
+// Only A-Z and a-z pair up: the neighbours that differ by the same bit (@ and `,
+// [ and {) and bytes beyond ASCII stay apart, as do texts of other lengths.
+TEST(TextTest, caseIsFoldedForAsciiLettersOnly) {
+    struct Case {
+        const char *first;
+        const char *second;
+        bool equal;
+    } cases[] = {
+        {"AZ", "az", true},         {"engine", "eNGINe", true}, {"", "", true},
+        {"@", "`", false},          {"[", "{", false},          {"\xC4\xB0", "i", false},
+        {"engine", "engin", false}, {"a", "", false},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(ascii_equal_ignoring_case(c.first, c.second), c.equal) << c.first << c.second;
 }
 
 }  // namespace
