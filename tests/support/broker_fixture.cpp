@@ -56,7 +56,7 @@ std::string identity_dir(const std::string &node) {
 
 Broker::Broker() : Broker(pki_dir() + "/acl") {}
 
-Broker::Broker(const std::string &acl_path) {
+Broker::Broker(const std::string &acl_path, const std::string &extra_config) {
     char work[] = "/tmp/uoz-broker-XXXXXX";
     if (mkdtemp(work) == nullptr)
         throw std::runtime_error("mkdtemp failed");
@@ -64,7 +64,7 @@ Broker::Broker(const std::string &acl_path) {
     port_ = free_loopback_port();
     std::string pki = pki_dir();
     uozpki::write_text(work_dir_ + "/mosquitto.conf",
-                       uozpki::broker_config_text(pki, port_, acl_path));
+                       uozpki::broker_config_text(pki, port_, acl_path) + extra_config);
     start();
 }
 

@@ -29,8 +29,10 @@ std::string identity_dir(const std::string &node);
 class Broker {
   public:
     Broker();
-    // With the access rules of acl_path instead of the test PKI's.
-    explicit Broker(const std::string &acl_path);
+    // With the access rules of acl_path instead of the test PKI's, and
+    // extra_config appended to mosquitto's configuration (a later line
+    // overrides an earlier one; other brokers ignore it).
+    explicit Broker(const std::string &acl_path, const std::string &extra_config = "");
     ~Broker();
     Broker(const Broker &) = delete;
     Broker &operator=(const Broker &) = delete;
