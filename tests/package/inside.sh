@@ -30,6 +30,9 @@ check "the example agent settings are the settings" \
   cmp /usr/share/doc/udsoverzelko/examples/agent-settings.json /etc/uoz/agent-settings.json
 check "the units" test -f /lib/systemd/system/uoz-agent.service -a -f /lib/systemd/system/uoz-ecusim.service
 check "the broker's drop-in" test -f /usr/share/uoz-agent/mosquitto-uoz.conf
+check "the drop-in has the settings of uoz-pki broker-config, but for user and persistence" \
+  bash -c 'diff <(grep -v "^#" /usr/share/uoz-agent/mosquitto-uoz.conf | grep . | sort) \
+                <(grep -Ev "^#|^user |^persistence " /etc/uoz/pki/mosquitto.conf | sort)'
 check "the service user uoz, without a shell" \
   bash -c 'getent passwd uoz | grep -q ":/nonexistent:/usr/sbin/nologin$"'
 for deb in ./*.deb; do
