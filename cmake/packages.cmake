@@ -57,17 +57,21 @@ function(uoz_service component package settings user)
     "${out}/conffiles;${out}/postinst;${out}/prerm;${out}/postrm" PARENT_SCOPE)
 endfunction()
 
-uoz_service(agent uoz-agent
-  "${PROJECT_SOURCE_DIR}/examples/agent-settings.json;${PROJECT_SOURCE_DIR}/examples/ecus.json"
-  uoz)
-uoz_service(ecusim uoz-ecusim "${PROJECT_SOURCE_DIR}/examples/vehicle.json" "")
-
-# The system broker's settings for the bus, to be copied into
-# /etc/mosquitto/conf.d once the certificates exist (docs/deploy.md). Not
-# under /usr/share/doc: minimal systems leave that out.
-configure_file(${UOZ_PACKAGING}/mosquitto-uoz.conf.in ${UOZ_PACKAGING_OUT}/mosquitto-uoz.conf @ONLY)
-install(FILES ${UOZ_PACKAGING_OUT}/mosquitto-uoz.conf DESTINATION ${UOZ_SHARE_DESTINATION}
-  COMPONENT agent)
+if(TARGET uoz-agent)
+  uoz_service(agent uoz-agent
+    "${PROJECT_SOURCE_DIR}/examples/agent-settings.json;${PROJECT_SOURCE_DIR}/examples/ecus.json"
+    uoz)
+  # The system broker's settings for the bus, to be copied into
+  # /etc/mosquitto/conf.d once the certificates exist (docs/deploy.md). Not
+  # under /usr/share/doc: minimal systems leave that out.
+  configure_file(${UOZ_PACKAGING}/mosquitto-uoz.conf.in ${UOZ_PACKAGING_OUT}/mosquitto-uoz.conf
+    @ONLY)
+  install(FILES ${UOZ_PACKAGING_OUT}/mosquitto-uoz.conf DESTINATION ${UOZ_SHARE_DESTINATION}
+    COMPONENT agent)
+endif()
+if(TARGET uoz-ecusim)
+  uoz_service(ecusim uoz-ecusim "${PROJECT_SOURCE_DIR}/examples/vehicle.json" "")
+endif()
 
 set(UOZ_PACKAGE_NAMES runtime libudsoverzelko${PROJECT_VERSION_MAJOR} dev libudsoverzelko-dev
   tools udsoverzelko-tools agent uoz-agent ecusim uoz-ecusim)

@@ -33,6 +33,7 @@ check "the broker's drop-in" test -f /usr/share/uoz-agent/mosquitto-uoz.conf
 check "the drop-in has the settings of uoz-pki broker-config, but for user and persistence" \
   bash -c 'diff <(grep -v "^#" /usr/share/uoz-agent/mosquitto-uoz.conf | grep . | sort) \
                 <(grep -Ev "^#|^user |^persistence " /etc/uoz/pki/mosquitto.conf | sort)'
+check "the broker has no listener but the drop-in's" bash -c '! (exec 3<>/dev/tcp/127.0.0.1/1883) 2>/dev/null'
 check "the service user uoz, without a shell" \
   bash -c 'getent passwd uoz | grep -q ":/nonexistent:/usr/sbin/nologin$"'
 for deb in ./*.deb; do
