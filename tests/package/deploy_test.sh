@@ -8,8 +8,10 @@
 #
 #   deploy_test.sh BUILD SOURCE
 #
-# Needs root (mount namespace, overlayfs) and systemd-nspawn; exits 77
-# (skipped) with the reason where they are missing.
+# Needs root with the right to mount (mount namespace, overlayfs) and
+# systemd-nspawn; exits 77 (skipped) with the reason where one is missing.
+# The packages' dependencies must be installed on this machine: the
+# container has no network to fetch them.
 set -euo pipefail
 build=$1 source=$2
 
@@ -17,6 +19,8 @@ skip() { echo "skipped: $*"; exit 77; }
 [ "$(id -u)" -eq 0 ] || skip "booting a throw-away system needs root"
 command -v systemd-nspawn >/dev/null || skip "no systemd-nspawn (Debian package systemd-container)"
 grep -qw overlay /proc/filesystems || skip "the kernel has no overlayfs"
+unshare --mount true 2>/dev/null ||
+  skip "no mount namespace can be made here (a container must be privileged)"
 
 shopt -s nullglob
 packages=()
