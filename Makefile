@@ -55,12 +55,15 @@ coverage:
 install: build
 	cmake --install build
 
-# Debian packages (runtime, -dev, -dbgsym) in build-package/, for /usr.
-package: deps
+# Debian packages in build-package/, for /usr (docs/deploy.md lists them);
+# then docs/deploy.md runs on them in a throw-away system (CTest label package).
+package:
+	@./scripts/install-deps.sh --package
 	cmake -S . -B build-package -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
-	  -DUOZ_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	  -DUOZ_BUILD_TESTS=OFF -DUOZ_PACKAGE_TEST=ON $(CMAKE_FLAGS)
 	cmake --build build-package -j$(JOBS)
 	cd build-package && cpack
+	ctest --test-dir build-package -L package --output-on-failure --verbose
 
 format:
 	find include src tools tests bench fuzz examples -name '*.[ch]' -o -name '*.cpp' -o -name '*.h' | xargs clang-format -i

@@ -1,10 +1,12 @@
 # Installation: libraries, headers, tools, man pages, documentation, a
 # pkg-config file and a CMake package (find_package(udsoverzelko) gives
-# udsoverzelko::udsoverzelko); and the Debian packages (make package).
+# udsoverzelko::udsoverzelko); the services' files and the Debian packages
+# (make package) are in packages.cmake.
 #
-# Components: "runtime" (shared libraries, tools, man pages, documentation)
-# and "dev" (headers, the unversioned library link, pkg-config and CMake
-# files).
+# Components: "runtime" (shared libraries), "dev" (headers, the unversioned
+# library link, pkg-config and CMake files), "tools" (uozctl, uoz-pki, the
+# documentation and examples), "agent" and "ecusim" (each service with its
+# unit and settings).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS udsoverzelko kt5bus EXPORT udsoverzelkoTargets
@@ -26,11 +28,12 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/udsoverzelko.pc.in ${CMAKE_CURRENT_BI
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/udsoverzelko.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 install(FILES ${PROJECT_SOURCE_DIR}/examples/ecus.json ${PROJECT_SOURCE_DIR}/examples/vehicle.json
-  ${PROJECT_SOURCE_DIR}/examples/remote-command.json ${PROJECT_SOURCE_DIR}/examples/minimal.c
-  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT runtime)
+  ${PROJECT_SOURCE_DIR}/examples/remote-command.json ${PROJECT_SOURCE_DIR}/examples/agent-settings.json
+  ${PROJECT_SOURCE_DIR}/examples/minimal.c
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT tools)
 file(GLOB UOZ_DOCS ${PROJECT_SOURCE_DIR}/docs/*.md)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${UOZ_DOCS}
-  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT tools)
 
 # Installed tools find the project's libraries beside them, from any prefix.
 file(RELATIVE_PATH UOZ_BIN_TO_LIB "/prefix/${CMAKE_INSTALL_BINDIR}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
@@ -50,6 +53,8 @@ if(UOZ_HELP2MAN AND NOT UOZ_SANITIZE)
   set(UOZ_MAN_SUMMARY_uoz-pki "make the certificates and broker configuration of a bus")
   set(UOZ_MAN_SUMMARY_uoz-agent "reference diagnostic agent and policy agent")
   set(UOZ_MAN_SUMMARY_uoz-ecusim "simulated ECUs for the diagnostic agent")
+  set(UOZ_MAN_COMPONENT_uoz-agent agent)
+  set(UOZ_MAN_COMPONENT_uoz-ecusim ecusim)
   foreach(tool ${UOZ_TOOLS})
     if(TARGET ${tool})
       set(page ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1.gz)
@@ -62,37 +67,13 @@ if(UOZ_HELP2MAN AND NOT UOZ_SANITIZE)
         DEPENDS ${tool}
         COMMENT "Man page of ${tool}")
       list(APPEND UOZ_MAN_PAGES ${page})
+      if(NOT UOZ_MAN_COMPONENT_${tool})
+        set(UOZ_MAN_COMPONENT_${tool} tools)
+      endif()
+      install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT ${UOZ_MAN_COMPONENT_${tool}})
     endif()
   endforeach()
   add_custom_target(man_pages ALL DEPENDS ${UOZ_MAN_PAGES})
-  install(FILES ${UOZ_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 endif()
 
-# Debian packages: the runtime package (libraries, tools, man pages, docs),
-# the -dev package, and -dbgsym packages with the debug symbols that are
-# stripped from the others. Configure with -DCMAKE_INSTALL_PREFIX=/usr for
-# the multiarch library directory (make package does).
-set(CPACK_PACKAGE_NAME libudsoverzelko)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "libudsoverzelko developers <libudsoverzelko@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "UDS diagnostics over an authenticated message bus")
-set(CPACK_GENERATOR DEB)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
-set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libudsoverzelko${PROJECT_VERSION_MAJOR})
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS "mosquitto")
-set(CPACK_DEBIAN_DEV_PACKAGE_NAME libudsoverzelko-dev)
-set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libjson-c-dev, libmosquitto-dev, libssl-dev")
-set(CPACK_COMPONENT_DEV_DEPENDS runtime)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
-  "UDS diagnostics over an authenticated message bus: libraries and tools")
-set(CPACK_COMPONENT_DEV_DESCRIPTION
-  "UDS diagnostics over an authenticated message bus: headers and build files")
-include(CPack)
+include(${CMAKE_CURRENT_LIST_DIR}/packages.cmake)

@@ -5,8 +5,10 @@ set -euo pipefail
 packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy
           python3 python3-scapy)
+packages+=(libsystemd-dev)  # uoz-agent tells systemd when it is ready
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
 if [ "${1:-}" = "--coverage" ]; then packages+=(gcovr); fi
+if [ "${1:-}" = "--package" ]; then packages+=(file systemd systemd-container python3-debian adduser procps); fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,8 +1,13 @@
 // uoz-agent as a command-line tool: exit codes, messages, start-up warnings,
-// the ready line and a prompt stop.
+// the ready line, readiness told to a service manager and a prompt stop.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -99,6 +104,66 @@ TEST(AgentCliTest, readyIsLoggedAtInfoAndACertificateWithoutTheAddressesIsWarned
               std::string::npos)
         << app.output();
     EXPECT_EQ(agent.stop(), 0);
+}
+
+// The datagram socket a service manager names in NOTIFY_SOCKET: programs
+// started from now until the next one is made send their notices here.
+class NotifySocket {
+  public:
+    NotifySocket()
+        : path_("/tmp/uoz-notify-" + std::to_string(getpid()) + "-" + std::to_string(++count_)) {
+        fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        snprintf(address.sun_path, sizeof(address.sun_path), "%s", path_.c_str());
+        unlink(path_.c_str());
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+            ADD_FAILURE() << "cannot bind " << path_;
+        setenv("NOTIFY_SOCKET", path_.c_str(), 1);
+    }
+    ~NotifySocket() {
+        unsetenv("NOTIFY_SOCKET");
+        close(fd_);
+        unlink(path_.c_str());
+    }
+    // The next datagram, or "" when none came within timeout_ms.
+    std::string receive(int timeout_ms) {
+        pollfd ready{fd_, POLLIN, 0};
+        if (poll(&ready, 1, timeout_ms) != 1)
+            return "";
+        char text[256];
+        ssize_t length = recv(fd_, text, sizeof(text), 0);
+        return length > 0 ? std::string(text, static_cast<size_t>(length)) : "";
+    }
+
+  private:
+    static inline int count_ = 0;
+    std::string path_;
+    int fd_ = -1;
+};
+
+std::vector<std::string> silent_agent(int broker_port) {
+    return {UOZ_AGENT_PATH,
+            "--certs",
+            identity_dir("agent"),
+            "--debug",
+            "-1",
+            "--broker",
+            "localhost:" + std::to_string(broker_port)};
+}
+
+// Under systemd (Type=notify) "systemctl start" returns once the agent says
+// READY=1: only after it is connected, whatever its log level.
+TEST(AgentCliTest, tellsTheServiceManagerItIsReadyOnlyOnceConnected) {
+    Broker broker;
+    NotifySocket down_notify;
+    ChildProcess waiting(silent_agent(free_loopback_port()));
+    NotifySocket up_notify;
+    ChildProcess agent(silent_agent(broker.port()));
+    EXPECT_EQ(up_notify.receive(5000), "READY=1") << agent.output();
+    EXPECT_EQ(down_notify.receive(300), "") << waiting.output();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(waiting.stop(), 0);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 // settings); 2 invalid command line.
 #include <signal.h>
 #include <stdio.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -225,8 +226,10 @@ int run(const Options &options) {
             said_waiting = true;
         }
     }
-    if (!g_stop)
+    if (!g_stop) {
         UOZ_DBGLOG(UOZ_LOG_INFO, "uoz-agent ready on %s", options.broker.c_str());
+        sd_notify(0, "READY=1");  // a service manager waiting on NOTIFY_SOCKET goes on
+    }
     while (!g_stop)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     links.close_all();
