@@ -32,6 +32,8 @@ qemu=$(command -v qemu-system-x86_64) || { say "qemu-system-x86_64 is missing (i
 firmware=/usr/share/qemu/qboot.rom
 [ -f $firmware ] || { say "$firmware is missing (install qemu-system-x86)"; exit 125; }
 cache=$("$here/prepare.sh") || exit 125
+kernel=$cache/vmlinux
+[ -f "$kernel" ] || kernel=$cache/vmlinuz
 
 job=$(mktemp -d "${TMPDIR:-/tmp}/uoz-can-vm.XXXXXX")
 watchdog=
@@ -89,7 +91,7 @@ watchdog=$!
 
 timeout -k 5 "$timeout" "$qemu" -M pc -bios $firmware "${accel[@]}" -m "${UOZ_CAN_VM_MEM:-1024}" \
     -smp "$smp" -nodefaults -no-user-config -nographic -serial stdio -no-reboot \
-    -pidfile "$job/qemu.pid" -kernel "$cache/vmlinuz" -initrd "$cache/initramfs.cpio.gz" \
+    -pidfile "$job/qemu.pid" -kernel "$kernel" -initrd "$cache/initramfs.cpio.gz" \
     -append "$append" \
     -fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
     -device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
