@@ -148,7 +148,8 @@ elf_kernel() {
     [ -n "$at" ] || return 1
     tail -c +$((at + 1)) "$1" | xz -dc 2>/dev/null >"$2"
     [ "$(head -c 4 "$2" | od -An -c | tr -d ' ')" = '177ELF' ] || return 1
-    ! command -v readelf >/dev/null || readelf -n "$2" | grep -q 'Unknown note type: (0x00000012)'
+    # Xen's note 0x12 (PHYS32_ENTRY) marks the PVH entry.
+    ! command -v readelf >/dev/null || readelf -n "$2" | grep -Eq '0x00000012|PHYS32'
 }
 (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 >"$work/initramfs.cpio.gz"
 cp "$work/kernel/boot/vmlinuz-$kver" "$work/vmlinuz"

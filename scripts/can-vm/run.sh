@@ -43,6 +43,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
+on_terminal=
+[ -t 1 ] && on_terminal=1
 write_job() {
     local name
     echo "#!/bin/bash"
@@ -53,7 +55,7 @@ write_job() {
     printf 'cd %q || { echo "can-vm: the guest cannot enter %q"; exit 125; }\n' "$PWD" "$PWD"
     # The guest's console is a terminal: where ours is not, neither is CMD's
     # output, so that programs leave out colours and progress bars as here.
-    if [ -t 1 ]; then
+    if [ -n "$on_terminal" ]; then
         printf 'exec'
         printf ' %q' "$@"
         echo
