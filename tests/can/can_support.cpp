@@ -198,7 +198,9 @@ CanBusLog::CanBusLog(const std::string &ifname) : process_({"/usr/bin/candump", 
 
 std::vector<CanFrame> CanBusLog::frames_since(size_t mark) const {
     std::string log = text();
-    return parse_candump(mark < log.size() ? log.substr(mark) : "");
+    size_t end = log.rfind('\n');  // a line still being written is left for later
+    return parse_candump(end != std::string::npos && mark <= end ? log.substr(mark, end - mark)
+                                                                 : "");
 }
 
 IsotpEcu::IsotpEcu(const std::string &ifname, uint32_t request_id, uint32_t response_id,
