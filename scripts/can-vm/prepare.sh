@@ -15,7 +15,7 @@
 # Exit status 0 when ready; otherwise the reason is on standard error.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-cache=${UOZ_CAN_VM_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/libudsoverzelko/can-vm}
+cache=${UOZ_CAN_VM_CACHE:-${XDG_CACHE_HOME:-${HOME:-/tmp}/.cache}/libudsoverzelko/can-vm}
 modules=(virtio_pci 9pnet_virtio 9p overlay
          can-raw can-bcm can-isotp can-j1939 can-gw vcan vxcan)
 
