@@ -16,6 +16,7 @@ namespace uoztest {
 namespace {
 
 const char kBus[] = "vcan0";
+const std::string kEcus = UOZ_CAN_DIR "/ecus.json";
 constexpr uint32_t kRequestId = 0x7E0;
 constexpr uint32_t kResponseId = 0x7E8;
 // What the ECU's flow control asks of the agent: one frame at a time, 10 ms apart.
@@ -59,6 +60,8 @@ class AgentIsotpTest : public ::testing::Test {
     void TearDown() override {
         if (bus_ != nullptr)
             std::cout << "candump -L " << kBus << ":\n" << bus_->text();
+        if (HasFailure() && ecu_ != nullptr)
+            std::cout << "uoz-agent:\n" << agent_->output() << "isotp_ecu.py:\n" << ecu_->output();
     }
     // The exchange logged since the mark, once it has as many frames as
     // expected (candump may write the last one after uozctl has ended).
@@ -78,7 +81,6 @@ class AgentIsotpTest : public ::testing::Test {
                    identity_dir("app") + " --config " + kEcus + " " + arguments);
     }
 
-    const std::string kEcus = UOZ_CAN_DIR "/ecus.json";
     std::unique_ptr<Broker> broker_;
     std::unique_ptr<AgentProcess> agent_;
     std::unique_ptr<CanBusLog> bus_;
