@@ -49,10 +49,13 @@ class AgentIsotpTest : public ::testing::Test {
             GTEST_SKIP() << "no CAN here: " << missing
                          << " (make test-can runs these tests in a VM with CAN)";
         broker_ = std::make_unique<Broker>();
-        agent_ = std::make_unique<AgentProcess>(
-            UOZ_AGENT_PATH, broker_->port(),
-            std::vector<std::string>{"--trace", "--ecu-config", kEcus, "--settings",
-                                     UOZ_CAN_DIR "/agent-settings.json"});
+        // Started here rather than as an AgentProcess: in a VM on a busy
+        // machine the agent can take longer than that class waits.
+        agent_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+            UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
+            "localhost:" + std::to_string(broker_->port()), "--debug", "2", "--trace",
+            "--ecu-config", kEcus, "--settings", UOZ_CAN_DIR "/agent-settings.json"});
+        ASSERT_TRUE(agent_->wait_for_output("uoz-agent ready", 60000)) << agent_->output();
         bus_ = std::make_unique<CanBusLog>(kBus);
         ecu_ = std::make_unique<IsotpEcu>(kBus, kRequestId, kResponseId, kAnswers, kEcuBlockSize,
                                           kEcuStMin);
@@ -82,7 +85,7 @@ class AgentIsotpTest : public ::testing::Test {
     }
 
     std::unique_ptr<Broker> broker_;
-    std::unique_ptr<AgentProcess> agent_;
+    std::unique_ptr<ChildProcess> agent_;
     std::unique_ptr<CanBusLog> bus_;
     std::unique_ptr<IsotpEcu> ecu_;
 };

@@ -187,7 +187,7 @@ IsotpExchange read_isotp(const std::vector<CanFrame> &frames, const std::vector<
 }
 
 CanBusLog::CanBusLog(const std::string &ifname) : process_({"/usr/bin/candump", "-L", ifname}) {
-    for (int tries = 0; tries < 100; ++tries) {
+    for (int tries = 0; tries < 600; ++tries) {  // a minute at most
         if (!send_marker(ifname) || !process_.running())
             break;
         if (process_.wait_for_output(kMarkerLine, 100))
@@ -208,7 +208,7 @@ IsotpEcu::IsotpEcu(const std::string &ifname, uint32_t request_id, uint32_t resp
     : process_({"/usr/bin/python3", UOZ_CAN_DIR "/isotp_ecu.py", ifname, hex_id(request_id),
                 hex_id(response_id), answers_json, std::to_string(block_size),
                 std::to_string(st_min)}) {
-    if (!process_.wait_for_output("ready\n", 20000))
+    if (!process_.wait_for_output("ready\n", 60000))
         throw std::runtime_error("isotp_ecu.py did not start: " + process_.output());
 }
 
