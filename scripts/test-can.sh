@@ -58,11 +58,12 @@ why_not_vm() {
 }
 
 mode=${UOZ_CAN:-auto}
+why_vm="this machine's kernel has no CAN"
 case $mode in
     off) cannot_run "UOZ_CAN=off" ;;
     auto) if host_has_can; then mode=host; else mode=vm; fi ;;
     host) host_has_can || cannot_run "UOZ_CAN=host, but this machine has no vcan0 with ISO-TP" ;;
-    vm) ;;
+    vm) why_vm="UOZ_CAN=vm" ;;
     *) echo "test-can: UOZ_CAN must be auto, host, vm or off" >&2; exit 2 ;;
 esac
 
@@ -72,11 +73,11 @@ if [ "$mode" = host ]; then
 fi
 
 reason=$(why_not_vm)
-[ -z "$reason" ] || cannot_run "this machine's kernel has no CAN, and the CAN VM cannot start: $reason" \
+[ -z "$reason" ] || cannot_run "$why_vm, and the CAN VM cannot start: $reason" \
     "(scripts/install-deps.sh --can-vm installs what it needs)"
 "$here/can-vm/prepare.sh" >/dev/null ||
-    cannot_run "this machine's kernel has no CAN, and the CAN VM cannot be prepared (see above)"
-echo "CAN tests in a VM (this machine's kernel has no CAN)"
+    cannot_run "$why_vm, and the CAN VM cannot be prepared (see above)"
+echo "CAN tests in a VM ($why_vm)"
 # The test PKI is made here, in a second rather than ten in the VM.
 ctest --test-dir "$build" -R '^make_test_pki$' --no-tests=ignore -Q ||
     { echo "test-can: cannot make the test PKI" >&2; exit 1; }
