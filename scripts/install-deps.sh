@@ -4,8 +4,13 @@
 set -euo pipefail
 packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy
-          python3 python3-scapy)
+          python3 python3-scapy can-utils)
 packages+=(libsystemd-dev)  # uoz-agent tells systemd when it is ready
+# The CAN tests run in a VM where this machine's kernel has no CAN
+# (scripts/test-can.sh); --can-vm installs what that needs in any case.
+if [ "${1:-}" = "--can-vm" ] || { [ ! -e /sys/class/net/vcan0 ] && ! modinfo vcan >/dev/null 2>&1; }; then
+  packages+=(qemu-system-x86 busybox-static)
+fi
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
 if [ "${1:-}" = "--coverage" ]; then packages+=(gcovr); fi
 if [ "${1:-}" = "--package" ]; then packages+=(file systemd systemd-container python3-debian adduser procps); fi

@@ -299,18 +299,5 @@ TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
     EXPECT_EQ(count("no CAN interface can1 on this machine"), 2u) << log;
 }
 
-// With vcan0 and can-isotp a request goes out; nothing answers on a bare vcan.
-TEST(IsotpTest, readsAnEcuOverCanWhereTheKernelHasIt) {
-    std::string error;
-    std::unique_ptr<IsotpLink> link = IsotpLink::open({"vcan0", 0x7E0, 0x7E8, 0, 8}, &error);
-    if (!link)
-        GTEST_SKIP() << "no CAN ISO-TP here: " << error;
-    UdsTiming timing;
-    timing.p2 = Millis(100);
-    UdsOutcome outcome = uds_request(*link, {0x22, 0xF1, 0x89}, timing);
-    EXPECT_FALSE(outcome.answered);
-    EXPECT_EQ(outcome.error, "no answer from the ECU within 100 ms");
-}
-
 }  // namespace
 }  // namespace uozagent

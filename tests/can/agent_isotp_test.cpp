@@ -1,0 +1,142 @@
+// uozctl through the real broker and uoz-agent to an ECU on vcan0 that is
+// not ours: isotp_ecu.py on the kernel's ISO-TP sockets. candump -L holds
+// every frame on the bus, which is checked as ISO-TP, frame by frame.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "broker_fixture.h"
+#include "can_support.h"
+#include "processes.h"
+#include "tool_runner.h"
+
+namespace uoztest {
+namespace {
+
+const char kBus[] = "vcan0";
+const std::string kEcus = UOZ_CAN_DIR "/ecus.json";
+constexpr uint32_t kRequestId = 0x7E0;
+constexpr uint32_t kResponseId = 0x7E8;
+// What the ECU's flow control asks of the agent: one frame at a time, 10 ms apart.
+constexpr uint8_t kEcuBlockSize = 1;
+constexpr uint8_t kEcuStMin = 10;
+
+// Requests (hex) and the ECU's answers. F189 is answered after a response
+// pending that outlasts the agent's P2 (200 ms in agent-settings.json).
+const char kAnswers[] = R"({
+    "1902FF": [{"data": "5902FF0301002F01710008C1010009"}],
+    "22F189": [{"data": "7F2278"}, {"after-ms": 500, "data": "62F189454E472D322E342E312D43414E"}],
+    "22F191": [{"data": "62F1914233"}],
+    "2EF190575A4C3030303030303030303030303031": [{"data": "6EF190"}]
+})";
+
+// Whatever fills an agent's frame past its ISO-TP content: classic CAN
+// frames, filled (if at all) with one repeated byte.
+void expect_agent_frame_form(const IsotpFrame &sent) {
+    EXPECT_FALSE(sent.frame.fd) << sent.text();
+    EXPECT_LE(sent.frame.data.size(), 8u) << sent.text();
+    std::vector<uint8_t> padding = sent.padding();
+    EXPECT_LE(std::set<uint8_t>(padding.begin(), padding.end()).size(), 1u) << sent.text();
+}
+
+class AgentIsotpTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string missing = can_missing(kBus);
+        if (!missing.empty())
+            GTEST_SKIP() << "no CAN here: " << missing
+                         << " (make test-can runs these tests in a VM with CAN)";
+        broker_ = std::make_unique<Broker>();
+        // Started here rather than as an AgentProcess: in a VM on a busy
+        // machine the agent can take longer than that class waits.
+        agent_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+            UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
+            "localhost:" + std::to_string(broker_->port()), "--debug", "2", "--trace",
+            "--ecu-config", kEcus, "--settings", UOZ_CAN_DIR "/agent-settings.json"});
+        ASSERT_TRUE(agent_->wait_for_output("uoz-agent ready", 60000)) << agent_->output();
+        bus_ = std::make_unique<CanBusLog>(kBus);
+        ecu_ = std::make_unique<IsotpEcu>(kBus, kRequestId, kResponseId, kAnswers, kEcuBlockSize,
+                                          kEcuStMin);
+    }
+    void TearDown() override {
+        if (bus_ != nullptr)
+            std::cout << "candump -L " << kBus << ":\n" << bus_->text();
+        if (HasFailure() && ecu_ != nullptr)
+            std::cout << "uoz-agent:\n" << agent_->output() << "isotp_ecu.py:\n" << ecu_->output();
+    }
+    // The exchange logged since the mark, once it has as many frames as
+    // expected (candump may write the last one after uozctl has ended).
+    IsotpExchange exchange_since(size_t mark, size_t frames) {
+        IsotpExchange exchange;
+        for (int waited = 0; waited <= 2000; waited += 10) {
+            exchange = read_isotp(bus_->frames_since(mark), {kRequestId, kResponseId});
+            if (exchange.frames.size() >= frames)
+                break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return exchange;
+    }
+    ToolRun uozctl(const std::string &arguments) {
+        return run(std::string(UOZCTL_PATH) +
+                   " --broker localhost:" + std::to_string(broker_->port()) + " --certs " +
+                   identity_dir("app") + " --config " + kEcus + " " + arguments);
+    }
+
+    std::unique_ptr<Broker> broker_;
+    std::unique_ptr<ChildProcess> agent_;
+    std::unique_ptr<CanBusLog> bus_;
+    std::unique_ptr<IsotpEcu> ecu_;
+};
+
+// Each read, its output, and every frame it put on the bus: the ISO-TP
+// content of each frame, without padding.
+TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
+    const struct {
+        std::string arguments;
+        int code;
+        std::string out;
+        std::vector<std::string> frames;
+    } cases[] = {
+        // A three-DTC answer in three frames; the agent's flow control
+        // carries the block size and st-min of its configuration.
+        {"dtc read engine",
+         0,
+         "engine (0x7E0)\n  report 0x02: DTCs by status mask\n"
+         "  P0301-00  (0x030100)  status 0x2F [*]\n"
+         "  P0171-00  (0x017100)  status 0x08 [confirmedDTC]\n"
+         "  U0101-00  (0xC10100)  status 0x09 [testFailed, confirmedDTC]\n",
+         {"7E0 031902FF", "7E8 100F5902FF030100", "7E0 300800", "7E8 212F01710008C101",
+          "7E8 220009"}},
+        // Response pending, then a multi-frame answer; a single-frame one.
+        {"version engine",
+         0,
+         "engine (0x7E0): software version: ENG-2.4.1-CAN, hardware version: B3\n",
+         {"7E0 0322F189", "7E8 037F2278", "7E8 101062F189454E47", "7E0 300800",
+          "7E8 212D322E342E312D", "7E8 2243414E", "7E0 0322F191", "7E8 0562F1914233"}},
+        // A 20-byte request: each consecutive frame waits for the ECU's flow control.
+        {"run " UOZ_CAN_DIR "/write-vin.json",
+         0,
+         "remote command: engine: done, response 6EF190\n",
+         {"7E0 10142EF190575A4C", "7E8 30010A", "7E0 2130303030303030", "7E8 30010A",
+          "7E0 2230303030303031", "7E8 036EF190"}},
+        // The ECU stays silent: the request went out, and the read fails.
+        {"dtc read engine --report 0x01 --mask 0x08", 4, "*", {"7E0 03190108"}},
+    };
+    for (const auto &row : cases) {
+        size_t mark = bus_->mark();
+        ToolRun run = uozctl(row.arguments);
+        EXPECT_EQ(run.code, row.code) << row.arguments << "\n" << run.out << run.err;
+        EXPECT_TRUE(matches(run.out, row.out)) << row.arguments << "\n" << run.out;
+        IsotpExchange exchange = exchange_since(mark, row.frames.size());
+        EXPECT_EQ(exchange.frame_texts(), row.frames) << row.arguments;
+        for (const IsotpFrame &sent : exchange.sent_by(kRequestId))
+            expect_agent_frame_form(sent);
+    }
+    EXPECT_NE(agent_->output().find("no answer from the ECU within 200 ms"), std::string::npos)
+        << agent_->output();
+}
+
+}  // namespace
+}  // namespace uoztest
