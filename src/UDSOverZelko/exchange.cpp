@@ -61,18 +61,6 @@ bool decode_hex(const char *text, DTCBufferEntry *entry) {
     return true;
 }
 
-// The first CAN or IOC record whose "phy-req-id" text is request_id.
-const EcuConfig *find_by_request_id(UDSOverZelkoHandle *handle, const char *request_id) {
-    for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        bool has_request_id = record->type == TRANSPORT_CAN || record->type == TRANSPORT_IOC;
-        if (has_request_id && record->phy_req_id != nullptr &&
-            strcmp(record->phy_req_id, request_id) == 0) {
-            return record;
-        }
-    }
-    return nullptr;
-}
-
 // Fills one entry from one "data-record" element; false when the element
 // lacks "phy-req-id" or "data".
 bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferEntry *entry) {
@@ -83,7 +71,7 @@ bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferE
         UOZ_SET_ERROR("could not find ''data");
         return false;
     }
-    const EcuConfig *record = find_by_request_id(handle, request_id);
+    const EcuConfig *record = find_ecu_by_request_id(handle, request_id);
     if (record != nullptr) {
         entry->target_address = record->target_address;
         entry->ecu_name = uoz_strdup(record->name);
