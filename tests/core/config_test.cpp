@@ -2,8 +2,10 @@
 // unusable files) and the reply identifiers.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
+#include <set>
 #include <string>
 
 #include "UDSOverZelko/query.h"
@@ -160,23 +162,32 @@ TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
     release_handle(handle);
 }
 
-// Each character is rand() % 69 after srand() of the calendar second; a
-// check whose second turned while it ran is run again.
-TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+// What an application sees of reply identifiers: characters of the alphabet,
+// every one of them in a long enough identifier, the same identifier within
+// one calendar second, and its own rand() sequence left where srand() of the
+// second and one draw per character leave it. A check whose second turned
+// while it ran is run again.
+TEST(ReplyIdTest, isDrawnFromTheSecondsSeedWithOneRandPerCharacter) {
+    const std::string alphabet = REPLY_ID_ALPHABET;
     for (;;) {
         time_t now = time(nullptr);
-        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
-        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
-        TextPtr shorter(generate_reply_id(5));
         srand(static_cast<unsigned>(now));
-        std::string expected;
         for (int i = 0; i < REPLY_ID_LENGTH; ++i)
-            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+            rand();
+        int next_draw = rand();
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        int drawn_after = rand();
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr prefix(generate_reply_id(5));
+        TextPtr long_id(generate_reply_id(4000));
         if (time(nullptr) != now)
             continue;
-        EXPECT_EQ(first.get(), expected);
-        EXPECT_EQ(second.get(), expected);
-        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        EXPECT_EQ(drawn_after, next_draw);
+        ASSERT_EQ(strlen(first.get()), static_cast<size_t>(REPLY_ID_LENGTH));
+        EXPECT_STREQ(first.get(), second.get());
+        EXPECT_EQ(std::string(first.get(), 5), prefix.get());
+        std::set<char> used(long_id.get(), long_id.get() + 4000);
+        EXPECT_EQ(used, std::set<char>(alphabet.begin(), alphabet.end()));
         break;
     }
     EXPECT_EQ(generate_reply_id(-1), nullptr);

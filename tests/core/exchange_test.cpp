@@ -2,13 +2,12 @@
 // service, consent answers, argument checks, query bodies, name look-ups and
 // remote command addresses. Sent messages are caught at the bus library's
 // send entry point, and the answer, if any, is delivered to the handler
-// before the send returns.
+// before the send returns. Exact queries are golden texts (golden/).
 #include <ctype.h>
 #include <gtest/gtest.h>
 #include <locale.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <functional>
 #include <regex>
@@ -16,26 +15,14 @@
 #include <vector>
 
 #include "UDSOverZelko/exchange.h"
-#include "UDSOverZelko/query.h"
 #include "UDSOverZelko/remote_command.h"
 #include "core_support.h"
+#include "golden.h"
 #include "kt5Utils/kt5_json.h"
 #include "zelkobus/zelkobus.h"
 
 namespace uoztest {
 namespace {
-
-const char kEcus[] = R"({"configs":[
- {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","bsize":"0x08"},"ecu_version":{"uds":[{"did":"0xF189"}]}},
- {"type":"DOIP","targetAddress":"0x1001","name":"telematics","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"10.0.0.1"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
- {"type":"IOC","targetAddress":"0x20","name":"gateway","ioc":{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}},
- {"type":"CANFD","targetAddress":"0x7E5","name":"adas"},
- {"type":"CAN","targetAddress":"0x7E1","name":"gearbox","can":{"ifname":"can1","func-addr":"0x7DF","phy-req-id":"0x7E1","phy-resp-id":"0x7E9"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
- {"type":"CAN","targetAddress":"0x12345","name":"F","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
- {"type":"CAN","targetAddress":"0x123456","name":"G","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
- {"type":"CAN","targetAddress":"FFFFFFFF","name":"everyone","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}}
-],
-"pre-defined-routines":[{"name":"ResetECU","commands":[{"service":"0x11","subfn":"0x01"}]}]})";
 
 // What the stand-in agent answers to one sent text: a reply text, or "" for none.
 using Responder = std::function<std::string(const std::string &sent)>;
@@ -68,19 +55,36 @@ std::string update(const std::string &members) {
     return R"({"type":"zelko.skyharbor-query-update",)" + members + "}";
 }
 
-std::string consent(const std::string &body) {
-    return R"({"type":"zelko.external-consent")" + body + "}";
+// An answer to the address a query was sent for: the members before "body"
+// (e.g. "reply-to"), then the body's members after its "targetAddress".
+std::string answer_to(const std::string &sent, const std::string &members,
+                      const std::string &body_members = "") {
+    std::smatch target;
+    std::regex_search(sent, target, std::regex(R"("targetAddress": ("[^"]*"))"));
+    return update(members + R"("body":{"targetAddress":)" + target[1].str() + body_members + "}");
 }
+
+// Answers every query as its agent would, with the body's members.
+Responder answer_with(const std::string &body_members) {
+    return [body_members](const std::string &sent) {
+        return answer_to(sent, R"("reply-to":")" + reply_id_of(sent) + R"(",)", body_members);
+    };
+}
+
+// engine 0x7E0 CAN, telematics 0x1001 DOIP, gateway 0x20 IOC, adas 0x7E5
+// CANFD, gearbox 0x7E1 CAN with a j1939 version, three CAN records sharing
+// "phy-req-id" 2 (F 0x12345, G 0x123456, everyone FFFFFFFF) and the
+// pre-defined routine ResetECU.
+const std::string kEcus = std::string(UOZ_GOLDEN_DIR) + "/ecus.json";
 
 class ExchangeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         saved_level_ = uoz_dbg_level;
         uoz_dbg_level = 0;  // error lines are logged, as applications see them
-        std::string path = temp_file(kEcus);
         g_handle = new_handle();
-        ASSERT_EQ(load_ecu_config(g_handle, path.c_str()), 0);
-        g_handle->config_path = strdup(path.c_str());
+        ASSERT_EQ(load_ecu_config(g_handle, kEcus.c_str()), 0);
+        g_handle->config_path = strdup(kEcus.c_str());
         g_handle->bus = static_cast<BusConnection *>(calloc(1, sizeof(BusConnection)));
         zebus_ops.chain_address = kt5bus_chain_address;
         zebus_ops.free_address = kt5bus_free_address;
@@ -95,7 +99,6 @@ class ExchangeTest : public ::testing::Test {
         g_accepted.clear();
         g_sent.clear();
         g_responder = nullptr;
-        unlink(g_handle->config_path);
         free(g_handle->bus);
         g_handle->bus = nullptr;
         release_handle(g_handle);
@@ -103,6 +106,7 @@ class ExchangeTest : public ::testing::Test {
         uoz_dbg_level = saved_level_;
     }
     int saved_level_ = 0;
+    Golden queries_{"queries.golden"};
 };
 
 // ---- decoding ----------------------------------------------------------
@@ -152,8 +156,10 @@ TEST_F(ExchangeTest, elementsAreNamedByRequestIdAndDecodingStopsAtAnIncompleteOn
         int32_t count;
         const char *error;
     } cases[] = {
-        {R"([{"phy-req-id":"0x720","data":"5902"},{"phy-req-id":"0x999","data":"590201"}])", 5, 2,
-         ""},
+        // 0x720 is the gateway's; 0x999 no CAN or IOC ECU's: its bytes stay,
+        // unnamed; of the three records that share "2" the first wins.
+        {R"([{"phy-req-id":"0x720","data":"5902"},{"phy-req-id":"0x999","data":"590201"},{"phy-req-id":"2","data":""}])",
+         5, 3, ""},
         {"[]", 0, 0, ""},
         {R"([{"phy-req-id":"0x7E0","data":"AABB"},{"phy-req-id":"0x7E0"},{"data":"01"}])", 2, 3,
          "immature response recieved!!"},
@@ -166,13 +172,14 @@ TEST_F(ExchangeTest, elementsAreNamedByRequestIdAndDecodingStopsAtAnIncompleteOn
         EXPECT_EQ(decode_uds_reply(g_handle, reply.get(), &buffer), c.result) << c.records;
         EXPECT_EQ(buffer.count, c.count) << c.records;
         EXPECT_STREQ(uoz_last_error, c.error) << c.records;
-        if (c.count == 2) {
+        if (c.result == 5) {
             EXPECT_EQ(buffer.entries[0]->target_address, 0x20);
             EXPECT_STREQ(buffer.entries[0]->ecu_name, "gateway");
-            // No CAN or IOC ECU has that request identifier: the bytes stay, unnamed.
             EXPECT_EQ(buffer.entries[1]->target_address, 0);
             EXPECT_EQ(buffer.entries[1]->ecu_name, nullptr);
             EXPECT_EQ(buffer.entries[1]->length, 3);
+            EXPECT_EQ(buffer.entries[2]->target_address, 0x12345);
+            EXPECT_STREQ(buffer.entries[2]->ecu_name, "F");
         } else if (c.count == 3) {
             EXPECT_EQ(buffer.entries[1]->data, nullptr);
             EXPECT_EQ(buffer.entries[1]->length, 0);
@@ -209,40 +216,59 @@ TEST_F(ExchangeTest, repliesReachTheRecordTheirTargetAddressNames) {
     }
 }
 
-// ---- matching, for every service ----------------------------------------
+// ---- what every service sends, and how it matches the answer -------------
 
+const char kResetDocument[] =
+    R"({"commands":[{"type":"predefined","command":"ResetECU"}],"ecu":{"ServerAddress":"7e0"}})";
+const char kCustomDocument[] =
+    R"({"commands":[{"type":"predefined","command":"ResetECU"},{"type":"raw","service":"0x31"}],)"
+    R"("security_access":{"level":"0x01"},"ecu":{"ServerAddress":"0x20"}})";
+// A pre-defined name that no routine has chooses none: JSON null goes out.
+const char kUnknownRoutineDocument[] =
+    R"({"commands":[{"type":"predefined","command":"Nothing"}],"ecu":{"ServerAddress":"7E0"}})";
+
+// A service, named by the label of its query in queries.golden, with the
+// result of an answer that does not match.
 struct Service {
-    const char *sent;  // a part of the query that the service sends
+    const char *query;
     int mismatch_result;
     std::function<int(DTCBuffer *, CommandResponse *)> run;
 };
 
-const char kResetDocument[] =
-    R"({"ecu":{"ServerAddress":"7E0"},"commands":[{"type":"predefined","command":"ResetECU"}]})";
+int remote_command(const char *document, CommandResponse *response) {
+    return UDSOverZelko_ExecuteRemoteCommand(g_handle, document, strlen(document), response);
+}
 
 const Service kServices[] = {
-    {R"("subfunction": "UDS_REPORT_DTC_BY_STATUS_MASK")", -1,
+    {"dtc by status mask", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 0x02, 0xFF, buffer);
      }},
-    {R"("data-record": { "type": "DTC_AND_RECORD", "record": "12AB3C05" })", -1,
+    {"dtc by number and record", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(g_handle, 0x7E0, 0x04, 0x12AB3C, 0x05,
                                                              buffer);
      }},
-    {R"("version": { "uds": [ { "did": "0xF189" } ] })", -2,
+    {"version", -2,
      [](DTCBuffer *, CommandResponse *) {
          char version[64];
          return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, version, 64);
      }},
-    {R"("name": "ClearDTC_Routine")", -1,
+    {"clear dtc", -1,
      [](DTCBuffer *, CommandResponse *response) {
          return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, response);
      }},
-    {R"("name": "ResetECU")", -1,
+    {"reset routine", -1,
      [](DTCBuffer *, CommandResponse *response) {
-         return UDSOverZelko_ExecuteRemoteCommand(g_handle, kResetDocument, sizeof(kResetDocument),
-                                                  response);
+         return remote_command(kResetDocument, response);
+     }},
+    {"custom routine", -1,
+     [](DTCBuffer *, CommandResponse *response) {
+         return remote_command(kCustomDocument, response);
+     }},
+    {"no routine", -1,
+     [](DTCBuffer *, CommandResponse *response) {
+         return remote_command(kUnknownRoutineDocument, response);
      }},
 };
 
@@ -255,37 +281,35 @@ int run(const Service &service) {
     return rc;
 }
 
-TEST_F(ExchangeTest, everyServiceRefusesRepliesWithoutOrWithAnotherReplyTo) {
+TEST_F(ExchangeTest, everyServiceSendsItsQueryAndRefusesAnswersOfOtherQueries) {
     for (const Service &service : kServices) {
-        g_responder = [](const std::string &) {
-            return update(R"("body":{"targetAddress":"0x7E0"})");
-        };
+        g_responder = [](const std::string &sent) { return answer_to(sent, ""); };
         {
             LogCapture capture(0);
-            EXPECT_EQ(run(service), service.mismatch_result) << service.sent;
+            EXPECT_EQ(run(service), service.mismatch_result) << service.query;
             EXPECT_NE(capture.text().find("could not find 'reply-to'\n"), std::string::npos)
-                << service.sent;
-            EXPECT_NE(g_sent.back().find(service.sent), std::string::npos) << g_sent.back();
+                << service.query;
+            ASSERT_EQ(g_sent.size(), 1u) << service.query;
+            EXPECT_EQ(without_reply_id(g_sent[0]), queries_[service.query]);
+            g_sent.clear();
         }
         std::string sent_id;
         g_responder = [&sent_id](const std::string &sent) {
             sent_id = reply_id_of(sent);
-            return update(R"("reply-to":"someone-else","body":{"targetAddress":"0x7E0"})");
+            return answer_to(sent, R"("reply-to":"someone-else",)");
         };
         LogCapture capture(0);
-        EXPECT_EQ(run(service), service.mismatch_result) << service.sent;
+        EXPECT_EQ(run(service), service.mismatch_result) << service.query;
         std::string log = capture.text();
-        ASSERT_EQ(sent_id.size(), 24u) << service.sent;
+        ASSERT_EQ(sent_id.size(), 24u) << service.query;
         EXPECT_NE(log.find("Wrong reply-id " + sent_id + " someone-else\n"), std::string::npos)
-            << service.sent << log;
+            << service.query << log;
+        g_sent.clear();
     }
 }
 
 TEST_F(ExchangeTest, aMatchingVersionAnswerIsCutToTheBuffer) {
-    g_responder = [](const std::string &sent) {
-        return update(R"("reply-to":")" + reply_id_of(sent) +
-                      R"(","body":{"targetAddress":"0x7E0","version":"GBX-4.2.0-rc1-build-7781"})");
-    };
+    g_responder = answer_with(R"(,"version":"GBX-4.2.0-rc1-build-7781")");
     char version[9] = "";
     EXPECT_EQ(UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, version, 8), 0);
     EXPECT_STREQ(version, "GBX-4.2.");
@@ -294,62 +318,26 @@ TEST_F(ExchangeTest, aMatchingVersionAnswerIsCutToTheBuffer) {
     EXPECT_STREQ(whole, "GBX-4.2.0-rc1-build-7781");
 }
 
-TEST_F(ExchangeTest, routinesSendTheirQueriesAndReturnTheAnswersWholeBody) {
-    // The answer names the target address the query gave, so that it is routed back.
-    g_responder = [](const std::string &sent) {
-        std::smatch target;
-        std::regex_search(sent, target, std::regex(R"("targetAddress": ("[^"]*"))"));
-        return update(R"("reply-to":")" + reply_id_of(sent) + R"(","body":{"targetAddress":)" +
-                      target[1].str() + "}");
-    };
-    const char kEngine[] =
-        R"("mode": "CAN", "targetAddress": "%s", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
-    const char kGateway[] =
-        R"("mode": "IOC", "targetAddress": "%s", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" })";
-    const char reset[] =
-        R"({"commands":[{"type":"predefined","command":"ResetECU"}],"ecu":{"ServerAddress":"7e0"}})";
-    const char custom[] =
-        R"({"commands":[{"type":"predefined","command":"ResetECU"},{"type":"raw","service":"0x31"}],)"
-        R"("security_access":{"level":"0x01"},"ecu":{"ServerAddress":"0x20"}})";
-    CommandResponse response{};
-    struct Case {
-        std::function<int()> call;
-        const char *target;
-        const char *block;
-        const char *routine;
-    } cases[] = {
-        {[&] { return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, &response); }, "0x0007E0",
-         kEngine,
-         R"({ "name": "ClearDTC_Routine", "commands": [ { "command": "ClearDTC", "service": "0x14", "subfn": "", "data": "0xFFFFFF" } ] })"},
-        {[&] {
-             return UDSOverZelko_ExecuteRemoteCommand(g_handle, reset, sizeof(reset), &response);
-         },
-         "7e0", kEngine,
-         R"({ "name": "ResetECU", "commands": [ { "service": "0x11", "subfn": "0x01" } ] })"},
-        {[&] {
-             return UDSOverZelko_ExecuteRemoteCommand(g_handle, custom, sizeof(custom), &response);
-         },
-         "0x20", kGateway,
-         R"({ "name": "custom_commands", "commands": [ { "type": "predefined", "command": "ResetECU" }, { "type": "raw", "service": "0x31" } ], "security_access": { "level": "0x01" } })"},
-    };
-    for (const Case &c : cases) {
-        g_sent.clear();
-        EXPECT_EQ(c.call(), 0) << c.routine;
+TEST_F(ExchangeTest, routinesReturnTheMatchingAnswersWholeBody) {
+    g_responder = answer_with(R"(,"result":[1,"two"])");
+    for (const Service &service : kServices) {
+        if (service.mismatch_result != -1 || strstr(service.query, "dtc by") != nullptr)
+            continue;
+        DTCBuffer unused{};
+        CommandResponse response{};
+        EXPECT_EQ(service.run(&unused, &response), 0) << service.query;
         EXPECT_EQ(response.status, 0);
-        EXPECT_EQ(response.body_text, std::string(R"({ "targetAddress": ")") + c.target + "\" }");
+        JsonPtr answer(
+            json_tokener_parse(answer_to(g_sent.back(), "", R"(,"result":[1,"two"])").c_str()));
+        EXPECT_STREQ(response.body_text,
+                     json_object_to_json_string(json_object_object_get(answer.get(), "body")));
         UDSOverZelko_FreeCommandResponse(&response);
-        ASSERT_EQ(g_sent.size(), 1u);
-        char body[512];
-        snprintf(body, sizeof(body), c.block, c.target);
-        EXPECT_EQ(g_sent[0], R"({ "type": "zelko.skyharbor-query", "reply-id": ")" +
-                                 reply_id_of(g_sent[0]) + R"(", "body": { )" + body +
-                                 R"(, "routine": )" + c.routine + " } }");
     }
 }
 
 // ---- consent -----------------------------------------------------------
 
-TEST_F(ExchangeTest, consentAnswersMapToResultsAndInstallSendsItsBody) {
+TEST_F(ExchangeTest, consentAnswersMapToResultsAndTheRequestGoesToThePolicyAgent) {
     struct Case {
         const char *answer;
         int result;
@@ -363,18 +351,14 @@ TEST_F(ExchangeTest, consentAnswersMapToResultsAndInstallSendsItsBody) {
         {"", 6},
     };
     for (const Case &c : cases) {
-        std::string answer = consent(c.answer);
+        std::string answer = R"({"type":"zelko.external-consent")" + std::string(c.answer) + "}";
         g_responder = [answer](const std::string &) { return answer; };
         EXPECT_EQ(UDSOverZelkoSendExternalConsent(g_handle, CONSENT_INSTALL, "c-7"), c.result)
             << c.answer;
     }
-    EXPECT_EQ(
-        g_sent.at(0),
-        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "c-7", "download-consent": "No", "install-consent": "Yes" } })");
+    EXPECT_EQ(g_sent.at(0), queries_["install consent"]);
     EXPECT_EQ(UDSOverZelkoSendExternalConsent(g_handle, CONSENT_DOWNLOAD, "C-1"), 6);
-    EXPECT_EQ(
-        g_sent.back(),
-        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "C-1", "download-consent": "Yes", "install-consent": "No" } })");
+    EXPECT_EQ(g_sent.back(), queries_["download consent"]);
     EXPECT_EQ(g_accepted.back()->destination->kind, KT5BUS_ADDR_GROUP);
     EXPECT_STREQ(g_accepted.back()->destination->value.name, "policy-agent");
 }
@@ -394,7 +378,8 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
     } cases[] = {
         {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 2, 0xFF, nullptr); }, -1,
          "DTCBuffer is NULL"},
-        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 291, 2, 0xFF, &buffer); }, -1, nullptr},
+        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 291, 2, 0xFF, &buffer); }, -1,
+         "getting dtc failed"},
         {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E5, 2, 0xFF, &buffer); }, -1, nullptr},
         {[&] { return UDSOverZelko_ReadDTCInfo(nullptr, 0x7E0, 2, 0xFF, &buffer); }, -1,
          "Invalid UDS Handler"},
@@ -403,7 +388,7 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, nullptr, 16); }, -1,
          "versionBuffer is NULL"},
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x20, version, 16); }, -2,
-         nullptr},
+         "No version information configured for this ECU"},
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x999, version, 16); }, -2,
          "Could not get tp blob"},
         {[&] { return UDSOverZelkoClearDTC(g_handle, 0x999, 0xFFFFFF, &response); }, -1,
@@ -457,9 +442,7 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
     for (const Document &d : documents) {
         uoz_set_last_error("");
         LogCapture capture(0);
-        EXPECT_EQ(UDSOverZelko_ExecuteRemoteCommand(g_handle, d.text, strlen(d.text), &response),
-                  d.result)
-            << d.text;
+        EXPECT_EQ(remote_command(d.text, &response), d.result) << d.text;
         EXPECT_STREQ(uoz_last_error, d.error) << d.text;
         if (d.result == -1) {
             EXPECT_EQ(capture.text().find("Command validity"), std::string::npos) << d.text;
@@ -501,9 +484,6 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
 
 // ---- query bodies --------------------------------------------------------
 
-const char kCanA[] =
-    R"("can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
-
 // The body of a query to address, or "NULL".
 std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) {
     JsonPtr uds(json_tokener_parse(R"({"SID":"0x19"})"));
@@ -515,52 +495,39 @@ std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) 
 }
 
 TEST_F(ExchangeTest, queryBodiesCarryModeAddressTransportBlockAndUdsOrVersion) {
+    Golden bodies("bodies.golden");
     struct Case {
         int32_t address;
         QueryKind kind;
-        std::string body;  // the whole body, or (starting with a blank) a part of it
+        const char *label;  // of the body in bodies.golden
     } cases[] = {
-        {0x7E0, QUERY_UDS_DATA,
-         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
-             R"(, "uds": { "SID": "0x19" } })"},
-        {0x20, QUERY_UDS_DATA,
-         R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })"},
-        {0x1001, QUERY_UDS_DATA,
-         R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })"},
-        {-1, QUERY_UDS_DATA,
-         R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })"},
-        // Long addresses are written in full up to five digits.
-        {0x12345, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
-        {0x123456, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
-        {0x7E0, QUERY_VERSION,
-         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
-             R"(, "version": { "uds": [ { "did": "0xF189" } ] } })"},
-        // A CAN ECU sends its j1939 object with its interface, the same each time.
-        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
-        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
-        // Any other transport sends the whole description.
-        {0x1001, QUERY_VERSION, R"( "version": { "j1939": { "pgn": "0xFEDA" } } })"},
-        {0x20, QUERY_VERSION, "NULL"},
-        {-1, QUERY_VERSION, "NULL"},
+        {0x7E0, QUERY_UDS_DATA, "can"},
+        {0x20, QUERY_UDS_DATA, "ioc"},
+        {0x1001, QUERY_UDS_DATA, "doip"},
+        {-1, QUERY_UDS_DATA, "all"},
+        {0x12345, QUERY_UDS_DATA, "five digits"},
+        {0x123456, QUERY_UDS_DATA, "six digits"},
+        {0x7E0, QUERY_VERSION, "can version"},
+        // The first j1939 query replaces the description; the second sends it again.
+        {0x7E1, QUERY_VERSION, "j1939 version"},
+        {0x7E1, QUERY_VERSION, "j1939 version"},
+        {0x1001, QUERY_VERSION, "doip version"},
+        {0x20, QUERY_VERSION, "none"},
+        {-1, QUERY_VERSION, "none"},
     };
-    for (const Case &c : cases) {
-        std::string text = body(c.address, c.kind);
-        if (c.body[0] == ' ') {
-            EXPECT_NE(text.find(c.body), std::string::npos) << text;
-        } else {
-            EXPECT_EQ(text, c.body) << c.address;
-        }
-    }
+    for (const Case &c : cases)
+        EXPECT_EQ(body(c.address, c.kind), bodies[c.label]) << c.label;
     EcuConfig *record = nullptr;
     body(0x7E0, QUERY_UDS_DATA, &record);
     EXPECT_STREQ(record->name, "engine");
     UDSOverZelkoHandle *only_doip = load_config(
         R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
     std::swap(g_handle, only_doip);
-    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
-              R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(body(-1, QUERY_UDS_DATA), bodies["all without can or ioc"]);
     std::swap(g_handle, only_doip);
     release_handle(only_doip);
+    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
+    EXPECT_EQ(json_object_to_json_string(envelope.get()), bodies["envelope"]);
 }
 
 TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
@@ -578,10 +545,7 @@ TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
     }
 }
 
-TEST_F(ExchangeTest, queryEnvelopeAndTransportModeNames) {
-    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
-    EXPECT_STREQ(json_object_to_json_string(envelope.get()),
-                 R"({ "type": "zelko.skyharbor-query", "reply-id": "abc", "body": { } })");
+TEST(TransportModeTest, namesAndKeysOfTheFourTypes) {
     struct Case {
         int type;
         const char *mode;
