@@ -51,6 +51,13 @@ std::string reply_id_of(const std::string &sent) {
     return id != nullptr ? id : "";
 }
 
+size_t occurrences(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
 std::string update(const std::string &members) {
     return R"({"type":"zelko.skyharbor-query-update",)" + members + "}";
 }
@@ -228,11 +235,13 @@ const char kUnknownRoutineDocument[] =
     R"({"commands":[{"type":"predefined","command":"Nothing"}],"ecu":{"ServerAddress":"7E0"}})";
 
 // A service, named by the label of its query in queries.golden, with the
-// result of an answer that does not match.
+// result of an answer that does not match. Reads log the answer at INFO,
+// routines at DBG only.
 struct Service {
     const char *query;
     int mismatch_result;
     std::function<int(DTCBuffer *, CommandResponse *)> run;
+    bool answer_logged_at_info = false;
 };
 
 int remote_command(const char *document, CommandResponse *response) {
@@ -243,17 +252,20 @@ const Service kServices[] = {
     {"dtc by status mask", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 0x02, 0xFF, buffer);
-     }},
+     },
+     true},
     {"dtc by number and record", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(g_handle, 0x7E0, 0x04, 0x12AB3C, 0x05,
                                                              buffer);
-     }},
+     },
+     true},
     {"version", -2,
      [](DTCBuffer *, CommandResponse *) {
          char version[64];
          return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, version, 64);
-     }},
+     },
+     true},
     {"clear dtc", -1,
      [](DTCBuffer *, CommandResponse *response) {
          return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, response);
@@ -285,10 +297,14 @@ TEST_F(ExchangeTest, everyServiceSendsItsQueryAndRefusesAnswersOfOtherQueries) {
     for (const Service &service : kServices) {
         g_responder = [](const std::string &sent) { return answer_to(sent, ""); };
         {
-            LogCapture capture(0);
+            LogCapture capture(UOZ_LOG_INFO);
             EXPECT_EQ(run(service), service.mismatch_result) << service.query;
-            EXPECT_NE(capture.text().find("could not find 'reply-to'\n"), std::string::npos)
-                << service.query;
+            std::string log = capture.text();
+            EXPECT_NE(log.find("could not find 'reply-to'\n"), std::string::npos) << service.query;
+            // Logged once by the handler, and once more by a read.
+            EXPECT_EQ(occurrences(log, answer_to(g_sent.at(0), "")),
+                      service.answer_logged_at_info ? 2u : 1u)
+                << service.query << log;
             ASSERT_EQ(g_sent.size(), 1u) << service.query;
             EXPECT_EQ(without_reply_id(g_sent[0]), queries_[service.query]);
             g_sent.clear();
@@ -371,13 +387,17 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
     char version[16] = "untouched";
     for (uint32_t subfunction : {0x00u, 0x07u, 0x08u, 0x17u, 0x18u, 0x19u, 0x42u})
         EXPECT_EQ(UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, subfunction, 0xFF, &buffer), -3);
+    {
+        LogCapture capture(UOZ_LOG_INFO);  // no request is built without a result buffer
+        EXPECT_EQ(UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 2, 0xFF, nullptr), -1);
+        EXPECT_STREQ(uoz_last_error, "DTCBuffer is NULL");
+        EXPECT_EQ(capture.text().find("Bit at position"), std::string::npos);
+    }
     struct Case {
         std::function<int()> call;
         int result;
         const char *error;  // nullptr: not looked at
     } cases[] = {
-        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 2, 0xFF, nullptr); }, -1,
-         "DTCBuffer is NULL"},
         {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 291, 2, 0xFF, &buffer); }, -1,
          "getting dtc failed"},
         {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E5, 2, 0xFF, &buffer); }, -1, nullptr},
