@@ -486,19 +486,8 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     memcpy(exact, text, sizeof(text) - 1);
     EXPECT_EQ(on_bus_message(exact, sizeof(text) - 1, nullptr, handle), 0);
     free(exact);
-    ReplyWait *slot = &handle->consent_wait;
-    ASSERT_NE(slot->reply, nullptr);
-    EXPECT_STREQ(slot->reply, R"({ "type": "zelko.external-consent", "body": { } })");
-    // The parsed message travels with its text, and is taken out with it.
-    ASSERT_NE(slot->parsed, nullptr);
-    EXPECT_TRUE(json_object_object_get_ex(slot->parsed, "body", nullptr));
-    TextPtr taken_text;
-    JsonPtr taken_json;
-    ASSERT_TRUE(reply_slot_take(slot, &taken_text, &taken_json));
-    EXPECT_EQ(slot->reply, nullptr);
-    EXPECT_EQ(slot->parsed, nullptr);
-    EXPECT_STREQ(json_object_to_json_string(taken_json.get()), taken_text.get());
-    EXPECT_FALSE(reply_slot_take(slot, &taken_text, &taken_json));
+    // Read to its length, parsed and written again as the consent's answer.
+    EXPECT_STREQ(handle->consent_wait.reply, R"({ "type": "zelko.external-consent", "body": { } })");
     release_handle(handle);
 }
 
@@ -563,23 +552,6 @@ TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
         EXPECT_NE(log.find(c.log), std::string::npos) << log;
         EXPECT_NE(log.find("Could not get tp blob\n"), std::string::npos) << log;
     }
-}
-
-TEST(TransportModeTest, namesAndKeysOfTheFourTypes) {
-    struct Case {
-        int type;
-        const char *mode;
-        const char *key;
-    } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
-    for (const Case &c : cases) {
-        const char *key = nullptr;
-        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
-        EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
-        EXPECT_STREQ(key, c.key);
-    }
-    const char *key = "keep";
-    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
-    EXPECT_STREQ(key, "keep");
 }
 
 // ---- name look-ups -----------------------------------------------------
