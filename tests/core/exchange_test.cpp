@@ -268,7 +268,7 @@ const Service kServices[] = {
      true},
     {"clear dtc", -1,
      [](DTCBuffer *, CommandResponse *response) {
-         return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, response);
+         return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0x000100, response);
      }},
     {"reset routine", -1,
      [](DTCBuffer *, CommandResponse *response) {

@@ -26,8 +26,13 @@ struct State {
     std::string refused_name;                   // chain_address refuses it
     // What get_identity_data reports: (kind, name).
     std::vector<std::pair<int, std::string>> identity_addresses;
-    bool call_stopped = true;              // stop_client calls the stopped callback
-    uint32_t next_id = 1;                  // of the next accepted message
+    bool call_stopped = true;  // stop_client calls the stopped callback
+    uint32_t next_id = 1;      // of the next accepted message
+    // An accepted message is reported delivered on the bus thread (delivery)
+    // at once; the send returns once that report ended, or 100 ms after it
+    // found the report blocked.
+    bool deliver_during_send = false;
+    std::thread delivery;
     kt5bus_client *client = nullptr;       // of the last init_client
     std::deque<kt5bus_message *> pending;  // accepted, not handed back; oldest first
 };

@@ -215,6 +215,7 @@ TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
                             zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
               }).at(0),
               "INFO zebus_send_message status=-6, target=g, id=00000, msg={}");
+    EXPECT_STREQ("Failed to send message over Zelko Bus\n", zebus_last_error);
     fakebus::state().send_result = 0;
     const char *empty[] = {nullptr};
     EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty)); }),
@@ -227,6 +228,18 @@ TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
     const char *two[] = {"g1", "g2", nullptr};
     logged([&] { EXPECT_EQ(0, zebus_send_message(connection_, "{}", two)); });
     EXPECT_EQ("3:g1,3:g2", fakebus::destination(fakebus::state().pending.at(0)));
+}
+
+// A delivery reported while the send is still under way releases the record
+// only after the send's log line has read it (a use after free otherwise).
+TEST_F(StartedTest, DeliveryDuringTheSendWaitsForItsLogLine) {
+    fakebus::state().deliver_during_send = true;
+    EXPECT_EQ(logged([&] {
+                  EXPECT_EQ(0, zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u"));
+                  fakebus::state().delivery.join();
+              }),
+              (Lines{"D2BG BUS ACK 00001 {}",
+                     "INFO zebus_send_message status=0, target=u, id=00001, msg={}"}));
 }
 
 TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
