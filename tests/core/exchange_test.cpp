@@ -118,80 +118,43 @@ class ExchangeTest : public ::testing::Test {
 
 // ---- decoding ----------------------------------------------------------
 
-JsonPtr reply_with_records(const std::string &records) {
-    return JsonPtr(
-        json_tokener_parse((R"({"body":{"uds":{"data-record":)" + records + "}}}").c_str()));
-}
-
-TEST_F(ExchangeTest, dataTextsDecodeAsTheCConversionReadsThemAtEachEvenPosition) {
-    struct Case {
-        const char *data;
-        int32_t length;
-        std::vector<uint8_t> bytes;  // length + 1 bytes, the spare byte included
-    } cases[] = {
-        {"0A1b", 2, {0x0A, 0x1B, 0x00}},
-        {"ABC", 1, {0xAB, 0x0C}},
-        {"", 0, {0x00}},
-        {"zz", 1, {0x00, 0x00}},
-        {"5", 0, {0x05}},
-        // At k = 2 the conversion skips the blank and reads "1B"; at k = 4 "B".
-        {"0A 1B", 2, {0x0A, 0x1B, 0x0B}},
-        {"A g", 1, {0x0A, 0x00}},
-        {"-1", 1, {0xFF, 0x00}},
-        {"0x1F", 2, {0x00, 0x1F, 0x00}},
-        {" \t7", 1, {0x07, 0x07}},
-    };
-    for (const auto &c : cases) {
-        JsonPtr reply =
-            reply_with_records(R"([{"phy-req-id":"0x7E0","data":")" + std::string(c.data) + "\"}]");
-        ASSERT_TRUE(reply) << c.data;
-        DTCBuffer buffer{};
-        EXPECT_EQ(decode_uds_reply(g_handle, reply.get(), &buffer), c.length) << c.data;
-        ASSERT_EQ(buffer.count, 1);
-        DTCBufferEntry *entry = buffer.entries[0];
-        EXPECT_EQ(entry->length, c.length) << c.data;
-        EXPECT_EQ(std::vector<uint8_t>(entry->data, entry->data + entry->length + 1), c.bytes)
-            << c.data;
-        UDSOverZelko_FreeDTCBuffer(&buffer);
-    }
-}
-
-TEST_F(ExchangeTest, elementsAreNamedByRequestIdAndDecodingStopsAtAnIncompleteOne) {
-    struct Case {
-        const char *records;
-        int32_t result;
-        int32_t count;
-        const char *error;
-    } cases[] = {
-        // 0x720 is the gateway's; 0x999 no CAN or IOC ECU's: its bytes stay,
-        // unnamed; of the three records that share "2" the first wins.
-        {R"([{"phy-req-id":"0x720","data":"5902"},{"phy-req-id":"0x999","data":"590201"},{"phy-req-id":"2","data":""}])",
-         5, 3, ""},
-        {"[]", 0, 0, ""},
-        {R"([{"phy-req-id":"0x7E0","data":"AABB"},{"phy-req-id":"0x7E0"},{"data":"01"}])", 2, 3,
-         "immature response recieved!!"},
-        {"{}", -2, 0, "could not find ''data-record"},
-    };
-    for (const Case &c : cases) {
-        uoz_set_last_error("");
-        JsonPtr reply = reply_with_records(c.records);
-        DTCBuffer buffer{};
-        EXPECT_EQ(decode_uds_reply(g_handle, reply.get(), &buffer), c.result) << c.records;
-        EXPECT_EQ(buffer.count, c.count) << c.records;
-        EXPECT_STREQ(uoz_last_error, c.error) << c.records;
-        if (c.result == 5) {
-            EXPECT_EQ(buffer.entries[0]->target_address, 0x20);
-            EXPECT_STREQ(buffer.entries[0]->ecu_name, "gateway");
-            EXPECT_EQ(buffer.entries[1]->target_address, 0);
-            EXPECT_EQ(buffer.entries[1]->ecu_name, nullptr);
-            EXPECT_EQ(buffer.entries[1]->length, 3);
-            EXPECT_EQ(buffer.entries[2]->target_address, 0x12345);
-            EXPECT_STREQ(buffer.entries[2]->ecu_name, "F");
-        } else if (c.count == 3) {
-            EXPECT_EQ(buffer.entries[1]->data, nullptr);
-            EXPECT_EQ(buffer.entries[1]->length, 0);
-            EXPECT_EQ(buffer.entries[2], nullptr);
+// A decoded buffer as "result [last error]|entry|...", each entry its address,
+// name and every byte of data, the spare byte after the length in [].
+std::string describe(int32_t result, const DTCBuffer &buffer) {
+    std::string text = std::to_string(result);
+    if (uoz_last_error[0] != '\0')
+        text = text + " " + uoz_last_error;
+    for (int32_t i = 0; i < buffer.count; ++i) {
+        const DTCBufferEntry *entry = buffer.entries[i];
+        if (entry == nullptr) {
+            text += "|NULL";
+            continue;
         }
+        char head[64];
+        snprintf(head, sizeof(head), "|0x%X %s", static_cast<unsigned>(entry->target_address),
+                 entry->ecu_name != nullptr ? entry->ecu_name : "-");
+        text += head;
+        for (int32_t k = 0; entry->data != nullptr && k <= entry->length; ++k) {
+            snprintf(head, sizeof(head), k < entry->length ? " %02X" : " [%02X]", entry->data[k]);
+            text += head;
+        }
+    }
+    return text;
+}
+
+// Every "data-record" array of decode.golden decodes as its line says: the C
+// conversion's reading of the hexadecimal texts, the naming by request
+// identifier and the stop at an incomplete element.
+TEST_F(ExchangeTest, dataRecordsDecodeAsTheirGoldenDescriptions) {
+    Golden decodings("decode.golden");
+    for (const auto &[records, expected] : decodings.entries()) {
+        uoz_set_last_error("");
+        JsonPtr reply(
+            json_tokener_parse((R"({"body":{"uds":{"data-record":)" + records + "}}}").c_str()));
+        ASSERT_TRUE(reply) << records;
+        DTCBuffer buffer{};
+        int32_t result = decode_uds_reply(g_handle, reply.get(), &buffer);
+        EXPECT_EQ(describe(result, buffer), expected) << records;
         UDSOverZelko_FreeDTCBuffer(&buffer);
     }
 }
@@ -435,37 +398,17 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
             EXPECT_STREQ(uoz_last_error, c.error) << &c - cases;
         }
     }
-    struct Document {
-        const char *text;
-        int result;
-        const char *error;
-    } documents[] = {
-        {R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z","end_time":"2001-01-01T00:00:00Z"},"commands":[],"ecu":{"ServerAddress":"7E0"}})",
-         -10, ""},
-        {R"({"diagnostic_period":{"start_time":"2025-03-01 06:00:00","end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-         -10, ""},
-        // A period without its end fails before the clock is read.
-        {R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z"},"commands":[]})", -1,
-         "Error"},
-        {R"({"diagnostic_period":{"end_time":"2100-01-01T00:00:00Z"},"commands":[]})", -1, "Error"},
-        {R"({"diagnostic_period":{"start_time":5,"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-         -1, "Error"},
-        {"not json", -1, "Could not convert JSON Object"},
-        {R"({"commands":{},"ecu":{"ServerAddress":"7E0"}})", -1,
-         "Could not find 'commands' property in JSON"},
-        {R"({"commands":[]})", -1, "No TA found"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"999"}})", -1,
-         "Could not get Transport Information"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"7E5"}})", -1,
-         "Could not get Transport Information"},
-    };
-    for (const Document &d : documents) {
+    // Remote command documents refused before sending, with the result and
+    // the last error each leaves; none of the -1 ones has its period checked.
+    Golden documents("refused_documents.golden");
+    for (const auto &[document, expected] : documents.entries()) {
         uoz_set_last_error("");
         LogCapture capture(0);
-        EXPECT_EQ(remote_command(d.text, &response), d.result) << d.text;
-        EXPECT_STREQ(uoz_last_error, d.error) << d.text;
-        if (d.result == -1) {
-            EXPECT_EQ(capture.text().find("Command validity"), std::string::npos) << d.text;
+        int rc = remote_command(document.c_str(), &response);
+        std::string error = uoz_last_error;
+        EXPECT_EQ(std::to_string(rc) + (error.empty() ? "" : " " + error), expected) << document;
+        if (rc == -1) {
+            EXPECT_EQ(capture.text().find("Command validity"), std::string::npos) << document;
         }
     }
     EXPECT_STREQ(version, "untouched");
@@ -487,7 +430,8 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     EXPECT_EQ(on_bus_message(exact, sizeof(text) - 1, nullptr, handle), 0);
     free(exact);
     // Read to its length, parsed and written again as the consent's answer.
-    EXPECT_STREQ(handle->consent_wait.reply, R"({ "type": "zelko.external-consent", "body": { } })");
+    EXPECT_STREQ(handle->consent_wait.reply,
+                 R"({ "type": "zelko.external-consent", "body": { } })");
     release_handle(handle);
 }
 

@@ -28,6 +28,8 @@ class Golden {
         }
     }
     bool has(const std::string &label) const { return texts_.count(label) != 0; }
+    // Every label with its text, for tables whose rows are all data.
+    const std::map<std::string, std::string> &entries() const { return texts_; }
     // The text of a label; a label the file lacks fails the test.
     std::string operator[](const std::string &label) const {
         auto found = texts_.find(label);
