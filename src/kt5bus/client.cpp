@@ -117,7 +117,7 @@ class Client {
     void finish_if_done(std::map<uint32_t, Pending>::iterator entry);
     int publish(uint32_t id, Pending &pending);
     void release_held();
-    void begin_withdrawal();
+    bool begin_withdrawal();
     bool await_withdrawal();
 
     kt5bus_client *record_;
@@ -182,15 +182,13 @@ int Client::start() {
 // variable ends, or in mosquitto_loop, which ends as soon as anything is
 // queued for the broker (libmosquitto then writes to the socket pair its
 // loop watches). So the stop queues the first step of the goodbye itself:
-// the withdrawal of the presence record while the session is up, else the
-// disconnect that asks for the Will.
+// the withdrawal of the presence record while the session is up, else (or
+// when the withdrawal cannot be queued) the disconnect that asks for the Will.
 void Client::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
         stopping_ = true;
-        if (session_up_)
-            begin_withdrawal();
-        else
+        if (!session_up_ || !begin_withdrawal())
             mosquitto_disconnect_v5(mosq_, kReasonDisconnectWithWill, nullptr);
     }
     wake_.notify_all();
@@ -345,15 +343,18 @@ void Client::release_held() {
     held_.clear();
 }
 
-// Publishes the empty retained presence record. Called with lock_ held, so
-// that its acknowledgement cannot be looked for before its id is known.
-void Client::begin_withdrawal() {
+// Publishes the empty retained presence record; false when it was not
+// queued. Called with lock_ held, so that its acknowledgement cannot be
+// looked for before its id is known.
+bool Client::begin_withdrawal() {
     std::string presence = presence_topic(cn_, client_id_);
     int mid = 0;
-    if (mosquitto_publish_v5(mosq_, &mid, presence.c_str(), 0, nullptr, kQos, true, nullptr) ==
+    if (mosquitto_publish_v5(mosq_, &mid, presence.c_str(), 0, nullptr, kQos, true, nullptr) !=
         MOSQ_ERR_SUCCESS) {
-        withdrawal_mid_ = mid;
+        return false;
     }
+    withdrawal_mid_ = mid;
+    return true;
 }
 
 // Runs the connection until the broker acknowledges the withdrawal; false
