@@ -121,45 +121,44 @@ double time_one(const std::function<bool()> &one) {
 // Medians of consecutive stretches of requests, in the order they ran: how
 // fast an idle core wakes can change during a run, and with it the round
 // trip of one side or the other.
-void print_medians_over_time(const std::vector<double> &anchor,
-                             const std::vector<double> &library) {
+void print_medians_over_time(const std::vector<std::vector<double>> &samples) {
     constexpr size_t kStretch = 500;
-    fprintf(stderr, "medians per %zu requests, anchor/library in us:", kStretch);
-    for (size_t start = 0; start + kStretch <= std::min(anchor.size(), library.size());
-         start += kStretch) {
-        auto median_of = [&](const std::vector<double> &samples) {
-            std::vector<double> stretch(samples.begin() + start,
-                                        samples.begin() + start + kStretch);
-            return summarize(stretch).median_us;
-        };
-        fprintf(stderr, " %.0f/%.0f", median_of(anchor), median_of(library));
+    fprintf(stderr, "medians per %zu requests in us, in the order of the table:", kStretch);
+    for (size_t start = 0; start + kStretch <= samples[0].size(); start += kStretch) {
+        const char *separator = " ";
+        for (const std::vector<double> &contender : samples) {
+            std::vector<double> stretch(contender.begin() + start,
+                                        contender.begin() + start + kStretch);
+            fprintf(stderr, "%s%.0f", separator, summarize(stretch).median_us);
+            separator = "/";
+        }
     }
     fprintf(stderr, "\n");
 }
 
-// The anchor and the library take turns request by request, so that a change
-// in the machine's load while the benchmark runs falls on both alike.
-void paired_latency(int warmup, int count, const std::function<bool()> &anchor,
-                    const std::function<bool()> &library, Summary *anchor_summary,
-                    Summary *library_summary) {
-    for (int i = 0; i < warmup; ++i)
-        anchor(), library();
-    std::vector<double> anchor_samples, library_samples;
-    anchor_samples.reserve(count);
-    library_samples.reserve(count);
+// The contenders take turns request by request, so that a change in the
+// machine's load while the benchmark runs falls on all alike; which goes
+// first rotates.
+std::vector<Summary> interleaved_latency(int warmup, int count,
+                                         const std::vector<std::function<bool()>> &contenders) {
+    for (int i = 0; i < warmup; ++i) {
+        for (const auto &contender : contenders)
+            contender();
+    }
+    std::vector<std::vector<double>> samples(contenders.size());
+    for (auto &contender_samples : samples)
+        contender_samples.reserve(count);
     for (int i = 0; i < count; ++i) {
-        // Alternate which goes first, so neither always follows the other.
-        if (i % 2 == 0) {
-            anchor_samples.push_back(time_one(anchor));
-            library_samples.push_back(time_one(library));
-        } else {
-            library_samples.push_back(time_one(library));
-            anchor_samples.push_back(time_one(anchor));
+        for (size_t k = 0; k < contenders.size(); ++k) {
+            size_t which = (i + k) % contenders.size();
+            samples[which].push_back(time_one(contenders[which]));
         }
     }
-    print_medians_over_time(anchor_samples, library_samples);
-    *anchor_summary = summarize(anchor_samples);
-    *library_summary = summarize(library_samples);
+    print_medians_over_time(samples);
+    std::vector<Summary> summaries;
+    for (auto &contender_samples : samples)
+        summaries.push_back(summarize(contender_samples));
+    return summaries;
 }
 
 UDSOverZelkoHandle *init_handle(const uoztest::Broker &broker, const std::string &config_path) {
@@ -187,24 +186,33 @@ bool read_dtc(UDSOverZelkoHandle *handle, int ecu_index) {
     return rc > 0;
 }
 
-// Latency of one request at a time, the anchor and the library taking turns.
+// Latency of one request at a time, the two floors and the library taking
+// turns: the bare ping-pong whose caller reads the reply on its own thread,
+// the same with the caller woken by the network thread (the threading the
+// library must have), and the library.
 void measure_latency(const Options &options, const uoztest::Broker &broker, MosquittoPair &pair,
-                     UDSOverZelkoHandle *handle, size_t query_size,
+                     MosquittoPair &direct, UDSOverZelkoHandle *handle, size_t query_size,
                      const MinimalResponder &responder, Report &report) {
     fprintf(stderr,
-            "latency: bare ping-pong (%zu-byte payload) and UDSOverZelko_ReadDTCInfo, "
+            "latency: bare ping-pongs (%zu-byte payload) and UDSOverZelko_ReadDTCInfo, "
             "taking turns...\n",
             query_size);
-    Summary anchor, library;
     CpuTimes cpu_before = cpu_times(broker.pid());
     auto started = std::chrono::steady_clock::now();
-    paired_latency(
-        options.warmup, options.requests, [&] { return pair.round_trip(0); },
-        [&] { return read_dtc(handle, 0); }, &anchor, &library);
+    std::vector<Summary> summaries = interleaved_latency(
+        options.warmup, options.requests,
+        {[&] { return direct.round_trip(0); }, [&] { return pair.round_trip(0); },
+         [&] { return read_dtc(handle, 0); }});
     std::chrono::duration<double> took = std::chrono::steady_clock::now() - started;
     CpuTimes cpu_after = cpu_times(broker.pid());
-    report.add_latency("bare ping-pong (QoS 1, TLS)", anchor, anchor);
-    report.add_latency("UDSOverZelko_ReadDTCInfo", library, anchor);
+    const Summary &no_hand_over = summaries[0];
+    const Summary &woken = summaries[1];
+    const Summary &library = summaries[2];
+    report.add_latency("bare ping-pong, reply read on the caller's thread", no_hand_over,
+                       no_hand_over);
+    report.add_latency("bare ping-pong, caller woken by its network thread", woken, no_hand_over);
+    report.add_latency("UDSOverZelko_ReadDTCInfo", library, woken);
+    report.add_latency("UDSOverZelko_ReadDTCInfo against the first floor", library, no_hand_over);
     report.add_other_load("CPU taken by others during the latencies", cpu_before, cpu_after,
                           took.count());
     fprintf(stderr, "anchor payload %zu bytes, library query %zu bytes\n", query_size,
@@ -230,7 +238,8 @@ void measure_throughput(const Options &options, MosquittoPair &pair, UDSOverZelk
                 [&](int t) { return read_dtc(handle, t); }, &rates[i]);
         }
     }
-    report.add_rate("bare ping-pong, 16 in flight", anchor16.per_second(), anchor16.per_second());
+    report.add_rate("bare ping-pong, 16 callers woken by the network thread", anchor16.per_second(),
+                    anchor16.per_second());
     for (size_t i = 0; i < ecu_counts.size(); ++i) {
         report.add_rate("ReadDTCInfo, " + std::to_string(ecu_counts[i]) + " ECUs in parallel",
                         rates[i].per_second(), anchor16.per_second());
@@ -267,12 +276,12 @@ void measure_doip_path(const Options &options, const uoztest::Broker &broker, Mo
         fprintf(stderr, "no answer from the simulator\n");
         exit(1);
     }
-    Summary anchor, library;
-    paired_latency(
-        options.warmup, options.requests, [&] { return pair.round_trip(0) && doip.round_trip(); },
-        [&] { return read_engine(handle); }, &anchor, &library);
-    report.add_latency("bare MQTT + bare DoIP round trips", anchor, anchor);
-    report.add_latency("UDSOverZelko_ReadDTCInfo via agent and DoIP", library, anchor);
+    std::vector<Summary> summaries =
+        interleaved_latency(options.warmup, options.requests,
+                            {[&] { return pair.round_trip(0) && doip.round_trip(); },
+                             [&] { return read_engine(handle); }});
+    report.add_latency("bare MQTT + bare DoIP round trips", summaries[0], summaries[0]);
+    report.add_latency("UDSOverZelko_ReadDTCInfo via agent and DoIP", summaries[1], summaries[0]);
     UDSOverZelko_Terminate(handle);
 }
 
@@ -324,6 +333,8 @@ int main(int argc, char **argv) {
     size_t query_size = typical_query_size(config_path);
 
     MosquittoPair pair(pki, broker.port(), query_size, 64);
+    MosquittoPair direct(pki, broker.port(), query_size, 1,
+                         MosquittoPair::Waiting::kCallerRunsLoop);
     auto responder =
         std::make_unique<MinimalResponder>(uoztest::identity_dir("agent"), broker.url());
     if (!responder->wait_running()) {
@@ -333,7 +344,7 @@ int main(int argc, char **argv) {
     UDSOverZelkoHandle *handle = init_handle(broker, config_path);
 
     if (!options.throughput_only)
-        measure_latency(options, broker, pair, handle, query_size, *responder, report);
+        measure_latency(options, broker, pair, direct, handle, query_size, *responder, report);
     if (!options.latency_only)
         measure_throughput(options, pair, handle, report);
     unsigned long answered = responder->answered();

@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "UDSOverZelko/config.h"
-#include "UDSOverZelko/query.h"
+#include "UDSOverZelko/exchange.h"
 #include "UDSOverZelko/read_dtc.h"
 #include "kt5Utils/kt5_json.h"
 
@@ -81,8 +81,8 @@ void Report::add_cpu_over_floor(const std::string &name, double nanoseconds,
                                 double floor_nanoseconds, double goal_ratio) {
     double ratio = floor_nanoseconds > 0 ? nanoseconds / floor_nanoseconds : 0;
     char figure[96];
-    snprintf(figure, sizeof(figure), "%.2f us = %.2f x the json-c floor of %.2f us",
-             nanoseconds / 1000.0, ratio, floor_nanoseconds / 1000.0);
+    snprintf(figure, sizeof(figure), "%.2f us = %.2f x %.2f us", nanoseconds / 1000.0, ratio,
+             floor_nanoseconds / 1000.0);
     std::string comparison = format("goal <= %.1f x: ", goal_ratio) +
                              (ratio > 0 && ratio <= goal_ratio ? "met" : "MISSED");
     rows_.push_back({name, figure, comparison, "cpu_ns", nanoseconds, ratio});
@@ -206,11 +206,9 @@ size_t typical_query_size(const std::string &config_path) {
         EcuConfig *record = nullptr;
         json_object *body =
             build_query_body(handle, ecu_address(0), QUERY_UDS_DATA, uds.get(), &record);
-        char *reply_id = generate_reply_id(REPLY_ID_LENGTH);
-        JsonPtr envelope(wrap_query(reply_id, body));
-        if (envelope)
-            size = strlen(json_object_to_json_string(envelope.get()));
-        free(reply_id);
+        Request request;
+        if (body != nullptr && prepare_query(body, record, UOZ_LOG_INFO, &request))
+            size = strlen(json_object_to_json_string(request.message.get()));
     }
     release_handle(handle);
     uoz_dbg_level = saved_level;

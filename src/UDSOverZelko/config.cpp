@@ -197,7 +197,7 @@ int load_ecu_config(UDSOverZelkoHandle *handle, const char *path) {
         tail = &record->next;
     }
     handle->broadcast_ecu = new_broadcast_record(ioc_seen);
-    if (handle->broadcast_ecu == nullptr) {
+    if (handle->broadcast_ecu == nullptr || !index_request_ids(handle)) {
         UOZ_SET_ERROR("Memory Allocation failed");
         return -1;
     }

@@ -61,18 +61,6 @@ bool decode_hex(const char *text, DTCBufferEntry *entry) {
     return true;
 }
 
-// The first CAN or IOC record whose "phy-req-id" text is request_id.
-const EcuConfig *find_by_request_id(UDSOverZelkoHandle *handle, const char *request_id) {
-    for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
-        bool has_request_id = record->type == TRANSPORT_CAN || record->type == TRANSPORT_IOC;
-        if (has_request_id && record->phy_req_id != nullptr &&
-            strcmp(record->phy_req_id, request_id) == 0) {
-            return record;
-        }
-    }
-    return nullptr;
-}
-
 // Fills one entry from one "data-record" element; false when the element
 // lacks "phy-req-id" or "data".
 bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferEntry *entry) {
@@ -83,7 +71,7 @@ bool decode_element(UDSOverZelkoHandle *handle, json_object *element, DTCBufferE
         UOZ_SET_ERROR("could not find ''data");
         return false;
     }
-    const EcuConfig *record = find_by_request_id(handle, request_id);
+    const EcuConfig *record = find_ecu_by_request_id(handle, request_id);
     if (record != nullptr) {
         entry->target_address = record->target_address;
         entry->ecu_name = uoz_strdup(record->name);
@@ -220,25 +208,29 @@ int32_t decode_uds_reply(UDSOverZelkoHandle *handle, json_object *reply, DTCBuff
     return bytes > INT32_MAX ? INT32_MAX : static_cast<int32_t>(bytes);
 }
 
+bool prepare_query(json_object *body, EcuConfig *record, int answer_log_level, Request *request) {
+    JsonPtr owned_body(body);
+    request->reply_id.reset(generate_reply_id(REPLY_ID_LENGTH));
+    if (!request->reply_id) {
+        UOZ_SET_ERROR("Unable to get replyID");
+        return false;
+    }
+    request->message.reset(wrap_query(request->reply_id.get(), owned_body.release()));
+    if (!request->message)
+        return false;
+    request->wait = &record->reply_wait;
+    request->answer_log_level = answer_log_level;
+    return true;
+}
+
 int32_t query_exchange(UDSOverZelkoHandle *handle, int32_t target_address, DTCBuffer *result,
                        JsonPtr uds, QueryKind kind) {
     EcuConfig *record = nullptr;
-    JsonPtr body(build_query_body(handle, target_address, kind, uds.get(), &record));
+    json_object *body = build_query_body(handle, target_address, kind, uds.get(), &record);
     uds.reset();
-    if (!body)
-        return -2;
     Request request;
-    request.wait = &record->reply_wait;
-    request.answer_log_level = UOZ_LOG_INFO;
-    request.reply_id.reset(generate_reply_id(REPLY_ID_LENGTH));
-    if (!request.reply_id) {
-        UOZ_SET_ERROR("Unable to get replyID");
+    if (body == nullptr || !prepare_query(body, record, UOZ_LOG_INFO, &request))
         return -2;
-    }
-    request.message.reset(wrap_query(request.reply_id.get(), body.release()));
-    if (!request.message)
-        return -2;
-
     JsonPtr reply;
     switch (exchange_request(handle->bus, std::move(request), &reply)) {
         case EXCHANGE_NO_ANSWER:

@@ -44,6 +44,13 @@ enum ExchangeOutcome : uint8_t {
 // %s %s".
 ExchangeOutcome exchange_request(BusConnection *bus, Request request, JsonPtr *answer);
 
+// Makes a query (body taken over) into a request: draws its reply identifier,
+// wraps body and identifier into the envelope, and awaits the answer in the
+// addressed record's slot, logged at answer_log_level. The one place that
+// draws reply identifiers. False after reporting ("Unable to get replyID",
+// or the envelope's message).
+bool prepare_query(json_object *body, EcuConfig *record, int answer_log_level, Request *request);
+
 // Send a query for target_address and decode its reply into result. The
 // query carries uds (QUERY_UDS_DATA; taken over, and released with the query
 // once it is sent, before the reply is awaited).

@@ -6,8 +6,8 @@
 #include <string.h>
 #include <time.h>
 
-
 #include "kt5Utils/kt5_json.h"
+#include "kt5Utils/locks.h"
 
 namespace {
 
@@ -61,33 +61,28 @@ json_object *build_broadcast_blocks(UDSOverZelkoHandle *handle) {
 // Runs under the record's lock so that concurrent version reads of one ECU
 // never see a half-replaced description.
 bool derive_j1939_version(EcuConfig *record) {
-    pthread_mutex_lock(&record->reply_wait.lock);
-    bool ok = true;
+    MutexHold hold(&record->reply_wait.lock);
     UOZ_DBGLOG(UOZ_LOG_INFO, "%s\n", json_object_to_json_string(record->ecu_version));
-    if (kt5_json_has(record->ecu_version, "j1939", nullptr)) {
-        json_object *j1939 =
-            kt5_json_borrow(record->ecu_version, json_type_object, "j1939", nullptr);
-        JsonPtr derived(kt5_json_copy(j1939));
-        if (!derived) {
-            UOZ_SET_ERROR("Invalid object");
-            ok = false;
-        } else if (!add_string(derived.get(), "ifname", record->ifname)) {
-            UOZ_SET_ERROR("Unable to add 'ifname' into version JSON message");
-            ok = false;
-        } else {
-            json_object_put(record->ecu_version);
-            record->ecu_version = derived.release();
-        }
+    if (!kt5_json_has(record->ecu_version, "j1939", nullptr))
+        return true;
+    json_object *j1939 = kt5_json_borrow(record->ecu_version, json_type_object, "j1939", nullptr);
+    JsonPtr derived(kt5_json_copy(j1939));
+    if (!derived) {
+        UOZ_SET_ERROR("Invalid object");
+        return false;
     }
-    pthread_mutex_unlock(&record->reply_wait.lock);
-    return ok;
+    if (!add_string(derived.get(), "ifname", record->ifname)) {
+        UOZ_SET_ERROR("Unable to add 'ifname' into version JSON message");
+        return false;
+    }
+    json_object_put(record->ecu_version);
+    record->ecu_version = derived.release();
+    return true;
 }
 
 json_object *copy_version(EcuConfig *record) {
-    pthread_mutex_lock(&record->reply_wait.lock);
-    json_object *copy = kt5_json_copy(record->ecu_version);
-    pthread_mutex_unlock(&record->reply_wait.lock);
-    return copy;
+    MutexHold hold(&record->reply_wait.lock);
+    return kt5_json_copy(record->ecu_version);
 }
 
 bool add_version(json_object *body, EcuConfig *record) {
@@ -104,6 +99,53 @@ bool add_version(json_object *body, EcuConfig *record) {
         return false;
     }
     return true;
+}
+
+// What tells the bodies of the query kinds apart besides their request:
+// how "targetAddress" is written and how a missing block or mode reads.
+struct BodyTexts {
+    const char *target_address;
+    const char *no_transport;
+    const char *no_mode;
+};
+
+// The members every query body starts with: "mode", "targetAddress" and the
+// transport block under its key, each addition checked. *record receives the
+// addressed record whenever one was found.
+json_object *build_body(UDSOverZelkoHandle *handle, int32_t target_address, const BodyTexts &texts,
+                        EcuConfig **record) {
+    EcuConfig *addressed = nullptr;
+    JsonPtr block(build_transport_block(handle, target_address, &addressed));
+    if (record != nullptr)
+        *record = addressed;
+    if (!block) {
+        UOZ_SET_ERROR(texts.no_transport);
+        return nullptr;
+    }
+    const char *key = nullptr;
+    JsonPtr mode(transport_mode_name(addressed->type, &key));
+    if (!mode) {
+        UOZ_SET_ERROR(texts.no_mode);
+        return nullptr;
+    }
+    JsonPtr body(json_object_new_object());
+    if (!body) {
+        UOZ_SET_ERROR("Could not create new JSON Message");
+        return nullptr;
+    }
+    if (!kt5_json_add(body.get(), "mode", mode.release())) {
+        UOZ_SET_ERROR("Could not add 'mode' to JSON");
+        return nullptr;
+    }
+    if (!add_string(body.get(), "targetAddress", texts.target_address)) {
+        UOZ_SET_ERROR("Could not add 'targetAddress' to JSON");
+        return nullptr;
+    }
+    if (!kt5_json_add(body.get(), key, block.release())) {
+        UOZ_SET_ERROR("Could not add 'can' to JSON");
+        return nullptr;
+    }
+    return body.release();
 }
 
 }  // namespace
@@ -170,38 +212,17 @@ json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_ad
 
 json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
                               json_object *uds, EcuConfig **record) {
-    JsonPtr body(json_object_new_object());
-    if (!body)
-        return nullptr;
-    EcuConfig *addressed = nullptr;
-    JsonPtr block(build_transport_block(handle, target_address, &addressed));
-    if (record != nullptr)
-        *record = addressed;
-    if (!block) {
-        UOZ_SET_ERROR("Could not get tp blob");
-        return nullptr;
-    }
-    const char *key = nullptr;
-    json_object *mode = transport_mode_name(addressed->type, &key);
-    if (mode == nullptr) {
-        UOZ_SET_ERROR("Could not get tp mode");
-        return nullptr;
-    }
-    if (!kt5_json_add(body.get(), "mode", mode)) {
-        UOZ_SET_ERROR("Could not add 'mode' to JSON");
-        return nullptr;
-    }
     char address_text[8];
     snprintf(address_text, sizeof(address_text), target_address == -1 ? "%d" : "0x%04X",
              target_address);
-    if (!add_string(body.get(), "targetAddress", address_text)) {
-        UOZ_SET_ERROR("Could not add 'targetAddress' to JSON");
+    EcuConfig *addressed = nullptr;
+    JsonPtr body(build_body(handle, target_address,
+                            {address_text, "Could not get tp blob", "Could not get tp mode"},
+                            &addressed));
+    if (record != nullptr)
+        *record = addressed;
+    if (!body)
         return nullptr;
-    }
-    if (!kt5_json_add(body.get(), key, block.release())) {
-        UOZ_SET_ERROR("Could not add 'can' to JSON");
-        return nullptr;
-    }
     if (kind == QUERY_UDS_DATA) {
         // The body holds a reference: the request's own object, never
         // changed, is sent as it is rather than copied.
@@ -220,23 +241,17 @@ json_object *build_routine_body(UDSOverZelkoHandle *handle, int32_t target_addre
                                 const char *address_text, json_object *routine,
                                 const char *mode_failure, EcuConfig **record) {
     JsonPtr owned_routine(routine);
-    JsonPtr block(build_transport_block(handle, target_address, record));
-    if (!block) {
-        UOZ_SET_ERROR("Could not get Transport Information");
+    JsonPtr body(build_body(handle, target_address,
+                            {address_text, "Could not get Transport Information", mode_failure},
+                            record));
+    if (!body)
+        return nullptr;
+    // A remote command that chose no routine sends JSON null.
+    bool chosen = owned_routine != nullptr;
+    if (!kt5_json_add(body.get(), "routine", owned_routine.release()) && chosen) {
+        UOZ_SET_ERROR("Could not add 'routine' to JSON");
         return nullptr;
     }
-    JsonPtr body(json_object_new_object());
-    const char *key = nullptr;
-    json_object *mode = transport_mode_name((*record)->type, &key);
-    if (!body || mode == nullptr) {
-        json_object_put(mode);
-        UOZ_SET_ERROR(mode_failure);
-        return nullptr;
-    }
-    kt5_json_add(body.get(), "mode", mode);
-    add_string(body.get(), "targetAddress", address_text);
-    kt5_json_add(body.get(), key, block.release());
-    kt5_json_add(body.get(), "routine", owned_routine.release());
     return body.release();
 }
 

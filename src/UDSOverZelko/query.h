@@ -31,13 +31,15 @@ json_object *build_transport_block(UDSOverZelkoHandle *handle, int32_t target_ad
 json_object *build_query_body(UDSOverZelkoHandle *handle, int32_t target_address, QueryKind kind,
                               json_object *uds, EcuConfig **record);
 // Body {"mode", "targetAddress": address_text, <block>, "routine"} of a query
-// that runs a routine (routine taken over; NULL sends JSON null); its members
-// are added without testing. NULL after reporting "Could not get Transport
-// Information" or mode_failure. *record receives the addressed record.
+// that runs a routine (routine taken over; NULL sends JSON null), or NULL
+// after reporting "Could not get Transport Information", mode_failure or the
+// addition that failed. *record receives the addressed record.
 json_object *build_routine_body(UDSOverZelkoHandle *handle, int32_t target_address,
                                 const char *address_text, json_object *routine,
                                 const char *mode_failure, EcuConfig **record);
 // Envelope {"type","reply-id","body"}; takes the body over (also on failure).
+// Queries are wrapped through prepare_query (exchange.h), which also draws
+// their reply identifier.
 json_object *wrap_query(const char *reply_id, json_object *body);
 
 #endif

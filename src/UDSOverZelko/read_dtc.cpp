@@ -232,13 +232,13 @@ json_object *build_read_dtc_body(uint32_t subfunction, uint32_t status_mask, uin
 int read_dtc_info(UDSOverZelkoHandle *handle, int32_t target_address, uint32_t subfunction,
                   uint32_t status_mask, uint32_t dtc_number, uint8_t record_number,
                   DTCBuffer *dtc_buffer) {
+    if (dtc_buffer == nullptr) {
+        UOZ_SET_ERROR("DTCBuffer is NULL");
+        return UOZ_ERR_GENERAL;
+    }
     JsonPtr body(build_read_dtc_body(subfunction, status_mask, dtc_number, record_number));
     if (!body) {
         UOZ_SET_ERROR("Unable to get UDS Data");
-        return UOZ_ERR_GENERAL;
-    }
-    if (dtc_buffer == nullptr) {
-        UOZ_SET_ERROR("DTCBuffer is NULL");
         return UOZ_ERR_GENERAL;
     }
     int32_t result =

@@ -7,7 +7,16 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
+#include <string_view>
+#include <unordered_map>
+
 #include "UDSOverZelko/config.h"
+
+struct RequestIdIndex {
+    // Keys are the records' own texts, which live as long as the handle.
+    std::unordered_map<std::string_view, const EcuConfig *> records;
+};
 
 thread_local char uoz_last_error[UOZ_LAST_ERROR_SIZE];
 
@@ -114,6 +123,7 @@ void release_handle(UDSOverZelkoHandle *handle) {
         record = next;
     }
     release_ecu_record(handle->broadcast_ecu);
+    delete handle->request_ids;
     free(handle->config_path);
     reply_wait_destroy(&handle->consent_wait);
     free(handle);
@@ -125,6 +135,33 @@ EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address) {
             return record;
     }
     return nullptr;
+}
+
+bool index_request_ids(UDSOverZelkoHandle *handle) {
+    auto *index = new (std::nothrow) RequestIdIndex;
+    if (index == nullptr)
+        return false;
+    try {
+        for (const EcuConfig *record = handle->ecus; record != nullptr; record = record->next) {
+            bool has_request_id = record->type == TRANSPORT_CAN || record->type == TRANSPORT_IOC;
+            // emplace keeps the first record of a text: the earlier entry wins.
+            if (has_request_id && record->phy_req_id != nullptr)
+                index->records.emplace(record->phy_req_id, record);
+        }
+    } catch (const std::bad_alloc &) {
+        delete index;
+        return false;
+    }
+    delete handle->request_ids;
+    handle->request_ids = index;
+    return true;
+}
+
+const EcuConfig *find_ecu_by_request_id(const UDSOverZelkoHandle *handle, const char *request_id) {
+    if (handle->request_ids == nullptr)
+        return nullptr;
+    auto found = handle->request_ids->records.find(request_id);
+    return found != handle->request_ids->records.end() ? found->second : nullptr;
 }
 
 void UDSOverZelko_FreeDTCBuffer(DTCBuffer *buffer) {

@@ -57,12 +57,17 @@ struct EcuConfig {
     EcuConfig *next;
 };
 
+// The CAN and IOC records by their "phy-req-id" texts, so that decoding a
+// reply costs the same per element however many ECUs are configured.
+struct RequestIdIndex;
+
 struct UDSOverZelkoHandle {
     BusConnection *bus;
-    EcuConfig *ecus;           // configured ECUs in file order, NULL when none
-    EcuConfig *broadcast_ecu;  // record of target address -1
-    char *config_path;         // copy of the configuration path
-    ReplyWait consent_wait;    // external-consent answers
+    EcuConfig *ecus;              // configured ECUs in file order, NULL when none
+    EcuConfig *broadcast_ecu;     // record of target address -1
+    char *config_path;            // copy of the configuration path
+    ReplyWait consent_wait;       // external-consent answers
+    RequestIdIndex *request_ids;  // built once the configuration is loaded
 };
 
 // The calling thread's last-error text (one buffer per thread).
@@ -98,6 +103,12 @@ void release_handle(UDSOverZelkoHandle *handle);
 
 // The first configured ECU (never the broadcast record) with this address.
 EcuConfig *find_ecu(UDSOverZelkoHandle *handle, int32_t target_address);
+
+// Builds handle->request_ids from handle->ecus; false when memory runs out.
+bool index_request_ids(UDSOverZelkoHandle *handle);
+// The first CAN or IOC record (configuration order) whose "phy-req-id" text is
+// request_id (exact comparison), or NULL; NULL before the index is built.
+const EcuConfig *find_ecu_by_request_id(const UDSOverZelkoHandle *handle, const char *request_id);
 
 // One transport parameter: its key in the configuration file and in the
 // query's transport block, the record's text, the message of a configuration

@@ -8,20 +8,10 @@ int build_routine_request(UDSOverZelkoHandle *handle, int32_t target_address,
                           const char *address_text, json_object *routine, const char *mode_failure,
                           Request *request) {
     EcuConfig *record = nullptr;
-    JsonPtr body(
-        build_routine_body(handle, target_address, address_text, routine, mode_failure, &record));
-    if (!body)
+    json_object *body =
+        build_routine_body(handle, target_address, address_text, routine, mode_failure, &record);
+    if (body == nullptr || !prepare_query(body, record, UOZ_LOG_DBG, request))
         return UOZ_ERR_GENERAL;
-    request->reply_id.reset(generate_reply_id(REPLY_ID_LENGTH));
-    if (!request->reply_id) {
-        UOZ_SET_ERROR("Unable to get replyID");
-        return UOZ_ERR_GENERAL;
-    }
-    request->message.reset(wrap_query(request->reply_id.get(), body.release()));
-    if (!request->message)
-        return UOZ_ERR_GENERAL;
-    request->wait = &record->reply_wait;
-    request->answer_log_level = UOZ_LOG_DBG;
     return UOZ_OK;
 }
 

@@ -23,12 +23,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kKeepaliveSeconds = 30;
+// The longest the client thread waits in mosquitto_loop with nothing to do;
+// it only paces the scan for expired messages: a send, a stop and the broker
+// all wake it at once.
 constexpr int kLoopTimeoutMs = 100;
 constexpr auto kFirstRetry = std::chrono::milliseconds(100);
 constexpr auto kLastRetry = std::chrono::milliseconds(5000);
 constexpr int kReasonNormalDisconnect = 0x00;
 constexpr int kReasonDisconnectWithWill = 0x04;
-// How long a clean stop waits for the broker to take the withdrawn presence.
+// How long a clean stop waits at most for the broker to take the withdrawn
+// presence (each turn ends as soon as the broker answers).
 constexpr int kWithdrawLoops = 50;
 constexpr int kWithdrawLoopMs = 10;
 constexpr int kQos = 1;
@@ -106,14 +110,15 @@ class Client {
     void wait_before_retry(std::chrono::milliseconds *delay);
     void status(int code);
     void subscribe_and_announce();
-    void acknowledge(int mid, bool ok);
+    void acknowledge(int mid, int reason);
     void report_finished();
     void expire_pending();
     void fail_all_pending();
     void finish_if_done(std::map<uint32_t, Pending>::iterator entry);
     int publish(uint32_t id, Pending &pending);
     void release_held();
-    bool withdraw_presence();
+    bool begin_withdrawal();
+    bool await_withdrawal();
 
     kt5bus_client *record_;
     Url url_;
@@ -138,9 +143,9 @@ class Client {
     // Reported messages and their outcome, in order; a vector so that an
     // empty report costs no allocation.
     std::vector<std::pair<kt5bus_message *, bool>> finished_;
+    int withdrawal_mid_ = -1;  // the presence withdrawal's publish, once stop() sent it
+    bool withdrawal_acknowledged_ = false;
     Clock::time_point next_expiry_scan_{};  // client thread only
-    int withdrawal_mid_ = -1;               // client thread only
-    bool withdrawal_acknowledged_ = false;  // client thread only
 };
 
 Client::~Client() {
@@ -173,10 +178,18 @@ int Client::start() {
     return KT5BUS_OK;
 }
 
+// The client thread may be waiting in wait_before_retry, which the condition
+// variable ends, or in mosquitto_loop, which ends as soon as anything is
+// queued for the broker (libmosquitto then writes to the socket pair its
+// loop watches). So the stop queues the first step of the goodbye itself:
+// the withdrawal of the presence record while the session is up, else (or
+// when the withdrawal cannot be queued) the disconnect that asks for the Will.
 void Client::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
         stopping_ = true;
+        if (!session_up_ || !begin_withdrawal())
+            mosquitto_disconnect_v5(mosq_, kReasonDisconnectWithWill, nullptr);
     }
     wake_.notify_all();
     if (thread_.joinable())
@@ -217,10 +230,9 @@ void Client::run() {
         }
         if (!socket_open) {
             socket_open = connect();
-            if (!socket_open) {
+            if (!socket_open)
                 wait_before_retry(&delay);
-                continue;
-            }
+            continue;  // a stop that came meanwhile is seen first
         }
         int rc = mosquitto_loop(mosq_, kLoopTimeoutMs, 1);
         report_finished();
@@ -251,7 +263,7 @@ void Client::run() {
         // itself, so that peers learn of it whatever the broker does with a
         // disconnect reason; only when the broker did not take the withdrawal
         // is the Will asked for as well.
-        int reason = withdraw_presence() ? kReasonNormalDisconnect : kReasonDisconnectWithWill;
+        int reason = await_withdrawal() ? kReasonNormalDisconnect : kReasonDisconnectWithWill;
         mosquitto_disconnect_v5(mosq_, reason, nullptr);
         for (int i = 0; i < 5 && mosquitto_loop(mosq_, 10, 1) == MOSQ_ERR_SUCCESS; ++i) {
         }
@@ -331,23 +343,33 @@ void Client::release_held() {
     held_.clear();
 }
 
-// Publishes the empty retained presence record and runs the connection until
-// the broker acknowledges it; false when it did not within half a second.
-bool Client::withdraw_presence() {
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        if (!session_up_)
-            return false;
-    }
+// Publishes the empty retained presence record; false when it was not
+// queued. Called with lock_ held, so that its acknowledgement cannot be
+// looked for before its id is known.
+bool Client::begin_withdrawal() {
     std::string presence = presence_topic(cn_, client_id_);
-    if (mosquitto_publish_v5(mosq_, &withdrawal_mid_, presence.c_str(), 0, nullptr, kQos, true,
-                             nullptr) != MOSQ_ERR_SUCCESS) {
+    int mid = 0;
+    if (mosquitto_publish_v5(mosq_, &mid, presence.c_str(), 0, nullptr, kQos, true, nullptr) !=
+        MOSQ_ERR_SUCCESS) {
         return false;
     }
-    for (int i = 0; i < kWithdrawLoops && !withdrawal_acknowledged_; ++i) {
+    withdrawal_mid_ = mid;
+    return true;
+}
+
+// Runs the connection until the broker acknowledges the withdrawal; false
+// when none was sent or the broker did not take it within half a second.
+bool Client::await_withdrawal() {
+    for (int i = 0; i < kWithdrawLoops; ++i) {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            if (withdrawal_mid_ < 0 || withdrawal_acknowledged_)
+                return withdrawal_acknowledged_;
+        }
         if (mosquitto_loop(mosq_, kWithdrawLoopMs, 1) != MOSQ_ERR_SUCCESS)
             return false;
     }
+    std::lock_guard<std::mutex> hold(lock_);
     return withdrawal_acknowledged_;
 }
 
@@ -356,12 +378,7 @@ bool Client::withdraw_presence() {
 // send 0x10 (MQTT 5 makes it optional), so a message nobody receives may
 // still be reported delivered; >= 0x80: refused.
 void Client::on_publish(mosquitto *, void *self, int mid, int reason, const mosquitto_property *) {
-    auto *client = static_cast<Client *>(self);
-    if (mid == client->withdrawal_mid_ && reason < 0x80) {
-        client->withdrawal_acknowledged_ = true;
-        return;
-    }
-    client->acknowledge(mid, reason == 0);
+    static_cast<Client *>(self)->acknowledge(mid, reason);
 }
 
 void Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
@@ -372,8 +389,13 @@ void Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
     pending_.erase(entry);
 }
 
-void Client::acknowledge(int mid, bool ok) {
+void Client::acknowledge(int mid, int reason) {
     std::lock_guard<std::mutex> hold(lock_);
+    if (mid == withdrawal_mid_) {
+        withdrawal_acknowledged_ = reason < 0x80;
+        return;
+    }
+    bool ok = reason == 0;
     auto publish = publishes_.find(mid);
     if (publish == publishes_.end())
         return;  // own presence, or already expired

@@ -2,6 +2,7 @@
 // and the end of the client. All run on the bus library's thread.
 #include <stdlib.h>
 
+#include "kt5Utils/locks.h"
 #include "zelkobus/zelkobus_internal.h"
 
 namespace {
@@ -95,26 +96,24 @@ void zebus_on_delivered(kt5bus_client *client, kt5bus_message *message, void *, 
     if (message == nullptr)
         return;
     BusConnection *connection = owner_of(client);
-    if (connection != nullptr) {
-        if (ok) {
-            UOZ_DBGLOG(UOZ_LOG_D2BG, "BUS ACK %05x %s", message->id,
-                       static_cast<const char *>(message->data));
-            connection->failed_deliveries = 0;
-        } else {
-            if (connection->failed_deliveries < ZEBUS_DELIVERY_LOG_LIMIT) {
-                UOZ_DBGLOG(UOZ_LOG_WARN, "BUS ERR %05x %s", message->id,
-                           static_cast<const char *>(message->data));
-            }
-            ++connection->failed_deliveries;
-        }
+    if (connection == nullptr) {
+        zebus_release_message(message);
+        return;
     }
-    if (connection != nullptr)
-        pthread_rwlock_wrlock(&connection->send_lock);
-    free(message->data);
-    zebus_ops.free_address(message->destination, 1);
-    free(message);
-    if (connection != nullptr)
-        pthread_rwlock_unlock(&connection->send_lock);
+    if (ok) {
+        UOZ_DBGLOG(UOZ_LOG_D2BG, "BUS ACK %05x %s", message->id,
+                   static_cast<const char *>(message->data));
+        connection->failed_deliveries = 0;
+    } else {
+        if (connection->failed_deliveries < ZEBUS_DELIVERY_LOG_LIMIT) {
+            UOZ_DBGLOG(UOZ_LOG_WARN, "BUS ERR %05x %s", message->id,
+                       static_cast<const char *>(message->data));
+        }
+        ++connection->failed_deliveries;
+    }
+    // Not while a send still reads the record for its log line.
+    ExclusiveHold hold(&connection->send_lock);
+    zebus_release_message(message);
 }
 
 void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,
@@ -122,11 +121,10 @@ void zebus_on_presence(kt5bus_client *client, kt5bus_address *connected,
     BusConnection *connection = owner_of(client);
     if (connection == nullptr)
         return;
-    pthread_mutex_lock(&connection->state_lock);
+    MutexHold hold(&connection->state_lock);
     apply_presence(connection, connected, true);
     apply_presence(connection, disconnected, false);
     UOZ_DBGLOG(UOZ_LOG_INFO, "Zelko Bus state: 0x%02x", connection->state);
-    pthread_mutex_unlock(&connection->state_lock);
 }
 
 void zebus_on_stopped(kt5bus_client *client) {

@@ -40,10 +40,6 @@ bool load_identity(BusConnection *connection, const char *directory, const char 
     return true;
 }
 
-}  // namespace
-
-namespace {
-
 // Allocates the connection, prepares the bus library and fills the client
 // record; nullptr when memory runs out (after reporting).
 BusConnection *new_connection(const char *broker_url, zebus_message_cb on_message) {
@@ -81,8 +77,9 @@ bool load_identity_from(BusConnection *connection, const char *cert_subdir, cons
 int start_client(BusConnection *connection, void *user_data) {
     int status = zebus_ops.init_client(&connection->client, connection->broker_url);
     if (status != 0) {
-        // Logged once, by the caller's closing line.
-        zebus_format_error("Failed to init kt5bus client err=%d.", status);
+        // Reported before the stop sequence, as every failure of zebus_init
+        // is; the closing line repeats it.
+        ZEBUS_ERROR("Failed to init kt5bus client err=%d.", status);
         return status;
     }
     connection->user_data = user_data;

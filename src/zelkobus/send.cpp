@@ -2,19 +2,20 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "kt5Utils/locks.h"
 #include "zelkobus/zelkobus_internal.h"
 
-namespace {
-
-constexpr const char *kContentType = "application/json";
-
-void release_message(kt5bus_message *message) {
+void zebus_release_message(kt5bus_message *message) {
     if (message == nullptr)
         return;
     free(message->data);
     zebus_ops.free_address(message->destination, 1);
     free(message);
 }
+
+namespace {
+
+constexpr const char *kContentType = "application/json";
 
 // A message record holding a copy of text, or nullptr after reporting.
 kt5bus_message *new_message(const char *text) {
@@ -34,12 +35,30 @@ kt5bus_message *new_message(const char *text) {
     return message;
 }
 
-// Hands the message to the bus library. On acceptance the record belongs to
-// the library; the caller holds send_lock shared until it has read the record
-// for its log line, and the delivered callback releases it only under the
-// exclusive lock.
-int send(BusConnection *connection, kt5bus_message *message) {
-    return zebus_ops.send_message(&connection->client, message, nullptr);
+// Hands the message to the bus library and logs it: with its target for a
+// send to one address, without one for a send to groups. On acceptance the
+// record belongs to the library, which may hand it to the delivered callback
+// at once: the send lock is held shared until the log line has read the
+// record, and the callback releases it only under the exclusive lock. A
+// refused message is released here.
+int send_and_log(BusConnection *connection, kt5bus_message *message, const char *target) {
+    int status = 0;
+    {
+        SharedHold hold(&connection->send_lock);
+        status = zebus_ops.send_message(&connection->client, message, nullptr);
+        const char *text = static_cast<const char *>(message->data);
+        if (target != nullptr) {
+            UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message status=%d, target=%s, id=%05x, msg=%s",
+                       status, target, message->id, text);
+        } else {
+            UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message id=%05x, msg=%s", message->id, text);
+        }
+    }
+    if (status != 0) {
+        ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
+        zebus_release_message(message);
+    }
+    return status;
 }
 
 bool check_arguments(BusConnection *connection, const char *text) {
@@ -65,19 +84,10 @@ int zebus_send_message_to(BusConnection *connection, const char *text, int kind,
     int status = zebus_ops.chain_address(&message->destination, kind, name, 1);
     if (status != 0) {
         ZEBUS_ERROR("Failed to get address for %s\n", name);
-        release_message(message);
+        zebus_release_message(message);
         return status;
     }
-    pthread_rwlock_rdlock(&connection->send_lock);
-    status = send(connection, message);
-    UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message status=%d, target=%s, id=%05x, msg=%s", status,
-               name, message->id, static_cast<const char *>(message->data));
-    pthread_rwlock_unlock(&connection->send_lock);
-    if (status != 0) {
-        ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
-        release_message(message);
-    }
-    return status;
+    return send_and_log(connection, message, name);
 }
 
 int zebus_send_message(BusConnection *connection, const char *text, const char *const *names) {
@@ -95,19 +105,10 @@ int zebus_send_message(BusConnection *connection, const char *text, const char *
     }
     if (!chained) {
         ZEBUS_ERROR("Error while adding type handler");
-        release_message(message);
+        zebus_release_message(message);
         return -1;
     }
-    pthread_rwlock_rdlock(&connection->send_lock);
-    int status = send(connection, message);
-    UOZ_DBGLOG(UOZ_LOG_INFO, "zebus_send_message id=%05x, msg=%s", message->id,
-               static_cast<const char *>(message->data));
-    pthread_rwlock_unlock(&connection->send_lock);
-    if (status != 0) {
-        ZEBUS_ERROR("Failed to send message over Zelko Bus\n");
-        release_message(message);
-    }
-    return status;
+    return send_and_log(connection, message, nullptr);
 }
 
 char *zebus_address_to_text(const kt5bus_address *address) {

@@ -16,6 +16,10 @@ void zebus_format_error(const char *format, ...) __attribute__((format(printf, 1
         UOZ_DBGLOG(UOZ_LOG_ERR, "%s", zebus_last_error); \
     } while (0)
 
+// Frees a message record sent by the wrapper: its text, its destination
+// chain and the record. NULL is accepted.
+void zebus_release_message(kt5bus_message *message);
+
 // Frees a buffer read by zebus_read_file and its data; NULL is accepted.
 void zebus_release_buffer(kt5bus_buffer *buffer);
 

@@ -2,12 +2,15 @@
 // unusable files) and the reply identifiers.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
+#include <set>
 #include <string>
 
 #include "UDSOverZelko/query.h"
 #include "core_support.h"
+#include "golden.h"
 #include "kt5Utils/kt5_json.h"
 
 namespace uoztest {
@@ -34,37 +37,19 @@ TEST(ConfigTest, unusableFilesFailTheLoad) {
     release_handle(handle);
 }
 
+// Each entry of dropped_entries.golden is dropped from the configuration
+// with its message logged.
 TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
-    struct Case {
-        std::string entry;
-        const char *message;
-    } cases[] = {
-        {R"({"targetAddress":"0x1","name":"a"})", "Could not parse 'type'"},
-        {R"({"type":7,"targetAddress":"0x1","name":"a"})", "Could not parse 'type'"},
-        {R"({"type":"CAN","targetAddress":291,"name":"a"})", "Could not parse "},
-        {R"({"type":"CAN","targetAddress":"0x1","name":5})", "Could not parse "},
-        {R"({"type":"doip","targetAddress":"0x1","name":"a","doip":{"sa":"1","ta":"2","gw-ip":"3"}})",
-         "could not find 'ifname'"},
-        {R"({"type":"CAN","targetAddress":"0x1","name":"a","can":{"ifname":"can0"}})",
-         "could not find 'func-addr'"},
-        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"ta":"2","gw-ip":"3"}})",
-         "could not find 'sa"},
-        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"sa":"1","gw-ip":"3"}})",
-         "could not find 'ta"},
-        {R"({"type":"DOIP","targetAddress":"0x1","name":"a","doip":{"sa":"1","ta":"2"}})",
-         "could not find 'gw-ip"},
-        {R"({"type":"IOC","targetAddress":"0x1","name":"a","ioc":{"func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}})",
-         "could not find 'bus-id'"},
-        {R"({"type":"CANFD","targetAddress":"0x1","name":"a","ecu_version":{"uds":[],"j1939":{}}})",
-         "Both J1939 and UDS can not be used to get the ECU version information"},
-    };
-    for (const Case &c : cases) {
+    Golden drops("dropped_entries.golden");
+    for (const auto &[entry, quoted] : drops.entries()) {
+        JsonPtr message(json_tokener_parse(quoted.c_str()));
         std::string log;
-        UDSOverZelkoHandle *handle = load_config(R"({"configs":[)" + c.entry + "]}", &log);
-        ASSERT_NE(handle, nullptr) << c.entry;
-        EXPECT_EQ(count(handle), 0) << c.entry;
-        EXPECT_NE(log.find(std::string(" ") + c.message + "\n"), std::string::npos)
-            << c.entry << log;
+        UDSOverZelkoHandle *handle = load_config(R"({"configs":[)" + entry + "]}", &log);
+        ASSERT_NE(handle, nullptr) << entry;
+        EXPECT_EQ(count(handle), 0) << entry;
+        EXPECT_NE(log.find(std::string(" ") + json_object_get_string(message.get()) + "\n"),
+                  std::string::npos)
+            << entry << log;
         release_handle(handle);
     }
 }
@@ -160,23 +145,32 @@ TEST(ConfigTest, printOutShowsAddressesTransportsAndVersion) {
     release_handle(handle);
 }
 
-// Each character is rand() % 69 after srand() of the calendar second; a
-// check whose second turned while it ran is run again.
-TEST(ReplyIdTest, isWhatSrandOfTheSecondAndRandGiveAndRepeatsWithinIt) {
+// What an application sees of reply identifiers: characters of the alphabet,
+// every one of them in a long enough identifier, the same identifier within
+// one calendar second, and its own rand() sequence left where srand() of the
+// second and one draw per character leave it. A check whose second turned
+// while it ran is run again.
+TEST(ReplyIdTest, isDrawnFromTheSecondsSeedWithOneRandPerCharacter) {
+    const std::string alphabet = REPLY_ID_ALPHABET;
     for (;;) {
         time_t now = time(nullptr);
-        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
-        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
-        TextPtr shorter(generate_reply_id(5));
         srand(static_cast<unsigned>(now));
-        std::string expected;
         for (int i = 0; i < REPLY_ID_LENGTH; ++i)
-            expected += REPLY_ID_ALPHABET[rand() % (sizeof(REPLY_ID_ALPHABET) - 1)];
+            rand();
+        int next_draw = rand();
+        TextPtr first(generate_reply_id(REPLY_ID_LENGTH));
+        int drawn_after = rand();
+        TextPtr second(generate_reply_id(REPLY_ID_LENGTH));
+        TextPtr prefix(generate_reply_id(5));
+        TextPtr long_id(generate_reply_id(4000));
         if (time(nullptr) != now)
             continue;
-        EXPECT_EQ(first.get(), expected);
-        EXPECT_EQ(second.get(), expected);
-        EXPECT_EQ(shorter.get(), expected.substr(0, 5));
+        EXPECT_EQ(drawn_after, next_draw);
+        ASSERT_EQ(strlen(first.get()), static_cast<size_t>(REPLY_ID_LENGTH));
+        EXPECT_STREQ(first.get(), second.get());
+        EXPECT_EQ(std::string(first.get(), 5), prefix.get());
+        std::set<char> used(long_id.get(), long_id.get() + 4000);
+        EXPECT_EQ(used, std::set<char>(alphabet.begin(), alphabet.end()));
         break;
     }
     EXPECT_EQ(generate_reply_id(-1), nullptr);

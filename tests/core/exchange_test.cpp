@@ -2,13 +2,12 @@
 // service, consent answers, argument checks, query bodies, name look-ups and
 // remote command addresses. Sent messages are caught at the bus library's
 // send entry point, and the answer, if any, is delivered to the handler
-// before the send returns.
+// before the send returns. Exact queries are golden texts (golden/).
 #include <ctype.h>
 #include <gtest/gtest.h>
 #include <locale.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <functional>
 #include <regex>
@@ -16,26 +15,14 @@
 #include <vector>
 
 #include "UDSOverZelko/exchange.h"
-#include "UDSOverZelko/query.h"
 #include "UDSOverZelko/remote_command.h"
 #include "core_support.h"
+#include "golden.h"
 #include "kt5Utils/kt5_json.h"
 #include "zelkobus/zelkobus.h"
 
 namespace uoztest {
 namespace {
-
-const char kEcus[] = R"({"configs":[
- {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"ifname":"can0","func-addr":"0x7DF","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","bsize":"0x08"},"ecu_version":{"uds":[{"did":"0xF189"}]}},
- {"type":"DOIP","targetAddress":"0x1001","name":"telematics","doip":{"sa":"0x0E80","ta":"0x1001","gw-ip":"10.0.0.1"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
- {"type":"IOC","targetAddress":"0x20","name":"gateway","ioc":{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}},
- {"type":"CANFD","targetAddress":"0x7E5","name":"adas"},
- {"type":"CAN","targetAddress":"0x7E1","name":"gearbox","can":{"ifname":"can1","func-addr":"0x7DF","phy-req-id":"0x7E1","phy-resp-id":"0x7E9"},"ecu_version":{"j1939":{"pgn":"0xFEDA"}}},
- {"type":"CAN","targetAddress":"0x12345","name":"F","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
- {"type":"CAN","targetAddress":"0x123456","name":"G","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}},
- {"type":"CAN","targetAddress":"FFFFFFFF","name":"everyone","can":{"ifname":"can0","func-addr":"1","phy-req-id":"2","phy-resp-id":"3"}}
-],
-"pre-defined-routines":[{"name":"ResetECU","commands":[{"service":"0x11","subfn":"0x01"}]}]})";
 
 // What the stand-in agent answers to one sent text: a reply text, or "" for none.
 using Responder = std::function<std::string(const std::string &sent)>;
@@ -64,23 +51,47 @@ std::string reply_id_of(const std::string &sent) {
     return id != nullptr ? id : "";
 }
 
+size_t occurrences(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
 std::string update(const std::string &members) {
     return R"({"type":"zelko.skyharbor-query-update",)" + members + "}";
 }
 
-std::string consent(const std::string &body) {
-    return R"({"type":"zelko.external-consent")" + body + "}";
+// An answer to the address a query was sent for: the members before "body"
+// (e.g. "reply-to"), then the body's members after its "targetAddress".
+std::string answer_to(const std::string &sent, const std::string &members,
+                      const std::string &body_members = "") {
+    std::smatch target;
+    std::regex_search(sent, target, std::regex(R"("targetAddress": ("[^"]*"))"));
+    return update(members + R"("body":{"targetAddress":)" + target[1].str() + body_members + "}");
 }
+
+// Answers every query as its agent would, with the body's members.
+Responder answer_with(const std::string &body_members) {
+    return [body_members](const std::string &sent) {
+        return answer_to(sent, R"("reply-to":")" + reply_id_of(sent) + R"(",)", body_members);
+    };
+}
+
+// engine 0x7E0 CAN, telematics 0x1001 DOIP, gateway 0x20 IOC, adas 0x7E5
+// CANFD, gearbox 0x7E1 CAN with a j1939 version, three CAN records sharing
+// "phy-req-id" 2 (F 0x12345, G 0x123456, everyone FFFFFFFF) and the
+// pre-defined routine ResetECU.
+const std::string kEcus = std::string(UOZ_GOLDEN_DIR) + "/ecus.json";
 
 class ExchangeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         saved_level_ = uoz_dbg_level;
         uoz_dbg_level = 0;  // error lines are logged, as applications see them
-        std::string path = temp_file(kEcus);
         g_handle = new_handle();
-        ASSERT_EQ(load_ecu_config(g_handle, path.c_str()), 0);
-        g_handle->config_path = strdup(path.c_str());
+        ASSERT_EQ(load_ecu_config(g_handle, kEcus.c_str()), 0);
+        g_handle->config_path = strdup(kEcus.c_str());
         g_handle->bus = static_cast<BusConnection *>(calloc(1, sizeof(BusConnection)));
         zebus_ops.chain_address = kt5bus_chain_address;
         zebus_ops.free_address = kt5bus_free_address;
@@ -95,7 +106,6 @@ class ExchangeTest : public ::testing::Test {
         g_accepted.clear();
         g_sent.clear();
         g_responder = nullptr;
-        unlink(g_handle->config_path);
         free(g_handle->bus);
         g_handle->bus = nullptr;
         release_handle(g_handle);
@@ -103,81 +113,48 @@ class ExchangeTest : public ::testing::Test {
         uoz_dbg_level = saved_level_;
     }
     int saved_level_ = 0;
+    Golden queries_{"queries.golden"};
 };
 
 // ---- decoding ----------------------------------------------------------
 
-JsonPtr reply_with_records(const std::string &records) {
-    return JsonPtr(
-        json_tokener_parse((R"({"body":{"uds":{"data-record":)" + records + "}}}").c_str()));
-}
-
-TEST_F(ExchangeTest, dataTextsDecodeAsTheCConversionReadsThemAtEachEvenPosition) {
-    struct Case {
-        const char *data;
-        int32_t length;
-        std::vector<uint8_t> bytes;  // length + 1 bytes, the spare byte included
-    } cases[] = {
-        {"0A1b", 2, {0x0A, 0x1B, 0x00}},
-        {"ABC", 1, {0xAB, 0x0C}},
-        {"", 0, {0x00}},
-        {"zz", 1, {0x00, 0x00}},
-        {"5", 0, {0x05}},
-        // At k = 2 the conversion skips the blank and reads "1B"; at k = 4 "B".
-        {"0A 1B", 2, {0x0A, 0x1B, 0x0B}},
-        {"A g", 1, {0x0A, 0x00}},
-        {"-1", 1, {0xFF, 0x00}},
-        {"0x1F", 2, {0x00, 0x1F, 0x00}},
-        {" \t7", 1, {0x07, 0x07}},
-    };
-    for (const auto &c : cases) {
-        JsonPtr reply =
-            reply_with_records(R"([{"phy-req-id":"0x7E0","data":")" + std::string(c.data) + "\"}]");
-        ASSERT_TRUE(reply) << c.data;
-        DTCBuffer buffer{};
-        EXPECT_EQ(decode_uds_reply(g_handle, reply.get(), &buffer), c.length) << c.data;
-        ASSERT_EQ(buffer.count, 1);
-        DTCBufferEntry *entry = buffer.entries[0];
-        EXPECT_EQ(entry->length, c.length) << c.data;
-        EXPECT_EQ(std::vector<uint8_t>(entry->data, entry->data + entry->length + 1), c.bytes)
-            << c.data;
-        UDSOverZelko_FreeDTCBuffer(&buffer);
-    }
-}
-
-TEST_F(ExchangeTest, elementsAreNamedByRequestIdAndDecodingStopsAtAnIncompleteOne) {
-    struct Case {
-        const char *records;
-        int32_t result;
-        int32_t count;
-        const char *error;
-    } cases[] = {
-        {R"([{"phy-req-id":"0x720","data":"5902"},{"phy-req-id":"0x999","data":"590201"}])", 5, 2,
-         ""},
-        {"[]", 0, 0, ""},
-        {R"([{"phy-req-id":"0x7E0","data":"AABB"},{"phy-req-id":"0x7E0"},{"data":"01"}])", 2, 3,
-         "immature response recieved!!"},
-        {"{}", -2, 0, "could not find ''data-record"},
-    };
-    for (const Case &c : cases) {
-        uoz_set_last_error("");
-        JsonPtr reply = reply_with_records(c.records);
-        DTCBuffer buffer{};
-        EXPECT_EQ(decode_uds_reply(g_handle, reply.get(), &buffer), c.result) << c.records;
-        EXPECT_EQ(buffer.count, c.count) << c.records;
-        EXPECT_STREQ(uoz_last_error, c.error) << c.records;
-        if (c.count == 2) {
-            EXPECT_EQ(buffer.entries[0]->target_address, 0x20);
-            EXPECT_STREQ(buffer.entries[0]->ecu_name, "gateway");
-            // No CAN or IOC ECU has that request identifier: the bytes stay, unnamed.
-            EXPECT_EQ(buffer.entries[1]->target_address, 0);
-            EXPECT_EQ(buffer.entries[1]->ecu_name, nullptr);
-            EXPECT_EQ(buffer.entries[1]->length, 3);
-        } else if (c.count == 3) {
-            EXPECT_EQ(buffer.entries[1]->data, nullptr);
-            EXPECT_EQ(buffer.entries[1]->length, 0);
-            EXPECT_EQ(buffer.entries[2], nullptr);
+// A decoded buffer as "result [last error]|entry|...", each entry its address,
+// name and every byte of data, the spare byte after the length in [].
+std::string describe(int32_t result, const DTCBuffer &buffer) {
+    std::string text = std::to_string(result);
+    if (uoz_last_error[0] != '\0')
+        text = text + " " + uoz_last_error;
+    for (int32_t i = 0; i < buffer.count; ++i) {
+        const DTCBufferEntry *entry = buffer.entries[i];
+        if (entry == nullptr) {
+            text += "|NULL";
+            continue;
         }
+        char head[64];
+        snprintf(head, sizeof(head), "|0x%X %s", static_cast<unsigned>(entry->target_address),
+                 entry->ecu_name != nullptr ? entry->ecu_name : "-");
+        text += head;
+        for (int32_t k = 0; entry->data != nullptr && k <= entry->length; ++k) {
+            snprintf(head, sizeof(head), k < entry->length ? " %02X" : " [%02X]", entry->data[k]);
+            text += head;
+        }
+    }
+    return text;
+}
+
+// Every "data-record" array of decode.golden decodes as its line says: the C
+// conversion's reading of the hexadecimal texts, the naming by request
+// identifier and the stop at an incomplete element.
+TEST_F(ExchangeTest, dataRecordsDecodeAsTheirGoldenDescriptions) {
+    Golden decodings("decode.golden");
+    for (const auto &[records, expected] : decodings.entries()) {
+        uoz_set_last_error("");
+        JsonPtr reply(
+            json_tokener_parse((R"({"body":{"uds":{"data-record":)" + records + "}}}").c_str()));
+        ASSERT_TRUE(reply) << records;
+        DTCBuffer buffer{};
+        int32_t result = decode_uds_reply(g_handle, reply.get(), &buffer);
+        EXPECT_EQ(describe(result, buffer), expected) << records;
         UDSOverZelko_FreeDTCBuffer(&buffer);
     }
 }
@@ -209,40 +186,64 @@ TEST_F(ExchangeTest, repliesReachTheRecordTheirTargetAddressNames) {
     }
 }
 
-// ---- matching, for every service ----------------------------------------
-
-struct Service {
-    const char *sent;  // a part of the query that the service sends
-    int mismatch_result;
-    std::function<int(DTCBuffer *, CommandResponse *)> run;
-};
+// ---- what every service sends, and how it matches the answer -------------
 
 const char kResetDocument[] =
-    R"({"ecu":{"ServerAddress":"7E0"},"commands":[{"type":"predefined","command":"ResetECU"}]})";
+    R"({"commands":[{"type":"predefined","command":"ResetECU"}],"ecu":{"ServerAddress":"7e0"}})";
+const char kCustomDocument[] =
+    R"({"commands":[{"type":"predefined","command":"ResetECU"},{"type":"raw","service":"0x31"}],)"
+    R"("security_access":{"level":"0x01"},"ecu":{"ServerAddress":"0x20"}})";
+// A pre-defined name that no routine has chooses none: JSON null goes out.
+const char kUnknownRoutineDocument[] =
+    R"({"commands":[{"type":"predefined","command":"Nothing"}],"ecu":{"ServerAddress":"7E0"}})";
+
+// A service, named by the label of its query in queries.golden, with the
+// result of an answer that does not match. Reads log the answer at INFO,
+// routines at DBG only.
+struct Service {
+    const char *query;
+    int mismatch_result;
+    std::function<int(DTCBuffer *, CommandResponse *)> run;
+    bool answer_logged_at_info = false;
+};
+
+int remote_command(const char *document, CommandResponse *response) {
+    return UDSOverZelko_ExecuteRemoteCommand(g_handle, document, strlen(document), response);
+}
 
 const Service kServices[] = {
-    {R"("subfunction": "UDS_REPORT_DTC_BY_STATUS_MASK")", -1,
+    {"dtc by status mask", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 0x02, 0xFF, buffer);
-     }},
-    {R"("data-record": { "type": "DTC_AND_RECORD", "record": "12AB3C05" })", -1,
+     },
+     true},
+    {"dtc by number and record", -1,
      [](DTCBuffer *buffer, CommandResponse *) {
          return UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(g_handle, 0x7E0, 0x04, 0x12AB3C, 0x05,
                                                              buffer);
-     }},
-    {R"("version": { "uds": [ { "did": "0xF189" } ] })", -2,
+     },
+     true},
+    {"version", -2,
      [](DTCBuffer *, CommandResponse *) {
          char version[64];
          return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, version, 64);
-     }},
-    {R"("name": "ClearDTC_Routine")", -1,
+     },
+     true},
+    {"clear dtc", -1,
      [](DTCBuffer *, CommandResponse *response) {
-         return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, response);
+         return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0x000100, response);
      }},
-    {R"("name": "ResetECU")", -1,
+    {"reset routine", -1,
      [](DTCBuffer *, CommandResponse *response) {
-         return UDSOverZelko_ExecuteRemoteCommand(g_handle, kResetDocument, sizeof(kResetDocument),
-                                                  response);
+         return remote_command(kResetDocument, response);
+     }},
+    {"custom routine", -1,
+     [](DTCBuffer *, CommandResponse *response) {
+         return remote_command(kCustomDocument, response);
+     }},
+    {"no routine", -1,
+     [](DTCBuffer *, CommandResponse *response) {
+         return remote_command(kUnknownRoutineDocument, response);
      }},
 };
 
@@ -255,37 +256,39 @@ int run(const Service &service) {
     return rc;
 }
 
-TEST_F(ExchangeTest, everyServiceRefusesRepliesWithoutOrWithAnotherReplyTo) {
+TEST_F(ExchangeTest, everyServiceSendsItsQueryAndRefusesAnswersOfOtherQueries) {
     for (const Service &service : kServices) {
-        g_responder = [](const std::string &) {
-            return update(R"("body":{"targetAddress":"0x7E0"})");
-        };
+        g_responder = [](const std::string &sent) { return answer_to(sent, ""); };
         {
-            LogCapture capture(0);
-            EXPECT_EQ(run(service), service.mismatch_result) << service.sent;
-            EXPECT_NE(capture.text().find("could not find 'reply-to'\n"), std::string::npos)
-                << service.sent;
-            EXPECT_NE(g_sent.back().find(service.sent), std::string::npos) << g_sent.back();
+            LogCapture capture(UOZ_LOG_INFO);
+            EXPECT_EQ(run(service), service.mismatch_result) << service.query;
+            std::string log = capture.text();
+            EXPECT_NE(log.find("could not find 'reply-to'\n"), std::string::npos) << service.query;
+            // Logged once by the handler, and once more by a read.
+            EXPECT_EQ(occurrences(log, answer_to(g_sent.at(0), "")),
+                      service.answer_logged_at_info ? 2u : 1u)
+                << service.query << log;
+            ASSERT_EQ(g_sent.size(), 1u) << service.query;
+            EXPECT_EQ(without_reply_id(g_sent[0]), queries_[service.query]);
+            g_sent.clear();
         }
         std::string sent_id;
         g_responder = [&sent_id](const std::string &sent) {
             sent_id = reply_id_of(sent);
-            return update(R"("reply-to":"someone-else","body":{"targetAddress":"0x7E0"})");
+            return answer_to(sent, R"("reply-to":"someone-else",)");
         };
         LogCapture capture(0);
-        EXPECT_EQ(run(service), service.mismatch_result) << service.sent;
+        EXPECT_EQ(run(service), service.mismatch_result) << service.query;
         std::string log = capture.text();
-        ASSERT_EQ(sent_id.size(), 24u) << service.sent;
+        ASSERT_EQ(sent_id.size(), 24u) << service.query;
         EXPECT_NE(log.find("Wrong reply-id " + sent_id + " someone-else\n"), std::string::npos)
-            << service.sent << log;
+            << service.query << log;
+        g_sent.clear();
     }
 }
 
 TEST_F(ExchangeTest, aMatchingVersionAnswerIsCutToTheBuffer) {
-    g_responder = [](const std::string &sent) {
-        return update(R"("reply-to":")" + reply_id_of(sent) +
-                      R"(","body":{"targetAddress":"0x7E0","version":"GBX-4.2.0-rc1-build-7781"})");
-    };
+    g_responder = answer_with(R"(,"version":"GBX-4.2.0-rc1-build-7781")");
     char version[9] = "";
     EXPECT_EQ(UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, version, 8), 0);
     EXPECT_STREQ(version, "GBX-4.2.");
@@ -294,62 +297,26 @@ TEST_F(ExchangeTest, aMatchingVersionAnswerIsCutToTheBuffer) {
     EXPECT_STREQ(whole, "GBX-4.2.0-rc1-build-7781");
 }
 
-TEST_F(ExchangeTest, routinesSendTheirQueriesAndReturnTheAnswersWholeBody) {
-    // The answer names the target address the query gave, so that it is routed back.
-    g_responder = [](const std::string &sent) {
-        std::smatch target;
-        std::regex_search(sent, target, std::regex(R"("targetAddress": ("[^"]*"))"));
-        return update(R"("reply-to":")" + reply_id_of(sent) + R"(","body":{"targetAddress":)" +
-                      target[1].str() + "}");
-    };
-    const char kEngine[] =
-        R"("mode": "CAN", "targetAddress": "%s", "can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
-    const char kGateway[] =
-        R"("mode": "IOC", "targetAddress": "%s", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" })";
-    const char reset[] =
-        R"({"commands":[{"type":"predefined","command":"ResetECU"}],"ecu":{"ServerAddress":"7e0"}})";
-    const char custom[] =
-        R"({"commands":[{"type":"predefined","command":"ResetECU"},{"type":"raw","service":"0x31"}],)"
-        R"("security_access":{"level":"0x01"},"ecu":{"ServerAddress":"0x20"}})";
-    CommandResponse response{};
-    struct Case {
-        std::function<int()> call;
-        const char *target;
-        const char *block;
-        const char *routine;
-    } cases[] = {
-        {[&] { return UDSOverZelkoClearDTC(g_handle, 0x7E0, 0xFFFFFF, &response); }, "0x0007E0",
-         kEngine,
-         R"({ "name": "ClearDTC_Routine", "commands": [ { "command": "ClearDTC", "service": "0x14", "subfn": "", "data": "0xFFFFFF" } ] })"},
-        {[&] {
-             return UDSOverZelko_ExecuteRemoteCommand(g_handle, reset, sizeof(reset), &response);
-         },
-         "7e0", kEngine,
-         R"({ "name": "ResetECU", "commands": [ { "service": "0x11", "subfn": "0x01" } ] })"},
-        {[&] {
-             return UDSOverZelko_ExecuteRemoteCommand(g_handle, custom, sizeof(custom), &response);
-         },
-         "0x20", kGateway,
-         R"({ "name": "custom_commands", "commands": [ { "type": "predefined", "command": "ResetECU" }, { "type": "raw", "service": "0x31" } ], "security_access": { "level": "0x01" } })"},
-    };
-    for (const Case &c : cases) {
-        g_sent.clear();
-        EXPECT_EQ(c.call(), 0) << c.routine;
+TEST_F(ExchangeTest, routinesReturnTheMatchingAnswersWholeBody) {
+    g_responder = answer_with(R"(,"result":[1,"two"])");
+    for (const Service &service : kServices) {
+        if (service.mismatch_result != -1 || strstr(service.query, "dtc by") != nullptr)
+            continue;
+        DTCBuffer unused{};
+        CommandResponse response{};
+        EXPECT_EQ(service.run(&unused, &response), 0) << service.query;
         EXPECT_EQ(response.status, 0);
-        EXPECT_EQ(response.body_text, std::string(R"({ "targetAddress": ")") + c.target + "\" }");
+        JsonPtr answer(
+            json_tokener_parse(answer_to(g_sent.back(), "", R"(,"result":[1,"two"])").c_str()));
+        EXPECT_STREQ(response.body_text,
+                     json_object_to_json_string(json_object_object_get(answer.get(), "body")));
         UDSOverZelko_FreeCommandResponse(&response);
-        ASSERT_EQ(g_sent.size(), 1u);
-        char body[512];
-        snprintf(body, sizeof(body), c.block, c.target);
-        EXPECT_EQ(g_sent[0], R"({ "type": "zelko.skyharbor-query", "reply-id": ")" +
-                                 reply_id_of(g_sent[0]) + R"(", "body": { )" + body +
-                                 R"(, "routine": )" + c.routine + " } }");
     }
 }
 
 // ---- consent -----------------------------------------------------------
 
-TEST_F(ExchangeTest, consentAnswersMapToResultsAndInstallSendsItsBody) {
+TEST_F(ExchangeTest, consentAnswersMapToResultsAndTheRequestGoesToThePolicyAgent) {
     struct Case {
         const char *answer;
         int result;
@@ -363,18 +330,14 @@ TEST_F(ExchangeTest, consentAnswersMapToResultsAndInstallSendsItsBody) {
         {"", 6},
     };
     for (const Case &c : cases) {
-        std::string answer = consent(c.answer);
+        std::string answer = R"({"type":"zelko.external-consent")" + std::string(c.answer) + "}";
         g_responder = [answer](const std::string &) { return answer; };
         EXPECT_EQ(UDSOverZelkoSendExternalConsent(g_handle, CONSENT_INSTALL, "c-7"), c.result)
             << c.answer;
     }
-    EXPECT_EQ(
-        g_sent.at(0),
-        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "c-7", "download-consent": "No", "install-consent": "Yes" } })");
+    EXPECT_EQ(g_sent.at(0), queries_["install consent"]);
     EXPECT_EQ(UDSOverZelkoSendExternalConsent(g_handle, CONSENT_DOWNLOAD, "C-1"), 6);
-    EXPECT_EQ(
-        g_sent.back(),
-        R"({ "type": "zelko.external-consent", "body": { "campaign-id": "C-1", "download-consent": "Yes", "install-consent": "No" } })");
+    EXPECT_EQ(g_sent.back(), queries_["download consent"]);
     EXPECT_EQ(g_accepted.back()->destination->kind, KT5BUS_ADDR_GROUP);
     EXPECT_STREQ(g_accepted.back()->destination->value.name, "policy-agent");
 }
@@ -387,14 +350,19 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
     char version[16] = "untouched";
     for (uint32_t subfunction : {0x00u, 0x07u, 0x08u, 0x17u, 0x18u, 0x19u, 0x42u})
         EXPECT_EQ(UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, subfunction, 0xFF, &buffer), -3);
+    {
+        LogCapture capture(UOZ_LOG_INFO);  // no request is built without a result buffer
+        EXPECT_EQ(UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 2, 0xFF, nullptr), -1);
+        EXPECT_STREQ(uoz_last_error, "DTCBuffer is NULL");
+        EXPECT_EQ(capture.text().find("Bit at position"), std::string::npos);
+    }
     struct Case {
         std::function<int()> call;
         int result;
         const char *error;  // nullptr: not looked at
     } cases[] = {
-        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E0, 2, 0xFF, nullptr); }, -1,
-         "DTCBuffer is NULL"},
-        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 291, 2, 0xFF, &buffer); }, -1, nullptr},
+        {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 291, 2, 0xFF, &buffer); }, -1,
+         "getting dtc failed"},
         {[&] { return UDSOverZelko_ReadDTCInfo(g_handle, 0x7E5, 2, 0xFF, &buffer); }, -1, nullptr},
         {[&] { return UDSOverZelko_ReadDTCInfo(nullptr, 0x7E0, 2, 0xFF, &buffer); }, -1,
          "Invalid UDS Handler"},
@@ -403,7 +371,7 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x7E0, nullptr, 16); }, -1,
          "versionBuffer is NULL"},
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x20, version, 16); }, -2,
-         nullptr},
+         "No version information configured for this ECU"},
         {[&] { return UDSOverZelko_ReadECUVersionInformation(g_handle, 0x999, version, 16); }, -2,
          "Could not get tp blob"},
         {[&] { return UDSOverZelkoClearDTC(g_handle, 0x999, 0xFFFFFF, &response); }, -1,
@@ -430,39 +398,17 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
             EXPECT_STREQ(uoz_last_error, c.error) << &c - cases;
         }
     }
-    struct Document {
-        const char *text;
-        int result;
-        const char *error;
-    } documents[] = {
-        {R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z","end_time":"2001-01-01T00:00:00Z"},"commands":[],"ecu":{"ServerAddress":"7E0"}})",
-         -10, ""},
-        {R"({"diagnostic_period":{"start_time":"2025-03-01 06:00:00","end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-         -10, ""},
-        // A period without its end fails before the clock is read.
-        {R"({"diagnostic_period":{"start_time":"2000-01-01T00:00:00Z"},"commands":[]})", -1,
-         "Error"},
-        {R"({"diagnostic_period":{"end_time":"2100-01-01T00:00:00Z"},"commands":[]})", -1, "Error"},
-        {R"({"diagnostic_period":{"start_time":5,"end_time":"2100-01-01T00:00:00Z"},"commands":[]})",
-         -1, "Error"},
-        {"not json", -1, "Could not convert JSON Object"},
-        {R"({"commands":{},"ecu":{"ServerAddress":"7E0"}})", -1,
-         "Could not find 'commands' property in JSON"},
-        {R"({"commands":[]})", -1, "No TA found"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"999"}})", -1,
-         "Could not get Transport Information"},
-        {R"({"commands":[],"ecu":{"ServerAddress":"7E5"}})", -1,
-         "Could not get Transport Information"},
-    };
-    for (const Document &d : documents) {
+    // Remote command documents refused before sending, with the result and
+    // the last error each leaves; none of the -1 ones has its period checked.
+    Golden documents("refused_documents.golden");
+    for (const auto &[document, expected] : documents.entries()) {
         uoz_set_last_error("");
         LogCapture capture(0);
-        EXPECT_EQ(UDSOverZelko_ExecuteRemoteCommand(g_handle, d.text, strlen(d.text), &response),
-                  d.result)
-            << d.text;
-        EXPECT_STREQ(uoz_last_error, d.error) << d.text;
-        if (d.result == -1) {
-            EXPECT_EQ(capture.text().find("Command validity"), std::string::npos) << d.text;
+        int rc = remote_command(document.c_str(), &response);
+        std::string error = uoz_last_error;
+        EXPECT_EQ(std::to_string(rc) + (error.empty() ? "" : " " + error), expected) << document;
+        if (rc == -1) {
+            EXPECT_EQ(capture.text().find("Command validity"), std::string::npos) << document;
         }
     }
     EXPECT_STREQ(version, "untouched");
@@ -483,26 +429,13 @@ TEST(MessageHandlerTest, readsNoFurtherThanTheLengthAndReportsEmptyInput) {
     memcpy(exact, text, sizeof(text) - 1);
     EXPECT_EQ(on_bus_message(exact, sizeof(text) - 1, nullptr, handle), 0);
     free(exact);
-    ReplyWait *slot = &handle->consent_wait;
-    ASSERT_NE(slot->reply, nullptr);
-    EXPECT_STREQ(slot->reply, R"({ "type": "zelko.external-consent", "body": { } })");
-    // The parsed message travels with its text, and is taken out with it.
-    ASSERT_NE(slot->parsed, nullptr);
-    EXPECT_TRUE(json_object_object_get_ex(slot->parsed, "body", nullptr));
-    TextPtr taken_text;
-    JsonPtr taken_json;
-    ASSERT_TRUE(reply_slot_take(slot, &taken_text, &taken_json));
-    EXPECT_EQ(slot->reply, nullptr);
-    EXPECT_EQ(slot->parsed, nullptr);
-    EXPECT_STREQ(json_object_to_json_string(taken_json.get()), taken_text.get());
-    EXPECT_FALSE(reply_slot_take(slot, &taken_text, &taken_json));
+    // Read to its length, parsed and written again as the consent's answer.
+    EXPECT_STREQ(handle->consent_wait.reply,
+                 R"({ "type": "zelko.external-consent", "body": { } })");
     release_handle(handle);
 }
 
 // ---- query bodies --------------------------------------------------------
-
-const char kCanA[] =
-    R"("can": { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" })";
 
 // The body of a query to address, or "NULL".
 std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) {
@@ -515,52 +448,39 @@ std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) 
 }
 
 TEST_F(ExchangeTest, queryBodiesCarryModeAddressTransportBlockAndUdsOrVersion) {
+    Golden bodies("bodies.golden");
     struct Case {
         int32_t address;
         QueryKind kind;
-        std::string body;  // the whole body, or (starting with a blank) a part of it
+        const char *label;  // of the body in bodies.golden
     } cases[] = {
-        {0x7E0, QUERY_UDS_DATA,
-         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
-             R"(, "uds": { "SID": "0x19" } })"},
-        {0x20, QUERY_UDS_DATA,
-         R"({ "mode": "IOC", "targetAddress": "0x0020", "ioc": { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, "uds": { "SID": "0x19" } })"},
-        {0x1001, QUERY_UDS_DATA,
-         R"({ "mode": "DOIP", "targetAddress": "0x1001", "doip": { "sa": "0x0E80", "ta": "0x1001", "gw-ip": "10.0.0.1" }, "uds": { "SID": "0x19" } })"},
-        {-1, QUERY_UDS_DATA,
-         R"({ "mode": "IOC", "targetAddress": "-1", "ioc": [ { "ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08" }, { "bus-id": "1", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728" }, { "ifname": "can1", "func-addr": "0x7DF", "phy-req-id": "0x7E1", "phy-resp-id": "0x7E9", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" }, { "ifname": "can0", "func-addr": "1", "phy-req-id": "2", "phy-resp-id": "3", "st-min": "0x00", "bsize": "0x00" } ], "uds": { "SID": "0x19" } })"},
-        // Long addresses are written in full up to five digits.
-        {0x12345, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
-        {0x123456, QUERY_UDS_DATA, R"( "targetAddress": "0x12345", )"},
-        {0x7E0, QUERY_VERSION,
-         std::string(R"({ "mode": "CAN", "targetAddress": "0x07E0", )") + kCanA +
-             R"(, "version": { "uds": [ { "did": "0xF189" } ] } })"},
-        // A CAN ECU sends its j1939 object with its interface, the same each time.
-        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
-        {0x7E1, QUERY_VERSION, R"( "version": { "pgn": "0xFEDA", "ifname": "can1" } })"},
-        // Any other transport sends the whole description.
-        {0x1001, QUERY_VERSION, R"( "version": { "j1939": { "pgn": "0xFEDA" } } })"},
-        {0x20, QUERY_VERSION, "NULL"},
-        {-1, QUERY_VERSION, "NULL"},
+        {0x7E0, QUERY_UDS_DATA, "can"},
+        {0x20, QUERY_UDS_DATA, "ioc"},
+        {0x1001, QUERY_UDS_DATA, "doip"},
+        {-1, QUERY_UDS_DATA, "all"},
+        {0x12345, QUERY_UDS_DATA, "five digits"},
+        {0x123456, QUERY_UDS_DATA, "six digits"},
+        {0x7E0, QUERY_VERSION, "can version"},
+        // The first j1939 query replaces the description; the second sends it again.
+        {0x7E1, QUERY_VERSION, "j1939 version"},
+        {0x7E1, QUERY_VERSION, "j1939 version"},
+        {0x1001, QUERY_VERSION, "doip version"},
+        {0x20, QUERY_VERSION, "none"},
+        {-1, QUERY_VERSION, "none"},
     };
-    for (const Case &c : cases) {
-        std::string text = body(c.address, c.kind);
-        if (c.body[0] == ' ') {
-            EXPECT_NE(text.find(c.body), std::string::npos) << text;
-        } else {
-            EXPECT_EQ(text, c.body) << c.address;
-        }
-    }
+    for (const Case &c : cases)
+        EXPECT_EQ(body(c.address, c.kind), bodies[c.label]) << c.label;
     EcuConfig *record = nullptr;
     body(0x7E0, QUERY_UDS_DATA, &record);
     EXPECT_STREQ(record->name, "engine");
     UDSOverZelkoHandle *only_doip = load_config(
         R"({"configs":[{"type":"DOIP","targetAddress":"1","name":"B","doip":{"sa":"1","ta":"2","gw-ip":"3"}}]})");
     std::swap(g_handle, only_doip);
-    EXPECT_EQ(body(-1, QUERY_UDS_DATA),
-              R"({ "mode": "CAN", "targetAddress": "-1", "can": [ ], "uds": { "SID": "0x19" } })");
+    EXPECT_EQ(body(-1, QUERY_UDS_DATA), bodies["all without can or ioc"]);
     std::swap(g_handle, only_doip);
     release_handle(only_doip);
+    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
+    EXPECT_EQ(json_object_to_json_string(envelope.get()), bodies["envelope"]);
 }
 
 TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
@@ -576,26 +496,6 @@ TEST_F(ExchangeTest, queryBodiesOfUnknownAddressesCanfdAndBelowMinusOneFail) {
         EXPECT_NE(log.find(c.log), std::string::npos) << log;
         EXPECT_NE(log.find("Could not get tp blob\n"), std::string::npos) << log;
     }
-}
-
-TEST_F(ExchangeTest, queryEnvelopeAndTransportModeNames) {
-    JsonPtr envelope(wrap_query("abc", json_object_new_object()));
-    EXPECT_STREQ(json_object_to_json_string(envelope.get()),
-                 R"({ "type": "zelko.skyharbor-query", "reply-id": "abc", "body": { } })");
-    struct Case {
-        int type;
-        const char *mode;
-        const char *key;
-    } cases[] = {{0, "CAN", "can"}, {1, "CANFD", "canfd"}, {2, "DOIP", "doip"}, {3, "IOC", "ioc"}};
-    for (const Case &c : cases) {
-        const char *key = nullptr;
-        JsonPtr mode(transport_mode_name(static_cast<TransportType>(c.type), &key));
-        EXPECT_STREQ(json_object_get_string(mode.get()), c.mode);
-        EXPECT_STREQ(key, c.key);
-    }
-    const char *key = "keep";
-    EXPECT_EQ(transport_mode_name(static_cast<TransportType>(4), &key), nullptr);
-    EXPECT_STREQ(key, "keep");
 }
 
 // ---- name look-ups -----------------------------------------------------

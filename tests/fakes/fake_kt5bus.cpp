@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 
 namespace fakebus {
@@ -36,22 +38,32 @@ std::string destination(const kt5bus_message *message) {
 
 using fakebus::state;
 
+namespace {
+
+void record(const std::string &call) {
+    state().calls.push_back(call);
+    if (state().echo_calls && state().debug != nullptr)
+        state().debug(call.c_str());
+}
+
+}  // namespace
+
 extern "C" {
 
 int kt5bus_init_ll(kt5bus_ll_config *config) {
-    state().calls.push_back(std::string("init_ll(") + (config->debug ? "debug" : "-") + ")");
+    state().debug = config->debug;
+    record(std::string("init_ll(") + (config->debug ? "debug" : "-") + ")");
     return 0;
 }
 
 int kt5bus_fini_ll(void) {
-    state().calls.push_back("fini_ll()");
+    record("fini_ll()");
     return 0;
 }
 
 int kt5bus_get_identity_data(kt5bus_identity *identity, kt5bus_address **out, void *, void *) {
-    state().calls.push_back(
-        "get_identity_data(" +
-        std::string(static_cast<const char *>(identity->x509.private_key->data)) + ")");
+    record("get_identity_data(" +
+           std::string(static_cast<const char *>(identity->x509.private_key->data)) + ")");
     *out = nullptr;
     for (const auto &entry : state().identity_addresses)
         kt5bus_chain_address(out, entry.first, entry.second.c_str(), 1);
@@ -59,14 +71,14 @@ int kt5bus_get_identity_data(kt5bus_identity *identity, kt5bus_address **out, vo
 }
 
 int kt5bus_init_client(kt5bus_client *client, const char *url) {
-    state().calls.push_back(std::string("init_client(") + url + ")");
+    record(std::string("init_client(") + url + ")");
     if (state().init_result == 0)
         state().client = client;
     return state().init_result;
 }
 
 int kt5bus_stop_client(kt5bus_client *client) {
-    state().calls.push_back("stop_client()");
+    record("stop_client()");
     std::deque<kt5bus_message *> pending;
     pending.swap(state().pending);
     bool call_stopped = state().call_stopped;
@@ -108,11 +120,21 @@ void kt5bus_free_address(kt5bus_address *chain, int free_names) {
 }
 
 int kt5bus_send_message(kt5bus_client *, kt5bus_message *message, void *) {
-    state().calls.push_back(std::string("send_message(") +
-                            static_cast<const char *>(message->data) + ")");
+    record(std::string("send_message(") + static_cast<const char *>(message->data) + ")");
     if (state().send_result != 0)
         return state().send_result;
     message->id = state().next_id++;
+    if (state().deliver_during_send) {
+        auto delivered = std::make_shared<std::promise<void>>();
+        std::future<void> done = delivered->get_future();
+        kt5bus_client *client = state().client;
+        state().delivery = std::thread([client, message, delivered] {
+            client->on_delivered(client, message, nullptr, 1);
+            delivered->set_value();
+        });
+        done.wait_for(std::chrono::milliseconds(100));
+        return 0;
+    }
     // Kept until the test hands it back: the delivered callback can never run
     // before this call has returned.
     state().pending.push_back(message);

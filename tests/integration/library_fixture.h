@@ -12,6 +12,7 @@
 #include <regex>
 #include <string>
 
+#include "../core/core_support.h"
 #include "agent_peer.h"
 #include "broker_fixture.h"
 #include "udsoverzelko.h"
@@ -20,24 +21,7 @@ namespace uoztest {
 
 // engine 0x7E0 CAN (phy-req-id 0x7E0, a UDS version description) and gateway
 // 0x20 IOC (phy-req-id 0x720).
-inline constexpr char kTestConfig[] = R"({"configs": [
-    {"type": "CAN", "targetAddress": "0x7E0", "name": "engine",
-     "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0", "phy-resp-id": "0x7E8"},
-     "ecu_version": {"uds": [{"did": "0xF189"}]}},
-    {"type": "IOC", "targetAddress": "0x20", "name": "gateway",
-     "ioc": {"bus-id": "2", "func-addr": "0x7DF", "phy-req-id": "0x720", "phy-resp-id": "0x728"}}
-]})";
-
-// Writes text to a new temporary file; returns its path.
-inline std::string write_temp_file(const std::string &text) {
-    char path[] = "/tmp/uoz-test-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0)
-        return "";
-    ssize_t written = write(fd, text.data(), text.size());
-    close(fd);
-    return written == static_cast<ssize_t>(text.size()) ? path : "";
-}
+inline const std::string kTestConfigPath = std::string(UOZ_GOLDEN_DIR) + "/library_ecus.json";
 
 inline std::string reply_id_of(const std::string &query) {
     std::smatch match;
@@ -75,12 +59,13 @@ class LibraryTest : public ::testing::Test {
         broker.debug_level = uoz_dbg_level;
         return broker;
     }
-    // Starts the library with the given configuration text and waits until
-    // the agent sees it on the bus.
-    void start_library(const std::string &config = kTestConfig) {
-        config_path_ = write_temp_file(config);
+    // Starts the library with the given configuration text (or the test
+    // configuration) and waits until the agent sees it on the bus.
+    void start_library(const std::string &config = "") {
+        config_path_ = config.empty() ? "" : temp_file(config);
         BrokerConfig broker = broker_config(certs_.c_str());
-        handle_ = UDSOverZelko_Init(&broker, config_path_.c_str());
+        handle_ = UDSOverZelko_Init(
+            &broker, config.empty() ? kTestConfigPath.c_str() : config_path_.c_str());
         EXPECT_NE(handle_, nullptr);
         EXPECT_TRUE(agent_->wait_for_peer("/uoz/app")) << "the library did not appear on the bus";
     }

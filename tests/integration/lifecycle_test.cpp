@@ -6,7 +6,6 @@
 #include <chrono>
 #include <thread>
 
-#include "../core/core_support.h"
 #include "library_fixture.h"
 
 namespace uoztest {
@@ -27,7 +26,7 @@ int thread_count() {
 class LifecycleTest : public LibraryTest {};
 
 TEST_F(LifecycleTest, initChecksItsArgumentsInOrder) {
-    std::string path = write_temp_file(kTestConfig);
+    const std::string &path = kTestConfigPath;
     {
         LogCapture capture(3);
         EXPECT_EQ(UDSOverZelko_Init(nullptr, path.c_str()), nullptr);
@@ -60,11 +59,10 @@ TEST_F(LifecycleTest, initChecksItsArgumentsInOrder) {
     }
     broker.cert_path = "/nonexistent/certs";
     EXPECT_EQ(UDSOverZelko_Init(&broker, path.c_str()), nullptr);
-    unlink(path.c_str());
 }
 
 TEST_F(LifecycleTest, hundredStartsAndStopsLeaveNoThreadBehind) {
-    std::string path = write_temp_file(kTestConfig);
+    const std::string &path = kTestConfigPath;
     uoz_dbg_level = -1;
     BrokerConfig broker = broker_config(certs_.c_str());
     int before = thread_count();
@@ -75,7 +73,6 @@ TEST_F(LifecycleTest, hundredStartsAndStopsLeaveNoThreadBehind) {
     }
     EXPECT_EQ(thread_count(), before);
     EXPECT_EQ(UDSOverZelko_Terminate(nullptr), 0);
-    unlink(path.c_str());
 }
 
 TEST_F(LifecycleTest, terminateAfterOtherThreadsReturnsPromptlyEvenWithTheBrokerGone) {

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <thread>
 
+#include "golden.h"
 #include "library_fixture.h"
 
 namespace uoztest {
@@ -20,10 +21,6 @@ uozagent::Responder answer_with(const std::string &body) {
     };
 }
 
-const char kEngineBlock[] =
-    "\"can\": { \"ifname\": \"can0\", \"func-addr\": \"0x7DF\", \"phy-req-id\": \"0x7E0\", "
-    "\"phy-resp-id\": \"0x7E8\", \"st-min\": \"0x00\", \"bsize\": \"0x00\" }";
-
 class ServicesTest : public LibraryTest {};
 
 TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
@@ -34,13 +31,7 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0x09, &buffer);
     std::string query = query_number(1);
     EXPECT_EQ(reply_id_of(query).size(), 24u);
-    EXPECT_EQ(
-        query,
-        "{ \"type\": \"zelko.skyharbor-query\", \"reply-id\": \"" + reply_id_of(query) +
-            "\", \"body\": { \"mode\": \"CAN\", \"targetAddress\": \"0x07E0\", " + kEngineBlock +
-            ", \"uds\": { \"SID\": \"0x19\", \"subfunction\": \"UDS_REPORT_DTC_BY_STATUS_MASK\", "
-            "\"data-record\": { \"type\": \"STATUS_MASK\", \"record\": [ "
-            "\"UDS_STATUS_MASK_TEST_FAILED\", \"UDS_STATUS_MASK_CONFIRMED_DTC\" ] } } } }");
+    EXPECT_EQ(without_reply_id(query), Golden("queries.golden")["library dtc by status mask"]);
     ASSERT_EQ(rc, 11);
     ASSERT_EQ(buffer.count, 1);
     const DTCBufferEntry *entry = buffer.entries[0];

@@ -103,19 +103,22 @@ TEST_F(ZelkobusTest, NullCertDirCallsNoBusOperation) {
     EXPECT_STREQ("cert_dir is NULL", zebus_last_error);
 }
 
+// The bus library's calls show among the log lines (echo_calls), so that the
+// order of messages and stop sequence is pinned.
 TEST_F(ZelkobusTest, MissingKeyOrCaStopsBeforeTheFilesAfterIt) {
     // Dangling links: opening either would log another "unable to open path".
     ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/ca/ca.pem").c_str()));
     ASSERT_EQ(0, symlink("/nonexistent", (root_ + "/app/cert.pem").c_str()));
     for (const char *missing : {"private_key", "trust[0]"}) {
         fakebus::reset();
+        fakebus::state().echo_calls = true;
         Lines lines;
         EXPECT_EQ(nullptr, start(&lines));
-        EXPECT_EQ(lines, (Lines{"ERR unable to open path",
+        EXPECT_EQ(lines, (Lines{"DBG init_ll(debug)", "ERR unable to open path",
                                 std::string("ERR identity->x509.") + missing + " is NULL",
                                 "ERR Failed to load identity certificate from " + root_ + "/app",
+                                "DBG stop_client()", "DBG fini_ll()",
                                 "ERR Failed to init kt5bus client err=-1."}));
-        EXPECT_EQ(calls(), (Lines{"init_ll(debug)", "stop_client()", "fini_ll()"}));
         write_file(root_ + "/app/private.pem", "KEY");
     }
 }
@@ -156,15 +159,18 @@ TEST_F(ZelkobusTest, IdentityDirectoryWithAndWithoutSubdirectory) {
     zebus_stop(connection);
 }
 
-TEST_F(ZelkobusTest, RefusedClientStartReportsItsCode) {
+TEST_F(ZelkobusTest, RefusedClientStartIsReportedBeforeTheStopSequenceAndAfterIt) {
     write_identity();
     fakebus::state().init_result = KT5BUS_ERR_URL;
+    fakebus::state().echo_calls = true;
     Lines lines;
     EXPECT_EQ(nullptr, start(&lines));
-    EXPECT_EQ("ERR Failed to init kt5bus client err=-4.", lines.back());
-    ASSERT_GE(calls().size(), 3u);
-    EXPECT_EQ(Lines(calls().end() - 3, calls().end()),
-              (Lines{"init_client(tcp://broker:1)", "stop_client()", "fini_ll()"}));
+    ASSERT_GE(lines.size(), 5u);
+    EXPECT_EQ(
+        Lines(lines.end() - 5, lines.end()),
+        (Lines{"DBG init_client(tcp://broker:1)", "ERR Failed to init kt5bus client err=-4.",
+               "DBG stop_client()", "DBG fini_ll()", "ERR Failed to init kt5bus client err=-4."}));
+    EXPECT_STREQ("Failed to init kt5bus client err=-4.", zebus_last_error);
 }
 
 class StartedTest : public ZelkobusTest {
@@ -209,6 +215,7 @@ TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
                             zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_GROUP, "g"));
               }).at(0),
               "INFO zebus_send_message status=-6, target=g, id=00000, msg={}");
+    EXPECT_STREQ("Failed to send message over Zelko Bus\n", zebus_last_error);
     fakebus::state().send_result = 0;
     const char *empty[] = {nullptr};
     EXPECT_EQ(logged([&] { EXPECT_EQ(-1, zebus_send_message(connection_, "{}", empty)); }),
@@ -221,6 +228,18 @@ TEST_F(StartedTest, RefusedSendsReleaseEverythingAndGroupsNeedEveryName) {
     const char *two[] = {"g1", "g2", nullptr};
     logged([&] { EXPECT_EQ(0, zebus_send_message(connection_, "{}", two)); });
     EXPECT_EQ("3:g1,3:g2", fakebus::destination(fakebus::state().pending.at(0)));
+}
+
+// A delivery reported while the send is still under way releases the record
+// only after the send's log line has read it (a use after free otherwise).
+TEST_F(StartedTest, DeliveryDuringTheSendWaitsForItsLogLine) {
+    fakebus::state().deliver_during_send = true;
+    EXPECT_EQ(logged([&] {
+                  EXPECT_EQ(0, zebus_send_message_to(connection_, "{}", KT5BUS_ADDR_UA, "u"));
+                  fakebus::state().delivery.join();
+              }),
+              (Lines{"D2BG BUS ACK 00001 {}",
+                     "INFO zebus_send_message status=0, target=u, id=00001, msg={}"}));
 }
 
 TEST_F(StartedTest, FailedDeliveriesLoggedFourTimesUntilAck) {
