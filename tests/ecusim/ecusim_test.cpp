@@ -21,6 +21,8 @@
 #include "hex_bytes.h"
 #include "hex_text.h"
 #include "processes.h"
+#include "scoped_fd.h"
+#include "stream.h"
 
 namespace uoztest {
 namespace {
@@ -140,7 +142,7 @@ class Tester {
     int reads() const { return reads_; }
 
   private:
-    uozdoip::ScopedFd fd_;
+    uoztools::ScopedFd fd_;
     uozdoip::FrameReader reader_;
     int reads_ = 0;
 };
@@ -462,7 +464,7 @@ TEST_F(EcuSimTest, S3ReturnsToTheDefaultSessionAndTheTraceShowsTheBytes) {
 // entity's answer (or silence) to each other datagram.
 TEST(EcuSimUdp, AnswersIdentificationStatusAndPowerModeRequests) {
     EcuSim sim;
-    uozdoip::ScopedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    uoztools::ScopedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(sim.port()));

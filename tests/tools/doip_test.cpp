@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "hex_bytes.h"
+#include "scoped_fd.h"
+#include "stream.h"
 
 namespace {
 
@@ -299,8 +301,8 @@ TEST(DoipNames, NameEveryCodeAndSayUnknownOtherwise) {
 TEST(DoipIo, WriteAllAndReadIntoOverASocketPairAndAPipe) {
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    uozdoip::ScopedFd left(pair[0]);
-    uozdoip::ScopedFd right(pair[1]);
+    uoztools::ScopedFd left(pair[0]);
+    uoztools::ScopedFd right(pair[1]);
     Bytes both = kDiagRequest;
     both.insert(both.end(), kDiagAck.begin(), kDiagAck.end());
     ASSERT_TRUE(uozdoip::write_all(left.get(), both));
@@ -321,8 +323,8 @@ TEST(DoipIo, WriteAllAndReadIntoOverASocketPairAndAPipe) {
 
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
-    uozdoip::ScopedFd reading(pipe_fds[0]);
-    uozdoip::ScopedFd writing(pipe_fds[1]);
+    uoztools::ScopedFd reading(pipe_fds[0]);
+    uoztools::ScopedFd writing(pipe_fds[1]);
     ASSERT_TRUE(uozdoip::write_all(writing.get(), kDiagAck));
     uint8_t got[32];
     EXPECT_EQ(read(reading.get(), got, sizeof(got)), static_cast<ssize_t>(kDiagAck.size()));
@@ -332,8 +334,8 @@ TEST(DoipIo, ScopedFdClosesOnceAndMovesOwnership) {
     int fd = open("/dev/null", O_RDONLY);
     ASSERT_GE(fd, 0);
     {
-        uozdoip::ScopedFd first(fd);
-        uozdoip::ScopedFd second(std::move(first));
+        uoztools::ScopedFd first(fd);
+        uoztools::ScopedFd second(std::move(first));
         EXPECT_FALSE(first.valid());
         EXPECT_EQ(second.get(), fd);
     }
