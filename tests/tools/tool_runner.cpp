@@ -104,4 +104,23 @@ ToolRun expect_run(const std::string &program, const Expected &expected) {
     return text;
 }
 
+Expected expected_of(const GoldenCase &test) {
+    Expected expected{test["args"], std::stoi(test["code"])};
+    expected.out = test.has("out") ? test["out"] : "*";
+    expected.err = test.has("err") ? test["err"] : "*";
+    if (test.has("json"))
+        expected.json = test["json"];
+    return expected;
+}
+
+std::vector<ToolRun> expect_golden(const std::string &program, const std::string &path,
+                                   const std::map<std::string, std::string> &values) {
+    std::vector<ToolRun> runs;
+    for (const GoldenCase &test : golden_cases(path, values)) {
+        SCOPED_TRACE(test.name);
+        runs.push_back(expect_run(program, expected_of(test)));
+    }
+    return runs;
+}
+
 }  // namespace uoztest

@@ -4,9 +4,13 @@
 
 #include <json-c/json.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "golden.h"
 
 namespace uoztest {
 
@@ -38,6 +42,12 @@ struct Expected {
 
 // Checks the run (and its --json form) against expected; gives the text run.
 ToolRun expect_run(const std::string &program, const Expected &expected);
+// The expectation of a golden case (golden.h): @args, @code, and @out and
+// @err (patterns; any text when absent), @json when the --json run is checked.
+Expected expected_of(const GoldenCase &test);
+// expect_run for every case of the golden file at path; the text runs.
+std::vector<ToolRun> expect_golden(const std::string &program, const std::string &path,
+                                   const std::map<std::string, std::string> &values);
 
 struct JsonFree {
     void operator()(json_object *object) const { json_object_put(object); }

@@ -1,0 +1,83 @@
+// Test cases kept beside the tests in text files, so that long expected
+// outputs and byte strings stay exact and out of the code:
+//
+//   == name of the case
+//   @args dtc read engine
+//   @code 0
+//   @out
+//   engine (0x7E0)
+//     report 0x02: DTCs by status mask
+//   @err
+//
+// "@key value" on one line is that text. A key alone on its line takes the
+// lines below it, each with its newline, up to the next field or case (none:
+// the empty text). "{NAME}" anywhere is replaced by the test's value for
+// NAME. Lines before the first case are comments.
+#ifndef UOZ_TESTS_GOLDEN_H
+#define UOZ_TESTS_GOLDEN_H
+
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "file_text.h"
+
+namespace uoztest {
+
+struct GoldenCase {
+    std::string name;
+    std::map<std::string, std::string> fields;
+    bool has(const std::string &key) const { return fields.count(key) != 0; }
+    const std::string &operator[](const std::string &key) const {
+        auto found = fields.find(key);
+        if (found == fields.end())
+            throw std::runtime_error("case " + name + " has no @" + key);
+        return found->second;
+    }
+};
+
+inline std::string with_values(std::string text, const std::map<std::string, std::string> &values) {
+    for (const auto &[name, value] : values) {
+        const std::string mark = "{" + name + "}";
+        size_t at = text.find(mark);
+        while (at != std::string::npos) {
+            text.replace(at, mark.size(), value);
+            at = text.find(mark, at + value.size());
+        }
+    }
+    return text;
+}
+
+// Every case of the file; throws when it cannot be read or holds none.
+inline std::vector<GoldenCase> golden_cases(const std::string &path,
+                                            const std::map<std::string, std::string> &values = {}) {
+    std::vector<GoldenCase> cases;
+    std::string *open_field = nullptr;
+    std::string text = with_values(file_text(path), values);
+    for (size_t at = 0, end = 0; at < text.size(); at = end + 1) {
+        end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end;
+        std::string line = text.substr(at, end - at);
+        size_t space = line.find(' ');
+        if (line.rfind("== ", 0) == 0) {
+            cases.push_back({line.substr(3), {}});
+            open_field = nullptr;
+        } else if (!cases.empty() && line.rfind('@', 0) == 0) {
+            std::string key =
+                line.substr(1, space == std::string::npos ? std::string::npos : space - 1);
+            std::string &field = cases.back().fields[key];
+            field = space == std::string::npos ? "" : line.substr(space + 1);
+            open_field = space == std::string::npos ? &field : nullptr;
+        } else if (open_field != nullptr) {
+            *open_field += line + "\n";
+        }
+    }
+    if (cases.empty())
+        throw std::runtime_error("no cases in " + path);
+    return cases;
+}
+
+}  // namespace uoztest
+
+#endif
