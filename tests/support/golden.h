@@ -49,6 +49,31 @@ inline std::string with_values(std::string text, const std::map<std::string, std
     return text;
 }
 
+// True when text is the pattern, where each '*' stands for any run of
+// characters.
+inline bool matches(const std::string &text, const std::string &pattern) {
+    size_t star = pattern.find('*');
+    if (star == std::string::npos)
+        return text == pattern;
+    if (text.compare(0, star, pattern, 0, star) != 0)
+        return false;
+    // The piece after each further '*' is found as early as it can be; the
+    // last piece must end the text.
+    size_t at = star;
+    for (size_t from = star + 1;;) {
+        size_t next = pattern.find('*', from);
+        std::string piece = pattern.substr(from, next - from);
+        if (next == std::string::npos)
+            return text.size() >= at + piece.size() &&
+                   text.compare(text.size() - piece.size(), piece.size(), piece) == 0;
+        at = text.find(piece, at);
+        if (at == std::string::npos)
+            return false;
+        at += piece.size();
+        from = next + 1;
+    }
+}
+
 // Every case of the file; throws when it cannot be read or holds none.
 inline std::vector<GoldenCase> golden_cases(const std::string &path,
                                             const std::map<std::string, std::string> &values = {}) {

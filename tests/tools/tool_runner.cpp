@@ -43,29 +43,6 @@ JsonDocument parse_json(const std::string &text) {
     return whole ? std::move(object) : nullptr;
 }
 
-bool matches(const std::string &text, const std::string &pattern) {
-    size_t star = pattern.find('*');
-    if (star == std::string::npos)
-        return text == pattern;
-    if (text.compare(0, star, pattern, 0, star) != 0)
-        return false;
-    // The piece after each further '*' is found as early as it can be; the
-    // last piece must end the text.
-    size_t at = star;
-    for (size_t from = star + 1;;) {
-        size_t next = pattern.find('*', from);
-        std::string piece = pattern.substr(from, next - from);
-        if (next == std::string::npos)
-            return text.size() >= at + piece.size() &&
-                   text.compare(text.size() - piece.size(), piece.size(), piece) == 0;
-        at = text.find(piece, at);
-        if (at == std::string::npos)
-            return false;
-        at += piece.size();
-        from = next + 1;
-    }
-}
-
 std::string text_at(json_object *object, const std::string &path) {
     size_t from = 0;
     for (size_t dot = 0; object != nullptr && dot != std::string::npos; from = dot + 1) {

@@ -24,9 +24,6 @@ struct ToolRun {
 // Runs a shell command line; standard output and error apart.
 ToolRun run(const std::string &command);
 
-// True when text is the pattern, where each '*' stands for any run of characters.
-bool matches(const std::string &text, const std::string &pattern);
-
 // A run of `program arguments`: its exit code and what it prints ('*' stands
 // for any text). With `json` given, `program --json arguments` must give the
 // same exit code and one JSON document, without colour and with snake_case
