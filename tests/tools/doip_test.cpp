@@ -1,6 +1,5 @@
 #include "doip.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -96,17 +95,6 @@ TEST(DoipFrameReader, FramesAStreamHoweverTheReadsSplitIt) {
         EXPECT_EQ(uozdoip::encode_message(messages[2]), kAliveCheck);
         EXPECT_EQ(reader.buffered(), 0u);
     }
-}
-
-TEST(DoipFrameReader, NeedsMoreUntilThePayloadIsComplete) {
-    FrameReader reader;
-    Message message;
-    reader.feed(kDiagRequest.data(), kDiagRequest.size() - 1);
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kNeedMore);
-    EXPECT_EQ(reader.buffered(), kDiagRequest.size() - 1);
-    reader.feed(&kDiagRequest.back(), 1);
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
-    EXPECT_EQ(reader.next(message), FrameReader::Result::kNeedMore);
 }
 
 TEST(DoipFrameReader, ReportsABadVersionPairAndStaysBrokenUntilReset) {
@@ -298,49 +286,60 @@ TEST(DoipNames, NameEveryCodeAndSayUnknownOtherwise) {
     EXPECT_STREQ(uozdoip::generic_nack_name(0x00), "incorrect pattern format");
 }
 
-TEST(DoipIo, WriteAllAndReadIntoOverASocketPairAndAPipe) {
+// One read of the stream: every whole message is handed over; an oversized
+// one is skipped with NACK 0x02 and framing goes on; a wrong version pair gets
+// NACK 0x00 and ends the stream; a handler can stop, and a closed peer ends it.
+TEST(DoipStream, ReadsWholeMessagesAndAnswersFramingFaults) {
+    using uozdoip::StreamRead;
+    Bytes oversized = hex_bytes("02FD8001 00000011");
+    oversized.resize(oversized.size() + 17, 0xAA);
+    const Bytes bad_version = hex_bytes("02FC8001 00000001 3E");
+    const struct {
+        std::vector<Bytes> stream;
+        bool stop_at_first;
+        std::vector<uint16_t> handed;
+        std::vector<uint8_t> nacks;
+        StreamRead result;
+    } cases[] = {
+        {{kDiagRequest, kDiagAck, kAliveCheck},
+         false,
+         {0x8001, 0x8002, 0x0007},
+         {},
+         StreamRead::kOpen},
+        {{oversized, kDiagAck}, false, {0x8002}, {0x02}, StreamRead::kOpen},
+        {{kDiagAck, bad_version, kDiagAck}, false, {0x8002}, {0x00}, StreamRead::kBadVersion},
+        {{kDiagRequest, kDiagAck}, true, {0x8001}, {}, StreamRead::kStopped},
+        {{}, false, {}, {}, StreamRead::kEnded},
+    };
+    for (const auto &c : cases) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        uoztools::ScopedFd writing(pair[0]), reading(pair[1]);
+        for (const Bytes &message : c.stream)
+            ASSERT_TRUE(uozdoip::write_all(writing.get(), message));
+        if (c.stream.empty())
+            writing.reset();
+        std::vector<uint16_t> handed;
+        std::vector<uint8_t> nacks;
+        FrameReader reader(16);
+        StreamRead result = uozdoip::read_messages(
+            reading.get(), reader,
+            [&](const Message &message) {
+                handed.push_back(message.payload_type);
+                return !c.stop_at_first;
+            },
+            [&](uint8_t code) { nacks.push_back(code); });
+        EXPECT_EQ(result, c.result) << handed.size();
+        EXPECT_EQ(handed, c.handed);
+        EXPECT_EQ(nacks, c.nacks);
+    }
+    // A peer that is gone: a failure with EPIPE, not SIGPIPE.
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    uoztools::ScopedFd left(pair[0]);
-    uoztools::ScopedFd right(pair[1]);
-    Bytes both = kDiagRequest;
-    both.insert(both.end(), kDiagAck.begin(), kDiagAck.end());
-    ASSERT_TRUE(uozdoip::write_all(left.get(), both));
-    FrameReader reader;
-    std::vector<Message> messages;
-    Message message;
-    while (messages.size() < 2) {
-        ASSERT_GT(uozdoip::read_into(right.get(), reader), 0);
-        while (reader.next(message) == FrameReader::Result::kMessage)
-            messages.push_back(message);
-    }
-    EXPECT_EQ(messages[1].payload_type, 0x8002);
-    left.reset();
-    EXPECT_EQ(uozdoip::read_into(right.get(), reader), 0);
-    // The peer is gone: a failure with EPIPE, not SIGPIPE.
-    EXPECT_FALSE(uozdoip::write_all(right.get(), kDiagAck));
+    close(pair[0]);
+    uoztools::ScopedFd orphan(pair[1]);
+    EXPECT_FALSE(uozdoip::write_all(orphan.get(), kDiagAck));
     EXPECT_EQ(errno, EPIPE);
-
-    int pipe_fds[2];
-    ASSERT_EQ(pipe(pipe_fds), 0);
-    uoztools::ScopedFd reading(pipe_fds[0]);
-    uoztools::ScopedFd writing(pipe_fds[1]);
-    ASSERT_TRUE(uozdoip::write_all(writing.get(), kDiagAck));
-    uint8_t got[32];
-    EXPECT_EQ(read(reading.get(), got, sizeof(got)), static_cast<ssize_t>(kDiagAck.size()));
-}
-
-TEST(DoipIo, ScopedFdClosesOnceAndMovesOwnership) {
-    int fd = open("/dev/null", O_RDONLY);
-    ASSERT_GE(fd, 0);
-    {
-        uoztools::ScopedFd first(fd);
-        uoztools::ScopedFd second(std::move(first));
-        EXPECT_FALSE(first.valid());
-        EXPECT_EQ(second.get(), fd);
-    }
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(DoipHostPort, SplitsWithTheDefaultPortAndRefusesTheRest) {

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "file_text.h"
+#include "identity.h"
 #include "pki.h"
 #include "tool_runner.h"
 
@@ -64,6 +65,30 @@ TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
     ASSERT_EQ(nodes.size(), 2u);
     EXPECT_EQ(nodes[0].addresses, std::vector<std::string>{"ua/uoz/diag-app"});
     EXPECT_TRUE(nodes[1].addresses.empty());
+}
+
+// The bus client finds the files where uoz-pki puts them: each whole, with
+// its terminating NUL counted.
+TEST_F(PkiTest, theBusClientLoadsTheIdentitiesItMakes) {
+    ASSERT_EQ(pki("init --dir pki").code, 0);
+    ASSERT_EQ(pki("node --dir pki --id app").code, 0);
+    kt5bus_identity identity{};
+    ASSERT_TRUE(uozbus::load_identity(&identity, dir_ + "/pki/app"));
+    auto text = [](const kt5bus_buffer *buffer) {
+        EXPECT_EQ(static_cast<const char *>(buffer->data)[buffer->length - 1], '\0');
+        return std::string(static_cast<const char *>(buffer->data), buffer->length - 1);
+    };
+    EXPECT_EQ(identity.kind, KT5BUS_IDENTITY_X509);
+    EXPECT_EQ(text(identity.x509.private_key), text_of("app/private.pem"));
+    EXPECT_EQ(text(identity.x509.chain[0]), text_of("app/cert.pem"));
+    EXPECT_EQ(text(identity.x509.trust[0]), text_of("ca/ca.pem"));
+    EXPECT_EQ(identity.x509.chain[1], nullptr);
+    EXPECT_EQ(identity.x509.trust[1], nullptr);
+    uozbus::free_identity(&identity);
+    EXPECT_EQ(identity.kind, 0);
+    unlink((dir_ + "/pki/ca/ca.pem").c_str());
+    EXPECT_FALSE(uozbus::load_identity(&identity, dir_ + "/pki/app"));
+    EXPECT_EQ(identity.x509.private_key, nullptr);
 }
 
 // Paths the broker can open from anywhere; access rules between applications
