@@ -5,8 +5,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <fstream>
-
 #include "broker_fixture.h"
 #include "tool_runner.h"
 
@@ -22,6 +20,7 @@ std::map<std::string, std::string> values(std::map<std::string, std::string> mor
     more["EXAMPLES"] = kExamples;
     more["PKI"] = pki_dir();
     more["VERSION"] = UOZ_VERSION;
+    more["INPUTS"] = kGolden + "/inputs";
     return more;
 }
 
@@ -66,14 +65,7 @@ TEST(UozctlCliTest, brokerProblemsAreToldAtOnceWithTheirReason) {
 
 // One table for all tools: 0 success, 1 cannot start, 2 invalid input or usage.
 TEST(UozctlCliTest, usageConfigurationChecksAndExitCodes) {
-    char path[] = "/tmp/uoz-config-XXXXXX";
-    close(mkstemp(path));
-    std::ofstream(path) << R"({"configs": [
-      {"type": "CANFD", "targetAddress": "0x7E0", "name": "engine"},
-      {"type": "CAN", "targetAddress": "0x7E1", "name": "gearbox", "can": {"ifname": "can0"}},
-      {"type": "CANFD", "targetAddress": "0x7E2", "name": "ENGINE"}]})";
-    expect_golden(kCtl, kGolden + "/uozctl_usage.txt", values({{"CONFIG", path}}));
-    unlink(path);
+    expect_golden(kCtl, kGolden + "/uozctl_usage.txt", values());
     const Expected uoz_pki[] = {
         {"--version", 0, "uoz-pki " UOZ_VERSION "\n", ""},
         {"--help", 0},

@@ -2,9 +2,7 @@
 // over DoIP, every command in text and --json, and the exit codes. The
 // expected outputs are golden files in golden/.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 
 #include "broker_fixture.h"
@@ -19,31 +17,21 @@ const std::string kGolden = UOZ_GOLDEN;
 
 class UozctlTest : public ::testing::Test {
   protected:
-    void TearDown() override {
-        for (const std::string &path : files_)
-            unlink(path.c_str());
-    }
     ToolRun uozctl(const std::string &arguments,
                    const std::string &config = kExamples + "/ecus.json") {
         return run(program(config) + " " + arguments);
-    }
-    std::string file(const std::string &text) {
-        files_.push_back("/tmp/uozctl-test-" + std::to_string(getpid()) + "-" +
-                         std::to_string(files_.size()) + ".json");
-        std::ofstream(files_.back()) << text;
-        return files_.back();
     }
     std::string program(const std::string &config = kExamples + "/ecus.json") {
         return std::string(UOZCTL_PATH) + " --broker localhost:" + std::to_string(broker_.port()) +
                " --certs " + identity_dir("app") + " --config " + config;
     }
     // Every case of the golden file, in text and in --json; each text run.
-    std::vector<ToolRun> expect_cases(const std::string &name,
-                                      std::map<std::string, std::string> values = {}) {
-        values["EXAMPLES"] = kExamples;
-        values["PKI"] = pki_dir();
-        values["SIMPORT"] = std::to_string(simulator_port_);
-        return expect_golden(program(), kGolden + "/" + name, values);
+    std::vector<ToolRun> expect_cases(const std::string &name) {
+        return expect_golden(program(), kGolden + "/" + name,
+                             {{"EXAMPLES", kExamples},
+                              {"PKI", pki_dir()},
+                              {"SIMPORT", std::to_string(simulator_port_)},
+                              {"INPUTS", kGolden + "/inputs"}});
     }
 
     Broker broker_;
@@ -54,15 +42,10 @@ class UozctlTest : public ::testing::Test {
         std::vector<std::string>{"--gateway", ecus_->address(), "--doip-port",
                                  std::to_string(ecus_->port()), "--ecu-config",
                                  kExamples + "/ecus.json"});
-    std::vector<std::string> files_;
 };
 
 TEST_F(UozctlTest, everyCommandWithItsTextJsonAndExitCode) {
-    expect_cases("uozctl_commands.txt",
-                 {{"REFUSED", file(R"({"commands": [{"type": "predefined", "command": "ReadVIN"}],
-                             "ecu": {"ServerAddress": "0x7E2"}})")},
-                  {"UNKNOWN", file(R"({"commands": [{"type": "predefined", "command": "ReadVIM"}],
-                             "ecu": {"ServerAddress": "0x7E0"}})")}});
+    expect_cases("uozctl_commands.txt");
     // A J1939 description cannot be read over DoIP: a failure, never a made-up text.
     EXPECT_NE(agent_->output().find("query to 0x07E1 failed: a J1939 version read needs a J1939 "
                                     "transport, which this agent does not have"),
@@ -101,14 +84,8 @@ TEST_F(UozctlTest, unreachableEcusAreAFailureAtOnce) {
 // One ECU the agent cannot ask among several: its line says so, the others
 // are shown as usual, and the exit code says that not all went well.
 TEST_F(UozctlTest, aReadOfAllEcusShowsWhichFailed) {
-    std::string config = file(R"({"configs": [
-        {"type": "CAN", "targetAddress": "0x7E0", "name": "engine",
-         "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E0",
-                 "phy-resp-id": "0x7E8", "st-min": "0x00", "bsize": "0x08"}},
-        {"type": "CAN", "targetAddress": "0x7E3", "name": "spare",
-         "can": {"ifname": "can0", "func-addr": "0x7DF", "phy-req-id": "0x7E3",
-                 "phy-resp-id": "0x7EB", "st-min": "0x00", "bsize": "0x08"}}]})");
-    expect_golden(program(config), kGolden + "/uozctl_partial_failure.txt", {});
+    expect_golden(program(kGolden + "/inputs/partial.json"),
+                  kGolden + "/uozctl_partial_failure.txt", {});
 }
 
 TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
