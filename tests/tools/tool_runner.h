@@ -2,10 +2,7 @@
 #ifndef UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 #define UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 
-#include <json-c/json.h>
-
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,21 +42,6 @@ Expected expected_of(const GoldenCase &test);
 // expect_run for every case of the golden file at path; the text runs.
 std::vector<ToolRun> expect_golden(const std::string &program, const std::string &path,
                                    const std::map<std::string, std::string> &values);
-
-struct JsonFree {
-    void operator()(json_object *object) const { json_object_put(object); }
-};
-using JsonDocument = std::unique_ptr<json_object, JsonFree>;
-
-// Exactly one JSON document (nothing else around it), parsed; null otherwise.
-JsonDocument parse_json(const std::string &text);
-inline bool is_json(const std::string &text) {
-    return parse_json(text) != nullptr;
-}
-
-// The member at a dotted path ("ecus.1.error"; "#" is an array's length) as
-// text; "(none)" when it is missing or null.
-std::string text_at(json_object *object, const std::string &path);
 
 }  // namespace uoztest
 
