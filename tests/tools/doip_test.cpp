@@ -47,17 +47,6 @@ std::vector<Message> frame(FrameReader &reader, const Bytes &stream, std::vector
     return messages;
 }
 
-TEST(DoipHeader, EncodesAndDecodesVersionInverseTypeAndLength) {
-    auto head = uozdoip::encode_header({0x02, 0x8001, 0x01020304});
-    EXPECT_EQ(Bytes(head.begin(), head.end()), hex_bytes("02FD8001 01020304"));
-    auto header = uozdoip::decode_header(kDiagRequest.data(), kDiagRequest.size());
-    ASSERT_TRUE(header);
-    EXPECT_EQ(header->version, 0x02);
-    EXPECT_EQ(header->payload_type, 0x8001);
-    EXPECT_EQ(header->payload_length, 7u);
-    EXPECT_FALSE(uozdoip::decode_header(kDiagRequest.data(), 7));
-}
-
 TEST(DoipHeader, VersionPairIsValidOnlyForKnownVersionAndItsInverse) {
     const struct {
         uint8_t version, inverse;
@@ -111,15 +100,6 @@ TEST(DoipFrameReader, ReportsABadVersionPairAndStaysBrokenUntilReset) {
     reader.reset();
     reader.feed(kDiagAck.data(), kDiagAck.size());
     EXPECT_EQ(reader.next(message), FrameReader::Result::kMessage);
-    // Any version (vehicle identification) only when asked to.
-    Bytes identification = hex_bytes("FF000001 00000000");
-    FrameReader strict;
-    strict.feed(identification.data(), identification.size());
-    EXPECT_EQ(strict.next(message), FrameReader::Result::kBadVersion);
-    FrameReader lenient(uozdoip::kDefaultMaxPayload, true);
-    lenient.feed(identification.data(), identification.size());
-    EXPECT_EQ(lenient.next(message), FrameReader::Result::kMessage);
-    EXPECT_EQ(message.version, 0xFF);
 }
 
 // An oversized message is reported once, its payload skipped wherever the
