@@ -166,6 +166,9 @@ std::function<Bytes(const Message &)> reparse(Parse parse) {
 // Exact bytes each way: what encode writes, and what the parser reads back.
 TEST(DoipPayloads, EncodeTheExactBytesAndParseThemBack) {
     using namespace uozdoip;
+    // Every byte of the length in its place (the messages below are short).
+    auto head = encode_header({0x02, 0x8001, 0x01020304});
+    EXPECT_EQ(Bytes(head.begin(), head.end()), hex_bytes("02FD8001 01020304"));
     VehicleAnnouncement announcement;
     const std::string vin = "WUOZ0000000000001";
     std::copy(vin.begin(), vin.end(), announcement.vin.begin());
