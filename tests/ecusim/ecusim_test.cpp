@@ -386,16 +386,30 @@ TEST(EcuSimUdp, AnswersIdentificationStatusAndPowerModeRequests) {
     address.sin_port = htons(static_cast<uint16_t>(sim.port()));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const std::string vin = "57 5A 4C 30 30 30 30 30 30 30 30 30 30 30 30 30 31";  // WZL...01
-    for (const GoldenCase &test : golden_cases(kGolden + "/udp.txt", {{"VIN", vin}})) {
-        Bytes sent = hex_bytes(test["sent"]);
+    auto ask = [&](const std::string &datagram) {
+        Bytes sent = hex_bytes(datagram);
         sendto(fd.get(), sent.data(), sent.size(), 0, reinterpret_cast<sockaddr *>(&address),
                sizeof(address));
         pollfd wait_for{fd.get(), POLLIN, 0};
         uint8_t buffer[512];
         ssize_t got = poll(&wait_for, 1, 1000) == 1 ? recv(fd.get(), buffer, sizeof(buffer), 0) : 0;
-        std::string answer = spaced(Bytes(buffer, buffer + std::max<ssize_t>(got, 0)));
+        return spaced(Bytes(buffer, buffer + std::max<ssize_t>(got, 0)));
+    };
+    for (const GoldenCase &test : golden_cases(kGolden + "/udp.txt", {{"VIN", vin}})) {
+        std::string answer = ask(test["sent"]);
         EXPECT_TRUE(matches(answer, test["answer"])) << test.name << ": " << answer;
     }
+    // The entity status counts an open connection, and no longer one whose
+    // tester has left.
+    const std::string status = "02 FD 40 01 00 00 00 00";
+    auto open_sockets = [&] { return ask(status).substr(30, 2); };
+    auto tester = std::make_unique<Tester>(sim.port());
+    ASSERT_TRUE(tester->activate());
+    EXPECT_EQ(open_sockets(), "01");
+    tester.reset();
+    for (int i = 0; i < 100 && open_sockets() != "00"; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(open_sockets(), "00");
     EXPECT_EQ(sim.stop(SIGTERM), 0);
     EXPECT_EQ(sim.errors(), "");
 }
