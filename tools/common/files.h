@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // Whole files read as text, for the tools' settings, configuration, vehicle
 // and command files.
 #ifndef UOZ_TOOLS_FILES_H

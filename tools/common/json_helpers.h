@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // The JSON look-ups every tool makes on json-c values: an owning pointer and
 // the text of a member.
 #ifndef UOZ_TOOLS_JSON_HELPERS_H

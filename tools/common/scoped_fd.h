@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // A file descriptor owned by one object and closed once, for the sockets,
 // pipes and files of the tools.
 #ifndef UOZ_TOOLS_SCOPED_FD_H

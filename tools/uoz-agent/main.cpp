@@ -27,7 +27,6 @@
 #include "exit_codes.h"
 #include "files.h"
 #include "identity.h"
-#include "parse.h"
 #include "terminal.h"
 #include "transport_links.h"
 #include "udsoverzelko.h"
@@ -252,19 +251,18 @@ int main(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? uoztools::kExitOk : uoztools::kExitInvalidInput;
     }
-    std::string host, error;
-    int port = 0;
-    if (!uoztools::parse_host_port(options.broker, "--broker", &host, &port, &error)) {
+    std::string host;
+    uint16_t port = 0;
+    if (!uozdoip::split_host_port(options.broker.c_str(), 0, host, port) || port == 0 ||
+        host.empty()) {
         fprintf(stderr,
                 "uoz-agent: --broker must be HOST:PORT with a port from 1 to 65535, not "
                 "\"%s\"\n",
                 options.broker.c_str());
         return uoztools::kExitInvalidInput;
     }
-    uint16_t gateway_port = 0;
     if (!options.gateway.empty() &&
-        !uozdoip::split_host_port(options.gateway.c_str(), uozdoip::kDefaultPort, host,
-                                  gateway_port)) {
+        !uozdoip::split_host_port(options.gateway.c_str(), uozdoip::kDefaultPort, host, port)) {
         fprintf(stderr, "uoz-agent: --gateway must be HOST or HOST:PORT, not \"%s\"\n",
                 options.gateway.c_str());
         return uoztools::kExitInvalidInput;
