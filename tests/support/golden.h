@@ -16,6 +16,8 @@
 #ifndef UOZ_TESTS_GOLDEN_H
 #define UOZ_TESTS_GOLDEN_H
 
+#include <gtest/gtest.h>
+
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -101,6 +103,20 @@ inline std::vector<GoldenCase> golden_cases(const std::string &path,
     if (cases.empty())
         throw std::runtime_error("no cases in " + path);
     return cases;
+}
+
+// Each case's @<input> given to `read` must be refused with a
+// std::runtime_error whose text is exactly the case's @error.
+template <typename Read>
+void expect_refusals(const std::string &path, const char *input, Read read) {
+    for (const GoldenCase &bad : golden_cases(path)) {
+        try {
+            read(bad[input]);
+            ADD_FAILURE() << bad.name << " accepted";
+        } catch (const std::runtime_error &error) {
+            EXPECT_EQ(error.what(), bad["error"]) << bad.name;
+        }
+    }
 }
 
 }  // namespace uoztest
