@@ -9,6 +9,8 @@
 
 #include "doip.h"
 #include "processes.h"
+#include "scoped_fd.h"
+#include "stream.h"
 
 namespace uozbench {
 
@@ -23,7 +25,7 @@ class BareDoip {
   private:
     bool read_message(uint16_t type, uozdoip::Message *message);
 
-    uozdoip::ScopedFd fd_;
+    uoztools::ScopedFd fd_;
     uozdoip::FrameReader reader_;
     std::vector<uint8_t> request_;
 };

@@ -10,10 +10,11 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "broker_fixture.h"
+#include "golden.h"
 #include "processes.h"
 
 namespace uoztest {
@@ -36,40 +37,18 @@ AgentRun run_agent(const std::vector<std::string> &arguments) {
     return run;
 }
 
-TEST(AgentCliTest, versionAndUsage) {
-    AgentRun version = run_agent({"--version"});
-    EXPECT_EQ(version.code, 0);
-    EXPECT_EQ(version.output, "uoz-agent " UOZ_VERSION "\n");
-    AgentRun no_certs = run_agent({"--broker", "localhost:1883"});
-    EXPECT_EQ(no_certs.code, 2);
-    EXPECT_NE(no_certs.output.find("--certs is required"), std::string::npos) << no_certs.output;
-    AgentRun unknown = run_agent({"--certs", "x", "--frobnicate"});
-    EXPECT_EQ(unknown.code, 2);
-}
-
-TEST(AgentCliTest, aBrokerWithoutAPortIsSaidSoBeforeStarting) {
-    for (const char *broker : {"localhost", "localhost:0", "localhost:70000", ":8883"}) {
-        AgentRun run = run_agent({"--certs", "/nonexistent", "--broker", broker});
-        EXPECT_EQ(run.code, 2) << broker;
-        EXPECT_EQ(run.output, std::string("uoz-agent: --broker must be HOST:PORT with a port from "
-                                          "1 to 65535, not \"") +
-                                  broker + "\"\n");
+TEST(AgentCliTest, usageAndStartErrorsExitWithTheirCodeAndSayWhy) {
+    for (const GoldenCase &test :
+         golden_cases(UOZ_AGENT_GOLDEN "/agent_cli.txt",
+                      {{"VERSION", UOZ_VERSION}, {"INPUTS", UOZ_AGENT_GOLDEN "/inputs"}})) {
+        std::istringstream words(test["args"]);
+        std::vector<std::string> arguments;
+        for (std::string word; words >> word;)
+            arguments.push_back(word);
+        AgentRun run = run_agent(arguments);
+        EXPECT_EQ(run.code, std::stoi(test["code"])) << test.name << ": " << run.output;
+        EXPECT_TRUE(matches(run.output, test.has("says") ? test["says"] : "*")) << run.output;
     }
-}
-
-TEST(AgentCliTest, missingCertificatesAndBadSettingsStopTheStartWithExitOne) {
-    AgentRun certs = run_agent({"--certs", "/nonexistent"});
-    EXPECT_EQ(certs.code, 1);
-    EXPECT_EQ(certs.output,
-              "uoz-agent: cannot load the identity in /nonexistent (private.pem, "
-              "cert.pem, ../ca/ca.pem)\n");
-    std::string settings = "/tmp/uoz-agent-settings-" + std::to_string(getpid()) + ".json";
-    std::ofstream(settings) << R"({"uds": {"deadline-ms": 12000}})";
-    AgentRun bad = run_agent({"--certs", "/nonexistent", "--settings", settings});
-    unlink(settings.c_str());
-    EXPECT_EQ(bad.code, 1);
-    EXPECT_EQ(bad.output,
-              "uoz-agent: \"uds.deadline-ms\" must stay below 9000 (the library waits 10 s)\n");
 }
 
 // No broker at all: SIGTERM still stops it at once, with exit code 0.

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "file_text.h"
-#include "kt5Utils/kt5_json.h"
+#include "golden.h"
 
 namespace uozagent {
 namespace {
@@ -135,38 +135,10 @@ TEST(AgentSettingsTest, theExampleFileIsValid) {
     EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
 }
 
-struct BadSettings {
-    const char *text;
-    const char *error;
-};
-
-const BadSettings kBadSettings[] = {
-    {"[]", "the agent settings are not a JSON object"},
-    {R"({"doip": 1})", "\"doip\" must be object"},
-    {R"({"doip": {"port": 70000}})", "\"doip.port\" must be a number up to 65535"},
-    {R"({"uds": {"deadline-ms": 9500}})",
-     "\"uds.deadline-ms\" must stay below 9000 (the library waits 10 s)"},
-    {R"({"gateway": {"port": 1}})", "\"gateway\" needs \"gw-ip\""},
-    {R"({"gateway": {"gw-ip": "127.0.0.1"}})",
-     "\"gateway.ecus\" must be \"all\" or an object of ECUs"},
-    {R"({"gateway": {"gw-ip": "127.0.0.1", "ecus": {"engine": 7}}})",
-     "\"gateway.ecus\": the logical address of engine must be hex text or null"},
-    {R"({"key-algorithms": {"0x02": "builtin"}})",
-     "\"key-algorithms\": 0x02 is no odd security level"},
-};
-
-class BadSettingsTest : public ::testing::TestWithParam<BadSettings> {};
-
-TEST_P(BadSettingsTest, areRefusedWithTheMemberNamed) {
-    try {
-        AgentSettings::from_json(GetParam().text);
-        FAIL() << "accepted " << GetParam().text;
-    } catch (const std::runtime_error &error) {
-        EXPECT_STREQ(error.what(), GetParam().error);
-    }
+TEST(AgentSettingsTest, mistakesAreRefusedWithTheMemberNamed) {
+    uoztest::expect_refusals(UOZ_AGENT_GOLDEN "/bad_settings.txt", "settings",
+                             AgentSettings::from_json);
 }
-
-INSTANTIATE_TEST_SUITE_P(Mistakes, BadSettingsTest, ::testing::ValuesIn(kBadSettings));
 
 }  // namespace
 }  // namespace uozagent

@@ -40,7 +40,7 @@ TEST(ConfigTest, unusableFilesFailTheLoad) {
 // Each entry of dropped_entries.golden is dropped from the configuration
 // with its message logged.
 TEST(ConfigTest, droppedEntriesLeaveTheirMessages) {
-    Golden drops("dropped_entries.golden");
+    Golden drops(UOZ_GOLDEN_DIR "/dropped_entries.golden");
     for (const auto &[entry, quoted] : drops.entries()) {
         JsonPtr message(json_tokener_parse(quoted.c_str()));
         std::string log;

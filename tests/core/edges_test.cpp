@@ -99,7 +99,7 @@ TEST(ValidityTest, timesAreUtcWhateverTheProcessTimeZone) {
 // Status mask 0x09, DTC 0x12AB3C and record 0x05 for every report type: the
 // served ones have their body in read_dtc_bodies.golden, the others none.
 TEST(ReadDtcBodyTest, everyServedReportTypeHasItsBody) {
-    Golden bodies("read_dtc_bodies.golden");
+    Golden bodies(UOZ_GOLDEN_DIR "/read_dtc_bodies.golden");
     for (uint32_t subfunction = 0; subfunction <= 0x1A; ++subfunction) {
         char label[8];
         snprintf(label, sizeof(label), "0x%02X", subfunction);

@@ -113,7 +113,7 @@ class ExchangeTest : public ::testing::Test {
         uoz_dbg_level = saved_level_;
     }
     int saved_level_ = 0;
-    Golden queries_{"queries.golden"};
+    Golden queries_{UOZ_GOLDEN_DIR "/queries.golden"};
 };
 
 // ---- decoding ----------------------------------------------------------
@@ -146,7 +146,7 @@ std::string describe(int32_t result, const DTCBuffer &buffer) {
 // conversion's reading of the hexadecimal texts, the naming by request
 // identifier and the stop at an incomplete element.
 TEST_F(ExchangeTest, dataRecordsDecodeAsTheirGoldenDescriptions) {
-    Golden decodings("decode.golden");
+    Golden decodings(UOZ_GOLDEN_DIR "/decode.golden");
     for (const auto &[records, expected] : decodings.entries()) {
         uoz_set_last_error("");
         JsonPtr reply(
@@ -400,7 +400,7 @@ TEST_F(ExchangeTest, callsRefusedBeforeSendingGiveTheirCodesAndTexts) {
     }
     // Remote command documents refused before sending, with the result and
     // the last error each leaves; none of the -1 ones has its period checked.
-    Golden documents("refused_documents.golden");
+    Golden documents(UOZ_GOLDEN_DIR "/refused_documents.golden");
     for (const auto &[document, expected] : documents.entries()) {
         uoz_set_last_error("");
         LogCapture capture(0);
@@ -448,7 +448,7 @@ std::string body(int32_t address, QueryKind kind, EcuConfig **record = nullptr) 
 }
 
 TEST_F(ExchangeTest, queryBodiesCarryModeAddressTransportBlockAndUdsOrVersion) {
-    Golden bodies("bodies.golden");
+    Golden bodies(UOZ_GOLDEN_DIR "/bodies.golden");
     struct Case {
         int32_t address;
         QueryKind kind;

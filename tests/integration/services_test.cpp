@@ -31,7 +31,7 @@ TEST_F(ServicesTest, readDtcByStatusMaskSendsMaskNamesAndDecodesTheRecord) {
     int rc = UDSOverZelko_ReadDTCInfo(handle_, 0x7E0, 0x02, 0x09, &buffer);
     std::string query = query_number(1);
     EXPECT_EQ(reply_id_of(query).size(), 24u);
-    EXPECT_EQ(without_reply_id(query), Golden("queries.golden")["library dtc by status mask"]);
+    EXPECT_EQ(without_reply_id(query), Golden(UOZ_GOLDEN_DIR "/queries.golden")["library dtc by status mask"]);
     ASSERT_EQ(rc, 11);
     ASSERT_EQ(buffer.count, 1);
     const DTCBufferEntry *entry = buffer.entries[0];

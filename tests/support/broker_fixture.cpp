@@ -18,7 +18,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "agent_peer.h"
+#include "identity.h"
 #include "pki.h"
 #include "processes.h"
 
@@ -151,11 +151,11 @@ void Broker::kill() {
 }
 
 int load_identity(kt5bus_identity *identity, const std::string &dir) {
-    return uozagent::load_identity(identity, dir) ? 0 : -1;
+    return uozbus::load_identity(identity, dir) ? 0 : -1;
 }
 
 void free_identity(kt5bus_identity *identity) {
-    uozagent::free_identity(identity);
+    uozbus::free_identity(identity);
 }
 
 }  // namespace uoztest

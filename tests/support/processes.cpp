@@ -130,14 +130,6 @@ int ChildProcess::wait() {
     return WIFSIGNALED(status_) ? 128 + WTERMSIG(status_) : -1;
 }
 
-void ChildProcess::kill() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
-        waitpid(pid_, &status_, 0);
-        pid_ = -1;
-    }
-}
-
 namespace {
 
 const char kListeningOn[] = "listening on 127.0.0.1:";

@@ -39,9 +39,6 @@ class ChildProcess {
     int stop(int signal_number = SIGTERM);
     // Waits for the process to end by itself; its code as stop() says it.
     int wait();
-    // SIGKILL and wait.
-    void kill();
-    pid_t pid() const { return pid_; }
     bool running();
 
   private:
@@ -59,7 +56,6 @@ class EcuSimulator {
                  ChildProcess::Stderr stderr_to = ChildProcess::Stderr::kWithOutput);
     int port() const { return port_; }
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
-    ChildProcess &process() { return process_; }
     std::string output() const { return process_.output(); }
     std::string errors() const { return process_.errors(); }
     int stop(int signal_number = SIGTERM) { return process_.stop(signal_number); }
@@ -75,7 +71,6 @@ class AgentProcess {
   public:
     AgentProcess(const std::string &path, int broker_port,
                  const std::vector<std::string> &arguments = {});
-    ChildProcess &process() { return process_; }
     std::string output() const { return process_.output(); }
 
   private:

@@ -7,11 +7,36 @@
 
 #include <gtest/gtest.h>
 
+#include <json-c/json.h>
+
 #include <chrono>
 
 #include "file_text.h"
 
 namespace uoztest {
+
+namespace {
+
+// The "exit_code" of exactly one JSON document (nothing else around it): ""
+// when it has none, "(not one JSON document)" when the text is not one.
+std::string json_exit_code(const std::string &text) {
+    json_tokener *tokener = json_tokener_new();
+    json_object *object =
+        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size()));
+    bool whole =
+        object && json_tokener_get_error(tokener) == json_tokener_success &&
+        text.find_first_not_of(" \t\r\n", json_tokener_get_parse_end(tokener)) == std::string::npos;
+    json_tokener_free(tokener);
+    json_object *code = nullptr;
+    std::string found = !whole ? "(not one JSON document)"
+                        : json_object_object_get_ex(object, "exit_code", &code)
+                            ? json_object_get_string(code)
+                            : "";
+    json_object_put(object);
+    return found;
+}
+
+}  // namespace
 
 ToolRun run(const std::string &command) {
     char err_path[] = "/tmp/uoz-tool-err-XXXXXX";
@@ -32,55 +57,6 @@ ToolRun run(const std::string &command) {
     return result;
 }
 
-JsonDocument parse_json(const std::string &text) {
-    json_tokener *tokener = json_tokener_new();
-    JsonDocument object(
-        json_tokener_parse_ex(tokener, text.c_str(), static_cast<int>(text.size())));
-    bool whole =
-        object && json_tokener_get_error(tokener) == json_tokener_success &&
-        text.find_first_not_of(" \t\r\n", json_tokener_get_parse_end(tokener)) == std::string::npos;
-    json_tokener_free(tokener);
-    return whole ? std::move(object) : nullptr;
-}
-
-bool matches(const std::string &text, const std::string &pattern) {
-    size_t star = pattern.find('*');
-    if (star == std::string::npos)
-        return text == pattern;
-    if (text.compare(0, star, pattern, 0, star) != 0)
-        return false;
-    // The piece after each further '*' is found as early as it can be; the
-    // last piece must end the text.
-    size_t at = star;
-    for (size_t from = star + 1;;) {
-        size_t next = pattern.find('*', from);
-        std::string piece = pattern.substr(from, next - from);
-        if (next == std::string::npos)
-            return text.size() >= at + piece.size() &&
-                   text.compare(text.size() - piece.size(), piece.size(), piece) == 0;
-        at = text.find(piece, at);
-        if (at == std::string::npos)
-            return false;
-        at += piece.size();
-        from = next + 1;
-    }
-}
-
-std::string text_at(json_object *object, const std::string &path) {
-    size_t from = 0;
-    for (size_t dot = 0; object != nullptr && dot != std::string::npos; from = dot + 1) {
-        dot = path.find('.', from);
-        std::string step = path.substr(from, dot - from);
-        if (json_object_is_type(object, json_type_array) && step == "#")
-            return std::to_string(json_object_array_length(object));
-        if (json_object_is_type(object, json_type_array))
-            object = json_object_array_get_idx(object, std::stoul(step));
-        else if (!json_object_object_get_ex(object, step.c_str(), &object))
-            object = nullptr;
-    }
-    return object != nullptr ? json_object_get_string(object) : "(none)";
-}
-
 ToolRun expect_run(const std::string &program, const Expected &expected) {
     SCOPED_TRACE(expected.arguments);
     ToolRun text = run(program + " " + expected.arguments);
@@ -91,17 +67,32 @@ ToolRun expect_run(const std::string &program, const Expected &expected) {
         return text;
     ToolRun json = run(program + " --json " + expected.arguments);
     EXPECT_EQ(json.code, expected.code);
-    JsonDocument document = parse_json(json.out);
-    EXPECT_TRUE(document) << json.out;
-    if (document) {
-        EXPECT_EQ(text_at(document.get(), "exit_code"),
-                  expected.code == 0 ? "(none)" : std::to_string(expected.code));
-    }
+    std::string exit_code = json_exit_code(json.out);
+    EXPECT_EQ(exit_code, expected.code == 0 ? "" : std::to_string(expected.code)) << json.out;
     EXPECT_TRUE(matches(json.out, "*" + *expected.json + "*")) << json.out;
     EXPECT_EQ(json.out.find("\x1b["), std::string::npos) << json.out;
     for (const char *camel : {"targetAddress", "exitCode", "phyReqId"})
         EXPECT_EQ(json.out.find(camel), std::string::npos) << json.out;
     return text;
+}
+
+Expected expected_of(const GoldenCase &test) {
+    Expected expected{test["args"], std::stoi(test["code"])};
+    expected.out = test.has("out") ? test["out"] : "*";
+    expected.err = test.has("err") ? test["err"] : "*";
+    if (test.has("json"))
+        expected.json = test["json"];
+    return expected;
+}
+
+std::vector<ToolRun> expect_golden(const std::string &program, const std::string &path,
+                                   const std::map<std::string, std::string> &values) {
+    std::vector<ToolRun> runs;
+    for (const GoldenCase &test : golden_cases(path, values)) {
+        SCOPED_TRACE(test.name);
+        runs.push_back(expect_run(program, expected_of(test)));
+    }
+    return runs;
 }
 
 }  // namespace uoztest

@@ -2,11 +2,12 @@
 #ifndef UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 #define UOZ_TESTS_TOOLS_TOOL_RUNNER_H
 
-#include <json-c/json.h>
-
-#include <memory>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "golden.h"
 
 namespace uoztest {
 
@@ -19,9 +20,6 @@ struct ToolRun {
 
 // Runs a shell command line; standard output and error apart.
 ToolRun run(const std::string &command);
-
-// True when text is the pattern, where each '*' stands for any run of characters.
-bool matches(const std::string &text, const std::string &pattern);
 
 // A run of `program arguments`: its exit code and what it prints ('*' stands
 // for any text). With `json` given, `program --json arguments` must give the
@@ -38,21 +36,12 @@ struct Expected {
 
 // Checks the run (and its --json form) against expected; gives the text run.
 ToolRun expect_run(const std::string &program, const Expected &expected);
-
-struct JsonFree {
-    void operator()(json_object *object) const { json_object_put(object); }
-};
-using JsonDocument = std::unique_ptr<json_object, JsonFree>;
-
-// Exactly one JSON document (nothing else around it), parsed; null otherwise.
-JsonDocument parse_json(const std::string &text);
-inline bool is_json(const std::string &text) {
-    return parse_json(text) != nullptr;
-}
-
-// The member at a dotted path ("ecus.1.error"; "#" is an array's length) as
-// text; "(none)" when it is missing or null.
-std::string text_at(json_object *object, const std::string &path);
+// The expectation of a golden case (golden.h): @args, @code, and @out and
+// @err (patterns; any text when absent), @json when the --json run is checked.
+Expected expected_of(const GoldenCase &test);
+// expect_run for every case of the golden file at path; the text runs.
+std::vector<ToolRun> expect_golden(const std::string &program, const std::string &path,
+                                   const std::map<std::string, std::string> &values);
 
 }  // namespace uoztest
 

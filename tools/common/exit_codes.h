@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // The exit codes every tool of the project uses, so that scripts can tell
 // failures apart the same way whichever tool they call.
 #ifndef UOZ_TOOLS_EXIT_CODES_H

@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // Strict parsing of the numbers people type on the command line: a value
 // that is not entirely a number of the accepted form, or out of range, is
 // refused with a message that names the option and the form.

@@ -1,3 +1,7 @@
+// tools/common holds what every program of the project shares: command-line
+// parsing, exit codes, the terminal, whole files, JSON look-ups and owned
+// descriptors; one header each.
+//
 // What a tool may do on its output streams.
 #ifndef UOZ_TOOLS_TERMINAL_H
 #define UOZ_TOOLS_TERMINAL_H

@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace uozdoip {
 
@@ -430,54 +428,6 @@ std::optional<VehicleAnnouncement> parse_vehicle_announcement(const Message &mes
     if (body.size() == 33)
         announcement.sync_status = at[32];
     return announcement;
-}
-
-ScopedFd &ScopedFd::operator=(ScopedFd &&other) noexcept {
-    if (this != &other)
-        reset(other.release());
-    return *this;
-}
-
-int ScopedFd::release() {
-    int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
-void ScopedFd::reset(int fd) {
-    if (fd_ >= 0)
-        close(fd_);
-    fd_ = fd;
-}
-
-bool write_all(int fd, const uint8_t *bytes, size_t length) {
-    bool socket = true;
-    while (length > 0) {
-        ssize_t written = socket ? send(fd, bytes, length, MSG_NOSIGNAL) : write(fd, bytes, length);
-        if (written < 0 && errno == ENOTSOCK && socket) {
-            socket = false;
-            continue;
-        }
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        bytes += written;
-        length -= static_cast<size_t>(written);
-    }
-    return true;
-}
-
-long read_into(int fd, FrameReader &reader) {
-    uint8_t chunk[4096];
-    for (;;) {
-        ssize_t got = read(fd, chunk, sizeof(chunk));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got > 0)
-            reader.feed(chunk, static_cast<size_t>(got));
-        return static_cast<long>(got);
-    }
 }
 
 bool split_host_port(const char *text, uint16_t default_port, std::string &host, uint16_t &port) {

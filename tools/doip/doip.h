@@ -1,7 +1,11 @@
-// DoIP (ISO 13400-2) framing shared by the diagnostic agent (tester side) and
-// the ECU simulator (entity side): header encoding, a stream frame reader that
-// copes with split and coalesced TCP reads, and the payloads both sides build
-// and parse. Nothing here does I/O except the small POSIX helpers at the end.
+// DoIP (ISO 13400-2) for every program that speaks it (tools/doip): the
+// diagnostic agent (tester side) and the ECU simulator (entity side).
+//
+// This header: the messages. Header encoding, a frame reader that copes with
+// split and coalesced TCP reads, and the payloads both sides build and parse;
+// nothing here does I/O. The byte stream the messages travel on is
+// stream.h: plain TCP today, and the place for DoIP over TLS (port 3496),
+// so that both sides get it at once.
 #ifndef UOZ_TOOLS_DOIP_H
 #define UOZ_TOOLS_DOIP_H
 
@@ -239,41 +243,7 @@ std::vector<uint8_t> encode(const VehicleAnnouncement &announcement,
                             uint8_t version = kDefaultVersion);
 std::optional<VehicleAnnouncement> parse_vehicle_announcement(const Message &message);
 
-// ---- POSIX helpers ----
-
-// Owns a file descriptor and closes it once.
-class ScopedFd {
-  public:
-    ScopedFd() = default;
-    explicit ScopedFd(int fd) : fd_(fd) {}
-    ~ScopedFd() { reset(); }
-    ScopedFd(ScopedFd &&other) noexcept : fd_(other.release()) {}
-    ScopedFd &operator=(ScopedFd &&other) noexcept;
-    ScopedFd(const ScopedFd &) = delete;
-    ScopedFd &operator=(const ScopedFd &) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release();
-    void reset(int fd = -1);
-
-  private:
-    int fd_ = -1;
-};
-
-// Writes every byte, retrying on EINTR and short writes; on a socket without
-// raising SIGPIPE. Meant for blocking descriptors: on a non-blocking one it
-// returns false with EAGAIN when the kernel buffer is full, and an unknown
-// part may have been written. Returns false (errno set) when the peer is gone
-// or the descriptor fails.
-bool write_all(int fd, const uint8_t *bytes, size_t length);
-inline bool write_all(int fd, const std::vector<uint8_t> &bytes) {
-    return write_all(fd, bytes.data(), bytes.size());
-}
-
-// One read() into the reader, retrying on EINTR: the number of bytes fed,
-// 0 at end of stream, -1 on error (errno set).
-long read_into(int fd, FrameReader &reader);
+// ---- Addresses ----
 
 // Splits "ADDR:PORT", "[v6]:PORT" or "ADDR" (then default_port). Port 0 is
 // accepted (the system picks one). Returns false for a malformed text or a

@@ -1,38 +1,36 @@
 #include "agent_bus.h"
 
-#include <stdexcept>
-
 #include "udsoverzelko.h"
 
 namespace uozagent {
 
 namespace {
 
-AgentBus *bus_of(kt5bus_client *client) {
-    return static_cast<AgentBus *>(client->owner);
+constexpr int kQueryWorkers = 8;
+
+bool is_query(const std::string &text) {
+    return text.find("\"zelko.skyharbor-query\"") != std::string::npos;
 }
 
 }  // namespace
 
-AgentBus::AgentBus(const std::string &identity_dir, const std::string &url, Handler handler)
-    : handler_(std::move(handler)) {
-    client_.mode = 1;
-    client_.owner = this;
-    client_.on_message = &AgentBus::on_message;
-    client_.on_delivered = &AgentBus::on_delivered;
-    client_.on_status = &AgentBus::on_status;
-    client_.on_presence = &AgentBus::on_presence;
-    client_.on_stopped = &AgentBus::on_stopped;
-    if (!load_identity(&client_.identity, identity_dir))
-        throw std::runtime_error("cannot load the identity in " + identity_dir);
-    kt5bus_ll_config config{};
-    kt5bus_init_ll(&config);
-    int rc = kt5bus_init_client(&client_, url.c_str());
-    if (rc != 0) {
-        free_identity(&client_.identity);
-        kt5bus_fini_ll();
-        throw std::runtime_error("cannot start the bus client for " + url + " (code " +
-                                 std::to_string(rc) + ")");
+AgentBus::AgentBus(DiagAgent &agent, const BusSetup &setup) : agent_(agent), setup_(setup) {
+    for (int i = 0; i < kQueryWorkers; ++i)
+        workers_.emplace_back(&AgentBus::work, this);
+    uozbus::BusClient::Handlers handlers;
+    handlers.message = [this](uozbus::BusClient &bus, const uozbus::Received &message) {
+        on_message(bus, message);
+    };
+    handlers.delivered = [](bool delivered) {
+        if (!delivered)
+            UOZ_DBGLOG(UOZ_LOG_WARN, "an answer was not delivered (no subscriber or broker gone)");
+    };
+    handlers.status = setup_.on_status;
+    try {
+        bus_ = std::make_unique<uozbus::BusClient>(setup_.identity_dir, setup_.url, handlers);
+    } catch (...) {
+        stop();
+        throw;
     }
 }
 
@@ -43,57 +41,63 @@ AgentBus::~AgentBus() {
 void AgentBus::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
-        if (stopped_)
-            return;
-        stopped_ = true;
+        stopping_ = true;
     }
-    kt5bus_stop_client(&client_);
-    free_identity(&client_.identity);
-    kt5bus_fini_ll();
-}
-
-bool AgentBus::wait_running(int timeout_ms) {
-    std::unique_lock<std::mutex> hold(lock_);
-    return changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms),
-                             [this] { return running_; });
-}
-
-bool AgentBus::send(const std::string &text, int kind, const std::string &name) {
-    if (kind == 0)
-        return false;  // the sender is unknown: nowhere to answer
-    kt5bus_message *message = new_message(text, text.size() + 1, kind, name);
-    if (message == nullptr || kt5bus_send_message(&client_, message, nullptr) != 0) {
-        ++failed_;
-        UOZ_DBGLOG(UOZ_LOG_WARN, "the answer to %s could not be sent", name.c_str());
-        free_message(message);
-        return false;
+    changed_.notify_all();
+    for (std::thread &worker : workers_) {
+        if (worker.joinable())
+            worker.join();
     }
-    return true;
+    if (bus_)
+        bus_->stop();
 }
 
-void AgentBus::on_message(kt5bus_client *client, kt5bus_message *message) {
-    AgentBus *bus = bus_of(client);
-    bus->handler_(*bus, received_from(message));
+void AgentBus::reply(uozbus::BusClient &bus, const uozbus::Received &to, const std::string &text) {
+    if (to.source_kind == 0)
+        return;  // the sender is unknown: nowhere to answer
+    if (!bus.send(text, to.source_kind, to.source_name))
+        UOZ_DBGLOG(UOZ_LOG_WARN, "the answer to %s could not be sent", to.source_name.c_str());
 }
 
-void AgentBus::on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok) {
-    if (!ok) {
-        ++bus_of(client)->failed_;
-        UOZ_DBGLOG(UOZ_LOG_WARN, "an answer was not delivered (no subscriber or broker gone)");
+void AgentBus::on_message(uozbus::BusClient &bus, const uozbus::Received &message) {
+    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
+    if (is_query(message.text)) {
+        add({&bus, message});
+        return;
     }
-    free_message(message);
+    std::string answer = answer_consent(message.text, setup_.policy, setup_.ask);
+    if (answer.empty()) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "not a query or consent request: ignored");
+        return;
+    }
+    reply(bus, message, answer);
 }
 
-void AgentBus::on_status(kt5bus_client *client, int status) {
-    AgentBus *bus = bus_of(client);
+void AgentBus::add(Job job) {
     {
-        std::lock_guard<std::mutex> hold(bus->lock_);
-        if (status == KT5BUS_STATUS_RUNNING)
-            bus->running_ = true;
-        if (status == KT5BUS_STATUS_CONNECTION_BROKE)
-            bus->running_ = false;
+        std::lock_guard<std::mutex> hold(lock_);
+        if (stopping_)
+            return;
+        queue_.push_back(std::move(job));
     }
-    bus->changed_.notify_all();
+    changed_.notify_one();
+}
+
+void AgentBus::work() {
+    for (;;) {
+        Job job;
+        {
+            std::unique_lock<std::mutex> hold(lock_);
+            changed_.wait(hold, [&] { return stopping_ || !queue_.empty(); });
+            if (stopping_)
+                return;
+            job = std::move(queue_.front());
+            queue_.pop_front();
+        }
+        std::string answer = agent_.answer_query(job.query.text);
+        UOZ_DBGLOG(UOZ_LOG_DBG, "answer: %s", answer.c_str());
+        reply(*job.bus, job.query, answer);
+    }
 }
 
 }  // namespace uozagent

@@ -1,53 +1,66 @@
-// The agent's bus client: receives queries and consent requests and sends
-// the answers at once from the thread that has them. Unlike the test peer it
-// keeps nothing of what it received, so it can run for months.
+// The agent on the bus: it receives the queries to "/ZDATA/UDS" and the
+// consent requests to "policy-agent" through the programs' bus client
+// (tools/bus). Each query runs on a worker of its own, which sends the reply
+// itself, so that the bus thread stays free and the ECUs of different
+// queries work in parallel; a consent request is answered at once by
+// policy. It keeps nothing of what it received, so it can run for months.
 #ifndef UOZ_TOOLS_AGENT_AGENT_BUS_H
 #define UOZ_TOOLS_AGENT_AGENT_BUS_H
 
-#include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "agent_peer.h"
-#include "kt5bus/kt5bus.h"
+#include "bus_client.h"
+#include "consent.h"
+#include "diag_agent.h"
 
 namespace uozagent {
 
+struct BusSetup {
+    std::string identity_dir;
+    std::string url;  // "tcp://host:port"
+    ConsentPolicy policy = ConsentPolicy::kAccept;
+    bool (*ask)(const std::string &campaign) = nullptr;  // for ConsentPolicy::kAsk
+    std::function<void(int status)> on_status;           // on the bus library's thread
+};
+
 class AgentBus {
   public:
-    using Handler = std::function<void(AgentBus &bus, const Received &)>;
-
-    // Throws std::runtime_error when the identity cannot be loaded or the
-    // client cannot start. The handler runs on the bus library's thread.
-    AgentBus(const std::string &identity_dir, const std::string &url, Handler handler);
+    // Throws std::runtime_error when the bus client cannot start.
+    AgentBus(DiagAgent &agent, const BusSetup &setup);
     ~AgentBus();
     AgentBus(const AgentBus &) = delete;
     AgentBus &operator=(const AgentBus &) = delete;
 
-    bool wait_running(int timeout_ms);
-    // Sends text (with its terminating NUL, as the library does) to an update
-    // agent or group; false when the bus refused it at once.
-    bool send(const std::string &text, int kind, const std::string &name);
-    // Stops the client; no handler runs afterwards. Idempotent.
+    // Ends the workers (queries not started are dropped), then the bus
+    // client. Idempotent.
     void stop();
-    unsigned long failed_deliveries() const { return failed_.load(); }
 
   private:
-    static void on_message(kt5bus_client *client, kt5bus_message *message);
-    static void on_delivered(kt5bus_client *client, kt5bus_message *message, void *, int ok);
-    static void on_status(kt5bus_client *client, int status);
-    static void on_presence(kt5bus_client *, kt5bus_address *, kt5bus_address *) {}
-    static void on_stopped(kt5bus_client *) {}
+    struct Job {
+        uozbus::BusClient *bus = nullptr;
+        uozbus::Received query;
+    };
 
-    kt5bus_client client_{};
-    Handler handler_;
+    void on_message(uozbus::BusClient &bus, const uozbus::Received &message);
+    void add(Job job);
+    void work();
+    static void reply(uozbus::BusClient &bus, const uozbus::Received &to, const std::string &text);
+
+    DiagAgent &agent_;
+    const BusSetup setup_;
     std::mutex lock_;
     std::condition_variable changed_;
-    bool running_ = false;
-    bool stopped_ = false;
-    std::atomic<unsigned long> failed_{0};
+    std::deque<Job> queue_;
+    bool stopping_ = false;
+    std::vector<std::thread> workers_;
+    std::unique_ptr<uozbus::BusClient> bus_;
 };
 
 }  // namespace uozagent

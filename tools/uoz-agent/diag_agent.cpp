@@ -5,7 +5,6 @@
 
 #include <thread>
 
-#include "kt5Utils/kt5_json.h"
 #include "udsoverzelko.h"
 
 namespace uozagent {

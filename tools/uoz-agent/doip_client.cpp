@@ -15,6 +15,7 @@
 #include <algorithm>
 
 #include "hex_text.h"
+#include "stream.h"
 #include "udsoverzelko.h"
 
 namespace uozagent {
@@ -44,8 +45,9 @@ int remaining_ms(Clock::time_point deadline) {
 
 // A connect() that gives up at the deadline; the socket is blocking after it.
 int connect_before(const addrinfo *address, Clock::time_point deadline, int *error) {
-    ScopedFd fd(socket(address->ai_family, address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                       address->ai_protocol));
+    uoztools::ScopedFd fd(socket(address->ai_family,
+                                 address->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                                 address->ai_protocol));
     if (!fd.valid()) {
         *error = errno;
         return -1;
@@ -87,26 +89,6 @@ DoipConnection::~DoipConnection() {
 
 std::string DoipConnection::where() const {
     return "gateway " + options_.host + ":" + std::to_string(options_.port);
-}
-
-int DoipConnection::activations() const {
-    std::lock_guard<std::mutex> hold(lock_);
-    return activations_;
-}
-
-int DoipConnection::alive_checks_answered() const {
-    std::lock_guard<std::mutex> hold(lock_);
-    return alive_checks_answered_;
-}
-
-bool DoipConnection::connected() const {
-    std::lock_guard<std::mutex> hold(lock_);
-    return active_;
-}
-
-uint16_t DoipConnection::entity_address() const {
-    std::lock_guard<std::mutex> hold(lock_);
-    return entity_address_;
 }
 
 // Ends the socket's use: the reader sees the end of the stream and leaves.
@@ -390,31 +372,20 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
 
 void DoipConnection::reader_loop(int fd, uint64_t generation) {
     FrameReader reader;
-    Message message;
+    auto on_message = [&](const Message &message) {
+        handle(message, fd, generation);
+        return true;
+    };
+    auto send_nack = [&](uint8_t code) { write(fd, encode_generic_nack(code)); };
+    StreamRead result = StreamRead::kOpen;
+    while (result == StreamRead::kOpen)
+        result = read_messages(fd, reader, on_message, send_nack);
     std::string why = "closed by the gateway";
-    for (;;) {
-        long got = read_into(fd, reader);
-        if (got <= 0) {
-            why =
-                got == 0 ? "closed by the gateway" : std::string("read failed: ") + strerror(errno);
-            break;
-        }
-        bool bad_version = false;
-        for (FrameReader::Result result = reader.next(message);
-             result != FrameReader::Result::kNeedMore && !bad_version;
-             result = reader.next(message)) {
-            if (result == FrameReader::Result::kMessage)
-                handle(message, fd, generation);
-            if (result == FrameReader::Result::kTooLarge)
-                write(fd, encode_generic_nack(generic_nack::kMessageTooLarge));
-            bad_version = result == FrameReader::Result::kBadVersion;
-        }
-        if (bad_version) {
-            write(fd, encode_generic_nack(generic_nack::kIncorrectPattern));
-            why = "the gateway sent a header with a wrong protocol version";
-            shutdown(fd, SHUT_RDWR);
-            break;
-        }
+    if (result == StreamRead::kFailed)
+        why = std::string("read failed: ") + strerror(errno);
+    if (result == StreamRead::kBadVersion) {
+        why = "the gateway sent a header with a wrong protocol version";
+        shutdown(fd, SHUT_RDWR);
     }
     dropped(generation, why);
 }

@@ -20,6 +20,7 @@
 
 #include "doip.h"
 #include "ecu_link.h"
+#include "scoped_fd.h"
 
 namespace uozagent {
 
@@ -56,10 +57,10 @@ class DoipConnection {
     void close(bool for_good = false);
 
     // For tests and logs.
-    int activations() const;
-    int alive_checks_answered() const;
-    bool connected() const;
-    uint16_t entity_address() const;
+    int activations() const { return locked(activations_); }
+    int alive_checks_answered() const { return locked(alive_checks_answered_); }
+    bool connected() const { return locked(active_); }
+    uint16_t entity_address() const { return locked(entity_address_); }
 
   private:
     struct Mailbox {
@@ -71,6 +72,11 @@ class DoipConnection {
         std::condition_variable changed;
     };
 
+    template <typename Value>
+    Value locked(const Value &member) const {
+        std::lock_guard<std::mutex> hold(lock_);
+        return member;
+    }
     bool ensure_active(Clock::time_point deadline, std::string *error);
     bool open_socket(Clock::time_point deadline, std::string *error);
     bool activate(Clock::time_point deadline, std::string *error);
@@ -87,7 +93,7 @@ class DoipConnection {
     std::mutex write_lock_;    // whole messages on the socket, from any thread
     mutable std::mutex lock_;  // everything below
     std::condition_variable changed_;
-    uozdoip::ScopedFd fd_;
+    uoztools::ScopedFd fd_;
     std::thread reader_;
     uint64_t generation_ = 0;
     bool active_ = false;

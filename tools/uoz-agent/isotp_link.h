@@ -1,13 +1,13 @@
-// An ECU on a CAN bus through the kernel's ISO-TP sockets (CAN_ISOTP), which
-// do segmentation and flow control with the ECU's ids, st-min and block size.
+// An ECU on a CAN bus, as the agent reaches it: the query's "can" block turned
+// into a kernel ISO-TP socket (tools/can), behind the agent's EcuLink.
 #ifndef UOZ_TOOLS_AGENT_ISOTP_LINK_H
 #define UOZ_TOOLS_AGENT_ISOTP_LINK_H
 
 #include <memory>
 #include <string>
 
-#include "doip.h"
 #include "ecu_link.h"
+#include "isotp_socket.h"
 #include "query_targets.h"
 
 namespace uozagent {
@@ -23,11 +23,9 @@ class IsotpLink : public EcuLink {
                  bool *timed_out) override;
 
   private:
-    IsotpLink(uozdoip::ScopedFd fd, std::string ifname)
-        : fd_(std::move(fd)), ifname_(std::move(ifname)) {}
+    explicit IsotpLink(std::unique_ptr<uozcan::IsotpSocket> socket) : socket_(std::move(socket)) {}
 
-    uozdoip::ScopedFd fd_;
-    std::string ifname_;
+    std::unique_ptr<uozcan::IsotpSocket> socket_;
 };
 
 }  // namespace uozagent

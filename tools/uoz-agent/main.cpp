@@ -9,16 +9,15 @@
 //
 // Exit codes: 0 stopped cleanly; 1 cannot start (certificates, bus,
 // settings); 2 invalid command line.
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
+#include <chrono>
 #include <condition_variable>
-#include <deque>
-#include <functional>
+#include <mutex>
 #include <thread>
 
 #include "agent_bus.h"
@@ -28,18 +27,79 @@
 #include "doip.h"
 #include "exit_codes.h"
 #include "files.h"
+#include "identity.h"
+#include "terminal.h"
 #include "transport_links.h"
 #include "udsoverzelko.h"
 
 namespace {
 
-constexpr int kQueryWorkers = 8;
+// Time without a connection to the broker after which the agent says so.
+constexpr std::chrono::seconds kQuietStart{10};
 
-std::atomic<bool> g_stop{false};
+// What the main thread waits for: the bus client's connection, and SIGINT or
+// SIGTERM. The signals are blocked in every thread and taken by a waiter of
+// their own, so that a stop wakes the main thread at once.
+class Lifetime {
+  public:
+    // Before any other thread starts: they inherit the blocked signals.
+    Lifetime() {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, SIGINT);
+        sigaddset(&signals_, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+        waiter_ = std::thread([this] {
+            int taken = 0;
+            sigwait(&signals_, &taken);
+            set([this] { stop_ = true; });
+        });
+    }
+    ~Lifetime() {
+        if (!stop_requested())
+            pthread_kill(waiter_.native_handle(), SIGTERM);
+        waiter_.join();
+    }
+    // For the bus client's status reports.
+    void bus_status(int status) {
+        if (status == KT5BUS_STATUS_RUNNING)
+            set([this] { running_ = true; });
+    }
+    // True once the client runs; false when a stop came first or `limit` passed.
+    bool wait_running(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> hold(lock_);
+        changed_.wait_for(hold, limit, [this] { return running_ || stop_; });
+        return running_ && !stop_;
+    }
+    void wait_running_or_stop() {
+        std::unique_lock<std::mutex> hold(lock_);
+        changed_.wait(hold, [this] { return running_ || stop_; });
+    }
+    bool stop_requested() {
+        std::lock_guard<std::mutex> hold(lock_);
+        return stop_;
+    }
+    void wait_for_stop() {
+        std::unique_lock<std::mutex> hold(lock_);
+        changed_.wait(hold, [this] { return stop_; });
+    }
 
-void request_stop(int) {
-    g_stop = true;
-}
+  private:
+    template <typename Change>
+    void set(Change change) {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            change();
+        }
+        changed_.notify_all();
+    }
+
+    sigset_t signals_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    bool running_ = false;
+    bool stop_ = false;
+    std::thread waiter_;
+};
 
 bool ask_on_terminal(const std::string &campaign) {
     fprintf(stderr, "Consent requested for campaign %s. Accept? [y/N] ", campaign.c_str());
@@ -53,18 +113,18 @@ bool ask_on_terminal(const std::string &campaign) {
 // answers at: queries and consent requests would never reach it.
 void warn_about_addresses(const std::string &certs) {
     kt5bus_identity identity{};
-    if (!uozagent::load_identity(&identity, certs))
+    if (!uozbus::load_identity(&identity, certs))
         throw std::runtime_error("cannot load the identity in " + certs +
                                  " (private.pem, cert.pem, ../ca/ca.pem)");
     kt5bus_address *addresses = nullptr;
     int rc = kt5bus_get_identity_data(&identity, &addresses, nullptr, nullptr);
-    uozagent::free_identity(&identity);
+    uozbus::free_identity(&identity);
     if (rc != 0)
         throw std::runtime_error("the certificate in " + certs + " cannot be used (code " +
                                  std::to_string(rc) + ")");
     bool diagnostic = false, policy = false;
     for (kt5bus_address *address = addresses; address != nullptr; address = address->next) {
-        std::string name = address->kind == KT5BUS_ADDR_SPECIAL ? "" : address->value.name;
+        std::string name = uozbus::peer_name(address);
         diagnostic = diagnostic || (address->kind == KT5BUS_ADDR_UA && name == "/ZDATA/UDS");
         policy = policy || (address->kind == KT5BUS_ADDR_GROUP && name == "policy-agent");
     }
@@ -79,69 +139,6 @@ void warn_about_addresses(const std::string &certs) {
                 "uoz-agent: warning: the certificate in %s lacks kt5:group:policy-agent: "
                 "no consent request will reach this agent\n",
                 certs.c_str());
-}
-
-// Queries take up to the UDS deadline each: they run on workers, so that
-// the bus thread stays free and ECUs of different queries work in parallel.
-// Each worker sends its reply itself.
-class QueryWorkers {
-  public:
-    using Reply = std::function<void(const uozagent::Received &query, const std::string &reply)>;
-
-    QueryWorkers(uozagent::DiagAgent &agent, Reply reply)
-        : agent_(agent), reply_(std::move(reply)) {
-        for (int i = 0; i < kQueryWorkers; ++i)
-            workers_.emplace_back(&QueryWorkers::work, this);
-    }
-    ~QueryWorkers() { stop(); }
-    void add(const uozagent::Received &message) {
-        std::lock_guard<std::mutex> hold(lock_);
-        if (stopping_)
-            return;
-        queue_.push_back(message);
-        changed_.notify_one();
-    }
-    void stop() {
-        {
-            std::lock_guard<std::mutex> hold(lock_);
-            stopping_ = true;
-        }
-        changed_.notify_all();
-        for (std::thread &worker : workers_) {
-            if (worker.joinable())
-                worker.join();
-        }
-    }
-
-  private:
-    void work() {
-        for (;;) {
-            uozagent::Received message;
-            {
-                std::unique_lock<std::mutex> hold(lock_);
-                changed_.wait(hold, [&] { return stopping_ || !queue_.empty(); });
-                if (stopping_)
-                    return;
-                message = std::move(queue_.front());
-                queue_.pop_front();
-            }
-            std::string reply = agent_.answer_query(message.text);
-            UOZ_DBGLOG(UOZ_LOG_DBG, "answer: %s", reply.c_str());
-            reply_(message, reply);
-        }
-    }
-
-    uozagent::DiagAgent &agent_;
-    Reply reply_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::deque<uozagent::Received> queue_;
-    bool stopping_ = false;
-    std::vector<std::thread> workers_;
-};
-
-bool is_query(const std::string &text) {
-    return text.find("\"zelko.skyharbor-query\"") != std::string::npos;
 }
 
 struct Options {
@@ -184,58 +181,38 @@ uozagent::KeyAlgorithms key_algorithms(const uozagent::AgentSettings &settings) 
     return keys;
 }
 
-int run(const Options &options) {
+uozagent::ConsentPolicy consent_policy(const std::string &name) {
+    return name == "reject" ? uozagent::ConsentPolicy::kReject
+           : name == "ask"  ? uozagent::ConsentPolicy::kAsk
+                            : uozagent::ConsentPolicy::kAccept;
+}
+
+int run(const Options &options, Lifetime &lifetime) {
     uozagent::AgentSettings settings = load_settings(options);
     uozagent::KeyAlgorithms keys = key_algorithms(settings);
     warn_about_addresses(options.certs);
-    uozagent::ConsentPolicy policy = options.policy == "reject" ? uozagent::ConsentPolicy::kReject
-                                     : options.policy == "ask"  ? uozagent::ConsentPolicy::kAsk
-                                                                : uozagent::ConsentPolicy::kAccept;
     uozagent::TransportLinks links(settings);
     uozagent::DiagAgent agent(settings, links, keys);
-    std::atomic<uozagent::AgentBus *> bus{nullptr};
-    auto reply = [&](const uozagent::Received &to, const std::string &text) {
-        if (uozagent::AgentBus *sender = bus.load())
-            sender->send(text, to.source_kind, to.source_name);
-    };
-    QueryWorkers workers(agent, reply);
-    uozagent::AgentBus peer(
-        options.certs, "tcp://" + options.broker,
-        [&](uozagent::AgentBus &self, const uozagent::Received &message) {
-            bus = &self;  // a message may come before the constructor has returned
-            UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
-            if (is_query(message.text)) {
-                workers.add(message);
-                return;
-            }
-            std::string answer = uozagent::answer_consent(message.text, policy, ask_on_terminal);
-            if (answer.empty()) {
-                UOZ_DBGLOG(UOZ_LOG_WARN, "not a query or consent request: ignored");
-                return;
-            }
-            reply(message, answer);
-        });
-    bus = &peer;
-    auto started = std::chrono::steady_clock::now();
-    bool said_waiting = false;
-    while (!g_stop && !peer.wait_running(100)) {
-        if (!said_waiting &&
-            std::chrono::steady_clock::now() - started > std::chrono::seconds(10)) {
-            fprintf(stderr, "uoz-agent: not connected to %s yet; still trying\n",
-                    options.broker.c_str());
-            said_waiting = true;
-        }
+    uozagent::BusSetup setup;
+    setup.identity_dir = options.certs;
+    setup.url = "tcp://" + options.broker;
+    setup.policy = consent_policy(options.policy);
+    setup.ask = ask_on_terminal;
+    setup.on_status = [&lifetime](int status) { lifetime.bus_status(status); };
+    uozagent::AgentBus bus(agent, setup);
+    if (!lifetime.wait_running(kQuietStart) && !lifetime.stop_requested()) {
+        fprintf(stderr, "uoz-agent: not connected to %s yet; still trying\n",
+                options.broker.c_str());
+        lifetime.wait_running_or_stop();
     }
-    if (!g_stop) {
+    if (!lifetime.stop_requested())
+    {
         UOZ_DBGLOG(UOZ_LOG_INFO, "uoz-agent ready on %s", options.broker.c_str());
         sd_notify(0, "READY=1");  // a service manager waiting on NOTIFY_SOCKET goes on
     }
-    while (!g_stop)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    lifetime.wait_for_stop();
     links.close_all();
-    workers.stop();
-    peer.stop();
-    bus = nullptr;
+    bus.stop();
     return uoztools::kExitOk;
 }
 
@@ -245,7 +222,7 @@ int main(int argc, char **argv) {
     CLI::App app{
         "Diagnostic agent: answers queries with UDS over DoIP or CAN, and consent "
         "requests by policy.\nExit codes: 0 stopped, 1 cannot start, 2 invalid usage"};
-    app.set_version_flag("--version", "uoz-agent " UOZ_VERSION);
+    app.set_version_flag("--version", std::string("uoz-agent ") + uoztools::project_version());
     Options options;
     app.add_option("--broker", options.broker, "broker HOST:PORT")
         ->type_name("HOST:PORT")
@@ -295,13 +272,12 @@ int main(int argc, char **argv) {
         return uoztools::kExitInvalidInput;
     }
     uoz_dbg_level = options.debug;
-    signal(SIGINT, request_stop);
-    signal(SIGTERM, request_stop);
     signal(SIGPIPE, SIG_IGN);
+    Lifetime lifetime;
     try {
-        return run(options);
-    } catch (const std::exception &error) {
-        fprintf(stderr, "uoz-agent: %s\n", error.what());
+        return run(options, lifetime);
+    } catch (const std::exception &failure) {
+        fprintf(stderr, "uoz-agent: %s\n", failure.what());
         return uoztools::kExitCannotStart;
     }
 }

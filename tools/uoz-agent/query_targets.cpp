@@ -5,15 +5,6 @@
 
 namespace uozagent {
 
-const char *text_member(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string)) {
-        return nullptr;
-    }
-    return json_object_get_string(value);
-}
-
 namespace {
 
 bool hex_member(json_object *block, const char *key, uint32_t largest, uint32_t *value,

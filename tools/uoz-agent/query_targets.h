@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent_settings.h"
+#include "json_helpers.h"
 
 namespace uozagent {
 
@@ -28,8 +29,8 @@ struct CanAddress {
     uint8_t block_size = 0;
 };
 
-// The string member `key` of a JSON object; nullptr when absent or not a string.
-const char *text_member(json_object *object, const char *key);
+using uoztools::JsonPtr;
+using uoztools::text_member;
 
 enum class Transport { kNone, kDoip, kCan };
 

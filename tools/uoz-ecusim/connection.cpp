@@ -4,7 +4,10 @@
 #include <stdio.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
 #include "hex_text.h"
+#include "stream.h"
 #include "uds.h"
 
 namespace uozecusim {
@@ -18,7 +21,13 @@ using std::chrono::steady_clock;
 constexpr size_t kMaxUdsLength = 4095;
 constexpr uint16_t kFirstTesterAddress = 0x0E00;
 constexpr uint16_t kLastTesterAddress = 0x0FFF;
-constexpr int kPollMs = 50;
+
+// A poll timeout that ends just after `due` (never before it: a timer that
+// is due exactly then would otherwise be checked too early, again and again).
+int milliseconds_until(steady_clock::time_point due, steady_clock::time_point now) {
+    auto left = std::chrono::duration_cast<milliseconds>(due - now).count() + 1;
+    return static_cast<int>(std::max<long long>(0, std::min<long long>(left, 60000)));
+}
 
 // Negative answers an ECU keeps to itself when a request was sent to all
 // ECUs at once: not its service, sub-function or data.
@@ -43,7 +52,7 @@ bool known_activation_type(uint8_t type) {
 
 }  // namespace
 
-Connection::Connection(DoipEntity &entity, uozdoip::ScopedFd fd, std::string peer)
+Connection::Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer)
     : entity_(entity), fd_(std::move(fd)), peer_(std::move(peer)) {}
 
 Connection::~Connection() {
@@ -78,47 +87,33 @@ void Connection::trace(const std::string &line) {
 
 void Connection::read_loop() {
     uozdoip::FrameReader reader;
-    uozdoip::Message message;
-    bool open = true;
+    auto on_message = [this](const uozdoip::Message &message) { return handle(message); };
+    auto send_nack = [this](uint8_t code) {
+        trace(code == uozdoip::generic_nack::kIncorrectPattern
+                  ? "bad protocol version pair: generic NACK, closing"
+                  : "message too large: generic NACK");
+        send(uozdoip::encode_generic_nack(code, version_));
+    };
     bool by_tester = false;
-    while (open && !closing_) {
-        pollfd wait_for{fd_.get(), POLLIN, 0};
-        int ready = poll(&wait_for, 1, kPollMs);
+    for (bool open = true; open && !closing_;) {
         steady_clock::time_point now = steady_clock::now();
-        if (ready == 0) {
-            open = check_alive_timers(now);
-            continue;
-        }
+        pollfd wait_for{fd_.get(), POLLIN, 0};
+        int ready = poll(&wait_for, 1, milliseconds_until(next_timer(), now));
         if (ready < 0 && errno == EINTR)
             continue;
-        if (ready < 0 || uozdoip::read_into(fd_.get(), reader) <= 0) {
-            if (!closing_)
-                trace("connection closed by the tester");
-            open = false;
-            by_tester = !closing_;
-            break;
+        if (ready == 0) {
+            open = check_alive_timers(steady_clock::now());
+            continue;
         }
-        last_received_ = now;
-        for (bool more = true; open && more;) {
-            switch (reader.next(message)) {
-                case uozdoip::FrameReader::Result::kMessage:
-                    open = handle(message);
-                    break;
-                case uozdoip::FrameReader::Result::kNeedMore:
-                    more = false;
-                    break;
-                case uozdoip::FrameReader::Result::kBadVersion:
-                    trace("bad protocol version pair: generic NACK, closing");
-                    send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kIncorrectPattern,
-                                                      version_));
-                    open = false;
-                    break;
-                case uozdoip::FrameReader::Result::kTooLarge:
-                    trace("message too large: generic NACK");
-                    send(uozdoip::encode_generic_nack(uozdoip::generic_nack::kMessageTooLarge,
-                                                      version_));
-                    break;
-            }
+        uozdoip::StreamRead result =
+            ready < 0 ? uozdoip::StreamRead::kFailed
+                      : uozdoip::read_messages(fd_.get(), reader, on_message, send_nack);
+        last_received_ = steady_clock::now();
+        open = result == uozdoip::StreamRead::kOpen;
+        if (result == uozdoip::StreamRead::kEnded || result == uozdoip::StreamRead::kFailed) {
+            by_tester = !closing_;
+            if (by_tester)
+                trace("connection closed by the tester");
         }
     }
     if (!by_tester)
@@ -131,6 +126,21 @@ void Connection::read_loop() {
     if (activated_)
         entity_.release_tester(tester_, this);
     finished_ = true;
+    entity_.connection_finished();
+}
+
+// When the next inactivity or alive check timer of check_alive_timers is due.
+steady_clock::time_point Connection::next_timer() const {
+    const EntitySettings &settings = entity_.settings();
+    if (!activated_)
+        return last_received_ + milliseconds(settings.initial_inactivity_ms);
+    steady_clock::time_point due = last_received_ + milliseconds(settings.general_inactivity_ms);
+    const uint32_t idle_ms = settings.misbehave.alive_check_idle_ms;
+    if (idle_ms == 0)
+        return due;
+    return std::min(due, alive_outstanding_
+                             ? alive_sent_ + milliseconds(settings.alive_check_wait_ms)
+                             : last_received_ + milliseconds(idle_ms));
 }
 
 // Closes an idle connection, and with the alive check switch asks an idle

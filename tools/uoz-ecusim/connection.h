@@ -19,12 +19,13 @@
 
 #include "doip.h"
 #include "doip_entity.h"
+#include "scoped_fd.h"
 
 namespace uozecusim {
 
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(DoipEntity &entity, uozdoip::ScopedFd fd, std::string peer);
+    Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer);
     ~Connection();
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
@@ -65,9 +66,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
     bool pause(std::chrono::milliseconds duration);
     void trace(const std::string &line);
     bool check_alive_timers(std::chrono::steady_clock::time_point now);
+    std::chrono::steady_clock::time_point next_timer() const;
 
     DoipEntity &entity_;
-    uozdoip::ScopedFd fd_;
+    uoztools::ScopedFd fd_;
     std::string peer_;
     std::thread reader_;
     std::atomic<bool> closing_{false};

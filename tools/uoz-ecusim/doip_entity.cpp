@@ -25,6 +25,10 @@ constexpr uint8_t kNodeTypeGateway = 0x00;
 
 constexpr uint8_t kPowerModeReady = 0x01;
 
+// What a byte in the wake pipe asks the serving loop for.
+constexpr char kWakeToStop = 's';
+constexpr char kWakeToReap = 'r';
+
 std::string endpoint_text(const sockaddr *address) {
     char host[INET6_ADDRSTRLEN] = "?";
     uint16_t port = 0;
@@ -134,26 +138,48 @@ std::string DoipEntity::listening_text() const {
     return text;
 }
 
-void DoipEntity::stop() {
-    char byte = 1;
+void DoipEntity::wake(char reason) {
     if (wake_write_.valid())
-        (void)!write(wake_write_.get(), &byte, 1);
+        (void)!write(wake_write_.get(), &reason, 1);
+}
+
+void DoipEntity::stop() {
+    wake(kWakeToStop);
+}
+
+void DoipEntity::connection_finished() {
+    wake(kWakeToReap);
+}
+
+// Empties the wake pipe: false when a stop was asked for.
+bool DoipEntity::take_wake_ups() {
+    char reasons[64];
+    bool stop = false;
+    ssize_t got = read(wake_read_.get(), reasons, sizeof(reasons));
+    while (got > 0) {
+        stop = stop || memchr(reasons, kWakeToStop, static_cast<size_t>(got)) != nullptr;
+        got = read(wake_read_.get(), reasons, sizeof(reasons));
+    }
+    return !stop;
 }
 
 void DoipEntity::run() {
-    for (;;) {
+    for (bool serving = true; serving;) {
         pollfd waits[3] = {
             {tcp_.get(), POLLIN, 0}, {udp_.get(), POLLIN, 0}, {wake_read_.get(), POLLIN, 0}};
-        int ready = poll(waits, 3, 200);
+        int ready = poll(waits, 3, -1);
         if (ready < 0 && errno != EINTR)
             break;
-        if (ready > 0 && waits[2].revents != 0)
-            break;
-        if (ready > 0 && waits[0].revents != 0)
+        if (ready <= 0)
+            continue;
+        if (waits[2].revents != 0) {
+            serving = take_wake_ups();
+            reap_finished();
+        }
+        if (serving && waits[0].revents != 0)
             accept_connection();
-        if (ready > 0 && waits[1].revents != 0)
+        if (serving && waits[1].revents != 0)
             answer_udp();
-        reap_finished();
     }
     close_all();
 }
@@ -161,7 +187,7 @@ void DoipEntity::run() {
 void DoipEntity::accept_connection() {
     sockaddr_storage peer{};
     socklen_t length = sizeof(peer);
-    uozdoip::ScopedFd fd(
+    uoztools::ScopedFd fd(
         accept4(tcp_.get(), reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC));
     if (!fd.valid())
         return;

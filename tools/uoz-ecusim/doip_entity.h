@@ -17,6 +17,7 @@
 #include <string>
 
 #include "doip.h"
+#include "scoped_fd.h"
 #include "uds_server.h"
 #include "vehicle.h"
 
@@ -72,6 +73,8 @@ class DoipEntity {
     void run();
     // Safe from a signal handler.
     void stop();
+    // A connection's threads are done: the serving loop joins and drops it.
+    void connection_finished();
 
     // ---- for connections ----
     const VehicleFile &vehicle() const { return vehicle_; }
@@ -98,16 +101,18 @@ class DoipEntity {
     void accept_connection();
     void answer_udp();
     Bytes udp_answer(const uozdoip::Message &message, uint8_t version) const;
+    void wake(char reason);
+    bool take_wake_ups();
     void reap_finished();
     void close_all();
 
     VehicleFile vehicle_;
     EntitySettings settings_;
     std::map<uint16_t, std::unique_ptr<EcuSlot>> ecus_;
-    uozdoip::ScopedFd tcp_;
-    uozdoip::ScopedFd udp_;
-    uozdoip::ScopedFd wake_read_;
-    uozdoip::ScopedFd wake_write_;
+    uoztools::ScopedFd tcp_;
+    uoztools::ScopedFd udp_;
+    uoztools::ScopedFd wake_read_;
+    uoztools::ScopedFd wake_write_;
     uint16_t port_ = 0;
     std::atomic<uint64_t> requests_{0};
     std::list<std::shared_ptr<Connection>> connections_;

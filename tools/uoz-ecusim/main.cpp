@@ -12,6 +12,7 @@
 #include "doip_entity.h"
 #include "exit_codes.h"
 #include "files.h"
+#include "terminal.h"
 #include "vehicle.h"
 #include "vehicle_default.h"
 
@@ -181,7 +182,7 @@ int main(int argc, char **argv) {
     CLI::App app{
         "DoIP ECU simulator: the vehicle file's ECUs behind one gateway, each a UDS server.\n"
         "Exit codes: 0 stopped by SIGINT/SIGTERM, 1 cannot start, 2 invalid usage"};
-    app.set_version_flag("--version", "uoz-ecusim " UOZ_VERSION);
+    app.set_version_flag("--version", std::string("uoz-ecusim ") + uoztools::project_version());
     Switches switches;
     uozecusim::EntitySettings settings;
     add_switches(app, switches, settings);

@@ -5,20 +5,15 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <memory>
 #include <stdexcept>
 
 #include "hex_text.h"
+#include "json_helpers.h"
 #include "uds.h"
 
 namespace uozecusim {
 
 namespace {
-
-struct JsonPut {
-    void operator()(json_object *object) const { json_object_put(object); }
-};
-using JsonOwner = std::unique_ptr<json_object, JsonPut>;
 
 [[noreturn]] void fail(const std::string &where, const std::string &what) {
     throw std::runtime_error(where + ": " + what);
@@ -71,14 +66,15 @@ json_object *member(json_object *object, const char *key, json_type type,
     return value;
 }
 
-const char *text_member(json_object *object, const char *key, const std::string &where) {
-    json_object *value = member(object, key, json_type_string, where);
-    return value != nullptr ? json_object_get_string(value) : nullptr;
+// The text of a string member, nullptr when absent; another type is an error.
+const char *string_member(json_object *object, const char *key, const std::string &where) {
+    member(object, key, json_type_string, where);
+    return uoztools::text_member(object, key);
 }
 
 uint32_t number_member(json_object *object, const char *key, const std::string &where, uint32_t max,
                        uint32_t fallback) {
-    const char *text = text_member(object, key, where);
+    const char *text = string_member(object, key, where);
     return text != nullptr ? parse_number(where + " \"" + key + "\"", text, max) : fallback;
 }
 
@@ -94,7 +90,7 @@ Bytes did_value(json_object *value, const std::string &where) {
         return Bytes(text, text + strlen(text));
     }
     if (json_object_is_type(value, json_type_object))
-        return parse_bytes(where, text_member(value, "hex", where));
+        return parse_bytes(where, string_member(value, "hex", where));
     fail(where, "a DID's value is a text or {\"hex\": \"...\"}");
 }
 
@@ -130,7 +126,7 @@ SimulatedDtc dtc_from_json(json_object *item, const std::string &ecu_where) {
     if (!json_object_is_type(item, json_type_object))
         fail(ecu_where, "every DTC is an object");
     SimulatedDtc dtc;
-    if (text_member(item, "code", ecu_where) == nullptr)
+    if (string_member(item, "code", ecu_where) == nullptr)
         fail(ecu_where, "every DTC needs a \"code\"");
     dtc.code = number_member(item, "code", ecu_where + " DTC", 0xFFFFFF, 0);
     std::string where = ecu_where + " DTC " + uozuds::hex_number(dtc.code, 6);
@@ -183,13 +179,13 @@ Routine routine_from_json(json_object *object, uint16_t id, const std::string &w
         fail(where, "a routine is an object");
     Routine routine;
     routine.id = id;
-    const char *name = text_member(object, "name", where);
+    const char *name = string_member(object, "name", where);
     routine.name = name != nullptr ? name : "";
-    const char *start = text_member(object, "start", where);
+    const char *start = string_member(object, "start", where);
     routine.start_result = parse_bytes(where + " \"start\"", start != nullptr ? start : "");
-    const char *results = text_member(object, "results", where);
+    const char *results = string_member(object, "results", where);
     routine.results = parse_bytes(where + " \"results\"", results != nullptr ? results : "");
-    const char *stop = text_member(object, "stop", where);
+    const char *stop = string_member(object, "stop", where);
     routine.stoppable = stop != nullptr;
     routine.stop_result = parse_bytes(where + " \"stop\"", stop != nullptr ? stop : "");
     if (json_object *duration = member(object, "duration-ms", json_type_int, where)) {
@@ -253,9 +249,9 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     if (!json_object_is_type(entry, json_type_object))
         fail(where, "every ECU is an object");
     SimulatedEcu ecu;
-    const char *name = text_member(entry, "name", where);
-    const char *address = text_member(entry, "targetAddress", where);
-    const char *request_id = text_member(entry, "phy-req-id", where);
+    const char *name = string_member(entry, "name", where);
+    const char *address = string_member(entry, "targetAddress", where);
+    const char *request_id = string_member(entry, "phy-req-id", where);
     if (name == nullptr || *name == '\0' || address == nullptr || request_id == nullptr)
         fail(where, "every ECU needs \"name\", \"targetAddress\" and \"phy-req-id\"");
     ecu.name = name;
@@ -309,7 +305,7 @@ void read_gateway(VehicleFile &vehicle, json_object *root) {
         number_member(gateway, "logical-address", where, 0xFFFF, vehicle.gateway_address));
     vehicle.functional_address = static_cast<uint16_t>(
         number_member(gateway, "functional-address", where, 0xFFFF, vehicle.functional_address));
-    if (const char *vin = text_member(gateway, "vin", where)) {
+    if (const char *vin = string_member(gateway, "vin", where)) {
         if (strlen(vin) != 17)
             fail(where, "\"vin\" has 17 characters");
         vehicle.vin = vin;
@@ -317,7 +313,7 @@ void read_gateway(VehicleFile &vehicle, json_object *root) {
     for (auto [key, target] :
          {std::pair<const char *, std::array<uint8_t, 6> *>{"eid", &vehicle.eid},
           {"gid", &vehicle.gid}}) {
-        const char *text = text_member(gateway, key, where);
+        const char *text = string_member(gateway, key, where);
         if (text == nullptr)
             continue;
         Bytes bytes = parse_bytes(where + " \"" + key + "\"", text);
@@ -345,7 +341,7 @@ std::string status_contradiction(uint8_t status) {
 }
 
 VehicleFile parse_vehicle(const std::string &text) {
-    JsonOwner root(json_tokener_parse(text.c_str()));
+    uoztools::JsonPtr root(json_tokener_parse(text.c_str()));
     if (!root || !json_object_is_type(root.get(), json_type_object))
         throw std::runtime_error("a vehicle file is a JSON object with an \"ecus\" array");
     json_object *ecus = member(root.get(), "ecus", json_type_array, "vehicle");

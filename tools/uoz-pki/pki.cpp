@@ -82,26 +82,26 @@ void write_certificate(const std::string &path, X509 *certificate) {
         fail("cannot write certificate " + path);
 }
 
-KeyPtr read_key(const std::string &path) {
+// A PEM object read with `read` (PEM_read_PrivateKey, PEM_read_X509);
+// what_failed names it when the file holds none.
+template <typename Owned, typename Read>
+Owned read_pem(const std::string &path, Read read, const char *what_failed) {
     FILE *file = fopen(path.c_str(), "r");
     if (file == nullptr)
         throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
-    KeyPtr key(PEM_read_PrivateKey(file, nullptr, nullptr, nullptr));
+    Owned object(read(file, nullptr, nullptr, nullptr));
     fclose(file);
-    if (!key)
-        fail("cannot read key " + path);
-    return key;
+    if (!object)
+        fail(what_failed + path);
+    return object;
+}
+
+KeyPtr read_key(const std::string &path) {
+    return read_pem<KeyPtr>(path, PEM_read_PrivateKey, "cannot read key ");
 }
 
 CertPtr read_certificate(const std::string &path) {
-    FILE *file = fopen(path.c_str(), "r");
-    if (file == nullptr)
-        throw std::runtime_error("cannot read " + path + ": run 'uoz-pki init' first");
-    CertPtr certificate(PEM_read_X509(file, nullptr, nullptr, nullptr));
-    fclose(file);
-    if (!certificate)
-        fail("cannot read certificate " + path);
-    return certificate;
+    return read_pem<CertPtr>(path, PEM_read_X509, "cannot read certificate ");
 }
 
 void add_extension(X509 *certificate, X509V3_CTX *context, int nid, const std::string &value) {

@@ -4,20 +4,14 @@
 #include <string.h>
 #include <strings.h>
 
-#include <fstream>
-#include <sstream>
+#include "files.h"
+#include "json_helpers.h"
 
 namespace uozctl {
 
 namespace {
 
-const char *text_of(json_object *object, const char *key) {
-    json_object *value = nullptr;
-    if (!json_object_object_get_ex(object, key, &value) ||
-        !json_object_is_type(value, json_type_string))
-        return nullptr;
-    return json_object_get_string(value);
-}
+using uoztools::text_member;
 
 struct Transport {
     const char *type;
@@ -45,18 +39,18 @@ const Transport &transport_of(const std::string &type) {
 std::string drop_reason(json_object *entry, EntryReport *report) {
     if (!json_object_is_type(entry, json_type_object))
         return "not a JSON object";
-    const char *type = text_of(entry, "type");
+    const char *type = text_member(entry, "type");
     if (type == nullptr)
         return "no \"type\" text";
     report->type = type;
-    const char *address = text_of(entry, "targetAddress");
+    const char *address = text_member(entry, "targetAddress");
     if (address == nullptr)
         return "no \"targetAddress\" text";
     char *end = nullptr;
     errno = 0;
     long value = strtol(address, &end, 16);
     report->target_address = errno == 0 && *end == '\0' && end != address ? value : -1;
-    const char *name = text_of(entry, "name");
+    const char *name = text_member(entry, "name");
     if (name == nullptr)
         return "no \"name\" text";
     report->name = name;
@@ -65,7 +59,7 @@ std::string drop_reason(json_object *entry, EntryReport *report) {
     if (transport.block != nullptr)
         json_object_object_get_ex(entry, transport.block, &block);
     for (const char *key : transport.required) {
-        if (block == nullptr || text_of(block, key) == nullptr) {
+        if (block == nullptr || text_member(block, key) == nullptr) {
             return std::string("no \"") + transport.block + "\".\"" + key + "\" text";
         }
     }
@@ -108,17 +102,6 @@ void mark_shadowed(std::vector<EntryReport> *entries) {
             }
         }
     }
-}
-
-std::string read_file(const std::string &path, std::string *error) {
-    std::ifstream file(path);
-    if (!file) {
-        *error = "cannot read " + path + ": " + strerror(errno);
-        return "";
-    }
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
 }
 
 // Line and column of a byte offset, both counted from 1.
@@ -173,8 +156,8 @@ bool ConfigReport::all_usable() const {
 
 ConfigReport check_config(const std::string &path) {
     ConfigReport report;
-    std::string text = read_file(path, &report.file_error);
-    if (!report.file_error.empty())
+    std::string text;
+    if (!uoztools::read_text_file(path, &text, &report.file_error))
         return report;
     json_object *document = parse_json_text(text, path, &report.file_error);
     if (document == nullptr)
@@ -198,7 +181,7 @@ ConfigReport check_config(const std::string &path) {
     if (json_object_object_get_ex(document, "pre-defined-routines", &routines) &&
         json_object_is_type(routines, json_type_array)) {
         for (size_t i = 0; i < json_object_array_length(routines); ++i) {
-            const char *name = text_of(json_object_array_get_idx(routines, i), "name");
+            const char *name = text_member(json_object_array_get_idx(routines, i), "name");
             if (name != nullptr)
                 report.routines.push_back(name);
         }

@@ -77,11 +77,4 @@ void Console::copy_library_lines(int from, bool keep_colour) {
     close(from);
 }
 
-void Console::print_json(json_object *object) const {
-    fprintf(results_, "%s\n",
-            json_object_to_json_string_ext(
-                object, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
-    fflush(results_);
-}
-
 }  // namespace uozctl

@@ -4,19 +4,12 @@
 #ifndef UOZ_TOOLS_UOZCTL_CONSOLE_H
 #define UOZ_TOOLS_UOZCTL_CONSOLE_H
 
-#include <json-c/json.h>
 #include <stdio.h>
 
-#include <memory>
 #include <string>
 #include <thread>
 
 namespace uozctl {
-
-struct JsonFree {
-    void operator()(json_object *object) const { json_object_put(object); }
-};
-using Json = std::unique_ptr<json_object, JsonFree>;
 
 // Moves standard output (fd 1) to a pipe whose lines go to standard error,
 // without colour codes unless standard error is a terminal that allows
@@ -29,7 +22,6 @@ class Console {
     Console &operator=(const Console &) = delete;
 
     FILE *results() const { return results_; }
-    void print_json(json_object *object) const;
 
   private:
     void copy_library_lines(int from, bool keep_colour);

@@ -4,17 +4,17 @@
 
 #include <tuple>
 
+#include "json_helpers.h"
+
 namespace uozctl {
 
 namespace {
 
 bool get_text(json_object *object, const char *key, std::string *value) {
-    json_object *member = nullptr;
-    if (!json_object_object_get_ex(object, key, &member) ||
-        !json_object_is_type(member, json_type_string))
-        return false;
-    *value = json_object_get_string(member);
-    return true;
+    const char *text = uoztools::text_member(object, key);
+    if (text != nullptr)
+        *value = text;
+    return text != nullptr;
 }
 
 bool parse_time(const std::string &text, time_t *value) {

@@ -1,21 +1,22 @@
-// A quick look at the broker before a tool waits on the bus: can the name be
+// Part of the programs' bus client (tools/bus, see bus_client.h): a quick
+// look at the broker before a tool waits on the bus. Can the name be
 // resolved, does the port accept, does the TLS handshake succeed with the
-// tool's identity, does the broker let the identity in. A tool tells the
+// tool's identity, does the broker let the identity in? A tool tells the
 // reason at once instead of waiting for a reply that cannot come.
 #ifndef UOZ_TOOLS_BUS_PROBE_H
 #define UOZ_TOOLS_BUS_PROBE_H
 
 #include <string>
 
-namespace uoztools {
+namespace uozbus {
 
 struct ProbeResult {
     bool ok = false;
     std::string reason;  // one line, for the user; empty when ok
 };
 
-// Identity as the library reads it: identity_dir/private.pem, cert.pem and
-// identity_dir/../ca/ca.pem. Gives up after timeout_ms in all.
+// With the identity in identity_dir (identity.h). Gives up after timeout_ms
+// in all.
 ProbeResult probe_broker(const std::string &host, int port, const std::string &identity_dir,
                          int timeout_ms);
 
@@ -27,6 +28,6 @@ std::string identity_problem(const std::string &identity_dir);
 // (kt5:ua:...), which replies are sent to. Empty result when it does.
 std::string missing_reply_address(const std::string &identity_dir);
 
-}  // namespace uoztools
+}  // namespace uozbus
 
 #endif

@@ -18,7 +18,9 @@
 #include <memory>
 #include <vector>
 
-namespace uoztools {
+#include "identity.h"
+
+namespace uozbus {
 
 namespace {
 
@@ -168,14 +170,13 @@ std::string connack_text(int reason) {
 SSL_CTX *client_context(const std::string &identity_dir, const std::string &host,
                         std::string *reason) {
     SSL_CTX *context = SSL_CTX_new(TLS_client_method());
-    std::string ca = identity_dir + "/../ca/ca.pem";
-    bool ok = context != nullptr && SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) == 1 &&
-              SSL_CTX_use_certificate_file(context, (identity_dir + "/cert.pem").c_str(),
-                                           SSL_FILETYPE_PEM) == 1 &&
-              SSL_CTX_use_PrivateKey_file(context, (identity_dir + "/private.pem").c_str(),
-                                          SSL_FILETYPE_PEM) == 1 &&
-              SSL_CTX_check_private_key(context) == 1 &&
-              SSL_CTX_load_verify_locations(context, ca.c_str(), nullptr) == 1;
+    IdentityFiles files = identity_files(identity_dir);
+    bool ok =
+        context != nullptr && SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) == 1 &&
+        SSL_CTX_use_certificate_file(context, files.certificate.c_str(), SSL_FILETYPE_PEM) == 1 &&
+        SSL_CTX_use_PrivateKey_file(context, files.private_key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+        SSL_CTX_check_private_key(context) == 1 &&
+        SSL_CTX_load_verify_locations(context, files.ca.c_str(), nullptr) == 1;
     if (ok) {
         X509_VERIFY_PARAM *param = SSL_CTX_get0_param(context);
         unsigned char address[16];
@@ -213,8 +214,8 @@ ProbeResult greet_broker(int fd, const std::string &host, const std::string &whe
                                  verify == X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT ||
                                  verify == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN ||
                                  verify == X509_V_ERR_CERT_SIGNATURE_FAILURE
-                             ? " (the broker's certificate is not from the CA in " + identity_dir +
-                                   "/../ca/ca.pem)"
+                             ? " (the broker's certificate is not from the CA in " +
+                                   identity_files(identity_dir).ca + ")"
                              : "");
         return result;
     }
@@ -259,12 +260,12 @@ ProbeResult greet_broker(int fd, const std::string &host, const std::string &whe
 }  // namespace
 
 std::string identity_problem(const std::string &identity_dir) {
-    for (const char *name : {"/private.pem", "/cert.pem", "/../ca/ca.pem"}) {
-        std::string path = identity_dir + name;
+    IdentityFiles files = identity_files(identity_dir);
+    for (const std::string &path : {files.private_key, files.certificate, files.ca}) {
         if (access(path.c_str(), R_OK) != 0)
             return "cannot read " + path + ": " + strerror(errno);
     }
-    std::string path = identity_dir + "/cert.pem";
+    const std::string &path = files.certificate;
     CertPtr certificate = read_certificate(path);
     if (!certificate)
         return path + " is not a PEM certificate";
@@ -280,7 +281,8 @@ std::string identity_problem(const std::string &identity_dir) {
 }
 
 std::string missing_reply_address(const std::string &identity_dir) {
-    CertPtr certificate = read_certificate(identity_dir + "/cert.pem");
+    const std::string path = identity_files(identity_dir).certificate;
+    CertPtr certificate = read_certificate(path);
     if (!certificate)
         return "";
     auto *names = static_cast<GENERAL_NAMES *>(
@@ -297,8 +299,8 @@ std::string missing_reply_address(const std::string &identity_dir) {
     GENERAL_NAMES_free(names);
     if (found)
         return "";
-    return "the certificate " + identity_dir +
-           "/cert.pem names no reply address (kt5:ua:...): no reply can reach this node; make "
+    return "the certificate " + path +
+           " names no reply address (kt5:ua:...): no reply can reach this node; make "
            "the identity with 'uoz-pki node --ua NAME'";
 }
 
@@ -349,4 +351,4 @@ ProbeResult probe_broker(const std::string &host, int port, const std::string &i
     return greet_broker(socket.fd(), host, where, identity_dir, deadline);
 }
 
-}  // namespace uoztools
+}  // namespace uozbus

@@ -1,0 +1,227 @@
+#include "output.h"
+
+#include "exit_codes.h"
+#include "hex_text.h"
+#include "json_helpers.h"
+
+namespace uozctl {
+
+namespace {
+
+using uoztools::JsonPtr;
+
+json_object *text_or_null(const char *text) {
+    return text != nullptr ? json_object_new_string(text) : nullptr;
+}
+
+// The document of a result with its exit code when that is not 0.
+void add_exit_code(json_object *object, int code) {
+    if (code != uoztools::kExitOk)
+        json_object_object_add(object, "exit_code", json_object_new_int(code));
+}
+
+json_object *dtc_answer_json(const DtcAnswer &answer) {
+    json_object *item = json_object_new_object();
+    json_object_object_add(item, "ecu", text_or_null(answer.ecu));
+    json_object_object_add(item, "target_address", json_object_new_int(answer.address));
+    json_object_object_add(item, "length", json_object_new_int(static_cast<int>(answer.length)));
+    json_object_object_add(item, "bytes",
+                           json_object_new_string(hex_of(answer.bytes, answer.length).c_str()));
+    json_object_object_add(item, "decoded",
+                           answer.failed ? nullptr : report_to_json(answer.decoded));
+    if (answer.failed)
+        json_object_object_add(item, "error", json_object_new_string(kAgentFailure));
+    return item;
+}
+
+json_object *routine_result_json(const RoutineResult &result) {
+    json_object *item = json_object_new_object();
+    json_object_object_add(item, "ecu", json_object_new_string(result.ecu.c_str()));
+    json_object_object_add(item, "response", json_object_new_string(result.response.c_str()));
+    json_object_object_add(item, "negative", json_object_new_boolean(!result.negative.empty()));
+    if (!result.error.empty())
+        json_object_object_add(item, "error", json_object_new_string(result.error.c_str()));
+    return item;
+}
+
+std::string routine_result_line(const char *what, const RoutineResult &result) {
+    if (!result.error.empty())
+        return std::string(what) + ": " + result.ecu + ": failed: " + result.error + "\n";
+    return std::string(what) + ": " + result.ecu + ": " +
+           (result.negative.empty() ? "done, response " + result.response : result.negative) + "\n";
+}
+
+}  // namespace
+
+const char kAgentFailure[] =
+    "the agent reported a failure (see the agent's log; --debug 2 shows its reply)";
+
+std::string DtcAnswer::label() const {
+    char text[96];
+    snprintf(text, sizeof(text), "%s (0x%X)", ecu != nullptr ? ecu : "unknown ECU",
+             static_cast<unsigned>(address));
+    return text;
+}
+
+void Output::print_json(json_object *object) const {
+    fprintf(out(), "%s\n",
+            json_object_to_json_string_ext(
+                object, JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_NOSLASHESCAPE));
+    fflush(out());
+}
+
+int Output::fail(int code, const std::string &message) const {
+    if (json_) {
+        JsonPtr object(json_object_new_object());
+        json_object_object_add(object.get(), "error", json_object_new_string(message.c_str()));
+        json_object_object_add(object.get(), "exit_code", json_object_new_int(code));
+        print_json(object.get());
+    }
+    fprintf(stderr, "uozctl: %s\n", message.c_str());
+    return code;
+}
+
+int Output::no_reply(const char *who, int timeout_seconds) const {
+    return fail(uoztools::kExitNoReply,
+                std::string("no reply from the ") + who + " within " +
+                    std::to_string(timeout_seconds) +
+                    " s: the broker is up; is uoz-agent running and connected to it?");
+}
+
+void Output::warn(const std::string &message) const {
+    fprintf(stderr, "uozctl: warning: %s\n", message.c_str());
+}
+
+void Output::config_warnings(const ConfigReport &report) const {
+    for (const EntryReport &entry : report.entries) {
+        if (!entry.problem.empty()) {
+            warn("configuration entry " + std::to_string(entry.index) +
+                 (entry.name.empty() ? "" : " ") + entry.name + ": " + entry.problem +
+                 (entry.loaded ? "" : " (dropped)"));
+        }
+    }
+}
+
+void Output::ecus(const ConfigReport &report, const std::string &file) const {
+    if (json_) {
+        config_check(report, file, uoztools::kExitOk);
+        return;
+    }
+    fprintf(out(), "%-14s %-8s %-6s %-8s %s\n", "NAME", "ADDRESS", "TP", "VERSION", "PARAMETERS");
+    for (const EntryReport &entry : report.entries) {
+        if (!entry.loaded)
+            continue;
+        std::string address =
+            entry.target_address >= 0
+                ? uozuds::hex_number(static_cast<uint32_t>(entry.target_address), 1)
+                : "-";
+        fprintf(out(), "%-14s %-8s %-6s %-8s %s\n", entry.name.c_str(), address.c_str(),
+                entry.type.c_str(), entry.version_source.c_str(), entry.parameters.c_str());
+    }
+    config_warnings(report);
+}
+
+void Output::config_check(const ConfigReport &report, const std::string &file, int code) const {
+    if (json_) {
+        JsonPtr entries(json_object_new_array());
+        for (const EntryReport &entry : report.entries)
+            json_object_array_add(entries.get(), entry_to_json(entry));
+        JsonPtr object(json_object_new_object());
+        json_object_object_add(object.get(), "file", json_object_new_string(file.c_str()));
+        json_object_object_add(object.get(), "entries", json_object_get(entries.get()));
+        json_object_object_add(object.get(), "all_usable",
+                               json_object_new_boolean(report.all_usable()));
+        add_exit_code(object.get(), code);
+        print_json(object.get());
+        return;
+    }
+    for (const EntryReport &entry : report.entries) {
+        fprintf(out(), "entry %zu %s: %s%s%s\n", entry.index,
+                entry.name.empty() ? "(no name)" : entry.name.c_str(),
+                entry.loaded ? "loaded" : "dropped",
+                entry.problem.empty() ? ""
+                : entry.loaded        ? ", but "
+                                      : ": ",
+                entry.problem.c_str());
+    }
+    fprintf(out(), "%s: %s\n", file.c_str(),
+            code == uoztools::kExitOk ? "every entry loads"
+                                      : "some entries are dropped or unreachable");
+}
+
+void Output::dtc_answers(const std::vector<DtcAnswer> &answers, int ecu_count, int total_bytes,
+                         int code) const {
+    if (!json_) {
+        for (const DtcAnswer &answer : answers) {
+            fprintf(out(), "%s\n", answer.label().c_str());
+            if (answer.failed)
+                fprintf(out(), "  failed: %s\n", kAgentFailure);
+            else
+                fputs(report_to_text(answer.decoded).c_str(), out());
+        }
+        if (ecu_count == 0)
+            fprintf(out(), "no ECU answered\n");
+        return;
+    }
+    JsonPtr object(json_object_new_object());
+    json_object *ecus = json_object_new_array();
+    for (const DtcAnswer &answer : answers)
+        json_object_array_add(ecus, dtc_answer_json(answer));
+    json_object_object_add(object.get(), "total_length", json_object_new_int(total_bytes));
+    json_object_object_add(object.get(), "ecus", ecus);
+    add_exit_code(object.get(), code);
+    print_json(object.get());
+}
+
+void Output::routine_results(const char *what, const std::vector<RoutineResult> &results,
+                             int code) const {
+    if (!json_) {
+        for (const RoutineResult &result : results)
+            fputs(routine_result_line(what, result).c_str(), out());
+        if (results.empty())
+            fprintf(out(), "%s: done\n", what);
+        return;
+    }
+    bool failed = false, negative = false;
+    json_object *responses = json_object_new_array();
+    for (const RoutineResult &result : results) {
+        failed = failed || !result.error.empty();
+        negative = negative || !result.negative.empty();
+        json_object_array_add(responses, routine_result_json(result));
+    }
+    JsonPtr object(json_object_new_object());
+    json_object_object_add(object.get(), "result",
+                           json_object_new_string(failed     ? "failed"
+                                                  : negative ? "negative response"
+                                                             : "done"));
+    json_object_object_add(object.get(), "responses", responses);
+    add_exit_code(object.get(), code);
+    print_json(object.get());
+}
+
+void Output::version(const char *ecu, int32_t address, const char *version) const {
+    if (!json_) {
+        fprintf(out(), "%s (0x%X): %s\n", ecu, static_cast<unsigned>(address), version);
+        return;
+    }
+    JsonPtr object(json_object_new_object());
+    json_object_object_add(object.get(), "ecu", json_object_new_string(ecu));
+    json_object_object_add(object.get(), "target_address", json_object_new_int(address));
+    json_object_object_add(object.get(), "version", json_object_new_string(version));
+    print_json(object.get());
+}
+
+void Output::consent(const std::string &kind, const std::string &campaign,
+                     const char *result) const {
+    if (!json_) {
+        fprintf(out(), "%s consent for campaign %s: %s\n", kind.c_str(), campaign.c_str(), result);
+        return;
+    }
+    JsonPtr object(json_object_new_object());
+    json_object_object_add(object.get(), "campaign", json_object_new_string(campaign.c_str()));
+    json_object_object_add(object.get(), "consent", json_object_new_string(kind.c_str()));
+    json_object_object_add(object.get(), "result", json_object_new_string(result));
+    print_json(object.get());
+}
+
+}  // namespace uozctl
