@@ -4,11 +4,13 @@
 
 #include <stdexcept>
 
-#include "kt5Utils/kt5_json.h"
+#include "json_helpers.h"
 
 namespace uozagent {
 
 namespace {
+
+using uoztools::JsonPtr;
 
 json_object *member(json_object *object, const char *key, json_type type, const char *where) {
     json_object *value = nullptr;

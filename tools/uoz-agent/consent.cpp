@@ -3,9 +3,11 @@
 #include <json-c/json.h>
 #include <string.h>
 
-#include "kt5Utils/kt5_json.h"
+#include "json_helpers.h"
 
 namespace uozagent {
+
+using uoztools::JsonPtr;
 
 std::string answer_consent(const std::string &message, ConsentPolicy policy,
                            bool (*ask)(const std::string &campaign)) {
