@@ -69,7 +69,9 @@ std::string dtc_line(const Dtc &dtc) {
 std::string report_to_text(const DtcReport &report) {
     std::string text;
     char line[256];
-    if (report.negative) {
+    if (report.negative && report.nrc < 0) {
+        text += "  negative response\n";  // cut short before its code: the note says so
+    } else if (report.negative) {
         snprintf(line, sizeof(line), "  negative response: NRC 0x%02X %s\n", report.nrc,
                  report.nrc_name.c_str());
         text += line;
