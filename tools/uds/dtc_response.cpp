@@ -41,22 +41,24 @@ void leave_undecoded(DtcReport &report, const Reader &body, const std::string &w
     report.note = why;
 }
 
-int known_did_size(uint16_t did, const DataSizes *sizes) {
-    if (sizes != nullptr) {
-        auto known = sizes->dids.find(did);
-        if (known != sizes->dids.end())
+// The size the caller knows, else the built-in one (-1: not known).
+template <typename Key>
+int known_size(const std::map<Key, int> *caller, Key key, int built_in) {
+    if (caller != nullptr) {
+        auto known = caller->find(key);
+        if (known != caller->end())
             return known->second;
     }
-    return did_size(did);
+    return built_in;
+}
+
+int known_did_size(uint16_t did, const DataSizes *sizes) {
+    return known_size(sizes != nullptr ? &sizes->dids : nullptr, did, did_size(did));
 }
 
 int known_record_size(uint8_t record, const DataSizes *sizes) {
-    if (sizes != nullptr) {
-        auto known = sizes->extended_records.find(record);
-        if (known != sizes->extended_records.end())
-            return known->second;
-    }
-    return extended_record_size(record);
+    return known_size(sizes != nullptr ? &sizes->extended_records : nullptr, record,
+                      extended_record_size(record));
 }
 
 DataRecord extended_record(uint8_t number, const uint8_t *data, size_t size) {

@@ -116,44 +116,52 @@ void add_text(json_object *target, const char *key, const std::string &value) {
         json_object_object_add(target, key, json_object_new_string(value.c_str()));
 }
 
+json_object *text_json(const std::string &text) {
+    return json_object_new_string(text.c_str());
+}
+
+// An array of every item as to_json gives it, empty ones included.
+template <typename Item, typename ToJson>
+void add_array(json_object *target, const char *key, const std::vector<Item> &items,
+               ToJson to_json) {
+    json_object *array = json_object_new_array();
+    for (const Item &item : items)
+        json_object_array_add(array, to_json(item));
+    json_object_object_add(target, key, array);
+}
+
+json_object *did_to_json(const DidValue &value) {
+    json_object *did = json_object_new_object();
+    add_int(did, "did", value.did);
+    add_text(did, "name", value.name);
+    json_object_object_add(did, "data", text_json(value.hex));
+    return did;
+}
+
 json_object *record_to_json(const DataRecord &record) {
     json_object *entry = json_object_new_object();
     add_int(entry, "number", record.number);
     add_text(entry, "name", record.name);
     if (record.identifier_count < 0) {
-        json_object_object_add(entry, "data", json_object_new_string(record.hex.c_str()));
+        json_object_object_add(entry, "data", text_json(record.hex));
         return entry;
     }
     add_int(entry, "identifiers", record.identifier_count);
-    json_object *dids = json_object_new_array();
-    for (const DidValue &value : record.dids) {
-        json_object *did = json_object_new_object();
-        add_int(did, "did", value.did);
-        add_text(did, "name", value.name);
-        json_object_object_add(did, "data", json_object_new_string(value.hex.c_str()));
-        json_object_array_add(dids, did);
-    }
-    json_object_object_add(entry, "dids", dids);
+    add_array(entry, "dids", record.dids, did_to_json);
     return entry;
 }
 
 json_object *dtc_to_json(const Dtc &dtc) {
     json_object *item = json_object_new_object();
-    json_object_object_add(item, "dtc", json_object_new_string(dtc.text.c_str()));
+    json_object_object_add(item, "dtc", text_json(dtc.text));
     json_object_object_add(item, "code", json_object_new_int(static_cast<int>(dtc.code)));
     add_int(item, "status", dtc.status);
-    json_object *names = json_object_new_array();
-    for (const std::string &name : dtc.status_names)
-        json_object_array_add(names, json_object_new_string(name.c_str()));
-    json_object_object_add(item, "status_bits", names);
+    add_array(item, "status_bits", dtc.status_names, text_json);
     add_int(item, "severity", dtc.severity);
     add_int(item, "functional_unit", dtc.functional_unit);
     add_int(item, "fault_detection_counter", dtc.fault_detection_counter);
     add_int(item, "record_number", dtc.record_number);
-    json_object *records = json_object_new_array();
-    for (const DataRecord &record : dtc.records)
-        json_object_array_add(records, record_to_json(record));
-    json_object_object_add(item, "records", records);
+    add_array(item, "records", dtc.records, record_to_json);
     return item;
 }
 
@@ -170,10 +178,7 @@ json_object *report_to_json(const DtcReport &report) {
     add_int(object, "availability_mask", report.availability_mask);
     add_int(object, "format", report.format);
     add_int(object, "count", report.count);
-    json_object *dtcs = json_object_new_array();
-    for (const Dtc &dtc : report.dtcs)
-        json_object_array_add(dtcs, dtc_to_json(dtc));
-    json_object_object_add(object, "dtcs", dtcs);
+    add_array(object, "dtcs", report.dtcs, dtc_to_json);
     add_text(object, "undecoded", report.undecoded);
     add_text(object, "note", report.note);
     return object;
