@@ -124,9 +124,8 @@ TEST(DtcReportRequests, HaveTheLengthOfTheirLayout) {
     for (const uozuds::DtcReportType &type : uozuds::dtc_reports()) {
         size_t length = uozuds::dtc_request_length(type);
         for (size_t wrong : {length - 1, length + 1}) {
-            Bytes request(wrong, 0xFF);
-            request[0] = 0x19;
-            request[1] = type.number;
+            Bytes request = {0x19, type.number};
+            request.resize(wrong, 0xFF);
             EXPECT_EQ(spaced(uozecusim::read_dtc_response(engine, request.data(), wrong)),
                       "7F 19 13")
                 << int(type.number) << " " << wrong;

@@ -182,6 +182,31 @@ Bytes records_of_dtc(const SimulatedEcu &ecu, const Listed &listed, Layout layou
     return out;
 }
 
+void put_severity_item(Bytes &out, const SimulatedDtc &dtc) {
+    out.insert(out.end(), {dtc.severity, dtc.functional_unit});
+    put_dtc_and_status(out, dtc);
+}
+
+void put_snapshot_identification(Bytes &out, const SimulatedDtc &dtc) {
+    for (const auto &snapshot : dtc.snapshots) {
+        put_dtc(out, dtc.code);
+        out.push_back(snapshot.first);
+    }
+}
+
+void put_fault_counter(Bytes &out, const SimulatedDtc &dtc) {
+    put_dtc(out, dtc.code);
+    out.push_back(dtc.fault_detection_counter);
+}
+
+// The same item for every DTC listed.
+template <typename PutItem>
+Bytes put_each(Bytes out, const Listed &listed, PutItem put_item) {
+    for (const SimulatedDtc *dtc : listed)
+        put_item(out, *dtc);
+    return out;
+}
+
 // The positive answer of the layout to the DTCs listed.
 Bytes answer(const SimulatedEcu &ecu, const DtcRequest &request, const Listed &listed, Bytes out) {
     const Layout layout = request.type->response;
@@ -191,30 +216,14 @@ Bytes answer(const SimulatedEcu &ecu, const DtcRequest &request, const Listed &l
             return out;
         case Layout::kStatusList:
             out.push_back(kDtcAvailabilityMask);
-            for (const SimulatedDtc *dtc : listed)
-                put_dtc_and_status(out, *dtc);
-            return out;
+            return put_each(out, listed, put_dtc_and_status);
         case Layout::kSeverityList:
             out.push_back(kDtcAvailabilityMask);
-            for (const SimulatedDtc *dtc : listed) {
-                out.insert(out.end(), {dtc->severity, dtc->functional_unit});
-                put_dtc_and_status(out, *dtc);
-            }
-            return out;
+            return put_each(out, listed, put_severity_item);
         case Layout::kSnapshotIdentification:
-            for (const SimulatedDtc *dtc : listed) {
-                for (const auto &snapshot : dtc->snapshots) {
-                    put_dtc(out, dtc->code);
-                    out.push_back(snapshot.first);
-                }
-            }
-            return out;
+            return put_each(out, listed, put_snapshot_identification);
         case Layout::kFaultCounters:
-            for (const SimulatedDtc *dtc : listed) {
-                put_dtc(out, dtc->code);
-                out.push_back(dtc->fault_detection_counter);
-            }
-            return out;
+            return put_each(out, listed, put_fault_counter);
         case Layout::kSnapshotRecords:
         case Layout::kExtendedRecords:
             return records_of_dtc(ecu, listed, layout, request.record, out);
