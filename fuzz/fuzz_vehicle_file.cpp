@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "dtc_reports.h"
 #include "read_dtc.h"
 #include "vehicle.h"
 
@@ -17,10 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     }
     for (const uozecusim::SimulatedEcu &ecu : vehicle.ecus) {
-        for (int report = 1; report <= 0x19; ++report) {
-            std::vector<uint8_t> request(uozecusim::read_dtc_request_length(report), 0xFF);
+        for (const uozuds::DtcReportType &type : uozuds::dtc_reports()) {
+            std::vector<uint8_t> request(uozuds::dtc_request_length(type), 0xFF);
             request[0] = 0x19;
-            request[1] = static_cast<uint8_t>(report);
+            request[1] = type.number;
             uozecusim::read_dtc_response(ecu, request.data(), request.size());
         }
     }

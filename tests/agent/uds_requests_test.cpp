@@ -3,65 +3,18 @@
 
 #include <gtest/gtest.h>
 
-#include "UDSOverZelko/read_dtc.h"
-#include "kt5Utils/kt5_json.h"
+#include "json_helpers.h"
 
 namespace uozagent {
 namespace {
+
+using uoztools::JsonPtr;
 
 JsonPtr parse(const char *text) {
     JsonPtr json(json_tokener_parse(text));
     EXPECT_NE(json, nullptr) << text;
     return json;
 }
-
-// Every report type the library sends, through its own body builder: what
-// the agent receives.
-struct BuiltCase {
-    uint32_t subfunction, mask, dtc;
-    uint8_t record;
-    const char *request;
-};
-
-const BuiltCase kBuiltCases[] = {
-    {0x01, 0x08, 0, 0, "190108"},
-    {0x02, 0xFF, 0, 0, "1902FF"},  // every status bit's name
-    {0x02, 0x00, 0, 0, "190200"},
-    {0x02, 0xAF, 0, 0, "1902AF"},
-    {0x03, 0, 0, 0, "1903"},
-    {0x04, 0, 0x030100, 0x01, "190403010001"},
-    {0x05, 0, 0, 0x02, "190502"},
-    {0x06, 0, 0x017100, 0xFF, "1906017100FF"},
-    {0x09, 0, 0xD00100, 0x07, "1909D00100"},
-    {0x0A, 0, 0, 0, "190A"},
-    {0x0B, 0, 0, 0, "190B"},
-    {0x0C, 0, 0, 0, "190C"},
-    {0x0D, 0, 0, 0, "190D"},
-    {0x0E, 0, 0, 0, "190E"},
-    {0x0F, 0x01, 0, 0, "190F01"},
-    {0x10, 0, 0x900113, 0x01, "191090011301"},
-    {0x11, 0x04, 0, 0, "191104"},
-    {0x12, 0x08, 0, 0, "191208"},
-    {0x13, 0x09, 0, 0, "191309"},
-    {0x14, 0, 0, 0, "1914"},
-    {0x15, 0, 0, 0, "1915"},
-    {0x16, 0, 0x123456, 0x01, "191601"},
-};
-
-class LibraryBodyTest : public ::testing::TestWithParam<BuiltCase> {};
-
-TEST_P(LibraryBodyTest, becomesTheIsoRequestBytes) {
-    const BuiltCase &row = GetParam();
-    JsonPtr uds(build_read_dtc_body(row.subfunction, row.mask, row.dtc, row.record));
-    ASSERT_NE(uds, nullptr);
-    std::string error;
-    EXPECT_EQ(hex_text(read_dtc_request(uds.get(), &error)), row.request)
-        << json_object_to_json_string(uds.get());
-    EXPECT_EQ(error, "");
-}
-
-INSTANTIATE_TEST_SUITE_P(EveryAcceptedSubfunction, LibraryBodyTest,
-                         ::testing::ValuesIn(kBuiltCases));
 
 struct RefusedCase {
     const char *uds;
@@ -97,19 +50,6 @@ TEST_P(RefusedDtcRequestTest, saysWhyAndGivesNoBytes) {
 
 INSTANTIATE_TEST_SUITE_P(MalformedRequests, RefusedDtcRequestTest,
                          ::testing::ValuesIn(kRefusedCases));
-
-TEST(HexTest, bytesParseWithOrWithoutPrefixAndSpaces) {
-    Bytes bytes;
-    EXPECT_TRUE(parse_hex_bytes("0xF190", &bytes));
-    EXPECT_EQ(hex_text(bytes), "F190");
-    EXPECT_TRUE(parse_hex_bytes("62 f1 90", &bytes));
-    EXPECT_EQ(hex_text(bytes), "62F190");
-    EXPECT_TRUE(parse_hex_bytes("0x7", &bytes));
-    EXPECT_EQ(hex_text(bytes), "07");
-    EXPECT_TRUE(parse_hex_bytes("", &bytes));
-    EXPECT_TRUE(bytes.empty());
-    EXPECT_FALSE(parse_hex_bytes("F1-90", &bytes));
-}
 
 TEST(VersionTest, readsEveryConfiguredDidInOrder) {
     JsonPtr version =
@@ -180,7 +120,8 @@ TEST(RoutineTest, aCommandWithoutAServiceIsRefusedByName) {
     JsonPtr none = parse(R"({"name":"x","commands":[]})");
     EXPECT_TRUE(routine_commands(none.get(), &error).empty());
     EXPECT_EQ(error, "the routine has no \"commands\"");
-    JsonPtr bad = parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
+    JsonPtr bad =
+        parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
     EXPECT_TRUE(routine_commands(bad.get(), &error).empty());
     EXPECT_EQ(error, "X: \"data\" \"0xZZ\" is not hex");
 }
@@ -192,7 +133,8 @@ TEST(SecurityTest, levelAndSessionComeFromTheRoutine) {
     EXPECT_TRUE(wanted.wanted);
     EXPECT_EQ(wanted.level, 0x03);
     EXPECT_EQ(wanted.session, 0x03);
-    JsonPtr programming = parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
+    JsonPtr programming =
+        parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
     EXPECT_EQ(security_request(programming.get(), &error).session, 0x02);
     JsonPtr even = parse(R"({"security_access":{"level":"0x02"}})");
     EXPECT_FALSE(security_request(even.get(), &error).wanted);

@@ -152,8 +152,7 @@ INSTANTIATE_TEST_SUITE_P(Table, UdsServerExchange, ::testing::Values(
              {{"31 01 1234", "7F 31 31"}, {"31 04 0203", "7F 31 12"}, {"31 01 02", "7F 31 13"},
               {"31 01 FF02", "7F 31 33"}, {"31 81 0203", ""}}},
     Exchange{"unknown_service_or_none",
-             {{"2E F189 00", "7F 2E 11"}, {"85 01", "7F 85 11"}, {"", "7F 00 13"}}},
-    Exchange{"read_dtc_passes_through", {{"19 01 08", "59 01 FF 01 0001"}, {"19 99", "7F 19 12"}}}),
+             {{"2E F189 00", "7F 2E 11"}, {"85 01", "7F 85 11"}, {"", "7F 00 13"}}}),
     [](const auto &info) { return info.param.name; });
 // clang-format on
 

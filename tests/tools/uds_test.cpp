@@ -4,9 +4,39 @@
 
 #include <string>
 
+#include "UDSOverZelko/read_dtc.h"
+#include "dtc_reports.h"
 #include "hex_text.h"
 
 namespace {
+
+// The library keeps its own names of report types and status bits (it
+// depends on nothing in tools/); queries carry them, so both must agree, as
+// must what the library sends for a report and what its layout asks for.
+TEST(UdsReportTable, AgreesWithTheLibrarysNamesAndParameters) {
+    EXPECT_STREQ(uds_report_names[0], "");
+    for (uint8_t number = 1; number < 26; ++number) {
+        const uozuds::DtcReportType *type = uozuds::find_dtc_report(number);
+        ASSERT_NE(type, nullptr) << int(number);
+        EXPECT_EQ(type->number, number);
+        EXPECT_STREQ(type->query_name, uds_report_names[number]);
+        EXPECT_EQ(uozuds::find_dtc_report(type->query_name), type);
+        bool asked = dtc_subfunction_supported(number) == 0;
+        EXPECT_EQ(uozuds::asked_by_queries(*type), asked) << int(number);
+        if (!asked)
+            continue;
+        uint32_t params = dtc_subfunction_params(number);
+        EXPECT_EQ((params & PARAM_STATUS_MASK) != 0,
+                  type->request == uozuds::DtcRequestLayout::kStatusMask);
+        EXPECT_EQ((params & PARAM_NONE) != 0, type->request == uozuds::DtcRequestLayout::kNothing);
+        EXPECT_EQ((params & PARAM_DTC) != 0, uozuds::carries_dtc(type->request)) << int(number);
+        EXPECT_EQ((params & PARAM_RECORD) != 0, uozuds::carries_record(type->request));
+    }
+    EXPECT_EQ(uozuds::dtc_reports().size(), 25u);
+    EXPECT_EQ(uozuds::find_dtc_report("NO_SUCH_REPORT"), nullptr);
+    for (int bit = 0; bit < 8; ++bit)
+        EXPECT_STREQ(uozuds::kQueryStatusBitNames[bit], uds_status_mask_names[bit]);
+}
 
 // Expected keys worked out from the documented formula outside this code.
 TEST(UdsBuiltinKey, FollowsTheDocumentedFormula) {
@@ -70,6 +100,23 @@ TEST(UdsHexText, ParsesPrefixedAndBareNumbersOfUpToEightDigits) {
     EXPECT_EQ(uozuds::hex_digit('b'), 11);
     EXPECT_EQ(uozuds::hex_digit('F'), 15);
     EXPECT_EQ(uozuds::hex_digit('g'), -1);
+}
+
+TEST(UdsHexText, ParsesBytesWithOrWithoutPrefixAndSpaces) {
+    const struct {
+        const char *text;
+        const char *bytes;  // nullptr: refused
+    } cases[] = {
+        {"0xF190", "F1 90"}, {"62 f1 90", "62 F1 90"}, {"0x7", "07"}, {"123", "01 23"}, {"", ""},
+        {nullptr, ""},       {"F1-90", nullptr}};
+    for (const auto &c : cases) {
+        std::vector<uint8_t> bytes = {0xAA};
+        bool parsed = uozuds::parse_hex_bytes(c.text, &bytes);
+        EXPECT_EQ(parsed, c.bytes != nullptr) << (c.text ? c.text : "nullptr");
+        if (parsed) {
+            EXPECT_EQ(uozuds::hex_spaced(bytes.data(), bytes.size()), c.bytes);
+        }
+    }
 }
 
 }  // namespace

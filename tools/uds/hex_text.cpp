@@ -8,6 +8,10 @@ namespace uozuds {
 
 namespace {
 
+const char *skip_prefix(const char *text) {
+    return text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
+}
+
 std::string hex_joined(const uint8_t *bytes, size_t length, const char *separator) {
     static const char kDigits[] = "0123456789ABCDEF";
     std::string text;
@@ -40,7 +44,7 @@ int hex_digit(char c) {
 bool parse_hex_number(const char *text, uint32_t *value) {
     if (text == nullptr)
         return false;
-    const char *digits = text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
+    const char *digits = skip_prefix(text);
     if (*digits == '\0' || strlen(digits) > 8)
         return false;
     uint32_t result = 0;
@@ -51,6 +55,26 @@ bool parse_hex_number(const char *text, uint32_t *value) {
         result = result << 4 | static_cast<uint32_t>(digit);
     }
     *value = result;
+    return true;
+}
+
+bool parse_hex_bytes(const char *text, std::vector<uint8_t> *bytes) {
+    bytes->clear();
+    if (text == nullptr)
+        return true;
+    std::string digits;
+    for (const char *c = skip_prefix(text); *c != '\0'; ++c) {
+        if (*c == ' ')
+            continue;
+        if (hex_digit(*c) < 0)
+            return false;
+        digits += *c;
+    }
+    if (digits.size() % 2 != 0)
+        digits.insert(digits.begin(), '0');
+    for (size_t i = 0; i < digits.size(); i += 2)
+        bytes->push_back(
+            static_cast<uint8_t>(hex_digit(digits[i]) << 4 | hex_digit(digits[i + 1])));
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 namespace uozuds {
 
@@ -19,6 +20,10 @@ int hex_digit(char c);
 // "0x7E0", "7E0" -> 0x7E0. False for a text that is empty, has no digits,
 // more than 8 of them, or anything else after them.
 bool parse_hex_number(const char *text, uint32_t *value);
+// "0xF190", "F1 90", "" -> bytes; a lone leading digit is its own byte
+// ("0x7" -> 07). False for any character that is not a hex digit or space;
+// nullptr gives no bytes.
+bool parse_hex_bytes(const char *text, std::vector<uint8_t> *bytes);
 
 }  // namespace uozuds
 

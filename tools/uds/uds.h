@@ -1,6 +1,13 @@
-// UDS (ISO 14229-1) constants and the built-in security access key
-// algorithm, shared by the diagnostic agent (client) and the ECU simulator
-// (server) so that both sides use one definition.
+// The UDS room: everything the tools know of UDS (ISO 14229-1), written once
+// and shared by the diagnostic agent (client), the ECU simulator (server) and
+// uozctl (reader of answers):
+//   uds.h           services, negative response codes, sessions, timing,
+//                   known DIDs and records, the built-in key algorithm;
+//   dtc_reports.h   the ReadDTCInformation report types, one row each, and
+//                   their request bytes;
+//   dtc_response.h  ReadDTCInformation answers decoded;
+//   hex_text.h      bytes and numbers as hexadecimal text, both ways.
+// Nothing here sends or receives: the transports are the programs' own.
 #ifndef UOZ_TOOLS_UDS_H
 #define UOZ_TOOLS_UDS_H
 

@@ -11,6 +11,8 @@ namespace uozagent {
 
 namespace {
 
+using uoztools::JsonPtr;
+
 void add_text(json_object *object, const char *key, const std::string &text) {
     json_object_object_add(object, key, json_object_new_string(text.c_str()));
 }

@@ -1,13 +1,11 @@
 #include "uds_requests.h"
 
-#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
 
-#include "UDSOverZelko/read_dtc.h"
-#include "hex_text.h"
+#include "dtc_reports.h"
 #include "query_targets.h"
 
 namespace uozagent {
@@ -15,24 +13,6 @@ namespace uozagent {
 namespace {
 
 constexpr uint8_t kDefaultSecuritySession = uozuds::session::kExtended;
-
-const char *skip_prefix(const char *text) {
-    return text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? text + 2 : text;
-}
-
-void put_dtc(Bytes &out, uint32_t dtc) {
-    out.push_back(static_cast<uint8_t>(dtc >> 16));
-    out.push_back(static_cast<uint8_t>(dtc >> 8));
-    out.push_back(static_cast<uint8_t>(dtc));
-}
-
-uint8_t report_number(const char *name) {
-    for (uint8_t number = 1; name != nullptr && number < 26; ++number) {
-        if (strcmp(uds_report_names[number], name) == 0)
-            return number;
-    }
-    return 0;
-}
 
 bool status_mask_of(json_object *names, uint8_t *mask, std::string *error) {
     *mask = 0;
@@ -43,7 +23,7 @@ bool status_mask_of(json_object *names, uint8_t *mask, std::string *error) {
     for (size_t i = 0; i < json_object_array_length(names); ++i) {
         const char *name = json_object_get_string(json_object_array_get_idx(names, i));
         int bit = 0;
-        while (bit < 8 && (name == nullptr || strcmp(uds_status_mask_names[bit], name) != 0))
+        while (bit < 8 && (name == nullptr || strcmp(uozuds::kQueryStatusBitNames[bit], name) != 0))
             ++bit;
         if (bit == 8) {
             *error = std::string("unknown status bit name \"") + (name ? name : "") + "\"";
@@ -56,12 +36,11 @@ bool status_mask_of(json_object *names, uint8_t *mask, std::string *error) {
 
 // The DTC and/or record number of a "data-record" whose "record" is hex text:
 // DTC as six digits, record as two, or both run together.
-bool dtc_and_record_of(json_object *data_record, uint32_t params, uint32_t *dtc, uint8_t *record,
-                       std::string *error) {
+bool dtc_and_record_of(json_object *data_record, uozuds::DtcRequest *request, std::string *error) {
     const char *text = text_member(data_record, "record");
     size_t digits = text != nullptr ? strlen(text) : 0;
-    size_t record_digits = (params & PARAM_RECORD) != 0 ? 2 : 0;
-    bool needs_dtc = (params & PARAM_DTC) != 0;
+    size_t record_digits = uozuds::carries_record(request->type->request) ? 2 : 0;
+    bool needs_dtc = uozuds::carries_dtc(request->type->request);
     if (text == nullptr || digits < record_digits + (needs_dtc ? 1 : 0) ||
         (!needs_dtc && digits != record_digits)) {
         *error = "the report needs its DTC and/or record number as hex text in \"record\"";
@@ -69,7 +48,8 @@ bool dtc_and_record_of(json_object *data_record, uint32_t params, uint32_t *dtc,
     }
     uint32_t value = 0;
     std::string dtc_text(text, digits - record_digits);
-    if (needs_dtc && (!parse_hex_number(dtc_text.c_str(), dtc) || *dtc > 0xFFFFFF)) {
+    if (needs_dtc &&
+        (!parse_hex_number(dtc_text.c_str(), &request->dtc) || request->dtc > 0xFFFFFF)) {
         *error = std::string("\"") + text + "\" holds no three-byte DTC number";
         return false;
     }
@@ -77,7 +57,7 @@ bool dtc_and_record_of(json_object *data_record, uint32_t params, uint32_t *dtc,
         *error = std::string("\"") + text + "\" holds no record number";
         return false;
     }
-    *record = static_cast<uint8_t>(value);
+    request->record = static_cast<uint8_t>(value);
     return true;
 }
 
@@ -115,27 +95,6 @@ Bytes command_request(json_object *command, std::string *error) {
 
 }  // namespace
 
-bool parse_hex_bytes(const char *text, Bytes *bytes) {
-    bytes->clear();
-    if (text == nullptr)
-        return true;
-    std::string digits;
-    for (const char *c = skip_prefix(text); *c != '\0'; ++c) {
-        if (*c == ' ')
-            continue;
-        if (uozuds::hex_digit(*c) < 0)
-            return false;
-        digits += *c;
-    }
-    if (digits.size() % 2 != 0)
-        digits.insert(digits.begin(), '0');
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        bytes->push_back(static_cast<uint8_t>(uozuds::hex_digit(digits[i]) << 4 |
-                                              uozuds::hex_digit(digits[i + 1])));
-    }
-    return true;
-}
-
 std::string hex_text(const Bytes &bytes) {
     return uozuds::hex_compact(bytes.data(), bytes.size());
 }
@@ -157,39 +116,29 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
         return {};
     }
     const char *name = text_member(uds, "subfunction");
-    uint8_t report = report_number(name);
-    if (report == 0 || dtc_subfunction_supported(report) != 0) {
+    uozuds::DtcRequest request;
+    request.type = uozuds::find_dtc_report(name);
+    if (request.type == nullptr || !uozuds::asked_by_queries(*request.type)) {
         *error = std::string("unknown report \"") + (name ? name : "") + "\"";
         return {};
     }
-    Bytes request = {uozuds::sid::kReadDtcInformation, report};
-    uint32_t params = dtc_subfunction_params(report);
-    if ((params & PARAM_NONE) != 0)
-        return request;
+    if (request.type->request == uozuds::DtcRequestLayout::kNothing)
+        return uozuds::encode_dtc_request(request);
     json_object *data_record = nullptr;
     if (!json_object_object_get_ex(uds, "data-record", &data_record) ||
         !json_object_is_type(data_record, json_type_object)) {
         *error = std::string("report \"") + name + "\" needs a \"data-record\"";
         return {};
     }
-    if ((params & PARAM_STATUS_MASK) != 0) {
+    bool read = false;
+    if (request.type->request == uozuds::DtcRequestLayout::kStatusMask) {
         json_object *names = nullptr;
         json_object_object_get_ex(data_record, "record", &names);
-        uint8_t mask = 0;
-        if (!status_mask_of(names, &mask, error))
-            return {};
-        request.push_back(mask);
-        return request;
+        read = status_mask_of(names, &request.status_mask, error);
+    } else {
+        read = dtc_and_record_of(data_record, &request, error);
     }
-    uint32_t dtc = 0;
-    uint8_t record = 0;
-    if (!dtc_and_record_of(data_record, params, &dtc, &record, error))
-        return {};
-    if ((params & PARAM_DTC) != 0)
-        put_dtc(request, dtc);
-    if ((params & PARAM_RECORD) != 0)
-        request.push_back(record);
-    return request;
+    return read ? uozuds::encode_dtc_request(request) : Bytes{};
 }
 
 std::vector<VersionItem> version_items(json_object *version, std::string *error) {

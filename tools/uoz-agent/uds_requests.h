@@ -17,11 +17,9 @@ namespace uozagent {
 
 using Bytes = std::vector<uint8_t>;
 
-// "0x7E0", "7E0" -> 0x7E0; false for anything else (see hex_text.h).
+// Hex numbers and bytes as queries and settings write them (see hex_text.h).
+using uozuds::parse_hex_bytes;
 using uozuds::parse_hex_number;
-// "0xF190", "F1 90", "" -> bytes; a lone leading digit is its own byte
-// ("0x7" -> 07). False for any character that is not a hex digit or space.
-bool parse_hex_bytes(const char *text, Bytes *bytes);
 std::string hex_text(const Bytes &bytes);  // "59 02" -> "5902"
 
 // One UDS request of a routine, with the command name it came from.
@@ -34,7 +32,8 @@ struct UdsCommand {
 bool is_negative_response(const Bytes &response, uint8_t *code = nullptr);
 
 // ReadDTCInformation (0x19) from the query's "uds" object: SID, report name
-// and its "data-record". On failure the result is empty and *error says why.
+// and its "data-record", laid out by the report's row in dtc_reports.h. On
+// failure the result is empty and *error says why.
 Bytes read_dtc_request(json_object *uds, std::string *error);
 
 // The identifiers of a "version" object's "uds" array, in order. A "j1939"

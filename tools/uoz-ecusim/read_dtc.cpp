@@ -1,23 +1,26 @@
 #include "read_dtc.h"
 
+#include "dtc_reports.h"
 #include "uds.h"
 
 namespace uozecusim {
 
 namespace {
 
-constexpr uint8_t kConfirmedDtc = 0x08;
-constexpr uint8_t kTestFailed = 0x01;
+using uozuds::DtcReportType;
+using uozuds::DtcRequest;
+using Layout = uozuds::DtcResponseLayout;
+using Selection = uozuds::DtcSelection;
+using Memory = std::vector<SimulatedDtc>;
+using Listed = std::vector<const SimulatedDtc *>;
+
 constexpr uint8_t kAllRecords = 0xFF;
 constexpr uint8_t kAllObdRecords = 0xFE;
+constexpr uint8_t kLastExtendedRecord = 0xEF;  // above: the "all records" numbers
 constexpr uint8_t kFdcFailed = 0x7F;
 
 Bytes negative(uint8_t code) {
     return {uozuds::kNegativeResponse, uozuds::sid::kReadDtcInformation, code};
-}
-
-uint32_t dtc_at(const uint8_t *bytes) {
-    return static_cast<uint32_t>(bytes[0]) << 16 | static_cast<uint32_t>(bytes[1]) << 8 | bytes[2];
 }
 
 void put_dtc(Bytes &out, uint32_t code) {
@@ -29,14 +32,6 @@ void put_dtc(Bytes &out, uint32_t code) {
 void put_dtc_and_status(Bytes &out, const SimulatedDtc &dtc) {
     put_dtc(out, dtc.code);
     out.push_back(dtc.status);
-}
-
-const SimulatedDtc *find_dtc(const std::vector<SimulatedDtc> &memory, uint32_t code) {
-    for (const SimulatedDtc &dtc : memory) {
-        if (dtc.code == code)
-            return &dtc;
-    }
-    return nullptr;
 }
 
 // The number of identifiers, then each DID (2 bytes) and its data.
@@ -54,6 +49,11 @@ void put_snapshot(Bytes &out, uint8_t number, const std::vector<DidValue> &dids)
     put_identifiers(out, dids);
 }
 
+void put_extended(Bytes &out, uint8_t number, const Bytes &data) {
+    out.push_back(number);
+    out.insert(out.end(), data.begin(), data.end());
+}
+
 bool obd_record(uint8_t number) {
     return number >= 0x90 && number <= 0xEF;
 }
@@ -69,11 +69,6 @@ void put_records(Bytes &out, const std::map<uint8_t, Record> &records, uint8_t w
     }
 }
 
-void put_extended(Bytes &out, uint8_t number, const Bytes &data) {
-    out.push_back(number);
-    out.insert(out.end(), data.begin(), data.end());
-}
-
 bool known_snapshot_record(const SimulatedEcu &ecu, uint8_t record) {
     return record == kAllRecords || ecu.snapshot_record_numbers.count(record) != 0;
 }
@@ -83,272 +78,189 @@ bool known_extended_record(const SimulatedEcu &ecu, uint8_t record) {
            ecu.extended_record_numbers.count(record) != 0;
 }
 
-void put_count(Bytes &out, const std::vector<SimulatedDtc> &memory,
-               bool (*listed)(const SimulatedDtc &, uint8_t), uint8_t mask) {
-    uint16_t count = 0;
-    for (const SimulatedDtc &dtc : memory)
-        count += listed(dtc, mask) ? 1 : 0;
+bool matches(Selection selection, const SimulatedDtc &dtc, const DtcRequest &request) {
+    switch (selection) {
+        case Selection::kByStatusMask:
+            return (dtc.status & request.status_mask) != 0;
+        case Selection::kEmissionsByStatusMask:
+            return dtc.emission_related && (dtc.status & request.status_mask) != 0;
+        case Selection::kBySeverityMask:
+            return (dtc.severity & request.severity_mask) != 0 &&
+                   (dtc.status & request.status_mask) != 0;
+        case Selection::kAll:
+            return true;
+        case Selection::kPermanent:
+            return dtc.permanent;
+        case Selection::kPreFailed:
+            return dtc.fault_detection_counter != 0 && dtc.fault_detection_counter < kFdcFailed &&
+                   (dtc.status & uozuds::kStatusConfirmedDtc) == 0;
+        case Selection::kFirstTestFailed:
+        case Selection::kMostRecentTestFailed:
+            return (dtc.status & uozuds::kStatusTestFailed) != 0;
+        case Selection::kFirstConfirmed:
+        case Selection::kMostRecentConfirmed:
+            return (dtc.status & uozuds::kStatusConfirmedDtc) != 0;
+        case Selection::kRequestedDtc:
+            return dtc.code == request.dtc;
+    }
+    return false;
+}
+
+// The DTCs the report lists, in the memory's order, which is the order in
+// which they occurred.
+Listed select(const Memory &memory, const DtcRequest &request) {
+    const Selection selection = request.type->selection;
+    Listed listed;
+    for (const SimulatedDtc &dtc : memory) {
+        if (matches(selection, dtc, request))
+            listed.push_back(&dtc);
+    }
+    if (listed.size() > 1 &&
+        (selection == Selection::kFirstTestFailed || selection == Selection::kFirstConfirmed))
+        listed.resize(1);
+    if (listed.size() > 1 && (selection == Selection::kMostRecentTestFailed ||
+                              selection == Selection::kMostRecentConfirmed))
+        listed.erase(listed.begin(), listed.end() - 1);
+    return listed;
+}
+
+void put_count(Bytes &out, size_t count) {
     out.insert(out.end(), {kDtcAvailabilityMask, kDtcFormatIso14229,
                            static_cast<uint8_t>(count >> 8), static_cast<uint8_t>(count)});
 }
 
-void put_list(Bytes &out, const std::vector<SimulatedDtc> &memory,
-              bool (*listed)(const SimulatedDtc &, uint8_t), uint8_t mask) {
-    out.push_back(kDtcAvailabilityMask);
-    for (const SimulatedDtc &dtc : memory) {
-        if (listed(dtc, mask))
-            put_dtc_and_status(out, dtc);
-    }
-}
-
-bool by_status(const SimulatedDtc &dtc, uint8_t mask) {
-    return (dtc.status & mask) != 0;
-}
-
-bool emission_by_status(const SimulatedDtc &dtc, uint8_t mask) {
-    return dtc.emission_related && (dtc.status & mask) != 0;
-}
-
-bool permanent(const SimulatedDtc &dtc, uint8_t) {
-    return dtc.permanent;
-}
-
-bool any(const SimulatedDtc &, uint8_t) {
-    return true;
-}
-
-// First or most recent DTC with a status bit: memories are kept in
-// occurrence order.
-void put_first_or_last(Bytes &out, const std::vector<SimulatedDtc> &memory, uint8_t bit,
-                       bool last) {
-    out.push_back(kDtcAvailabilityMask);
-    const SimulatedDtc *chosen = nullptr;
-    for (const SimulatedDtc &dtc : memory) {
-        if ((dtc.status & bit) != 0 && (chosen == nullptr || last))
-            chosen = &dtc;
-    }
-    if (chosen != nullptr)
-        put_dtc_and_status(out, *chosen);
-}
-
-bool severity_matches(const SimulatedDtc &dtc, uint8_t severity_mask, uint8_t status_mask) {
-    return (dtc.severity & severity_mask) != 0 && (dtc.status & status_mask) != 0;
-}
-
-void put_severity_record(Bytes &out, const SimulatedDtc &dtc) {
-    out.push_back(dtc.severity);
-    out.push_back(dtc.functional_unit);
-    put_dtc_and_status(out, dtc);
-}
-
-// 0x05: one block per record number (number, DTC, status, identifiers),
-// each from the first DTC that holds that snapshot; the echoed number alone
-// when none does.
-Bytes stored_data(const SimulatedEcu &ecu, uint8_t record) {
-    Bytes out = {0x59, 0x05};
-    bool any_block = false;
+// One block per record number (number, DTC, status, identifiers), each from
+// the first DTC that holds that snapshot; the echoed number alone when none
+// does.
+Bytes stored_data(const SimulatedEcu &ecu, const Listed &listed, uint8_t record, Bytes out) {
+    const size_t header = out.size();
     for (uint8_t number : ecu.snapshot_record_numbers) {
         if (record != kAllRecords && number != record)
             continue;
-        for (const SimulatedDtc &dtc : ecu.dtcs) {
-            auto snapshot = dtc.snapshots.find(number);
-            if (snapshot == dtc.snapshots.end())
+        for (const SimulatedDtc *dtc : listed) {
+            auto snapshot = dtc->snapshots.find(number);
+            if (snapshot == dtc->snapshots.end())
                 continue;
             out.push_back(number);
-            put_dtc_and_status(out, dtc);
+            put_dtc_and_status(out, *dtc);
             put_identifiers(out, snapshot->second);
-            any_block = true;
             break;
         }
     }
-    if (!any_block)
+    if (out.size() == header)
         out.push_back(record);
     return out;
 }
 
-// 0x04, 0x06, 0x10, 0x18, 0x19: one DTC's snapshot or extended records.
-Bytes records_of_dtc(const SimulatedEcu &ecu, const std::vector<SimulatedDtc> &memory,
-                     uint8_t report, uint32_t code, uint8_t record, Bytes out) {
-    bool snapshot = report == 0x04 || report == 0x18;
-    if (!(snapshot ? known_snapshot_record(ecu, record) : known_extended_record(ecu, record)))
+// The record number, then each DTC that holds it with its data.
+Bytes extended_by_record(const SimulatedEcu &ecu, const Listed &listed, uint8_t record, Bytes out) {
+    if (record > kLastExtendedRecord || ecu.extended_record_numbers.count(record) == 0)
         return negative(uozuds::nrc::kRequestOutOfRange);
-    const SimulatedDtc *dtc = find_dtc(memory, code);
-    if (dtc == nullptr)
-        return negative(uozuds::nrc::kRequestOutOfRange);
-    put_dtc_and_status(out, *dtc);
-    if (snapshot)
-        put_records(out, dtc->snapshots, record, put_snapshot);
-    else
-        put_records(out, dtc->extended, record, put_extended);
+    out.push_back(record);
+    for (const SimulatedDtc *dtc : listed) {
+        auto extended = dtc->extended.find(record);
+        if (extended == dtc->extended.end())
+            continue;
+        put_dtc_and_status(out, *dtc);
+        out.insert(out.end(), extended->second.begin(), extended->second.end());
+    }
     return out;
 }
 
-Bytes user_memory_report(const SimulatedEcu &ecu, const uint8_t *request) {
-    uint8_t report = request[1];
-    uint8_t selection = report == 0x17 ? request[3] : request[6];
-    auto memory = ecu.user_memories.find(selection);
-    if (memory == ecu.user_memories.end())
+// The requested DTC and its snapshot or extended data records.
+Bytes records_of_dtc(const SimulatedEcu &ecu, const Listed &listed, Layout layout, uint8_t record,
+                     Bytes out) {
+    const bool snapshot = layout == Layout::kSnapshotRecords;
+    if (!(snapshot ? known_snapshot_record(ecu, record) : known_extended_record(ecu, record)))
         return negative(uozuds::nrc::kRequestOutOfRange);
-    Bytes out = {0x59, report, selection};
-    if (report == 0x17) {
-        put_list(out, memory->second, by_status, request[2]);
-        return out;
+    const SimulatedDtc &dtc = *listed.front();
+    put_dtc_and_status(out, dtc);
+    if (snapshot)
+        put_records(out, dtc.snapshots, record, put_snapshot);
+    else
+        put_records(out, dtc.extended, record, put_extended);
+    return out;
+}
+
+void put_severity_item(Bytes &out, const SimulatedDtc &dtc) {
+    out.insert(out.end(), {dtc.severity, dtc.functional_unit});
+    put_dtc_and_status(out, dtc);
+}
+
+void put_snapshot_identification(Bytes &out, const SimulatedDtc &dtc) {
+    for (const auto &snapshot : dtc.snapshots) {
+        put_dtc(out, dtc.code);
+        out.push_back(snapshot.first);
     }
-    return records_of_dtc(ecu, memory->second, report, dtc_at(request + 2), request[5], out);
+}
+
+void put_fault_counter(Bytes &out, const SimulatedDtc &dtc) {
+    put_dtc(out, dtc.code);
+    out.push_back(dtc.fault_detection_counter);
+}
+
+// The same item for every DTC listed.
+template <typename PutItem>
+Bytes put_each(Bytes out, const Listed &listed, PutItem put_item) {
+    for (const SimulatedDtc *dtc : listed)
+        put_item(out, *dtc);
+    return out;
+}
+
+// The positive answer of the layout to the DTCs listed.
+Bytes answer(const SimulatedEcu &ecu, const DtcRequest &request, const Listed &listed, Bytes out) {
+    const Layout layout = request.type->response;
+    switch (layout) {
+        case Layout::kCount:
+            put_count(out, listed.size());
+            return out;
+        case Layout::kStatusList:
+            out.push_back(kDtcAvailabilityMask);
+            return put_each(out, listed, put_dtc_and_status);
+        case Layout::kSeverityList:
+            out.push_back(kDtcAvailabilityMask);
+            return put_each(out, listed, put_severity_item);
+        case Layout::kSnapshotIdentification:
+            return put_each(out, listed, put_snapshot_identification);
+        case Layout::kFaultCounters:
+            return put_each(out, listed, put_fault_counter);
+        case Layout::kSnapshotRecords:
+        case Layout::kExtendedRecords:
+            return records_of_dtc(ecu, listed, layout, request.record, out);
+        case Layout::kStoredData:
+            if (!known_snapshot_record(ecu, request.record))
+                return negative(uozuds::nrc::kRequestOutOfRange);
+            return stored_data(ecu, listed, request.record, out);
+        case Layout::kExtendedByRecord:
+            return extended_by_record(ecu, listed, request.record, out);
+    }
+    return out;
 }
 
 }  // namespace
 
-size_t read_dtc_request_length(uint8_t report) {
-    switch (report) {
-        case 0x03:
-        case 0x0A:
-        case 0x0B:
-        case 0x0C:
-        case 0x0D:
-        case 0x0E:
-        case 0x14:
-        case 0x15:
-            return 2;
-        case 0x01:
-        case 0x02:
-        case 0x05:
-        case 0x0F:
-        case 0x11:
-        case 0x12:
-        case 0x13:
-        case 0x16:
-            return 3;
-        case 0x07:
-        case 0x08:
-        case 0x17:
-            return 4;
-        case 0x09:
-            return 5;
-        case 0x04:
-        case 0x06:
-        case 0x10:
-            return 6;
-        case 0x18:
-        case 0x19:
-            return 7;
-    }
-    return 0;
-}
-
 Bytes read_dtc_response(const SimulatedEcu &ecu, const uint8_t *request, size_t length) {
     if (length < 2)
         return negative(uozuds::nrc::kIncorrectMessageLength);
-    const uint8_t report = request[1];
-    const size_t expected = read_dtc_request_length(report);
-    if (expected == 0 || ecu.unsupported_reports.count(report) != 0)
+    const DtcReportType *type = uozuds::find_dtc_report(request[1]);
+    if (type == nullptr || ecu.unsupported_reports.count(type->number) != 0)
         return negative(uozuds::nrc::kSubFunctionNotSupported);
-    if (length != expected)
+    if (length != uozuds::dtc_request_length(*type))
         return negative(uozuds::nrc::kIncorrectMessageLength);
-    const std::vector<SimulatedDtc> &memory = ecu.dtcs;
-    Bytes out = {0x59, report};
-    switch (report) {
-        case 0x01:
-        case 0x11:
-            put_count(out, memory, by_status, request[2]);
-            break;
-        case 0x12:
-            put_count(out, memory, emission_by_status, request[2]);
-            break;
-        case 0x02:
-        case 0x0F:
-            put_list(out, memory, by_status, request[2]);
-            break;
-        case 0x13:
-            put_list(out, memory, emission_by_status, request[2]);
-            break;
-        case 0x0A:
-            put_list(out, memory, any, 0);
-            break;
-        case 0x15:
-            put_list(out, memory, permanent, 0);
-            break;
-        case 0x0B:
-        case 0x0C:
-        case 0x0D:
-        case 0x0E:
-            put_first_or_last(out, memory,
-                              report == 0x0B || report == 0x0D ? kTestFailed : kConfirmedDtc,
-                              report >= 0x0D);
-            break;
-        case 0x03:
-            for (const SimulatedDtc &dtc : memory) {
-                for (const auto &snapshot : dtc.snapshots) {
-                    put_dtc(out, dtc.code);
-                    out.push_back(snapshot.first);
-                }
-            }
-            break;
-        case 0x04:
-        case 0x06:
-        case 0x10:
-            return records_of_dtc(ecu, memory, report, dtc_at(request + 2), request[5], out);
-        case 0x05:
-            if (!known_snapshot_record(ecu, request[2]))
-                return negative(uozuds::nrc::kRequestOutOfRange);
-            return stored_data(ecu, request[2]);
-        case 0x07:
-        case 0x08: {
-            uint16_t count = 0;
-            Bytes records;
-            for (const SimulatedDtc &dtc : memory) {
-                if (!severity_matches(dtc, request[2], request[3]))
-                    continue;
-                ++count;
-                put_severity_record(records, dtc);
-            }
-            if (report == 0x07) {
-                out.insert(out.end(),
-                           {kDtcAvailabilityMask, kDtcFormatIso14229,
-                            static_cast<uint8_t>(count >> 8), static_cast<uint8_t>(count)});
-            } else {
-                out.push_back(kDtcAvailabilityMask);
-                out.insert(out.end(), records.begin(), records.end());
-            }
-            break;
-        }
-        case 0x09: {
-            const SimulatedDtc *dtc = find_dtc(memory, dtc_at(request + 2));
-            if (dtc == nullptr)
-                return negative(uozuds::nrc::kRequestOutOfRange);
-            out.push_back(kDtcAvailabilityMask);
-            put_severity_record(out, *dtc);
-            break;
-        }
-        case 0x14:  // pre-failed: counting towards failure, not yet confirmed
-            for (const SimulatedDtc &dtc : memory) {
-                uint8_t counter = dtc.fault_detection_counter;
-                if (counter == 0 || counter >= kFdcFailed || (dtc.status & kConfirmedDtc) != 0)
-                    continue;
-                put_dtc(out, dtc.code);
-                out.push_back(counter);
-            }
-            break;
-        case 0x16: {
-            uint8_t record = request[2];
-            if (record > 0xEF || ecu.extended_record_numbers.count(record) == 0)
-                return negative(uozuds::nrc::kRequestOutOfRange);
-            out.push_back(record);
-            for (const SimulatedDtc &dtc : memory) {
-                auto extended = dtc.extended.find(record);
-                if (extended == dtc.extended.end())
-                    continue;
-                put_dtc_and_status(out, dtc);
-                out.insert(out.end(), extended->second.begin(), extended->second.end());
-            }
-            break;
-        }
-        case 0x17:
-        case 0x18:
-        case 0x19:
-            return user_memory_report(ecu, request);
+    const DtcRequest parsed = uozuds::parse_dtc_request(*type, request);
+    Bytes out = {uozuds::sid::kReadDtcInformation + uozuds::kPositiveOffset, type->number};
+    const Memory *memory = &ecu.dtcs;
+    if (type->memory_selection) {
+        auto found = ecu.user_memories.find(parsed.memory_selection);
+        if (found == ecu.user_memories.end())
+            return negative(uozuds::nrc::kRequestOutOfRange);
+        memory = &found->second;
+        out.push_back(parsed.memory_selection);
     }
-    return out;
+    const Listed listed = select(*memory, parsed);
+    if (type->selection == Selection::kRequestedDtc && listed.empty())
+        return negative(uozuds::nrc::kRequestOutOfRange);
+    return answer(ecu, parsed, listed, out);
 }
 
 }  // namespace uozecusim

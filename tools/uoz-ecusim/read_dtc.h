@@ -1,5 +1,5 @@
 // ReadDTCInformation (0x19) answers of a simulated ECU, byte for byte as
-// ISO 14229-1 lays them out.
+// ISO 14229-1 lays them out, by the report types of dtc_reports.h.
 #ifndef UOZ_TOOLS_READ_DTC_H
 #define UOZ_TOOLS_READ_DTC_H
 
@@ -18,10 +18,6 @@ constexpr uint8_t kDtcFormatIso14229 = 0x01;
 // does not support, 0x13 for a request of the wrong length, 0x31 for a DTC,
 // record number or memory selection it does not know.
 Bytes read_dtc_response(const SimulatedEcu &ecu, const uint8_t *request, size_t length);
-
-// The request length of each report type (service byte included), or 0 for
-// a report type this builder does not know.
-size_t read_dtc_request_length(uint8_t report);
 
 }  // namespace uozecusim
 

@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "console.h"
+#include "dtc_reports.h"
 #include "exit_codes.h"
 #include "hex_text.h"
 #include "parse.h"
@@ -27,8 +28,11 @@ struct Parsed {
     uint32_t group = 0xFFFFFF;
 };
 
+// A report type that queries may ask for, from the one report table.
 bool supported_report(uint32_t report) {
-    return (report >= 0x01 && report <= 0x06) || (report >= 0x09 && report <= 0x16);
+    const uozuds::DtcReportType *type =
+        report <= 0xFF ? uozuds::find_dtc_report(static_cast<uint8_t>(report)) : nullptr;
+    return type != nullptr && uozuds::asked_by_queries(*type);
 }
 
 // The numbers of dtc read/clear, strictly; 0 or an exit code.
