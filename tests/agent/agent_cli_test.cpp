@@ -56,6 +56,7 @@ TEST(AgentCliTest, sigtermStopsItPromptlyWhileTheBrokerIsDown) {
     int port = free_loopback_port();
     ChildProcess agent({UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
                         "localhost:" + std::to_string(port)});
+    ASSERT_TRUE(agent.wait_blocking(SIGTERM, 10000)) << agent.output();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     ASSERT_TRUE(agent.running()) << agent.output();
     auto asked = std::chrono::steady_clock::now();

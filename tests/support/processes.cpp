@@ -102,6 +102,20 @@ bool ChildProcess::running() {
     return true;
 }
 
+bool ChildProcess::wait_blocking(int signal_number, int timeout_ms) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    unsigned long long wanted = 1ULL << (signal_number - 1);
+    while (running() && std::chrono::steady_clock::now() < until) {
+        std::string status = file_text("/proc/" + std::to_string(pid_) + "/status");
+        size_t line = status.find("SigBlk:");
+        if (line != std::string::npos &&
+            (std::strtoull(status.c_str() + line + 7, nullptr, 16) & wanted) != 0)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
 bool ChildProcess::wait_for_output(const std::string &text, int timeout_ms) {
     auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
     while (std::chrono::steady_clock::now() < until) {

@@ -40,6 +40,9 @@ class ChildProcess {
     // Waits for the process to end by itself; its code as stop() says it.
     int wait();
     bool running();
+    // True once the process blocks the signal (it then takes it in its own
+    // time instead of dying of it); false after timeout_ms or when it ended.
+    bool wait_blocking(int signal_number, int timeout_ms);
 
   private:
     pid_t pid_ = -1;
