@@ -38,9 +38,15 @@ AgentRun run_agent(const std::vector<std::string> &arguments) {
 }
 
 TEST(AgentCliTest, usageAndStartErrorsExitWithTheirCodeAndSayWhy) {
+    Broker broker;
     for (const GoldenCase &test :
          golden_cases(UOZ_AGENT_GOLDEN "/agent_cli.txt",
-                      {{"VERSION", UOZ_VERSION}, {"INPUTS", UOZ_AGENT_GOLDEN "/inputs"}})) {
+                      {{"VERSION", UOZ_VERSION},
+                       {"INPUTS", UOZ_AGENT_GOLDEN "/inputs"},
+                       {"PKI", pki_dir()},
+                       {"OTHER_PKI", other_pki_dir()},
+                       {"PORT", std::to_string(broker.port())},
+                       {"CLOSED", std::to_string(free_loopback_port())}})) {
         std::istringstream words(test["args"]);
         std::vector<std::string> arguments;
         for (std::string word; words >> word;)
@@ -51,17 +57,43 @@ TEST(AgentCliTest, usageAndStartErrorsExitWithTheirCodeAndSayWhy) {
     }
 }
 
-// No broker at all: SIGTERM still stops it at once, with exit code 0.
+// No broker at all, as a service keeps trying: SIGTERM still stops it at
+// once, with exit code 0.
 TEST(AgentCliTest, sigtermStopsItPromptlyWhileTheBrokerIsDown) {
     int port = free_loopback_port();
     ChildProcess agent({UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
-                        "localhost:" + std::to_string(port)});
+                        "localhost:" + std::to_string(port), "--keep-trying"});
     ASSERT_TRUE(agent.wait_blocking(SIGTERM, 10000)) << agent.output();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     ASSERT_TRUE(agent.running()) << agent.output();
     auto asked = std::chrono::steady_clock::now();
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));
+    EXPECT_TRUE(matches(agent.output(), "uoz-agent: cannot connect to the broker at localhost:" +
+                                            std::to_string(port) +
+                                            ": Connection refused; trying again\n*"
+                                            "uoz-agent: SIGTERM received, stopping\n*"
+                                            "uoz-agent stopped\n"))
+        << agent.output();
+}
+
+// Plain lines in a file: when the broker goes and comes back, the agent
+// says so, with how long it was gone.
+TEST(AgentCliTest, tellsWhenTheBrokerLinkDropsAndReturns) {
+    Broker broker;
+    std::string url = "localhost:" + std::to_string(broker.port());
+    ChildProcess agent({UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker", url});
+    ASSERT_TRUE(agent.wait_for_output("uoz-agent ready on " + url, 5000)) << agent.output();
+    broker.stop();
+    EXPECT_TRUE(
+        agent.wait_for_output("uoz-agent: lost the broker at " + url + "; reconnecting", 5000))
+        << agent.output();
+    broker.start();
+    EXPECT_TRUE(agent.wait_for_output(
+        "uoz-agent: connected to the broker at " + url + " again after ", 10000))
+        << agent.output();
+    EXPECT_EQ(agent.stop(), 0);
+    EXPECT_EQ(agent.output().find('\x1b'), std::string::npos) << agent.output();
 }
 
 TEST(AgentCliTest, readyIsLoggedAtInfoAndACertificateWithoutTheAddressesIsWarned) {
@@ -137,10 +169,18 @@ std::vector<std::string> silent_agent(int broker_port) {
 TEST(AgentCliTest, tellsTheServiceManagerItIsReadyOnlyOnceConnected) {
     Broker broker;
     NotifySocket down_notify;
-    ChildProcess waiting(silent_agent(free_loopback_port()));
+    std::vector<std::string> keeps_trying = silent_agent(free_loopback_port());
+    keeps_trying.push_back("--keep-trying");
+    ChildProcess waiting(keeps_trying);
     NotifySocket up_notify;
     ChildProcess agent(silent_agent(broker.port()));
-    EXPECT_EQ(up_notify.receive(5000), "READY=1") << agent.output();
+    EXPECT_EQ(up_notify.receive(5000),
+              "READY=1\nSTATUS=connected to localhost:" + std::to_string(broker.port()))
+        << agent.output();
+    EXPECT_TRUE(matches(down_notify.receive(5000),
+                        "STATUS=cannot connect to the broker at *: Connection refused; trying "
+                        "again"))
+        << waiting.output();
     EXPECT_EQ(down_notify.receive(300), "") << waiting.output();
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_EQ(waiting.stop(), 0);

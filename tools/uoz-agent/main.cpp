@@ -5,101 +5,34 @@
 //
 //   uoz-agent --broker localhost:8883 --certs pki/agent [--settings FILE]
 //             [--ecu-config ecus.json] [--gateway HOST:PORT] [--trace]
-//             [--policy accept|reject|ask] [--debug LEVEL]
+//             [--policy accept|reject|ask] [--debug LEVEL] [--keep-trying]
 //
 // Exit codes: 0 stopped cleanly; 1 cannot start (certificates, bus,
 // settings); 2 invalid command line.
-#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
+#include <memory>
 
 #include "agent_bus.h"
 #include "agent_settings.h"
+#include "broker_link.h"
 #include "consent.h"
 #include "diag_agent.h"
 #include "doip.h"
 #include "exit_codes.h"
 #include "files.h"
 #include "identity.h"
+#include "lifetime.h"
+#include "log_lines.h"
 #include "terminal.h"
 #include "transport_links.h"
 #include "udsoverzelko.h"
 
 namespace {
-
-// Time without a connection to the broker after which the agent says so.
-constexpr std::chrono::seconds kQuietStart{10};
-
-// What the main thread waits for: the bus client's connection, and SIGINT or
-// SIGTERM. The signals are blocked in every thread and taken by a waiter of
-// their own, so that a stop wakes the main thread at once.
-class Lifetime {
-  public:
-    // Before any other thread starts: they inherit the blocked signals.
-    Lifetime() {
-        sigemptyset(&signals_);
-        sigaddset(&signals_, SIGINT);
-        sigaddset(&signals_, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        waiter_ = std::thread([this] {
-            int taken = 0;
-            sigwait(&signals_, &taken);
-            set([this] { stop_ = true; });
-        });
-    }
-    ~Lifetime() {
-        if (!stop_requested())
-            pthread_kill(waiter_.native_handle(), SIGTERM);
-        waiter_.join();
-    }
-    // For the bus client's status reports.
-    void bus_status(int status) {
-        if (status == KT5BUS_STATUS_RUNNING)
-            set([this] { running_ = true; });
-    }
-    // True once the client runs; false when a stop came first or `limit` passed.
-    bool wait_running(std::chrono::seconds limit) {
-        std::unique_lock<std::mutex> hold(lock_);
-        changed_.wait_for(hold, limit, [this] { return running_ || stop_; });
-        return running_ && !stop_;
-    }
-    void wait_running_or_stop() {
-        std::unique_lock<std::mutex> hold(lock_);
-        changed_.wait(hold, [this] { return running_ || stop_; });
-    }
-    bool stop_requested() {
-        std::lock_guard<std::mutex> hold(lock_);
-        return stop_;
-    }
-    void wait_for_stop() {
-        std::unique_lock<std::mutex> hold(lock_);
-        changed_.wait(hold, [this] { return stop_; });
-    }
-
-  private:
-    template <typename Change>
-    void set(Change change) {
-        {
-            std::lock_guard<std::mutex> hold(lock_);
-            change();
-        }
-        changed_.notify_all();
-    }
-
-    sigset_t signals_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool running_ = false;
-    bool stop_ = false;
-    std::thread waiter_;
-};
 
 bool ask_on_terminal(const std::string &campaign) {
     fprintf(stderr, "Consent requested for campaign %s. Accept? [y/N] ", campaign.c_str());
@@ -143,6 +76,8 @@ void warn_about_addresses(const std::string &certs) {
 
 struct Options {
     std::string broker = "localhost:8883";
+    uozagent::BrokerTarget broker_target;  // broker, parsed
+    bool keep_trying = false;
     std::string certs;
     std::string settings_path;
     std::string ecu_config;
@@ -187,32 +122,34 @@ uozagent::ConsentPolicy consent_policy(const std::string &name) {
                             : uozagent::ConsentPolicy::kAccept;
 }
 
-int run(const Options &options, Lifetime &lifetime) {
+int run(const Options &options, uozagent::Lifetime &lifetime) {
     uozagent::AgentSettings settings = load_settings(options);
     uozagent::KeyAlgorithms keys = key_algorithms(settings);
     warn_about_addresses(options.certs);
     uozagent::TransportLinks links(settings);
     uozagent::DiagAgent agent(settings, links, keys);
+    uozagent::LinkLog link_log(options.broker);
     uozagent::BusSetup setup;
     setup.identity_dir = options.certs;
     setup.url = "tcp://" + options.broker;
     setup.policy = consent_policy(options.policy);
     setup.ask = ask_on_terminal;
-    setup.on_status = [&lifetime](int status) { lifetime.bus_status(status); };
+    setup.on_status = [&lifetime, &link_log](int status) {
+        lifetime.bus_status(status);
+        link_log.status(status);
+    };
     uozagent::AgentBus bus(agent, setup);
-    if (!lifetime.wait_running(kQuietStart) && !lifetime.stop_requested()) {
-        fprintf(stderr, "uoz-agent: not connected to %s yet; still trying\n",
-                options.broker.c_str());
-        lifetime.wait_running_or_stop();
-    }
-    if (!lifetime.stop_requested())
-    {
+    if (!uozagent::wait_connected(options.broker_target, options.keep_trying, lifetime))
+        return uoztools::kExitCannotStart;
+    if (!lifetime.stop_requested()) {
         UOZ_DBGLOG(UOZ_LOG_INFO, "uoz-agent ready on %s", options.broker.c_str());
-        sd_notify(0, "READY=1");  // a service manager waiting on NOTIFY_SOCKET goes on
+        sd_notifyf(0, "READY=1\nSTATUS=connected to %s", options.broker.c_str());
     }
     lifetime.wait_for_stop();
+    sd_notify(0, "STOPPING=1");
     links.close_all();
     bus.stop();
+    UOZ_DBGLOG(UOZ_LOG_INFO, "uoz-agent stopped");
     return uoztools::kExitOk;
 }
 
@@ -243,6 +180,9 @@ int main(int argc, char **argv) {
                    "TCP port of the DoIP gateways named by \"gw-ip\" (default 13400)")
         ->type_name("PORT")
         ->check(CLI::Range(1, 65535));
+    app.add_flag("--keep-trying", options.keep_trying,
+                 "when the broker cannot be reached at start, tell why and try again "
+                 "instead of exiting with 1 (for services)");
     app.add_flag("--trace", options.trace, "print every UDS request and answer");
     app.add_option("--policy", options.policy, "consent policy")
         ->check(CLI::IsMember({"accept", "reject", "ask"}))
@@ -265,6 +205,7 @@ int main(int argc, char **argv) {
                 options.broker.c_str());
         return uoztools::kExitInvalidInput;
     }
+    options.broker_target = {host, port, options.certs};
     if (!options.gateway.empty() &&
         !uozdoip::split_host_port(options.gateway.c_str(), uozdoip::kDefaultPort, host, port)) {
         fprintf(stderr, "uoz-agent: --gateway must be HOST or HOST:PORT, not \"%s\"\n",
@@ -273,7 +214,12 @@ int main(int argc, char **argv) {
     }
     uoz_dbg_level = options.debug;
     signal(SIGPIPE, SIG_IGN);
-    Lifetime lifetime;
+    uozagent::Lifetime lifetime;
+    // The library's log lines carry colour codes: kept only on a terminal
+    // that allows them, never in a file or the journal.
+    std::unique_ptr<uoztools::LogLines> plain_log;
+    if (!uoztools::colour_allowed(STDOUT_FILENO))
+        plain_log = std::make_unique<uoztools::LogLines>(STDOUT_FILENO, STDOUT_FILENO, false);
     try {
         return run(options, lifetime);
     } catch (const std::exception &failure) {

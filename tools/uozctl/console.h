@@ -6,14 +6,15 @@
 
 #include <stdio.h>
 
-#include <string>
-#include <thread>
+#include <memory>
+
+#include "log_lines.h"
 
 namespace uozctl {
 
-// Moves standard output (fd 1) to a pipe whose lines go to standard error,
-// without colour codes unless standard error is a terminal that allows
-// them. results() is the original standard output.
+// Moves standard output (fd 1) to standard error, without colour codes
+// unless standard error is a terminal that allows them. results() is the
+// original standard output.
 class Console {
   public:
     Console();
@@ -24,11 +25,8 @@ class Console {
     FILE *results() const { return results_; }
 
   private:
-    void copy_library_lines(int from, bool keep_colour);
-
     FILE *results_ = stdout;
-    int pipe_write_ = -1;
-    std::thread copier_;
+    std::unique_ptr<uoztools::LogLines> library_lines_;
 };
 
 }  // namespace uozctl
