@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <fstream>
 #include <sstream>
@@ -10,6 +11,12 @@
 namespace uoztools {
 
 bool read_text_file(const std::string &path, std::string *content, std::string *error) {
+    // A directory opens and reads as empty: say what it is instead.
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        *error = "cannot read " + path + ": it is a directory";
+        return false;
+    }
     std::ifstream file(path);
     if (!file) {
         *error = "cannot read " + path + ": " + strerror(errno);
@@ -24,7 +31,7 @@ bool read_text_file(const std::string &path, std::string *content, std::string *
 std::string read_text_file(const std::string &path) {
     std::string content, error;
     if (!read_text_file(path, &content, &error))
-        throw std::runtime_error("cannot read " + path);
+        throw std::runtime_error(error);
     return content;
 }
 

@@ -26,6 +26,19 @@ const Transport kTransports[] = {
     {"CANFD", nullptr, {}},
 };
 
+bool known_type(const std::string &type) {
+    for (const Transport &transport : kTransports) {
+        if (type == transport.type)
+            return true;
+    }
+    return false;
+}
+
+std::string unknown_type(const std::string &type) {
+    return "unknown \"type\" \"" + type +
+           "\" (CAN, DOIP, IOC or CANFD): the library reads it as CAN";
+}
+
 // The library reads any type it does not know as CAN.
 const Transport &transport_of(const std::string &type) {
     for (const Transport &transport : kTransports) {
@@ -35,14 +48,17 @@ const Transport &transport_of(const std::string &type) {
     return kTransports[0];
 }
 
-// The reason the library drops the entry, or empty.
-std::string drop_reason(json_object *entry, EntryReport *report) {
+// The reason the library drops the entry, or empty; *unknown tells of a type
+// the library reads as CAN.
+std::string drop_reason(json_object *entry, EntryReport *report, std::string *unknown) {
     if (!json_object_is_type(entry, json_type_object))
         return "not a JSON object";
     const char *type = text_member(entry, "type");
     if (type == nullptr)
         return "no \"type\" text";
-    report->type = type;
+    report->type = known_type(type) ? type : "CAN";
+    if (!known_type(type))
+        *unknown = unknown_type(type);
     const char *address = text_member(entry, "targetAddress");
     if (address == nullptr)
         return "no \"targetAddress\" text";
@@ -60,7 +76,9 @@ std::string drop_reason(json_object *entry, EntryReport *report) {
         json_object_object_get_ex(entry, transport.block, &block);
     for (const char *key : transport.required) {
         if (block == nullptr || text_member(block, key) == nullptr) {
-            return std::string("no \"") + transport.block + "\".\"" + key + "\" text";
+            std::string missing =
+                std::string("no \"") + transport.block + "\".\"" + key + "\" text";
+            return unknown->empty() ? missing : *unknown + ", and finds " + missing;
         }
     }
     if (block != nullptr && json_object_is_type(block, json_type_object)) {
@@ -172,8 +190,11 @@ ConfigReport check_config(const std::string &path) {
     for (size_t i = 0; i < json_object_array_length(configs); ++i) {
         EntryReport entry;
         entry.index = i;
-        entry.problem = drop_reason(json_object_array_get_idx(configs, i), &entry);
+        std::string unknown;
+        entry.problem = drop_reason(json_object_array_get_idx(configs, i), &entry, &unknown);
         entry.loaded = entry.problem.empty();
+        if (entry.loaded)
+            entry.problem = unknown;
         report.entries.push_back(entry);
     }
     mark_shadowed(&report.entries);

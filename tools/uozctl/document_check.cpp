@@ -4,6 +4,7 @@
 
 #include <tuple>
 
+#include "hex_text.h"
 #include "json_helpers.h"
 
 namespace uozctl {
@@ -48,6 +49,30 @@ std::string check_period(json_object *document, time_t now) {
     return "";
 }
 
+// What the agent needs of a command it sends as written: the whole request
+// in hex, or a one-byte service with optional sub-function and data bytes.
+std::string check_custom_command(json_object *command, const std::string &field) {
+    std::string text;
+    std::vector<uint8_t> bytes;
+    if (get_text(command, "request", &text)) {
+        if (!uozuds::parse_hex_bytes(text.c_str(), &bytes) || bytes.empty())
+            return field + ".request: '" + text + "' is not hex bytes such as \"22F190\"";
+        return "";
+    }
+    uint32_t service = 0;
+    if (!get_text(command, "service", &text) || !uozuds::parse_hex_number(text.c_str(), &service) ||
+        service > 0xFF) {
+        return field +
+               ".service: a command needs a one-byte service such as \"0x22\" (or the whole "
+               "\"request\" in hex)";
+    }
+    for (const char *key : {"subfn", "data"}) {
+        if (get_text(command, key, &text) && !uozuds::parse_hex_bytes(text.c_str(), &bytes))
+            return field + "." + key + ": '" + text + "' is not hex bytes";
+    }
+    return "";
+}
+
 bool known_routine(const ConfigReport &config, const std::string &name) {
     for (const std::string &routine : config.routines) {
         if (routine == name)
@@ -69,8 +94,12 @@ std::string check_commands(json_object *document, const ConfigReport &config) {
         if (!json_object_is_type(command, json_type_object))
             return field + ": expected an object";
         std::string type, name;
-        if (!get_text(command, "type", &type) || type != "predefined")
+        if (!get_text(command, "type", &type) || type != "predefined") {
+            std::string problem = check_custom_command(command, field);
+            if (!problem.empty())
+                return problem;
             continue;
+        }
         if (!get_text(command, "command", &name))
             return field + ".command: a predefined command needs the routine's name";
         if (!known_routine(config, name)) {
