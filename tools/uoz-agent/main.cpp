@@ -20,6 +20,7 @@
 #include "agent_bus.h"
 #include "agent_settings.h"
 #include "broker_link.h"
+#include "command_line.h"
 #include "consent.h"
 #include "diag_agent.h"
 #include "doip.h"
@@ -190,11 +191,9 @@ int main(int argc, char **argv) {
     app.add_option("--debug", options.debug, "log level (-1 silent .. 4 most; 2 shows \"ready\")")
         ->type_name("LEVEL")
         ->capture_default_str();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? uoztools::kExitOk : uoztools::kExitInvalidInput;
-    }
+    uoztools::footer_only_at_top(app);
+    if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-agent"); rc >= 0)
+        return rc;
     std::string host;
     uint16_t port = 0;
     if (!uozdoip::split_host_port(options.broker.c_str(), 0, host, port) || port == 0 ||

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <sstream>
 
+#include "command_line.h"
 #include "doip_entity.h"
 #include "exit_codes.h"
 #include "files.h"
@@ -186,12 +187,14 @@ int main(int argc, char **argv) {
     Switches switches;
     uozecusim::EntitySettings settings;
     add_switches(app, switches, settings);
+    uoztools::footer_only_at_top(app);
+    if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-ecusim"); rc >= 0)
+        return rc;
     try {
-        app.parse(argc, argv);
         settings = settings_from(switches, settings);
     } catch (const CLI::ParseError &error) {
-        int rc = app.exit(error);
-        return rc == 0 ? uoztools::kExitOk : uoztools::kExitInvalidInput;
+        fprintf(stderr, "uoz-ecusim: %s (see uoz-ecusim --help)\n", error.what());
+        return uoztools::kExitInvalidInput;
     }
 
     std::unique_ptr<uozecusim::DoipEntity> entity;

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "command_line.h"
 #include "exit_codes.h"
 #include "pki.h"
 #include "terminal.h"
@@ -77,8 +78,8 @@ void make_node(const std::string &dir, uozpki::NodeRequest node, bool no_reply_a
 int main(int argc, char **argv) {
     CLI::App app{
         "Make the certificates of a bus: CA, broker, node identities, broker "
-        "configuration.\n" +
-        std::string(exit_code_help())};
+        "configuration.\n"
+        "Exit codes: 0 success, 1 cannot read or write the files, 2 invalid input or usage."};
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", std::string("uoz-pki ") + project_version());
@@ -131,12 +132,9 @@ int main(int argc, char **argv) {
                      "let every node send to every address (the default lets applications "
                      "exchange messages only with the diagnostic and policy agents)");
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        int rc = app.exit(error);
-        return rc == 0 ? kExitOk : kExitInvalidInput;
-    }
+    uoztools::footer_only_at_top(app);
+    if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-pki"); rc >= 0)
+        return rc;
     try {
         if (init->parsed()) {
             uozpki::create_ca(dir, ca_name, force);

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <map>
 
+#include "command_line.h"
 #include "commands.h"
 #include "console.h"
 #include "dtc_reports.h"
@@ -151,15 +152,15 @@ int main(int argc, char **argv) {
         ->check(CLI::IsMember({"download", "install"}));
     consent->add_option("CAMPAIGN", campaign, "campaign id")->required();
 
+    uoztools::footer_only_at_top(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() != 0 && wants_json(argc, argv)) {
-            context.output.set_json(true);
-            return context.output.fail(kExitInvalidInput, error.what());
-        }
-        int rc = app.exit(error);
-        return rc == 0 ? kExitOk : kExitInvalidInput;
+        if (error.get_exit_code() == 0)
+            return app.exit(error) == 0 ? kExitOk : kExitInvalidInput;
+        context.output.set_json(wants_json(argc, argv));
+        return context.output.fail(kExitInvalidInput,
+                                   uoztools::usage_error_text(app, error, "uozctl"));
     }
     context.output.set_json(options.json);
     if (options.config.empty())
