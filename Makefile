@@ -16,9 +16,11 @@ build: deps
 	cmake --build build -j$(JOBS)
 
 # The suite of build folder $(1), with the environment $(2): everything but
-# the CAN tests, then those where they can run (else a line says why not);
+# the CAN tests (and why any test skipped itself), then those where they can
+# run (else a line says why not);
 # fails when either part fails.
 suite = rc=0; $(2) ctest --test-dir $(1) -j$(CTEST_JOBS) --output-on-failure -LE '^can$$' || rc=$$?; \
+  ./scripts/skipped-tests.sh $(1); \
   $(2) CTEST_JOBS=$(CTEST_JOBS) ./scripts/test-can.sh $(1) --if-possible || rc=$$?; exit $$rc
 
 test: build

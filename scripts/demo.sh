@@ -29,7 +29,12 @@ while accepting "$port"; do port=$((20000 + RANDOM % 20000)); done
 doip_port=$((20000 + RANDOM % 20000))
 while [ "$doip_port" = "$port" ] || accepting "$doip_port"; do doip_port=$((20000 + RANDOM % 20000)); done
 
-heading() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+# Bold headings only on a terminal that allows colour.
+if [ -t 1 ] && [ -z "${NO_COLOR:-}" ] && [ "${TERM:-}" != dumb ]; then
+  heading() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
+else
+  heading() { printf '\n== %s\n' "$*"; }
+fi
 
 heading "Certificates for a CA, the broker, the application and the agent ($work/pki)"
 "$(bin uoz-pki)" init --dir "$work/pki"
@@ -77,7 +82,12 @@ traced() { grep "^trace $1" "$work/agent.log" | tail -n 1; }
 
 step "The configured ECUs" ecus
 step "DTCs of the engine" dtc read engine
-heading "That answer crossed DoIP over TCP: the agent's trace of the request and the ECU's answer"
+heading "The road of that read: uozctl -> broker -> agent -> DoIP gateway -> engine (a CAN ECU)"
+echo "The query as the agent received it from the broker (the sender is the app's identity):"
+grep -o '/uoz/app {.*"subfunction".*' "$work/agent.log" | tail -n 1
+echo "The engine is a CAN ECU in examples/ecus.json; this machine has no CAN, so the agent"
+echo "reaches it as a vehicle's central gateway exposes it: over DoIP, by its logical address"
+echo "0x07E0 (--gateway). The agent's trace of the UDS request and the ECU's answer:"
 traced "engine"
 step "DTCs of every CAN and IOC ECU at once (asked in parallel through the gateway)" dtc read all
 step "Extended data of the engine's P0301" dtc read engine --report 0x06 --dtc 0x030100 --record 0xFF
@@ -87,6 +97,8 @@ echo "the agent's reason: $(grep -o 'query to 0x07E1 failed: .*' "$work/agent.lo
 step "Clear the engine's DTCs" dtc clear engine
 step "DTCs of the engine after clearing" dtc read engine
 step "A remote command document (pre-defined routine ReadVIN)" run examples/remote-command.json
+vin_hex=$(grep -o '62F190[0-9A-F]*' "$work/agent.log" | tail -n 1 | cut -c7-)
+[ -n "$vin_hex" ] && echo "62 F190 is the answer to ReadDataByIdentifier 0xF190; its data is the VIN: $(printf "$(echo "$vin_hex" | sed 's/../\\x&/g')")"
 step "Download consent for a campaign" consent download CAMPAIGN-2026-11
 step "The same read, as JSON for scripts" --json dtc read body
 
