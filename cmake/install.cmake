@@ -44,10 +44,10 @@ foreach(tool ${UOZ_TOOLS})
   endif()
 endforeach()
 
-# Man pages made from each tool's --help. Not in sanitizer builds: running a
-# tool there at build time would need the sanitizer's runtime settings.
-find_program(UOZ_HELP2MAN help2man)
-if(UOZ_HELP2MAN AND NOT UOZ_SANITIZE)
+# Man pages made from the --help of each tool and of each of its commands
+# (scripts/man-page.sh). Not in sanitizer builds: running a tool there at
+# build time would need the sanitizer's runtime settings.
+if(NOT UOZ_SANITIZE)
   set(UOZ_MAN_PAGES)
   set(UOZ_MAN_SUMMARY_uozctl "UDS diagnostics from the shell through libudsoverzelko")
   set(UOZ_MAN_SUMMARY_uoz-pki "make the certificates and broker configuration of a bus")
@@ -60,11 +60,12 @@ if(UOZ_HELP2MAN AND NOT UOZ_SANITIZE)
       set(page ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1.gz)
       add_custom_command(OUTPUT ${page}
         COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/man
-        COMMAND ${UOZ_HELP2MAN} --no-info --no-discard-stderr
-          --version-string=${PROJECT_VERSION} --name=${UOZ_MAN_SUMMARY_${tool}}
-          --output=${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1 $<TARGET_FILE:${tool}>
+        COMMAND bash -c "\"$0\" \"$1\" \"$2\" \"$3\" > \"$4\""
+          ${PROJECT_SOURCE_DIR}/scripts/man-page.sh $<TARGET_FILE:${tool}> ${PROJECT_VERSION}
+          ${UOZ_MAN_SUMMARY_${tool}} ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1
         COMMAND gzip -9nf ${CMAKE_CURRENT_BINARY_DIR}/man/${tool}.1
-        DEPENDS ${tool}
+        DEPENDS ${tool} ${PROJECT_SOURCE_DIR}/scripts/man-page.sh
+        VERBATIM
         COMMENT "Man page of ${tool}")
       list(APPEND UOZ_MAN_PAGES ${page})
       if(NOT UOZ_MAN_COMPONENT_${tool})

@@ -3,7 +3,7 @@
 # Does nothing when they are all present.
 set -euo pipefail
 packages=(g++ cmake make pkg-config libjson-c-dev libmosquitto-dev mosquitto libssl-dev openssl
-          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev help2man dpkg-dev clang-tidy
+          libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev dpkg-dev clang-tidy
           python3 python3-scapy can-utils)
 packages+=(libsystemd-dev)  # uoz-agent tells systemd when it is ready
 # The CAN tests run in a VM where this machine's kernel has no CAN

@@ -40,6 +40,13 @@ for page in uozctl uoz-pki uoz-agent; do
   [ -f "$prefix/share/man/man1/$page.1.gz" ] || { echo "missing man page $page.1.gz"; exit 1; }
 done
 zcat "$prefix/share/man/man1/uozctl.1.gz" | grep -q 'Exit codes: 0 success' || { echo "uozctl.1 lacks the exit codes"; exit 1; }
+# Every command with its own options, and the examples one a line (roff).
+page=$(zcat "$prefix/share/man/man1/uozctl.1.gz")
+for line in '.SS "uozctl dtc read"' '  \-\-mask TEXT=0xFF Excludes: \-\-dtc' '.SS "uozctl consent"' \
+    'uozctl \-\-config ecus.json check\-config' \
+    'uozctl \-\-config ecus.json \-\-certs pki/app dtc read engine \-\-mask 0x08'; do
+  grep -qxF -- "$line" <<< "$page" || { echo "uozctl.1 lacks the line: $line"; exit 1; }
+done
 for doc in README.md quickstart.md troubleshooting.md security.md; do
   [ -f "$prefix/share/doc/udsoverzelko/$doc" ] || { echo "missing doc $doc"; exit 1; }
 done
