@@ -7,7 +7,8 @@ set -euo pipefail
 build=${1:-build}
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-bin() { echo "$root/$build/tools/$1/$1"; }
+case $build in /*) ;; *) build=$root/$build ;; esac
+bin() { echo "$build/tools/$1/$1"; }
 for tool in uoz-pki uoz-ecusim uoz-agent uozctl; do
   [ -x "$(bin $tool)" ] || { echo "demo: $(bin $tool) is missing: run 'make demo'" >&2; exit 1; }
 done
