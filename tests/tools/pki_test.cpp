@@ -115,6 +115,10 @@ TEST_F(PkiTest, brokerConfigurationWithAbsolutePathsAndRulesThatNameTheSender) {
     ASSERT_EQ(pki("broker-config --dir pki --port 18883 --open-acl").code, 0);
     acl = text_of("acl");
     EXPECT_NE(acl.find("pattern write kt5/msg/%u/#"), std::string::npos) << acl;
+    // Only the serving nodes answer on reply routes, in this mode too.
+    EXPECT_NE(acl.find("group/policy-agent\ntopic write kt5/reply/+/+/agent\n\nuser app\n"),
+              std::string::npos)
+        << acl;
     // 'add' keeps the mode the ACL was written with.
     ASSERT_EQ(pki("add --dir pki --id second --ua /second").code, 0);
     acl = text_of("acl");
