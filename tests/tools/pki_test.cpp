@@ -59,7 +59,7 @@ TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
                                "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n"});
     expect_run(program(), {"node --dir pki --id bare --no-reply-address", 0,
                            "created node      " + dir_ +
-                               "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n"});
+                               "/pki/bare/cert.pem (addresses: none: replies only on its reply route)\n"});
     std::vector<uozpki::NodeAddresses> nodes =
         uozpki::read_nodes(dir_ + "/pki", {"diag-app", "bare"});
     ASSERT_EQ(nodes.size(), 2u);

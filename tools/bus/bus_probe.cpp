@@ -317,8 +317,8 @@ std::string missing_reply_address(const std::string &identity_dir) {
             return "";
     }
     return "the certificate " + path +
-           " names no reply address (kt5:ua:...): no reply can reach this node; make "
-           "the identity with 'uoz-pki node --ua NAME'";
+           " names no reply address (kt5:ua:...): replies reach this node only where the "
+           "broker grants reply routes; make the identity with 'uoz-pki node --ua NAME'";
 }
 
 std::string serving_address(const std::string &identity_dir) {

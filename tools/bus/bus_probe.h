@@ -31,7 +31,8 @@ ProbeResult probe_broker(const std::string &host, int port, const std::string &i
 std::string identity_problem(const std::string &identity_dir);
 
 // Whether the certificate names at least one update-agent address
-// (kt5:ua:...), which replies are sent to. Empty result when it does.
+// (kt5:ua:...), where replies go when the broker grants no reply route.
+// Empty result when it does.
 std::string missing_reply_address(const std::string &identity_dir);
 
 // The serving node's address (presence.h: kDiagnosticAgentUri,

@@ -60,7 +60,10 @@ void AgentBus::reply(uozbus::BusClient &bus, const uozbus::Received &to, const s
 }
 
 void AgentBus::on_message(uozbus::BusClient &bus, const uozbus::Received &message) {
-    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
+    UOZ_DBGLOG(
+        UOZ_LOG_INFO, "%s %s",
+        message.source_name.empty() ? "(sender without address)" : message.source_name.c_str(),
+        message.text.c_str());
     if (is_query(message.text)) {
         add({&bus, message});
         return;
