@@ -106,6 +106,25 @@ std::string presence_topic(const std::string &cn, const std::string &client_id) 
     return "kt5/presence/" + cn + "/" + client_id;
 }
 
+std::string reply_route(const std::string &cn, const std::string &client_id) {
+    return "kt5/reply/" + cn + "/" + client_id;
+}
+
+bool valid_reply_route(std::string_view route, std::string_view cn) {
+    constexpr std::string_view prefix = "kt5/reply/";
+    if (route.substr(0, prefix.size()) != prefix)
+        return false;
+    std::string_view rest = route.substr(prefix.size());
+    size_t slash = rest.find('/');
+    if (slash == 0 || slash == std::string_view::npos || slash + 1 == rest.size())
+        return false;
+    if (rest.find_first_of("+#", 0) != std::string_view::npos ||
+        rest.find('/', slash + 1) != std::string_view::npos ||
+        rest.find('\0') != std::string_view::npos)
+        return false;
+    return cn.empty() || rest.substr(0, slash) == cn;
+}
+
 }  // namespace kt5
 
 int kt5bus_init_ll(kt5bus_ll_config *config) {
@@ -169,4 +188,8 @@ void kt5bus_free_address(kt5bus_address *chain, int free_names) {
         free(chain);
         chain = next;
     }
+}
+
+const char *kt5bus_reply_route(const kt5bus_message *message) {
+    return message != nullptr ? reinterpret_cast<const char *>(message->reserved3) : nullptr;
 }

@@ -42,6 +42,7 @@ struct Pending {
     kt5bus_message *message = nullptr;
     std::vector<std::string> topics;     // where it goes
     const char *content_type = nullptr;  // the message's own: valid until it is reported
+    bool answer = false;                 // sent with kt5bus_send_reply: names no route
     int outstanding = 0;                 // publishes without an acknowledgement
     bool ok = true;                      // every acknowledgement so far said delivered
     bool returned = false;               // kt5bus_send_message has finished with it
@@ -88,12 +89,14 @@ class Client {
           certificate_pem_(std::move(certificate_pem)),
           tls_(tls),
           client_id_(cn_ + "-" + random_suffix()),
+          reply_route_(reply_route(cn_, client_id_)),
           inbox_(record, client_id_, SSL_CTX_get_cert_store(tls)) {}
     ~Client();
 
     int start();
     void stop();
     int send(kt5bus_message *message);
+    int send_reply(kt5bus_message *message, const char *route);
     bool on_client_thread() const { return std::this_thread::get_id() == thread_.get_id(); }
 
   private:
@@ -116,7 +119,10 @@ class Client {
     void fail_all_pending();
     void finish_if_done(std::map<uint32_t, Pending>::iterator entry);
     int publish(uint32_t id, Pending &pending);
-    void release_held();
+    bool probe_route();
+    void become_ready(bool routed);
+    void release_held(bool routed);
+    int accept(kt5bus_message *message, std::vector<std::string> topics, bool answer);
     bool begin_withdrawal();
     bool await_withdrawal();
 
@@ -127,6 +133,7 @@ class Client {
     std::string certificate_pem_;
     SSL_CTX *tls_;
     std::string client_id_;
+    std::string reply_route_;
     Inbox inbox_;  // only touched on the client thread
     mosquitto *mosq_ = nullptr;
     std::thread thread_;
@@ -136,6 +143,7 @@ class Client {
     bool stopping_ = false;
     bool session_up_ = false;
     bool ready_ = false;          // connected and subscribed
+    bool routed_ = false;         // answers reach this connection on reply_route_
     std::vector<uint32_t> held_;  // sent before ready: published once ready
     uint32_t next_id_ = 0;
     std::map<uint32_t, Pending> pending_;  // by message id
@@ -145,6 +153,7 @@ class Client {
     std::vector<std::pair<kt5bus_message *, bool>> finished_;
     int withdrawal_mid_ = -1;  // the presence withdrawal's publish, once stop() sent it
     bool withdrawal_acknowledged_ = false;
+    int probe_mid_ = -1;                    // the reply route probe's publish, until acknowledged
     Clock::time_point next_expiry_scan_{};  // client thread only
 };
 
@@ -249,6 +258,7 @@ void Client::run() {
             was_up = session_up_;
             session_up_ = false;
             ready_ = false;
+            probe_mid_ = -1;
         }
         debug("connection lost: %s", mosquitto_strerror(rc));
         mosquitto_disconnect(mosq_);
@@ -299,6 +309,7 @@ void Client::subscribe_and_announce() {
             topics.push_back(topic);
     }
     topics.push_back("kt5/presence/#");
+    topics.push_back(reply_route_ + "/+");
     std::vector<char *> pointers;
     pointers.reserve(topics.size());
     for (std::string &topic : topics)
@@ -323,15 +334,42 @@ void Client::on_subscribe(mosquitto *, void *self, int, int count, const int *gr
             return;
         }
     }
-    client->release_held();
-    client->status(KT5BUS_STATUS_RUNNING);
+    if (!client->probe_route())
+        client->become_ready(false);
+}
+
+// The broker grants any subscription and filters what it delivers, so
+// whether answers can reach the reply route is asked by a publish to the
+// bare route: the access rules that grant the route let a connection write
+// there (where nobody listens), older rules refuse it.
+bool Client::probe_route() {
+    std::lock_guard<std::mutex> hold(lock_);
+    int mid = 0;
+    if (mosquitto_publish_v5(mosq_, &mid, reply_route_.c_str(), 0, nullptr, kQos, false, nullptr) !=
+        MOSQ_ERR_SUCCESS) {
+        return false;
+    }
+    probe_mid_ = mid;
+    return true;
+}
+
+// Without its reply route the client names none, and answers come to its
+// addresses as they did before routes existed.
+void Client::become_ready(bool routed) {
+    if (!routed)
+        debug(
+            "no reply route (the broker's access rules do not grant it): answers come to the "
+            "node's addresses");
+    release_held(routed);
+    status(KT5BUS_STATUS_RUNNING);
 }
 
 // Messages sent before the subscriptions held go out now, so that an answer
 // to them always finds this client subscribed.
-void Client::release_held() {
+void Client::release_held(bool routed) {
     std::lock_guard<std::mutex> hold(lock_);
     ready_ = true;
+    routed_ = routed;
     for (uint32_t id : held_) {
         auto entry = pending_.find(id);
         if (entry == pending_.end())
@@ -390,7 +428,13 @@ void Client::finish_if_done(std::map<uint32_t, Pending>::iterator entry) {
 }
 
 void Client::acknowledge(int mid, int reason) {
-    std::lock_guard<std::mutex> hold(lock_);
+    std::unique_lock<std::mutex> hold(lock_);
+    if (mid == probe_mid_) {
+        probe_mid_ = -1;
+        hold.unlock();
+        become_ready(reason < 0x80);
+        return;
+    }
     if (mid == withdrawal_mid_) {
         withdrawal_acknowledged_ = reason < 0x80;
         return;
@@ -462,6 +506,8 @@ int Client::publish(uint32_t id, Pending &pending) {
     if (pending.content_type != nullptr && pending.content_type[0] != '\0') {
         mosquitto_property_add_string(&properties, MQTT_PROP_CONTENT_TYPE, pending.content_type);
     }
+    if (routed_ && !pending.answer)
+        mosquitto_property_add_string(&properties, MQTT_PROP_RESPONSE_TOPIC, reply_route_.c_str());
     int published = 0;
     for (const std::string &topic : pending.topics) {
         int mid = 0;
@@ -493,7 +539,18 @@ int Client::send(kt5bus_message *message) {
     }
     if (topics.empty())
         return KT5BUS_ERR_INVALID;
+    return accept(message, std::move(topics), false);
+}
 
+// An answer goes to the route followed by the own CN, which tells the
+// receiver who answered; the broker lets only this node write there.
+int Client::send_reply(kt5bus_message *message, const char *route) {
+    if (route == nullptr || !valid_reply_route(route))
+        return KT5BUS_ERR_INVALID;
+    return accept(message, {std::string(route) + "/" + cn_}, true);
+}
+
+int Client::accept(kt5bus_message *message, std::vector<std::string> topics, bool answer) {
     // The lock is held across the publishes, so that an acknowledgement always
     // finds its pending entry; publishing never waits for the client thread.
     std::lock_guard<std::mutex> hold(lock_);
@@ -506,6 +563,7 @@ int Client::send(kt5bus_message *message) {
     pending.message = message;
     pending.topics = std::move(topics);
     pending.content_type = message->content_type;
+    pending.answer = answer;
     pending.outstanding = static_cast<int>(pending.topics.size());
     pending.deadline = Clock::now() + std::chrono::seconds(KT5BUS_DELIVERY_TIMEOUT_SECONDS);
     message->id = id;
@@ -605,4 +663,14 @@ int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *) 
     if (state == nullptr)
         return KT5BUS_ERR_STATE;
     return state->send(message);
+}
+
+int kt5bus_send_reply(kt5bus_client *client, kt5bus_message *message, const char *route) {
+    if (client == nullptr || message == nullptr || message->data == nullptr) {
+        return KT5BUS_ERR_INVALID;
+    }
+    kt5::Client *state = client_of(client);
+    if (state == nullptr)
+        return KT5BUS_ERR_STATE;
+    return state->send_reply(message, route);
 }

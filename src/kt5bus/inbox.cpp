@@ -8,7 +8,8 @@ namespace kt5 {
 void Inbox::receive(const char *topic_text, const void *payload, int payload_length,
                     const mosquitto_property *properties) {
     std::string_view topic = topic_text != nullptr ? topic_text : "";
-    constexpr std::string_view presence = "kt5/presence/", direct = "kt5/msg/";
+    constexpr std::string_view presence = "kt5/presence/", direct = "kt5/msg/",
+                               reply = "kt5/reply/";
     if (payload_length < 0)
         return;
     if (topic.substr(0, presence.size()) == presence) {
@@ -27,6 +28,9 @@ void Inbox::receive(const char *topic_text, const void *payload, int payload_len
     } else if (topic.substr(0, direct.size()) == direct) {
         std::string_view rest = topic.substr(direct.size());
         handle_message(rest.substr(0, rest.find('/')), payload, payload_length, properties);
+    } else if (topic.substr(0, reply.size()) == reply) {
+        // Only the own route is subscribed; the answering node is its last level.
+        handle_message(topic.substr(topic.rfind('/') + 1), payload, payload_length, properties);
     }
 }
 
@@ -80,8 +84,15 @@ void Inbox::handle_message(std::string_view sender_cn, const void *payload, int 
                            const mosquitto_property *properties) {
     if (record_->on_message == nullptr)
         return;
-    char *content_type = nullptr;
+    char *content_type = nullptr, *route = nullptr;
     mosquitto_property_read_string(properties, MQTT_PROP_CONTENT_TYPE, &content_type, false);
+    mosquitto_property_read_string(properties, MQTT_PROP_RESPONSE_TOPIC, &route, false);
+    if (route != nullptr && !valid_reply_route(route, sender_cn)) {
+        debug("reply route %s of %.*s ignored: not one of its own", route,
+              static_cast<int>(sender_cn.size()), sender_cn.data());
+        free(route);
+        route = nullptr;
+    }
     kt5bus_address source{};
     auto peer = peers_.find(sender_cn);
     bool known = peer != peers_.end() && !peer->second.addresses.empty();
@@ -102,8 +113,10 @@ void Inbox::handle_message(std::string_view sender_cn, const void *payload, int 
     received.source = known ? &source : nullptr;
     received.data = const_cast<void *>(payload);
     received.length = static_cast<size_t>(payload_length);
+    received.reserved3 = reinterpret_cast<uintptr_t>(route);
     record_->on_message(record_, &received);
     free(content_type);
+    free(route);
 }
 
 }  // namespace kt5

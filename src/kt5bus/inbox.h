@@ -26,8 +26,10 @@ class Inbox {
         : record_(record), own_client_id_(std::move(own_client_id)), trust_(trust) {}
 
     // One message as libmosquitto delivered it: "kt5/presence/<cn>/<client
-    // id>" updates the peers, "kt5/msg/<sender cn>/..." goes to on_message,
-    // any other topic is dropped. Not thread-safe: call from one thread.
+    // id>" updates the peers, "kt5/msg/<sender cn>/..." and answers on the
+    // own reply route ("kt5/reply/<cn>/<client id>/<sender cn>") go to
+    // on_message, any other topic is dropped. Not thread-safe: call from one
+    // thread.
     void receive(const char *topic, const void *payload, int payload_length,
                  const mosquitto_property *properties);
 

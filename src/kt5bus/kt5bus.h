@@ -7,6 +7,11 @@
  * "kt5:ua:<name>", "kt5:group:<name>", "kt5:special:dm-client". It receives the
  * messages sent to any of its addresses and learns which peers are present.
  *
+ * Answers: every message a client sends names the sending connection's reply
+ * route, so that an answer reaches that one connection and no other process
+ * of the same node. A receiver reads the route of a message with
+ * kt5bus_reply_route and answers on it with kt5bus_send_reply.
+ *
  * Threads: kt5bus_init_client starts one thread per client, which connects,
  * reconnects and runs every callback of the client record. All operations may
  * be called from any thread.
@@ -101,7 +106,7 @@ typedef struct kt5bus_message {
     const char *content_type;    /* e.g. "application/json" */
     kt5bus_address *destination; /* outgoing: destination chain */
     kt5bus_address *source;      /* incoming: the sender's first address */
-    uintptr_t reserved3;
+    uintptr_t reserved3;         /* incoming: the reply route; read it with kt5bus_reply_route */
     uintptr_t reserved4;
     void *data;    /* payload bytes */
     size_t length; /* payload length in bytes */
@@ -203,6 +208,28 @@ KT5BUS_EXTERN void kt5bus_free_address(kt5bus_address *chain, int free_names);
  * brokers need not send) the message is reported not delivered.
  */
 KT5BUS_EXTERN int kt5bus_send_message(kt5bus_client *client, kt5bus_message *message, void *unused);
+
+/*
+ * The reply route of a message the message callback received: the text that
+ * names the one connection that sent it, or NULL when the sender named none
+ * (its broker does not let it receive answers that way, or it is an older
+ * client: answer it at its address, message->source). The text lives as long
+ * as the callback runs; copy it to answer later.
+ */
+KT5BUS_EXTERN const char *kt5bus_reply_route(const kt5bus_message *message);
+
+/*
+ * Accept a message as the answer to a received message, for delivery to the
+ * connection that its route (a copy of kt5bus_reply_route's text) names. The
+ * destination chain is not used and may be NULL; the receiver sees this
+ * client's first address as the source, as with kt5bus_send_message, whose
+ * ownership and delivery rules apply. The broker accepts an answer only from
+ * the nodes that may answer the receiver (its ACL); a refused answer is
+ * reported not delivered. Returns KT5BUS_ERR_INVALID when route is not a
+ * reply route.
+ */
+KT5BUS_EXTERN int kt5bus_send_reply(kt5bus_client *client, kt5bus_message *message,
+                                    const char *route);
 
 #ifdef __cplusplus
 }

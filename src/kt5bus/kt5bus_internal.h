@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kt5bus/kt5bus.h"
@@ -50,6 +51,12 @@ std::string message_topic(const std::string &sender_cn, const kt5bus_address &de
 // Subscription for messages to one of the own addresses.
 std::string subscription_for(const Address &address);
 std::string presence_topic(const std::string &cn, const std::string &client_id);
+// The reply route of one connection, "kt5/reply/<cn>/<client id>"; an answer
+// goes to the route followed by "/<answering cn>".
+std::string reply_route(const std::string &cn, const std::string &client_id);
+// True when `route` is a reply route of a connection of node `cn` (of any
+// node when cn is empty): the sender may name no other node's connection.
+bool valid_reply_route(std::string_view route, std::string_view cn = {});
 
 }  // namespace kt5
 

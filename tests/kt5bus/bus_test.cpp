@@ -5,13 +5,17 @@
 #include <spawn.h>
 #include <string.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <thread>
 
 #include "agent_peer.h"
 #include "broker_fixture.h"
+#include "file_text.h"
 #include "raw_client.h"
 
 extern char **environ;
@@ -156,6 +160,44 @@ TEST(BusTest, aclStopsEavesdroppingAndSpoofing) {
     ASSERT_TRUE(two->wait_for_messages(1, 5000));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(raw.received(), 0) << "another node's messages reached the eavesdropper";
+}
+
+// Two processes of one node ask the agent at once: each answer reaches only
+// the connection that asked, on its reply route. Where the broker's access
+// rules predate routes (the two "kt5/reply" lines missing), clients name no
+// route and answers come to the node's address, as before.
+TEST(BusTest, answersReachTheAskingConnectionOrTheAddressWhereTheBrokerGrantsNoRoute) {
+    std::istringstream rules(file_text(pki_dir() + "/acl"));
+    std::string old_acl = "/tmp/uoz-acl-without-routes-" + std::to_string(getpid());
+    {
+        std::ofstream old(old_acl);
+        for (std::string line; std::getline(rules, line);) {
+            if (line.find("kt5/reply/") == std::string::npos)
+                old << line << "\n";
+        }
+    }
+    for (bool routed : {true, false}) {
+        Broker broker(routed ? pki_dir() + "/acl" : old_acl);
+        auto agent = peer("agent", broker), one = peer("app", broker), two = peer("app", broker);
+        ASSERT_TRUE(agent->wait_running() && one->wait_running() && two->wait_running());
+        agent->set_responder([](const uozagent::Received &query) {
+            return std::vector<Action>{Action("answer to " + query.text)};
+        });
+        one->send(to(KT5BUS_ADDR_UA, "/ZDATA/UDS", "one"));
+        two->send(to(KT5BUS_ADDR_UA, "/ZDATA/UDS", "two"));
+        ASSERT_TRUE(agent->wait_for_messages(2, 5000));
+        for (const uozagent::Received &query : agent->received())
+            EXPECT_EQ(query.reply_route.empty(), !routed) << query.reply_route;
+        ASSERT_TRUE(one->wait_for_messages(1, 5000) && two->wait_for_messages(1, 5000));
+        EXPECT_EQ(one->wait_for_messages(2, 300), !routed);
+        EXPECT_EQ(one->received()[0].source_name, "/ZDATA/UDS");
+        if (routed) {
+            EXPECT_EQ(one->received()[0].text, "answer to one");
+            EXPECT_EQ(two->received().size(), 1u);
+            EXPECT_EQ(two->received()[0].text, "answer to two");
+        }
+    }
+    unlink(old_acl.c_str());
 }
 
 // Without a broker the client keeps trying, and a stop reports every pending

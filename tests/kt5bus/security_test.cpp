@@ -69,7 +69,8 @@ TEST(SecurityTest, forgedPresenceRecordsAreIgnored) {
 
 // With the access rules uoz-pki writes by default, a third node of the bus
 // (with a genuine certificate) cannot answer in the diagnostic agent's
-// place: the broker refuses its reply, and the agent's own reply arrives.
+// place, neither at the application's address nor on its reply route: the
+// broker refuses its reply, and the agent's own reply arrives.
 TEST(SecurityTest, aThirdNodesForgedReplyIsRefusedByTheBroker) {
     char dir[] = "/tmp/uoz-acl-XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -97,12 +98,29 @@ TEST(SecurityTest, aThirdNodesForgedReplyIsRefusedByTheBroker) {
         EXPECT_EQ(received[0].text, "{\"body\":{\"data-record\":[\"genuine\"]}}");
         EXPECT_EQ(received[0].source_name, "/ZDATA/UDS");
 
-        // The application's query still reaches the agent.
+        // The application's query still reaches the agent, naming the route
+        // of the connection that sent it.
         Action query("{\"query\":1}");
         query.kind = KT5BUS_ADDR_UA;
         query.name = "/ZDATA/UDS";
         app.send(query);
-        EXPECT_TRUE(agent.wait_for_messages(1, 5000));
+        ASSERT_TRUE(agent.wait_for_messages(1, 5000));
+        std::string route = agent.received()[0].reply_route;
+        EXPECT_EQ(route.rfind("kt5/reply/app/app-", 0), 0u) << route;
+        Action forged("{\"body\":{\"data-record\":[\"forged\"]}}");
+        forged.route = route;
+        third.send(forged);
+        ASSERT_TRUE(third.wait_for_deliveries(3, 5000));
+        EXPECT_EQ(third.delivered_failed(), 3u);
+        RawClient raw("peer1", broker.port());
+        for (const char *as : {"/peer1", "/agent"})
+            EXPECT_EQ(raw.publish(route + as), 0x87) << as;
+        Action genuine("{\"body\":{\"data-record\":[\"on its route\"]}}");
+        genuine.route = route;
+        agent.send(genuine);
+        ASSERT_TRUE(app.wait_for_messages(2, 5000));
+        EXPECT_EQ(app.received()[1].text, genuine.text);
+        EXPECT_EQ(app.received()[1].source_name, "/ZDATA/UDS");
         // The third node cannot reach the application by its group either.
         EXPECT_EQ(third.received().size(), 0u);
     }

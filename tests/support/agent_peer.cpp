@@ -88,6 +88,7 @@ void AgentPeer::on_message(const Received &received) {
         if (action.kind == 0) {
             action.kind = received.source_kind;
             action.name = received.source_name;
+            action.route = received.reply_route;
         }
         send(action);
     }
@@ -123,9 +124,13 @@ void AgentPeer::sender_loop() {
 
 // A message the bus refuses at once counts as not delivered.
 void AgentPeer::transmit(const Action &action) {
-    if (action.kind == 0)
-        return;  // the sender was unknown: nowhere to answer
-    if (!bus_->send(action.text, action.kind, action.name, action.include_terminator))
+    bool sent = true;
+    if (!action.route.empty())
+        sent = bus_->send_reply(action.text, action.route, action.include_terminator);
+    else if (action.kind != 0)
+        sent = bus_->send(action.text, action.kind, action.name, action.include_terminator);
+    // else the sender was unknown and named no route: nowhere to answer
+    if (!sent)
         count_delivery(false);
 }
 

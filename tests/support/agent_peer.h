@@ -28,8 +28,9 @@ namespace uozagent {
 
 using Received = uozbus::Received;
 
-// Send `text` to the sender of the message after delay_ms (to `kind`/`name`
-// instead when a destination is given).
+// Send `text` to the sender of the message after delay_ms, as the agent
+// answers (on its reply route, else to its address); to `kind`/`name`
+// instead when a destination is given.
 struct Action {
     Action() = default;
     Action(std::string reply, int delay = 0) : text(std::move(reply)), delay_ms(delay) {}
@@ -37,6 +38,7 @@ struct Action {
     int delay_ms = 0;
     int kind = 0;
     std::string name;
+    std::string route;               // a reply route: used instead of kind/name
     bool include_terminator = true;  // send the trailing NUL as the library does
 };
 

@@ -59,7 +59,7 @@ TEST_F(PkiTest, applicationsGetAReplyAddressUnlessTheyAskForNone) {
                                "/pki/diag-app/cert.pem (addresses: ua:/uoz/diag-app)\n"});
     expect_run(program(), {"node --dir pki --id bare --no-reply-address", 0,
                            "created node      " + dir_ +
-                               "/pki/bare/cert.pem (addresses: none: no reply can reach it)\n"});
+                               "/pki/bare/cert.pem (addresses: none: replies only on its reply route)\n"});
     std::vector<uozpki::NodeAddresses> nodes =
         uozpki::read_nodes(dir_ + "/pki", {"diag-app", "bare"});
     ASSERT_EQ(nodes.size(), 2u);
@@ -115,6 +115,10 @@ TEST_F(PkiTest, brokerConfigurationWithAbsolutePathsAndRulesThatNameTheSender) {
     ASSERT_EQ(pki("broker-config --dir pki --port 18883 --open-acl").code, 0);
     acl = text_of("acl");
     EXPECT_NE(acl.find("pattern write kt5/msg/%u/#"), std::string::npos) << acl;
+    // Only the serving nodes answer on reply routes, in this mode too.
+    EXPECT_NE(acl.find("group/policy-agent\ntopic write kt5/reply/+/+/agent\n\nuser app\n"),
+              std::string::npos)
+        << acl;
     // 'add' keeps the mode the ACL was written with.
     ASSERT_EQ(pki("add --dir pki --id second --ua /second").code, 0);
     acl = text_of("acl");

@@ -3,9 +3,12 @@
 // expected outputs are golden files in golden/.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <memory>
 
 #include "broker_fixture.h"
+#include "file_text.h"
 #include "processes.h"
 #include "tool_runner.h"
 
@@ -88,14 +91,49 @@ TEST_F(UozctlTest, aReadOfAllEcusShowsWhichFailed) {
                   kGolden + "/uozctl_partial_failure.txt", {});
 }
 
-TEST_F(UozctlTest, noAgentMeansNoReplyWithAHint) {
+// Two runs with one certificate started together draw the same reply
+// identifier (it is seeded with the second): each must still print only its
+// own answer, as it does when run alone.
+TEST_F(UozctlTest, twoRunsOfOneIdentityEachPrintTheirOwnAnswer) {
+    const std::string reads[] = {"dtc read engine --mask 0x08", "dtc read engine --mask 0x40"};
+    std::string alone[2], output[2];
+    for (int i = 0; i < 2; ++i) {
+        ToolRun solo = uozctl(reads[i]);
+        ASSERT_EQ(solo.code, 0) << solo.err;
+        alone[i] = solo.out + "exit 0\n";
+        output[i] = "/tmp/uozctl-pair-" + std::to_string(getpid()) + "-" + std::to_string(i);
+    }
+    ASSERT_NE(alone[0], alone[1]);
+    std::string pair;
+    for (int i = 0; i < 2; ++i) {
+        pair += "{ " + program() + " " + reads[i] + " >" + output[i] +
+                " 2>/dev/null; echo exit $? >>" + output[i] + "; } & ";
+    }
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(run(pair + "wait").code, 0);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(file_text(output[i]), alone[i]) << "round " << round << ": " << reads[i];
+    }
+    for (const std::string &path : output)
+        unlink(path.c_str());
+}
+
+// Without an agent on the bus, uozctl says so at once, naming the agent it
+// expected, instead of waiting for a reply that cannot come.
+TEST_F(UozctlTest, noAgentOnTheBusIsToldAtOnce) {
     agent_.reset();
-    ToolRun consent = uozctl("--timeout 2 consent download C-1");
-    EXPECT_EQ(consent.code, 3);
-    EXPECT_EQ(consent.err,
-              "uozctl: no reply from the policy agent within 2 s: the broker is up; is uoz-agent "
-              "running and connected to it?\n");
-    EXPECT_LT(consent.seconds, 5.0) << "--timeout must shorten the wait";
+    std::string broker = "localhost:" + std::to_string(broker_.port());
+    const std::pair<const char *, std::string> cases[] = {
+        {"dtc read engine", "no diagnostic agent (kt5:ua:/ZDATA/UDS)"},
+        {"consent download C-1", "no policy agent (kt5:group:policy-agent)"},
+    };
+    for (const auto &[arguments, agent] : cases) {
+        ToolRun ctl = uozctl(arguments);
+        EXPECT_EQ(ctl.code, 3) << arguments;
+        EXPECT_EQ(ctl.err, "uozctl: " + agent + " is connected to " + broker +
+                               ": is uoz-agent running and connected to it?\n");
+        EXPECT_LT(ctl.seconds, 3.0) << arguments << ": the 10 s reply timeout must not run";
+    }
 }
 
 }  // namespace

@@ -25,6 +25,8 @@ Received received_from(const kt5bus_message *message) {
         if (message->source->kind != KT5BUS_ADDR_SPECIAL)
             received.source_name = message->source->value.name;
     }
+    if (const char *route = kt5bus_reply_route(message))
+        received.reply_route = route;
     return received;
 }
 
@@ -37,7 +39,8 @@ void free_message(kt5bus_message *message) {
 }
 
 // A JSON message of `length` bytes (the text, and its NUL when one longer)
-// to kind/name; nullptr when memory runs out or the address is refused.
+// to kind/name (to no address for kind 0: an answer on a reply route);
+// nullptr when memory runs out or the address is refused.
 kt5bus_message *new_message(const std::string &text, size_t length, int kind,
                             const std::string &name) {
     auto *message = static_cast<kt5bus_message *>(calloc(1, sizeof(kt5bus_message)));
@@ -47,6 +50,7 @@ kt5bus_message *new_message(const std::string &text, size_t length, int kind,
     message->length = length;
     message->data = calloc(1, text.size() + 1);
     int rc = message->data == nullptr ? KT5BUS_ERR_NOMEM
+             : kind == 0              ? KT5BUS_OK
              : kind == KT5BUS_ADDR_SPECIAL
                  ? kt5bus_chain_address(&message->destination, kind, KT5BUS_SPECIAL_DM_CLIENT)
                  : kt5bus_chain_address(&message->destination, kind, name.c_str(), 1);
@@ -115,6 +119,24 @@ bool BusClient::send(const std::string &text, int kind, const std::string &name,
         return false;
     }
     return true;
+}
+
+bool BusClient::send_reply(const std::string &text, const std::string &route,
+                           bool with_terminator) {
+    kt5bus_message *message = new_message(text, text.size() + (with_terminator ? 1 : 0), 0, "");
+    if (message == nullptr)
+        return false;
+    if (kt5bus_send_reply(&client_, message, route.c_str()) != 0) {
+        free_message(message);
+        return false;
+    }
+    return true;
+}
+
+bool BusClient::answer(const Received &to, const std::string &text, bool with_terminator) {
+    if (!to.reply_route.empty())
+        return send_reply(text, to.reply_route, with_terminator);
+    return send(text, to.source_kind, to.source_name, with_terminator);
 }
 
 template <typename Condition>

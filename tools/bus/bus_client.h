@@ -7,7 +7,7 @@
 //
 //   uozbus::BusClient::Handlers handlers;
 //   handlers.message = [](uozbus::BusClient &bus, const uozbus::Received &message) {
-//       bus.send(answer_to(message.text), message.source_kind, message.source_name);
+//       bus.answer(message, answer_to(message.text));
 //   };
 //   uozbus::BusClient bus(identity_dir, "tcp://localhost:8883", handlers);
 //   bus.wait_running(10000);
@@ -30,6 +30,7 @@ struct Received {
     size_t length = 0;        // the payload length as received
     int source_kind = 0;      // KT5BUS_ADDR_*, 0 when the sender is unknown
     std::string source_name;  // update agent or group name
+    std::string reply_route;  // the sending connection's, empty when it named none
 };
 
 // The name a peer is known by in the presence list: its update-agent or
@@ -67,6 +68,12 @@ class BusClient {
     // handler then never hears of it.
     bool send(const std::string &text, int kind, const std::string &name,
               bool with_terminator = true);
+    // Sends text to the one connection a reply route names (see kt5bus.h);
+    // false as for send().
+    bool send_reply(const std::string &text, const std::string &route, bool with_terminator = true);
+    // Answers a received message: on its reply route, or at its sender's
+    // address when it named none.
+    bool answer(const Received &to, const std::string &text, bool with_terminator = true);
     // Stops the client: pending messages are reported not delivered, and no
     // handler runs afterwards. Idempotent; safe from any thread but the
     // bus library's.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "identity.h"
+#include "presence.h"
 
 namespace uozbus {
 
@@ -194,9 +195,33 @@ SSL_CTX *client_context(const std::string &identity_dir, const std::string &host
     return context;
 }
 
-// TLS handshake, CONNECT and CONNACK on a connected socket.
+// Asks for the presence records on the probe's session and reads until the
+// broker has sent them all; unknown presence when it does not in time.
+void ask_presence(SSL *ssl, int fd, const std::string &ca_path, Clock::time_point deadline,
+                  ProbeResult *result) {
+    std::vector<unsigned char> request = presence_request(), bytes;
+    int rc = run_tls(ssl, fd, deadline, [&] {
+        return SSL_write(ssl, request.data(), static_cast<int>(request.size()));
+    });
+    PresenceRecords presence;
+    unsigned char chunk[4096];
+    while (rc > 0 && !presence.complete) {
+        rc = run_tls(ssl, fd, deadline, [&] { return SSL_read(ssl, chunk, sizeof(chunk)); });
+        if (rc > 0) {
+            bytes.insert(bytes.end(), chunk, chunk + rc);
+            presence = parse_presence(bytes);
+        }
+    }
+    result->presence_known = presence.complete && !presence.refused;
+    if (result->presence_known)
+        result->present = present_addresses(presence, ca_path);
+}
+
+// TLS handshake, CONNECT and CONNACK on a connected socket; then, when asked,
+// who is present.
 ProbeResult greet_broker(int fd, const std::string &host, const std::string &where,
-                         const std::string &identity_dir, Clock::time_point deadline) {
+                         const std::string &identity_dir, Clock::time_point deadline,
+                         bool presence) {
     ProbeResult result;
     ERR_clear_error();
     std::unique_ptr<SSL_CTX, CtxFree> context(client_context(identity_dir, host, &result.reason));
@@ -250,6 +275,8 @@ ProbeResult greet_broker(int fd, const std::string &host, const std::string &whe
             "the broker at " + where + " refused the connection: " + connack_text(connack[3]);
         return result;
     }
+    if (presence)
+        ask_presence(ssl.get(), fd, identity_files(identity_dir).ca, deadline, &result);
     static const unsigned char kDisconnect[] = {0xE0, 0x00};
     SSL_write(ssl.get(), kDisconnect, sizeof(kDisconnect));
     SSL_shutdown(ssl.get());
@@ -285,23 +312,24 @@ std::string missing_reply_address(const std::string &identity_dir) {
     CertPtr certificate = read_certificate(path);
     if (!certificate)
         return "";
-    auto *names = static_cast<GENERAL_NAMES *>(
-        X509_get_ext_d2i(certificate.get(), NID_subject_alt_name, nullptr, nullptr));
-    bool found = false;
-    for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names) && !found; ++i) {
-        const GENERAL_NAME *name = sk_GENERAL_NAME_value(names, i);
-        if (name->type != GEN_URI)
-            continue;
-        const auto *uri = reinterpret_cast<const char *>(
-            ASN1_STRING_get0_data(name->d.uniformResourceIdentifier));
-        found = strncmp(uri, "kt5:ua:", 7) == 0;
+    for (const std::string &uri : certificate_uris(certificate.get())) {
+        if (uri.rfind("kt5:ua:", 0) == 0)
+            return "";
     }
-    GENERAL_NAMES_free(names);
-    if (found)
-        return "";
     return "the certificate " + path +
-           " names no reply address (kt5:ua:...): no reply can reach this node; make "
-           "the identity with 'uoz-pki node --ua NAME'";
+           " names no reply address (kt5:ua:...): replies reach this node only where the "
+           "broker grants reply routes; make the identity with 'uoz-pki node --ua NAME'";
+}
+
+std::string serving_address(const std::string &identity_dir) {
+    CertPtr certificate = read_certificate(identity_files(identity_dir).certificate);
+    if (!certificate)
+        return "";
+    for (const std::string &uri : certificate_uris(certificate.get())) {
+        if (uri == kDiagnosticAgentUri || uri == kPolicyAgentUri)
+            return uri;
+    }
+    return "";
 }
 
 namespace {
@@ -324,7 +352,7 @@ class IgnoreBrokenPipe {
 }  // namespace
 
 ProbeResult probe_broker(const std::string &host, int port, const std::string &identity_dir,
-                         int timeout_ms) {
+                         int timeout_ms, bool presence) {
     IgnoreBrokenPipe ignore_broken_pipe;
     ProbeResult result;
     result.reason = identity_problem(identity_dir);
@@ -348,7 +376,7 @@ ProbeResult probe_broker(const std::string &host, int port, const std::string &i
         result.reason = "cannot connect to the broker at " + where + ": " + failure;
         return result;
     }
-    return greet_broker(socket.fd(), host, where, identity_dir, deadline);
+    return greet_broker(socket.fd(), host, where, identity_dir, deadline, presence);
 }
 
 }  // namespace uozbus

@@ -6,6 +6,7 @@
 #ifndef UOZ_TOOLS_BUS_PROBE_H
 #define UOZ_TOOLS_BUS_PROBE_H
 
+#include <set>
 #include <string>
 
 namespace uozbus {
@@ -13,20 +14,31 @@ namespace uozbus {
 struct ProbeResult {
     bool ok = false;
     std::string reason;  // one line, for the user; empty when ok
+    // With presence asked for: whether the broker told it in time, and the
+    // bus addresses of the nodes present (presence.h).
+    bool presence_known = false;
+    std::set<std::string> present;
 };
 
 // With the identity in identity_dir (identity.h). Gives up after timeout_ms
-// in all.
+// in all. With `presence`, also asks who is on the bus, on the same
+// connection (one round trip more).
 ProbeResult probe_broker(const std::string &host, int port, const std::string &identity_dir,
-                         int timeout_ms);
+                         int timeout_ms, bool presence = false);
 
 // The reason why the identity cannot be used (unreadable, expired, not yet
 // valid), or empty.
 std::string identity_problem(const std::string &identity_dir);
 
 // Whether the certificate names at least one update-agent address
-// (kt5:ua:...), which replies are sent to. Empty result when it does.
+// (kt5:ua:...), where replies go when the broker grants no reply route.
+// Empty result when it does.
 std::string missing_reply_address(const std::string &identity_dir);
+
+// The serving node's address (presence.h: kDiagnosticAgentUri,
+// kPolicyAgentUri) that the certificate in identity_dir holds, or empty for
+// an application's certificate.
+std::string serving_address(const std::string &identity_dir);
 
 }  // namespace uozbus
 

@@ -53,14 +53,17 @@ void AgentBus::stop() {
 }
 
 void AgentBus::reply(uozbus::BusClient &bus, const uozbus::Received &to, const std::string &text) {
-    if (to.source_kind == 0)
-        return;  // the sender is unknown: nowhere to answer
-    if (!bus.send(text, to.source_kind, to.source_name))
+    if (to.source_kind == 0 && to.reply_route.empty())
+        return;  // the sender is unknown and named no route: nowhere to answer
+    if (!bus.answer(to, text))
         UOZ_DBGLOG(UOZ_LOG_WARN, "the answer to %s could not be sent", to.source_name.c_str());
 }
 
 void AgentBus::on_message(uozbus::BusClient &bus, const uozbus::Received &message) {
-    UOZ_DBGLOG(UOZ_LOG_INFO, "%s %s", message.source_name.c_str(), message.text.c_str());
+    UOZ_DBGLOG(
+        UOZ_LOG_INFO, "%s %s",
+        message.source_name.empty() ? "(sender without address)" : message.source_name.c_str(),
+        message.text.c_str());
     if (is_query(message.text)) {
         add({&bus, message});
         return;

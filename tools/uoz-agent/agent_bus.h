@@ -3,7 +3,9 @@
 // (tools/bus). Each query runs on a worker of its own, which sends the reply
 // itself, so that the bus thread stays free and the ECUs of different
 // queries work in parallel; a consent request is answered at once by
-// policy. It keeps nothing of what it received, so it can run for months.
+// policy. Every answer goes to the one connection that asked (its reply
+// route), or to the sender's address when it named no route. It keeps nothing of what it received,
+// so it can run for months.
 #ifndef UOZ_TOOLS_AGENT_AGENT_BUS_H
 #define UOZ_TOOLS_AGENT_AGENT_BUS_H
 

@@ -70,7 +70,7 @@ void make_node(const std::string &dir, uozpki::NodeRequest node, bool no_reply_a
     if (node.dm_client)
         addresses += " dm-client";
     printf("created node      %s/%s/cert.pem (addresses:%s)\n", dir.c_str(), node.id.c_str(),
-           addresses.empty() ? " none: no reply can reach it" : addresses.c_str());
+           addresses.empty() ? " none: replies only on its reply route" : addresses.c_str());
 }
 
 }  // namespace
@@ -111,8 +111,9 @@ int main(int argc, char **argv) {
                             "address gets /uoz/<id>, where its replies arrive");
         command->add_option("--group", node.groups, "group address (repeatable)");
         command->add_flag("--dm-client", node.dm_client, "the device-management client address");
-        command->add_flag("--no-reply-address", no_reply_address,
-                          "give a node without addresses none (it receives nothing)");
+        command->add_flag(
+            "--no-reply-address", no_reply_address,
+            "give a node without addresses none (it receives only answers on its reply route)");
         command->add_flag("--force", node.force, "replace an existing identity");
         command->add_flag("--expired", node.expired, "make a certificate that has expired (tests)");
     };

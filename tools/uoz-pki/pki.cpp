@@ -189,12 +189,19 @@ void refuse_to_replace(const std::string &path, bool force, const std::string &w
 const char kDiagnosticAgentAddress[] = "ua/ZDATA/UDS";
 const char kPolicyAgentAddress[] = "group/policy-agent";
 const char kOpenMarker[] = "# mode: open\n";
+// A connection reads the answers on its own reply route only, so that two
+// processes of one node never take each other's answers; writing to the bare
+// route, where nobody listens, tells the client that the route is granted.
+const char kReplyRouteRule[] =
+    "pattern read kt5/reply/%u/%c/#\n"
+    "pattern write kt5/reply/%u/%c\n";
 
 void write_least_privilege(std::ostringstream &acl, const std::vector<NodeAddresses> &nodes) {
     acl << "# Least privilege: an application exchanges messages only with the nodes that\n"
         << "# serve it (update agent /ZDATA/UDS, group policy-agent), and those only with\n"
         << "# the applications.\n"
-        << "pattern write kt5/presence/%u/#\n";
+        << "pattern write kt5/presence/%u/#\n"
+        << kReplyRouteRule;
     for (const NodeAddresses &node : nodes) {
         acl << "\nuser " << node.id << "\n"
             << "topic read kt5/presence/#\n";
@@ -205,18 +212,24 @@ void write_least_privilege(std::ostringstream &acl, const std::vector<NodeAddres
                 acl << "topic read kt5/msg/" << peer.id << "/" << address << "\n";
             for (const std::string &address : peer.addresses)
                 acl << "topic write kt5/msg/" << node.id << "/" << address << "\n";
+            if (node.serving)
+                acl << "topic write kt5/reply/" << peer.id << "/+/" << node.id << "\n";
         }
     }
 }
 
 void write_open(std::ostringstream &acl, const std::vector<NodeAddresses> &nodes) {
     acl << kOpenMarker << "pattern write kt5/msg/%u/#\n"
-        << "pattern write kt5/presence/%u/#\n";
+        << "pattern write kt5/presence/%u/#\n"
+        << kReplyRouteRule;
     for (const NodeAddresses &node : nodes) {
         acl << "\nuser " << node.id << "\n"
             << "topic read kt5/presence/#\n";
         for (const std::string &topic : node.read_topics)
             acl << "topic read " << topic << "\n";
+        // Only the serving nodes answer on others' reply routes.
+        if (node.serving)
+            acl << "topic write kt5/reply/+/+/" << node.id << "\n";
     }
 }
 

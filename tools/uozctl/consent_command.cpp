@@ -20,7 +20,7 @@ const char *const kConsentResults[] = {"",
 
 int run_consent(const Context &context, const std::string &kind, const std::string &campaign) {
     Session session(context);
-    if (int rc = session.start())
+    if (int rc = session.start(Server::kPolicyAgent))
         return rc;
     int rc = call_with_timeout(context, "waiting for the policy agent", "policy agent", [&] {
         return UDSOverZelkoSendExternalConsent(

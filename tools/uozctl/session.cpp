@@ -3,7 +3,9 @@
 #include "bus_probe.h"
 #include "exit_codes.h"
 #include "hex_text.h"
+#include "identity.h"
 #include "parse.h"
+#include "presence.h"
 
 namespace uozctl {
 
@@ -14,7 +16,7 @@ constexpr int kProbeTimeoutMs = 4000;
 
 }  // namespace
 
-int Session::start() {
+int Session::start(Server server) {
     const Options &options = context_.options;
     const Output &output = context_.output;
     std::string host, error;
@@ -27,12 +29,30 @@ int Session::start() {
     if (!config_.file_error.empty())
         return output.fail(uoztools::kExitCannotStart, config_.file_error);
     output.config_warnings(config_);
+    // An agent's identity would take the queries of others as its own.
+    std::string serving = uozbus::serving_address(options.certs);
+    if (!serving.empty()) {
+        return output.fail(uoztools::kExitCannotStart,
+                           "the certificate " + uozbus::identity_files(options.certs).certificate +
+                               " holds an agent's address (" + serving +
+                               "): uozctl needs an application's identity (make one with "
+                               "'uoz-pki node --id NAME')");
+    }
     std::string warning = uozbus::missing_reply_address(options.certs);
     if (!warning.empty())
         output.warn(warning);
-    uozbus::ProbeResult probe = uozbus::probe_broker(host, port, options.certs, kProbeTimeoutMs);
+    uozbus::ProbeResult probe =
+        uozbus::probe_broker(host, port, options.certs, kProbeTimeoutMs, true);
     if (!probe.ok)
         return output.fail(uoztools::kExitCannotStart, probe.reason);
+    bool policy = server == Server::kPolicyAgent;
+    const char *expected = policy ? uozbus::kPolicyAgentUri : uozbus::kDiagnosticAgentUri;
+    if (probe.presence_known && probe.present.count(expected) == 0) {
+        return output.fail(uoztools::kExitNoReply,
+                           std::string("no ") + (policy ? "policy agent" : "diagnostic agent") +
+                               " (" + expected + ") is connected to " + options.broker +
+                               ": is uoz-agent running and connected to it?");
+    }
     BrokerConfig broker{};
     broker.broker_ip = host.c_str();
     broker.port = port;

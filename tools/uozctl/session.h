@@ -29,6 +29,9 @@ struct Context {
     Output output;
 };
 
+// The node a command's queries go to.
+enum class Server { kDiagnosticAgent, kPolicyAgent };
+
 // One library handle for one command, terminated at the end.
 class Session {
   public:
@@ -38,9 +41,9 @@ class Session {
     Session &operator=(const Session &) = delete;
 
     // Checks the options, the configuration (its warnings on standard error),
-    // the identity and the broker, then starts the library: 0, or the exit
-    // code of the failure, which is told.
-    int start();
+    // the identity, the broker and that `server` is on the bus, then starts
+    // the library: 0, or the exit code of the failure, which is told.
+    int start(Server server = Server::kDiagnosticAgent);
     // start(), then the ECU named by `ecu` ("all", a configured name or a
     // target address in hex) into *address: 0, or the exit code.
     int start_for_ecu(const std::string &ecu, int32_t *address);
