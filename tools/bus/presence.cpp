@@ -91,6 +91,7 @@ std::vector<unsigned char> presence_request() {
                                          0,
                                          0,
                                          static_cast<unsigned char>(filter_length)};
+    packet.reserve(packet.size() + filter_length + 3);
     packet.insert(packet.end(), kPresenceFilter, kPresenceFilter + filter_length);
     packet.push_back(0);
     packet.push_back(0xC0);  // PINGREQ
