@@ -17,8 +17,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// The largest UDS message the entity takes; a larger one is NACKed 0x04.
-constexpr size_t kMaxUdsLength = 4095;
 constexpr uint16_t kFirstTesterAddress = 0x0E00;
 constexpr uint16_t kLastTesterAddress = 0x0FFF;
 

@@ -304,10 +304,10 @@ Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) c
             Bytes status = {kNodeTypeGateway,
                             kMaxActiveTesters,
                             static_cast<uint8_t>(connections_.size()),
-                            0x00,
-                            0x00,
-                            0xFF,
-                            0xFF};
+                            static_cast<uint8_t>(kMaxDataSize >> 24),
+                            static_cast<uint8_t>(kMaxDataSize >> 16),
+                            static_cast<uint8_t>(kMaxDataSize >> 8),
+                            static_cast<uint8_t>(kMaxDataSize)};
             return uozdoip::encode_message(uozdoip::payload::kEntityStatusResponse, status.data(),
                                            status.size(), version);
         }

@@ -70,6 +70,11 @@ class Connection;
 
 // Activated connections (testers) the entity serves at once.
 constexpr uint8_t kMaxActiveTesters = 16;
+// The largest UDS message the entity takes; a larger one is NACKed 0x04.
+constexpr size_t kMaxUdsLength = 4095;
+// The largest diagnostic message (header, addresses, UDS) it takes, as its
+// entity status advertises it.
+constexpr uint32_t kMaxDataSize = uozdoip::kHeaderSize + 4 + kMaxUdsLength;
 
 class DoipEntity {
   public:
