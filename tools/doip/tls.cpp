@@ -73,6 +73,8 @@ std::string openssl_reason(const std::string &otherwise) {
     ERR_clear_error();
     if (error == 0)
         return otherwise;
+    if (ERR_SYSTEM_ERROR(error))  // a file that cannot be opened, a socket error
+        return strerror(ERR_GET_REASON(error));
     const char *reason = ERR_reason_error_string(error);
     if (reason != nullptr)
         return reason;

@@ -98,9 +98,13 @@ uozecusim::EntitySettings settings_from(const Switches &switches,
         else
             misbehave.slow[static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--slow"))] = ms;
     }
-    if (!switches.deny_routing.empty())
-        misbehave.deny_routing = static_cast<uint8_t>(parse_hex(
-            switches.deny_routing, uozdoip::routing::kDeniedTlsRequired, "--deny-routing"));
+    if (!switches.deny_routing.empty()) {
+        uint32_t code = parse_hex(switches.deny_routing, 0xFF, "--deny-routing");
+        if (code > uozdoip::routing::kDeniedTlsRequired)
+            throw CLI::ValidationError("--deny-routing", "\"" + switches.deny_routing +
+                                                             "\" is not a denial code (0x00-0x07)");
+        misbehave.deny_routing = static_cast<uint8_t>(code);
+    }
     if (!switches.tls_dir.empty()) {
         settings.tls.enabled = true;
         settings.tls.files.certificate = switches.tls_dir + "/cert.pem";
