@@ -306,6 +306,30 @@ TEST_F(AgentEcusimTest, aGatewayThatRequiresTlsIsReadOverTlsWithItsCertificateCh
         << plain_only;
 }
 
+// A gateway that asks for the tester's certificate takes central security
+// activation (0xE0) with one from its CA, and denies it (0x04) without.
+TEST_F(AgentEcusimTest, centralSecurityActivationNeedsTheTestersCertificate) {
+    const std::string pki = uoztest::pki_dir();
+    for (bool with_certificate : {true, false}) {
+        settings_.doip.activation_type = uozdoip::routing::kTypeCentralSecurity;
+        settings_.doip.tls.use = TlsUse::kAlways;
+        settings_.doip.tls.files = {pki + "/ca/ca.pem",
+                                    with_certificate ? pki + "/agent/cert.pem" : "",
+                                    with_certificate ? pki + "/agent/private.pem" : ""};
+        start({"--tls", pki + "/doip/doip-entity", "--tls-port", "0", "--tls-ca",
+               pki + "/ca/ca.pem", "--trace"});
+        std::string reply = read_engine(0x01, 0x08);
+        if (with_certificate) {
+            EXPECT_EQ(data_of(reply), "5901FF010002") << reply;
+            EXPECT_TRUE(holds(simulator_->output(), "tester certificate checked"));
+        } else {
+            EXPECT_TRUE(holds(reply, "denied by " + tls_gateway() + ": code 0x04 (" +
+                                         uozdoip::routing_code_name(0x04) + ")"))
+                << reply;
+        }
+    }
+}
+
 // The simulator asks for an alive check after 200 ms without traffic: while
 // the agent waits for a slow answer, and while it is idle.
 TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileWaitingAndWhileIdle) {
