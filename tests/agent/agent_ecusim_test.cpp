@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "UDSOverZelko/read_dtc.h"
+#include "broker_fixture.h"
 #include "diag_agent.h"
 #include "file_text.h"
 #include "isotp_link.h"
@@ -66,6 +67,8 @@ class AgentEcusimTest : public ::testing::Test {
     void start(const std::vector<std::string> &switches = {}) {
         simulator_ = std::make_unique<uoztest::EcuSimulator>(UOZ_ECUSIM_PATH, switches);
         port_ = static_cast<uint16_t>(simulator_->port());
+        if (simulator_->tls_port() != 0)
+            settings_.doip.tls.port = static_cast<uint16_t>(simulator_->tls_port());
         settings_.learn_ecus(uoztest::file_text(UOZ_EXAMPLES "/ecus.json"));
         settings_.gateway.enabled = true;
         settings_.gateway.all = true;
@@ -93,6 +96,9 @@ class AgentEcusimTest : public ::testing::Test {
         return links_->connection({"127.0.0.1", port_, settings_.gateway.tester_address, 0});
     }
     std::string gateway() const { return "gateway 127.0.0.1:" + std::to_string(port_); }
+    std::string tls_gateway() const {
+        return "gateway 127.0.0.1:" + std::to_string(settings_.doip.tls.port);
+    }
 
     AgentSettings settings_;
     uint16_t port_ = 0;
@@ -210,6 +216,118 @@ TEST_F(AgentEcusimTest, deniedRoutingAndANackAreFailuresWithTheirCodes) {
     EXPECT_TRUE(holds(nacked, gateway() + " refused the request to 0x0999: NACK 0x03 (" +
                                   uozdoip::diag_nack_name(0x03) + ")"))
         << nacked;
+}
+
+// "Confirmation required" (0x11) is not a denial: the final answer is waited
+// for within the processing time.
+TEST_F(AgentEcusimTest, routingActivationWaitsForTheFinalAnswerAfterAConfirmation) {
+    const struct {
+        const char *confirmed_after;
+        Millis processing_time;
+        std::string error;
+    } cases[] = {
+        {"300", Millis(3000), ""},
+        {"3000", Millis(300),
+         " needed a confirmation (code 0x11), and no final answer came within "
+         "300 ms"},
+    };
+    for (const auto &row : cases) {
+        settings_.processing_time = row.processing_time;
+        start({"--confirm-routing", row.confirmed_after});
+        std::string reply = read_engine(0x01, 0x08);
+        if (row.error.empty())
+            EXPECT_EQ(data_of(reply), "5901FF010002") << reply;
+        else
+            EXPECT_TRUE(holds(reply, "routing activation at " + gateway() + row.error)) << reply;
+    }
+}
+
+// A message above the gateway's size limit gets a generic NACK: the request
+// fails at once with its code, not after the acknowledge time.
+TEST_F(AgentEcusimTest, aGenericNackFailsTheRequestWithItsCode) {
+    settings_.ack_timeout = Millis(8000);
+    start();
+    std::shared_ptr<DoipConnection> link = connection();
+    std::string error;
+    const Clock::time_point deadline = Clock::now() + Millis(8000);
+    ASSERT_TRUE(link->send(0x07E0, Bytes(70000, 0x22), deadline, &error)) << error;
+    Bytes answer;
+    bool timed_out = false;
+    EXPECT_FALSE(link->receive(0x07E0, deadline, &answer, &error, &timed_out));
+    EXPECT_EQ(error, gateway() + " refused the request to 0x07E0: generic NACK 0x02 (" +
+                         uozdoip::generic_nack_name(0x02) + ")");
+    EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");  // the connection stays up
+}
+
+// A gateway that requires TLS denies plain routing activation with 0x07: the
+// agent moves to its TLS port where the settings allow it, and checks the
+// gateway's certificate; a failed check says which.
+TEST_F(AgentEcusimTest, aGatewayThatRequiresTlsIsReadOverTlsWithItsCertificateChecked) {
+    const std::string pki = uoztest::pki_dir(), ca = pki + "/ca/ca.pem";
+    const std::string foreign_ca = uoztest::other_pki_dir() + "/ca/ca.pem";
+    const std::string failed = "TLS verification of the certificate of {GATEWAY} failed: ";
+    const struct {
+        std::string entity, ca, error;
+    } cases[] = {
+        {pki + "/doip/doip-entity", ca, ""},
+        {pki + "/doip/doip-entity", foreign_ca,
+         failed +
+             "unable to get local issuer certificate (the certificate is not from the CA "
+             "in " +
+             foreign_ca + ")"},
+        {pki + "/doip/elsewhere", ca,
+         failed + "IP address mismatch (the certificate does not name 127.0.0.1)"},
+        {pki + "/doip/expired", ca, failed + "certificate has expired"},
+    };
+    for (const auto &row : cases) {
+        settings_.doip.tls.use = TlsUse::kWhenRequired;
+        settings_.doip.tls.files.ca = row.ca;
+        start({"--tls", row.entity, "--tls-port", "0", "--require-tls"});
+        std::string reply = read_engine(0x01, 0x08);
+        if (row.error.empty()) {
+            EXPECT_EQ(data_of(reply), "5901FF010002") << reply;
+            EXPECT_TRUE(connection()->over_tls());
+            EXPECT_EQ(connection()->version(), uozdoip::kVersion2019);
+            continue;
+        }
+        std::string error = row.error;
+        error.replace(error.find("{GATEWAY}"), 9, tls_gateway());
+        for (size_t slash = error.find('/'); slash != std::string::npos;
+             slash = error.find('/', slash + 2))
+            error.insert(slash, "\\");  // as JSON writes it
+        EXPECT_TRUE(holds(reply, R"("error":"engine (0x7E0): )" + error + "\"")) << reply;
+    }
+    settings_.doip.tls = DoipTls{};
+    start({"--tls", pki + "/doip/doip-entity", "--tls-port", "0", "--require-tls"});
+    std::string plain_only = read_engine(0x01, 0x08);
+    EXPECT_TRUE(holds(plain_only, "denied by " + gateway() + ": code 0x07 (" +
+                                      uozdoip::routing_code_name(0x07) +
+                                      "); the agent settings allow no TLS"))
+        << plain_only;
+}
+
+// A gateway that asks for the tester's certificate takes central security
+// activation (0xE0) with one from its CA, and denies it (0x04) without.
+TEST_F(AgentEcusimTest, centralSecurityActivationNeedsTheTestersCertificate) {
+    const std::string pki = uoztest::pki_dir();
+    for (bool with_certificate : {true, false}) {
+        settings_.doip.activation_type = uozdoip::routing::kTypeCentralSecurity;
+        settings_.doip.tls.use = TlsUse::kAlways;
+        settings_.doip.tls.files = {pki + "/ca/ca.pem",
+                                    with_certificate ? pki + "/agent/cert.pem" : "",
+                                    with_certificate ? pki + "/agent/private.pem" : ""};
+        start({"--tls", pki + "/doip/doip-entity", "--tls-port", "0", "--tls-ca",
+               pki + "/ca/ca.pem", "--trace"});
+        std::string reply = read_engine(0x01, 0x08);
+        if (with_certificate) {
+            EXPECT_EQ(data_of(reply), "5901FF010002") << reply;
+            EXPECT_TRUE(holds(simulator_->output(), "tester certificate checked"));
+        } else {
+            EXPECT_TRUE(holds(reply, "denied by " + tls_gateway() + ": code 0x04 (" +
+                                         uozdoip::routing_code_name(0x04) + ")"))
+                << reply;
+        }
+    }
 }
 
 // The simulator asks for an alive check after 200 ms without traffic: while

@@ -106,7 +106,9 @@ TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
 TEST(AgentSettingsTest, theFileSetsEveryPart) {
     AgentSettings settings = AgentSettings::from_json(R"({
       "doip": {"port": 13401, "allow-remote": true, "addresses": {"192.168.10.1": "127.0.0.1"},
-               "ack-timeout-ms": 500},
+               "ack-timeout-ms": 500, "processing-time-ms": 3000, "version": "0x03",
+               "tls": {"ca": "/dev/null", "port": 3497},
+               "gateways": {"10.0.0.1": {"activation-type": "0xE0", "tls": {"use": "always"}}}},
       "uds": {"p2-ms": 200, "p2-star-ms": 3000, "deadline-ms": 7000, "busy-retries": 5},
       "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
                   "ecus": {"engine": null, "gateway": "0x20"}},
@@ -115,6 +117,16 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_TRUE(settings.allow_remote_gateways);
     EXPECT_EQ(settings.gateway_addresses.at("192.168.10.1"), "127.0.0.1");
     EXPECT_EQ(settings.ack_timeout, Millis(500));
+    EXPECT_EQ(settings.processing_time, Millis(3000));
+    const DoipGatewayPolicy &other = settings.doip_policy("127.0.0.1");
+    EXPECT_EQ(other.version, 0x03);
+    EXPECT_EQ(other.tls.use, TlsUse::kWhenRequired);  // a CA allows TLS where required
+    const DoipGatewayPolicy &own = settings.doip_policy("10.0.0.1");
+    EXPECT_EQ(own.activation_type, 0xE0);
+    EXPECT_EQ(own.version, 0x03);  // the rest from "doip"
+    EXPECT_EQ(own.tls.use, TlsUse::kAlways);
+    EXPECT_EQ(own.tls.port, 3497);
+    EXPECT_EQ(own.tls.files.ca, "/dev/null");
     EXPECT_EQ(settings.timing.p2, Millis(200));
     EXPECT_EQ(settings.timing.p2_star, Millis(3000));
     EXPECT_EQ(settings.timing.overall, Millis(7000));

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <thread>
 
+#include "broker_fixture.h"
 #include "doip.h"
 #include "golden.h"
 #include "hex_bytes.h"
@@ -412,6 +413,32 @@ TEST(EcuSimUdp, AnswersIdentificationStatusAndPowerModeRequests) {
     EXPECT_EQ(open_sockets(), "00");
     EXPECT_EQ(sim.stop(SIGTERM), 0);
     EXPECT_EQ(sim.errors(), "");
+}
+
+// openssl s_client, a TLS peer of its own, checks the TLS port's certificate
+// against the CA and speaks DoIP version 0x03 over it: routing activation,
+// then a wrong version pair, which the entity answers with generic NACK 0x00
+// before it closes. With another CA, the handshake fails on verification.
+TEST(EcuSimTls, AnOpensslClientVerifiesTheCertificateAndActivatesRouting) {
+    EcuSim sim({"--tls", pki_dir() + "/doip/doip-entity", "--tls-port", "0"});
+    ASSERT_NE(sim.tls_port(), 0) << sim.output();
+    const std::string sent =
+        "\\003\\374\\000\\005\\000\\000\\000\\007\\016\\200"
+        "\\000\\000\\000\\000\\000\\003\\000\\000\\000\\000\\000\\000\\000";
+    auto s_client = [&](const std::string &ca) {
+        ChildProcess client(
+            {"/bin/sh", "-c",
+             "printf '" + sent + "' | openssl s_client -quiet -verify_return_error -CAfile " + ca +
+                 " -verify_ip 127.0.0.1 -connect 127.0.0.1:" + std::to_string(sim.tls_port()) +
+                 " 2>/dev/null | od -An -tx1 -v | tr -d ' \\n'; echo"});
+        client.wait();
+        return client.output();
+    };
+    EXPECT_EQ(s_client(pki_dir() + "/ca/ca.pem"),
+              "03fc0006000000090e8010001000000000"
+              "03fc00000000000100\n");
+    EXPECT_EQ(s_client(other_pki_dir() + "/ca/ca.pem"), "\n");
+    EXPECT_EQ(sim.stop(SIGTERM), 0);
 }
 
 }  // namespace

@@ -12,29 +12,70 @@
 namespace uozagent {
 namespace {
 
-TEST(ScapyEcuTest, exchangesTheExactBytes) {
-    int port = uoztest::free_loopback_port();
-    uoztest::ChildProcess ecu(
-        {"/usr/bin/python3", UOZ_INTEROP_DIR "/scapy_ecu.py", "--port", std::to_string(port)});
-    ASSERT_TRUE(ecu.wait_for_output("listening on", 20000)) << ecu.output();
-    AgentSettings settings;
-    settings.doip_port = static_cast<uint16_t>(port);
-    settings.timing.p2 = Millis(2000);
-    TransportLinks links(settings);
-    DiagAgent agent(settings, links, KeyAlgorithms());
-    for (const uoztest::GoldenCase &row :
-         uoztest::golden_cases(UOZ_INTEROP_DIR "/golden/agent_queries.txt")) {
-        std::string reply = agent.answer_query(
+// The scapy ECU on a free port, with an agent of our own aimed at it.
+struct ScapyEcu {
+    explicit ScapyEcu(const std::vector<std::string> &switches = {})
+        : port(uoztest::free_loopback_port()), process(command(port, switches)) {
+        ready = process.wait_for_output("listening on", 20000);
+        settings.doip_port = static_cast<uint16_t>(port);
+        settings.timing.p2 = Millis(2000);
+    }
+    static std::vector<std::string> command(int port, const std::vector<std::string> &switches) {
+        std::vector<std::string> argv = {"/usr/bin/python3", UOZ_INTEROP_DIR "/scapy_ecu.py",
+                                         "--port", std::to_string(port)};
+        argv.insert(argv.end(), switches.begin(), switches.end());
+        return argv;
+    }
+    std::string ask(DiagAgent &agent, const std::string &ecu, const std::string &request) {
+        return agent.answer_query(
             R"({"type":"zelko.skyharbor-query","reply-id":"scapyscapyscapyscapy0001","body":)"
             R"({"mode":"DOIP","targetAddress":")" +
-            row["ecu"] + R"(","doip":{"sa":"0x0E80","ta":")" + row["ecu"] +
-            R"(","gw-ip":"127.0.0.1"},)" + row["request"] + "}}");
-        EXPECT_NE(reply.find(row["reply"]), std::string::npos) << row.name << ": " << reply;
-        EXPECT_NE(ecu.output().find(row["log"]), std::string::npos) << row.name;
+            ecu + R"(","doip":{"sa":"0x0E80","ta":")" + ecu + R"(","gw-ip":"127.0.0.1"},)" +
+            request + "}}");
     }
-    EXPECT_NE(ecu.output().find("scapy-ecu: 02FD0005000000070E800000000000: routing activation"),
-              std::string::npos)
-        << ecu.output();
+    bool logged(const std::string &line) const {
+        return process.output().find(line) != std::string::npos;
+    }
+
+    int port;
+    uoztest::ChildProcess process;
+    bool ready = false;
+    AgentSettings settings;
+};
+
+TEST(ScapyEcuTest, exchangesTheExactBytes) {
+    ScapyEcu ecu;
+    ASSERT_TRUE(ecu.ready) << ecu.process.output();
+    TransportLinks links(ecu.settings);
+    DiagAgent agent(ecu.settings, links, KeyAlgorithms());
+    for (const uoztest::GoldenCase &row :
+         uoztest::golden_cases(UOZ_INTEROP_DIR "/golden/agent_queries.txt")) {
+        std::string reply = ecu.ask(agent, row["ecu"], row["request"]);
+        EXPECT_NE(reply.find(row["reply"]), std::string::npos) << row.name << ": " << reply;
+        EXPECT_TRUE(ecu.logged(row["log"])) << row.name;
+    }
+    EXPECT_TRUE(ecu.logged("scapy-ecu: 02FD0005000000070E800000000000: routing activation"))
+        << ecu.process.output();
+}
+
+// An entity that takes only protocol version 0x03 refuses the default 0x02
+// with generic NACK 0x00: the agent tries 0x03 once, then reads the DTCs.
+TEST(ScapyEcuTest, anEntityOfVersion3OnlyIsReadAfterOneRetry) {
+    ScapyEcu ecu({"--version", "3"});
+    ASSERT_TRUE(ecu.ready) << ecu.process.output();
+    TransportLinks links(ecu.settings);
+    DiagAgent agent(ecu.settings, links, KeyAlgorithms());
+    const uoztest::GoldenCase dtcs =
+        uoztest::golden_cases(UOZ_INTEROP_DIR "/golden/agent_queries.txt").front();
+    std::string reply = ecu.ask(agent, dtcs["ecu"], dtcs["request"]);
+    EXPECT_NE(reply.find(dtcs["reply"]), std::string::npos) << reply;
+    for (const char *line : {"02FD0005000000070E800000000000: generic NACK 0x00",
+                             "03FC0005000000070E800000000000: routing activation",
+                             "03FC8001000000070E8007E019020C: 19020C -> 5902FF"})
+        EXPECT_TRUE(ecu.logged(line)) << line << "\n" << ecu.process.output();
+    EXPECT_EQ(
+        links.connection({"127.0.0.1", static_cast<uint16_t>(ecu.port), 0x0E80, 0})->version(),
+        0x03);
 }
 
 }  // namespace

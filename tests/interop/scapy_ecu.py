@@ -8,7 +8,11 @@ with NRC 0x13, so a wrong byte from the agent shows as a failure. Scapy's own
 DoIP socket parses whatever one TCP read returns; this entity frames by the
 header's length instead.
 
-    scapy_ecu.py --port PORT   (prints "listening on 127.0.0.1:PORT" when ready)
+    scapy_ecu.py --port PORT [--version 3]
+        (prints "listening on 127.0.0.1:PORT" when ready)
+
+With --version, the entity takes only that protocol version: any other is
+answered with generic NACK 0x00 (incorrect pattern), and the connection closes.
 """
 import argparse
 import socket
@@ -25,6 +29,7 @@ ECU = 0x07E0
 DTCS = [(0x030100, 0x2F), (0x017100, 0x08), (0xC10000, 0x24)]
 DIDS = {0xF189: b"SCAPY-ECU 1.0", 0xF190: b"WZL00000000000001"}
 ROUTINES = {0xFF00: b"\x00"}
+VERSION = None  # the only protocol version taken (--version); None: any
 
 
 def log(text):
@@ -72,6 +77,8 @@ def answer_uds(data):
 
 def answer(message):
     """The DoIP messages that answer one received message, and what it was."""
+    if VERSION is not None and message.protocol_version != VERSION:
+        return "generic NACK 0x00", [DoIP(payload_type=0x0000, nack=0x00)]
     if message.payload_type == 0x0005:
         return "routing activation", [
             DoIP(payload_type=0x0006, logical_address_tester=message.source_address,
@@ -109,18 +116,27 @@ def serve(connection):
             payload = header and read_exactly(connection, struct.unpack(">I", header[4:8])[0])
             if payload is None:
                 return
-            what, replies = answer(DoIP(header + payload))
+            message = DoIP(header + payload)
+            what, replies = answer(message)
             log((header + payload).hex().upper() + ": " + what)
             for reply in replies:
+                reply.protocol_version = message.protocol_version
+                reply.inverse_version = message.protocol_version ^ 0xFF
                 connection.sendall(bytes(reply))
+            if what == "generic NACK 0x00":
+                return
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--port", type=int, default=0)
+    parser.add_argument("--version", type=int, choices=[2, 3])
+    global VERSION
+    arguments = parser.parse_args()
+    VERSION = arguments.version
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    listener.bind(("127.0.0.1", parser.parse_args().port))
+    listener.bind(("127.0.0.1", arguments.port))
     listener.listen(4)
     log("listening on 127.0.0.1:%d" % listener.getsockname()[1])
     while True:

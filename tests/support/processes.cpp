@@ -194,6 +194,13 @@ EcuSimulator::EcuSimulator(const std::string &path, const std::vector<std::strin
                                  process_.errors());
 }
 
+int EcuSimulator::tls_port() const {
+    const char tls_on[] = ", TLS on port ";
+    std::string output = process_.output();
+    size_t at = output.find(tls_on);
+    return at == std::string::npos ? 0 : atoi(output.c_str() + at + strlen(tls_on));
+}
+
 AgentProcess::AgentProcess(const std::string &path, int broker_port,
                            const std::vector<std::string> &arguments)
     : process_(agent_argv(path, broker_port, arguments)) {

@@ -58,6 +58,8 @@ class EcuSimulator {
     EcuSimulator(const std::string &path, const std::vector<std::string> &arguments = {},
                  ChildProcess::Stderr stderr_to = ChildProcess::Stderr::kWithOutput);
     int port() const { return port_; }
+    // The TLS port of the "listening on" line (--tls); 0 without one.
+    int tls_port() const;
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
     std::string output() const { return process_.output(); }
     std::string errors() const { return process_.errors(); }

@@ -57,10 +57,13 @@ TEST(DoipHeader, VersionPairIsValidOnlyForKnownVersionAndItsInverse) {
         SCOPED_TRACE(testing::Message()
                      << int(c.version) << "/" << int(c.inverse) << " any " << c.any_allowed);
         EXPECT_EQ(uozdoip::version_pair_valid(c.version, c.inverse, c.any_allowed), c.valid);
-        Bytes head = {c.version, c.inverse, 0x80, 0x01, 0, 0, 0, 5};
+        Bytes head = {c.version, c.inverse, 0x00, 0x04, 0, 0, 0, 5};  // an announcement
         EXPECT_EQ(uozdoip::decode_header(head.data(), head.size(), c.any_allowed).has_value(),
                   c.valid);
     }
+    // 0xFF belongs to vehicle identification only.
+    const Bytes diagnostic = {0xFF, 0x00, 0x80, 0x01, 0, 0, 0, 5};
+    EXPECT_FALSE(uozdoip::decode_header(diagnostic.data(), diagnostic.size(), true));
 }
 
 // Split once at every offset, and fed byte by byte.
@@ -281,7 +284,9 @@ TEST(DoipStream, ReadsWholeMessagesAndAnswersFramingFaults) {
     for (const auto &c : cases) {
         int pair[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-        uoztools::ScopedFd writing(pair[0]), reading(pair[1]);
+        uoztools::ScopedFd writing(pair[0]);
+        std::unique_ptr<uozdoip::Stream> reading =
+            uozdoip::plain_stream(uoztools::ScopedFd(pair[1]));
         for (const Bytes &message : c.stream)
             ASSERT_TRUE(uozdoip::write_all(writing.get(), message));
         if (c.stream.empty())
@@ -290,7 +295,7 @@ TEST(DoipStream, ReadsWholeMessagesAndAnswersFramingFaults) {
         std::vector<uint8_t> nacks;
         FrameReader reader(16);
         StreamRead result = uozdoip::read_messages(
-            reading.get(), reader,
+            *reading, reader,
             [&](const Message &message) {
                 handed.push_back(message.payload_type);
                 return !c.stop_at_first;

@@ -154,6 +154,11 @@ std::array<uint8_t, kHeaderSize> encode_header(const Header &header) {
             static_cast<uint8_t>(length)};
 }
 
+bool any_version_allowed(uint16_t payload_type) {
+    return payload_type >= payload::kVehicleIdRequest &&
+           payload_type <= payload::kVehicleAnnouncement;
+}
+
 std::optional<Header> decode_header(const uint8_t *bytes, size_t length, bool accept_any_version) {
     if (length < kHeaderSize || !version_pair_valid(bytes[0], bytes[1], accept_any_version))
         return std::nullopt;
@@ -161,7 +166,13 @@ std::optional<Header> decode_header(const uint8_t *bytes, size_t length, bool ac
     header.version = bytes[0];
     header.payload_type = get16(bytes + 2);
     header.payload_length = get32(bytes + 4);
+    if (header.version == kVersionAny && !any_version_allowed(header.payload_type))
+        return std::nullopt;
     return header;
+}
+
+uint8_t other_version(uint8_t version) {
+    return version == kVersion2019 ? kVersion2012 : kVersion2019;
 }
 
 std::vector<uint8_t> encode_message(uint16_t payload_type, const uint8_t *payload, size_t length,

@@ -19,8 +19,8 @@
 
 namespace uozdoip {
 
-// Protocol versions: 0x02 (2012) and 0x03 (2019); 0xFF only in vehicle
-// identification requests ("any version").
+// Protocol versions: 0x02 (2012) and 0x03 (2019); 0xFF ("any version") only
+// in vehicle identification requests and their answers.
 constexpr uint8_t kVersion2012 = 0x02;
 constexpr uint8_t kVersion2019 = 0x03;
 constexpr uint8_t kVersionAny = 0xFF;
@@ -111,8 +111,13 @@ struct Header {
 bool version_pair_valid(uint8_t version, uint8_t inverse, bool accept_any_version = false);
 
 std::array<uint8_t, kHeaderSize> encode_header(const Header &header);
+// Whether a message of this payload type may carry version 0xFF: vehicle
+// identification requests, and their answer, which some entities send with
+// the version of the request.
+bool any_version_allowed(uint16_t payload_type);
 // Decodes the first kHeaderSize bytes; std::nullopt for fewer bytes or an
-// invalid version pair.
+// invalid version pair. With accept_any_version, 0xFF passes where
+// any_version_allowed() says so.
 std::optional<Header> decode_header(const uint8_t *bytes, size_t length,
                                     bool accept_any_version = false);
 
@@ -122,6 +127,10 @@ struct Message {
     uint16_t payload_type = 0;
     std::vector<uint8_t> payload;
 };
+
+// The other protocol version (0x02 <-> 0x03): what a tester tries once when
+// an entity refuses the first with generic NACK 0x00.
+uint8_t other_version(uint8_t version);
 
 // Header and payload in one buffer, ready to be written in one call.
 std::vector<uint8_t> encode_message(uint16_t payload_type, const uint8_t *payload, size_t length,

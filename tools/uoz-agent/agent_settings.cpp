@@ -1,6 +1,9 @@
 #include "agent_settings.h"
 
+#include <errno.h>
 #include <json-c/json.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -46,6 +49,72 @@ Millis millis_member(json_object *object, const char *key, Millis fallback, cons
         number_member(object, key, static_cast<uint32_t>(fallback.count()), 600000, where));
 }
 
+std::string text_of(json_object *object, const char *key, const std::string &where) {
+    json_object *value = member(object, key, json_type_string, (where + "." + key).c_str());
+    return value != nullptr ? json_object_get_string(value) : "";
+}
+
+// A PEM file of the TLS settings, checked at start so that a wrong path
+// stops the agent instead of failing every request.
+void read_tls_file(json_object *tls, const char *key, const std::string &where, std::string *path) {
+    std::string given = text_of(tls, key, where);
+    if (given.empty())
+        return;
+    if (access(given.c_str(), R_OK) != 0)
+        throw std::runtime_error("\"" + where + "." + key + "\": cannot read " + given + ": " +
+                                 strerror(errno));
+    *path = given;
+}
+
+void read_tls(json_object *tls, const std::string &where, DoipTls *out) {
+    read_tls_file(tls, "ca", where, &out->files.ca);
+    read_tls_file(tls, "cert", where, &out->files.certificate);
+    read_tls_file(tls, "key", where, &out->files.private_key);
+    if (out->files.certificate.empty() != out->files.private_key.empty())
+        throw std::runtime_error("\"" + where + "\" needs both \"cert\" and \"key\"");
+    std::string host = text_of(tls, "host", where);
+    if (!host.empty())
+        out->host = host;
+    out->port = static_cast<uint16_t>(
+        number_member(tls, "port", out->port, 65535, (where + ".port").c_str()));
+    const std::string use = text_of(tls, "use", where);
+    if (use == "never")
+        out->use = TlsUse::kNever;
+    else if (use == "when-required")
+        out->use = TlsUse::kWhenRequired;
+    else if (use == "always")
+        out->use = TlsUse::kAlways;
+    else if (!use.empty())
+        throw std::runtime_error("\"" + where +
+                                 ".use\" must be \"never\", \"when-required\" or \"always\"");
+    else if (out->use == TlsUse::kNever && !out->files.ca.empty())
+        out->use = TlsUse::kWhenRequired;
+    if (out->use != TlsUse::kNever && out->files.ca.empty())
+        throw std::runtime_error("\"" + where +
+                                 ".ca\" is needed to check the gateway's certificate");
+}
+
+// Activation type, protocol version and TLS: for every gateway in "doip",
+// for one in its "gateways" entry.
+void read_gateway_policy(json_object *object, const std::string &where, DoipGatewayPolicy *policy) {
+    const std::string type_where = where + ".activation-type";
+    uint32_t type =
+        number_member(object, "activation-type", policy->activation_type, 0xFF, type_where.c_str());
+    if (type != 0x00 && type != 0x01 && type < 0xE0)
+        throw std::runtime_error("\"" + type_where + "\" must be 0x00, 0x01 or 0xE0-0xFF");
+    policy->activation_type = static_cast<uint8_t>(type);
+    if (json_object_object_get_ex(object, "version", nullptr)) {
+        const std::string version_where = where + ".version";
+        uint32_t version = number_member(object, "version", 0, 0xFF, version_where.c_str());
+        if (version != uozdoip::kVersion2012 && version != uozdoip::kVersion2019)
+            throw std::runtime_error("\"" + version_where + "\" must be 0x02 or 0x03");
+        policy->version = static_cast<uint8_t>(version);
+    }
+    json_object *tls = member(object, "tls", json_type_object, (where + ".tls").c_str());
+    if (tls != nullptr)
+        read_tls(tls, where + ".tls", &policy->tls);
+}
+
 void read_doip(json_object *doip, AgentSettings *settings) {
     if (doip == nullptr)
         return;
@@ -66,8 +135,20 @@ void read_doip(json_object *doip, AgentSettings *settings) {
         doip, "activation-timeout-ms", settings->activation_timeout, "doip.activation-timeout-ms");
     settings->ack_timeout =
         millis_member(doip, "ack-timeout-ms", settings->ack_timeout, "doip.ack-timeout-ms");
-    settings->activation_type = static_cast<uint8_t>(
-        number_member(doip, "activation-type", 0, 0xFF, "doip.activation-type"));
+    settings->processing_time = millis_member(doip, "processing-time-ms", settings->processing_time,
+                                              "doip.processing-time-ms");
+    read_gateway_policy(doip, "doip", &settings->doip);
+    json_object *gateways = member(doip, "gateways", json_type_object, "doip.gateways");
+    if (gateways == nullptr)
+        return;
+    json_object_object_foreach(gateways, host, own) {
+        std::string where = std::string("doip.gateways.") + host;
+        if (!json_object_is_type(own, json_type_object))
+            throw std::runtime_error("\"" + where + "\" must be object");
+        DoipGatewayPolicy policy = settings->doip;
+        read_gateway_policy(own, where, &policy);
+        settings->doip_gateways[host] = policy;
+    }
 }
 
 void read_timing(json_object *uds, UdsTiming *timing) {
@@ -149,6 +230,11 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);
     return settings;
+}
+
+const DoipGatewayPolicy &AgentSettings::doip_policy(const std::string &host) const {
+    auto own = doip_gateways.find(host);
+    return own != doip_gateways.end() ? own->second : doip;
 }
 
 void AgentSettings::learn_ecus(const std::string &config_text) {

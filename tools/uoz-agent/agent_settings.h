@@ -1,6 +1,7 @@
 // The agent's own settings: what a query's transport block does not carry
-// (DoIP port, which gateways may be reached, routing of CAN and IOC ECUs
-// through a DoIP gateway, UDS timing, key algorithms). Read from a JSON file;
+// (DoIP port, TLS, protocol version and activation type per gateway, which
+// gateways may be reached, routing of CAN and IOC ECUs through a DoIP
+// gateway, UDS timing, key algorithms). Read from a JSON file;
 // every member is optional. docs/agent.md describes the file.
 #ifndef UOZ_TOOLS_AGENT_AGENT_SETTINGS_H
 #define UOZ_TOOLS_AGENT_AGENT_SETTINGS_H
@@ -10,6 +11,7 @@
 #include <map>
 #include <string>
 
+#include "doip_client.h"
 #include "ecu_link.h"
 
 namespace uozagent {
@@ -38,8 +40,10 @@ struct AgentSettings {
     std::map<std::string, std::string> gateway_addresses;  // "gw-ip" -> address used
     Millis connect_timeout{2000};
     Millis activation_timeout{2000};
+    Millis processing_time{2000};  // for the final routing activation answer after 0x11
     Millis ack_timeout{2000};
-    uint8_t activation_type = 0x00;
+    DoipGatewayPolicy doip;  // activation type, version and TLS of every gateway...
+    std::map<std::string, DoipGatewayPolicy> doip_gateways;  // ...unless its host has its own
     UdsTiming timing;
     GatewayRoute gateway;
     std::map<std::string, KnownEcu> ecus_by_request_id;  // "phy-req-id" text -> ECU
@@ -50,6 +54,8 @@ struct AgentSettings {
     static AgentSettings from_json(const std::string &text);
     // Adds the ECU names and target addresses of a library configuration file.
     void learn_ecus(const std::string &config_text);
+    // The policy for the gateway at host (the address connected to).
+    const DoipGatewayPolicy &doip_policy(const std::string &host) const;
 };
 
 }  // namespace uozagent

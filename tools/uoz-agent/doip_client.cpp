@@ -15,7 +15,6 @@
 #include <algorithm>
 
 #include "hex_text.h"
-#include "stream.h"
 #include "udsoverzelko.h"
 
 namespace uozagent {
@@ -41,6 +40,10 @@ bool is_loopback(const sockaddr *address) {
 int remaining_ms(Clock::time_point deadline) {
     auto left = std::chrono::duration_cast<Millis>(deadline - Clock::now()).count();
     return static_cast<int>(std::max<long long>(0, left));
+}
+
+std::string ms_text(Millis duration) {
+    return std::to_string(duration.count()) + " ms";
 }
 
 // A connect() that gives up at the deadline; the socket is blocking after it.
@@ -76,7 +79,9 @@ int connect_before(const addrinfo *address, Clock::time_point deadline, int *err
 
 }  // namespace
 
-DoipConnection::DoipConnection(DoipOptions options) : options_(std::move(options)) {}
+DoipConnection::DoipConnection(DoipOptions options) : options_(std::move(options)) {
+    tls_ = options_.policy.tls.use == TlsUse::kAlways;
+}
 
 DoipConnection::~DoipConnection() {
     {
@@ -88,14 +93,15 @@ DoipConnection::~DoipConnection() {
 }
 
 std::string DoipConnection::where() const {
-    return "gateway " + options_.host + ":" + std::to_string(options_.port);
+    uint16_t port = tls_ ? options_.policy.tls.port : options_.port;
+    return "gateway " + options_.host + ":" + std::to_string(port);
 }
 
-// Ends the socket's use: the reader sees the end of the stream and leaves.
+// Ends the stream's use: the reader sees the end of the stream and leaves.
 void DoipConnection::close_locked() {
     active_ = false;
-    if (fd_.valid())
-        shutdown(fd_.get(), SHUT_RDWR);
+    if (stream_)
+        stream_->shutdown();
 }
 
 void DoipConnection::close(bool for_good) {
@@ -104,30 +110,32 @@ void DoipConnection::close(bool for_good) {
     close_locked();
 }
 
-bool DoipConnection::write(int fd, const std::vector<uint8_t> &bytes) {
+bool DoipConnection::write(Stream &stream, const std::vector<uint8_t> &bytes) {
     std::lock_guard<std::mutex> hold(write_lock_);
-    return write_all(fd, bytes);
+    return stream.write_all(bytes);
 }
 
 // Writes on the connection of that generation only: after a drop and a new
 // connection, a request meant for the old one must not reach the new one
-// before its routing activation.
-bool DoipConnection::write_current(uint64_t generation, const std::vector<uint8_t> &bytes) {
+// before its routing activation. kNotCurrent: nothing was written.
+DoipConnection::Write DoipConnection::write_current(uint64_t generation,
+                                                    const std::vector<uint8_t> &bytes) {
     std::lock_guard<std::mutex> hold(write_lock_);
     {
         std::lock_guard<std::mutex> state(lock_);
         if (generation != generation_ || !active_)
-            return false;
+            return Write::kNotCurrent;
     }
-    return write_all(fd_.get(), bytes);
+    return stream_->write_all(bytes) ? Write::kWritten : Write::kFailed;
 }
 
-bool DoipConnection::open_socket(Clock::time_point deadline, std::string *error) {
+bool DoipConnection::open_socket(Clock::time_point deadline, uoztools::ScopedFd *fd,
+                                 std::string *error) {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_family = AF_UNSPEC;
     addrinfo *found = nullptr;
-    std::string port = std::to_string(options_.port);
+    std::string port = std::to_string(tls_ ? options_.policy.tls.port : options_.port);
     int resolved = getaddrinfo(options_.host.c_str(), port.c_str(), &hints, &found);
     if (resolved != 0) {
         *error = "cannot resolve " + where() + ": " + gai_strerror(resolved);
@@ -141,10 +149,9 @@ bool DoipConnection::open_socket(Clock::time_point deadline, std::string *error)
             remote_refused = true;
             continue;
         }
-        int fd = connect_before(address, deadline, &last_error);
-        if (fd >= 0) {
-            std::lock_guard<std::mutex> hold(lock_);
-            fd_.reset(fd);
+        int connected = connect_before(address, deadline, &last_error);
+        if (connected >= 0) {
+            fd->reset(connected);
             return true;
         }
     }
@@ -158,102 +165,241 @@ bool DoipConnection::open_socket(Clock::time_point deadline, std::string *error)
     return false;
 }
 
-bool DoipConnection::activate(Clock::time_point deadline, std::string *error) {
+// A connected stream, plain or TLS with the gateway's certificate checked.
+std::unique_ptr<Stream> DoipConnection::open_stream(Clock::time_point deadline,
+                                                    std::string *error) {
+    uoztools::ScopedFd fd;
+    if (!open_socket(deadline, &fd, error))
+        return nullptr;
+    if (!tls_)
+        return plain_stream(std::move(fd));
+    const DoipTls &tls = options_.policy.tls;
+    if (!tls_context_) {
+        std::string why;
+        tls_context_ = TlsContext::for_tester(tls.files, &why);
+        if (!tls_context_) {
+            *error = "cannot use TLS with " + where() + ": " + why;
+            return nullptr;
+        }
+    }
+    auto stream = std::make_unique<TlsStream>(tls_context_, std::move(fd));
+    if (!stream->connect(tls.host.empty() ? options_.host : tls.host, where(), deadline, error))
+        return nullptr;
+    UOZ_DBGLOG(UOZ_LOG_DBG, "TLS with %s: %s", where().c_str(), stream->description().c_str());
+    return stream;
+}
+
+DoipConnection::Attempt DoipConnection::activation_refused(const RoutingActivationResponse &answer,
+                                                           std::string *error) {
+    *error = "routing activation denied by " + where() + ": code " +
+             uozuds::hex_number(answer.code, 2) + " (" + routing_code_name(answer.code) + ")";
+    return answer.code == routing::kDeniedTlsRequired ? Attempt::kTlsRequired : Attempt::kFailed;
+}
+
+// Routing activation on the new connection. "Confirmation required" (0x11)
+// is not the answer yet: the final one follows within the processing time.
+DoipConnection::Attempt DoipConnection::activate(Clock::time_point deadline, std::string *error) {
     RoutingActivationRequest request;
     request.source = options_.tester_address;
-    request.activation_type = options_.activation_type;
-    if (!write(fd_.get(), encode(request))) {
+    request.activation_type = options_.policy.activation_type;
+    const uint8_t version = locked(version_);
+    if (!write(*stream_, encode(request, version))) {
         *error = "the connection to " + where() + " broke before routing activation";
-        return false;
+        std::lock_guard<std::mutex> hold(lock_);
+        close_locked();
+        return Attempt::kFailed;
     }
-    Clock::time_point until = std::min(deadline, Clock::now() + options_.activation_timeout);
     std::unique_lock<std::mutex> hold(lock_);
-    changed_.wait_until(hold, until, [&] { return activation_ || !reader_running_; });
-    if (!activation_) {
+    auto answered = [&] { return activation_ || activation_nack_ || !reader_running_; };
+    changed_.wait_until(hold, std::min(deadline, Clock::now() + options_.activation_timeout),
+                        answered);
+    if (activation_ && activation_->code == routing::kConfirmationRequired) {
+        UOZ_DBGLOG(UOZ_LOG_INFO,
+                   "routing activation at %s needs a confirmation: waiting up to %s for the "
+                   "final answer",
+                   where().c_str(), ms_text(options_.processing_time).c_str());
+        activation_.reset();
+        changed_.wait_until(hold, std::min(deadline, Clock::now() + options_.processing_time),
+                            answered);
+        if (!activation_ && !activation_nack_ && reader_running_) {
+            *error = "routing activation at " + where() +
+                     " needed a confirmation (code 0x11), and no final answer came within " +
+                     ms_text(options_.processing_time);
+            close_locked();
+            return Attempt::kFailed;
+        }
+    }
+    Attempt attempt = Attempt::kActive;
+    if (activation_nack_) {
+        const uint8_t code = *activation_nack_;
+        *error = where() + " refused " +
+                 (code == generic_nack::kIncorrectPattern
+                      ? "protocol version " + uozuds::hex_number(version, 2)
+                      : std::string("the routing activation request")) +
+                 ": generic NACK " + uozuds::hex_number(code, 2) + " (" + generic_nack_name(code) +
+                 ")";
+        attempt =
+            code == generic_nack::kIncorrectPattern ? Attempt::kVersionRefused : Attempt::kFailed;
+    } else if (!activation_) {
         *error = reader_running_
                      ? "no routing activation answer from " + where() + " within " +
-                           std::to_string(options_.activation_timeout.count()) + " ms"
+                           ms_text(options_.activation_timeout)
                      : "the connection to " + where() + " closed during routing activation" +
                            (drop_reason_.empty() ? "" : " (" + drop_reason_ + ")");
-        close_locked();
-        return false;
+        attempt = Attempt::kFailed;
+    } else if (activation_->code != routing::kSuccess) {
+        attempt = activation_refused(*activation_, error);
     }
-    uint8_t code = activation_->code;
-    if (code != routing::kSuccess) {
-        *error = "routing activation denied by " + where() + ": code " +
-                 uozuds::hex_number(code, 2) + " (" + routing_code_name(code) + ")";
-        if (code == routing::kConfirmationRequired)
-            *error = "routing activation at " + where() + " waits for a confirmation (code 0x11)";
+    if (attempt != Attempt::kActive) {
         close_locked();
-        return false;
+        return attempt;
     }
     entity_address_ = activation_->entity;
     active_ = true;
     ++activations_;
-    UOZ_DBGLOG(UOZ_LOG_INFO, "routing activated at %s (entity %s, tester %s)", where().c_str(),
+    UOZ_DBGLOG(UOZ_LOG_INFO, "routing activated at %s%s (entity %s, tester %s, version %s)",
+               where().c_str(), tls_ ? " over TLS" : "",
                uozuds::hex_number(entity_address_, 4).c_str(),
-               uozuds::hex_number(options_.tester_address, 4).c_str());
-    return true;
+               uozuds::hex_number(options_.tester_address, 4).c_str(),
+               uozuds::hex_number(version, 2).c_str());
+    return Attempt::kActive;
+}
+
+// Ends the previous connection and its reader.
+void DoipConnection::tear_down() {
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        close_locked();
+    }
+    if (reader_.joinable())
+        reader_.join();
+    std::lock_guard<std::mutex> no_writer(write_lock_);
+    std::lock_guard<std::mutex> hold(lock_);
+    stream_.reset();
+}
+
+DoipConnection::Attempt DoipConnection::connect_and_activate(Clock::time_point deadline,
+                                                             std::string *error) {
+    std::unique_ptr<Stream> stream =
+        open_stream(std::min(deadline, Clock::now() + options_.connect_timeout), error);
+    if (!stream)
+        return Attempt::kFailed;
+    Stream *reading = stream.get();
+    uint64_t generation;
+    {
+        std::lock_guard<std::mutex> no_writer(write_lock_);
+        std::lock_guard<std::mutex> hold(lock_);
+        stream_ = std::move(stream);
+        generation = ++generation_;
+        activation_.reset();
+        activation_nack_.reset();
+        drop_reason_.clear();
+        reader_running_ = true;
+        version_ = learned_version_          ? *learned_version_
+                   : options_.policy.version ? options_.policy.version
+                   : tls_                    ? kVersion2019
+                                             : kVersion2012;
+    }
+    reader_ = std::thread(&DoipConnection::reader_loop, this, reading, generation);
+    return activate(deadline, error);
+}
+
+// Whether the gateway has closed its side (it said so before our next
+// request went out): then the request goes on a new connection.
+bool DoipConnection::peer_has_closed() {
+    pollfd check{stream_ ? stream_->fd() : -1, POLLRDHUP, 0};
+    return check.fd < 0 ||
+           (poll(&check, 1, 0) > 0 && (check.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0);
 }
 
 bool DoipConnection::ensure_active(Clock::time_point deadline, std::string *error) {
     std::lock_guard<std::mutex> one_attempt(connect_lock_);
     {
         std::lock_guard<std::mutex> hold(lock_);
-        if (active_)
-            return true;
         if (closed_for_good_) {
             *error = "the agent is stopping";
             return false;
         }
-        close_locked();
     }
-    if (reader_.joinable())
-        reader_.join();
-    {
-        std::lock_guard<std::mutex> no_writer(write_lock_);
-        std::lock_guard<std::mutex> hold(lock_);
-        fd_.reset();
+    if (connected() && !peer_has_closed())
+        return true;
+    bool other_version_tried = false;
+    for (;;) {
+        tear_down();
+        switch (connect_and_activate(deadline, error)) {
+            case Attempt::kActive:
+                return true;
+            case Attempt::kFailed:
+                return false;
+            case Attempt::kVersionRefused: {
+                if (other_version_tried)
+                    return false;
+                other_version_tried = true;
+                learned_version_ = other_version(locked(version_));
+                UOZ_DBGLOG(UOZ_LOG_WARN, "%s; trying protocol version %s", error->c_str(),
+                           uozuds::hex_number(*learned_version_, 2).c_str());
+                break;
+            }
+            case Attempt::kTlsRequired:
+                if (tls_ || options_.policy.tls.use == TlsUse::kNever) {
+                    if (!tls_)
+                        *error +=
+                            "; the agent settings allow no TLS (\"doip\": {\"tls\": {\"ca\": "
+                            "...}})";
+                    return false;
+                }
+                tls_ = true;
+                learned_version_.reset();
+                other_version_tried = false;
+                UOZ_DBGLOG(UOZ_LOG_INFO, "%s; connecting to %s", error->c_str(), where().c_str());
+                break;
+        }
     }
-    Clock::time_point connect_deadline =
-        std::min(deadline, Clock::now() + options_.connect_timeout);
-    if (!open_socket(connect_deadline, error))
-        return false;
-    uint64_t generation;
-    {
-        std::lock_guard<std::mutex> hold(lock_);
-        generation = ++generation_;
-        activation_.reset();
-        drop_reason_.clear();
-        reader_running_ = true;
-    }
-    reader_ = std::thread(&DoipConnection::reader_loop, this, fd_.get(), generation);
-    return activate(deadline, error);
 }
 
 bool DoipConnection::send(uint16_t target, const Bytes &uds, Clock::time_point deadline,
                           std::string *error) {
-    if (!ensure_active(deadline, error))
-        return false;
-    uint64_t generation;
-    {
+    for (;;) {
+        if (!ensure_active(deadline, error))
+            return false;
+        uint64_t generation;
+        uint8_t version;
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            Mailbox &mailbox = mailboxes_[target];
+            mailbox.answers.clear();
+            mailbox.dropped = false;
+            mailbox.generic_nack = false;
+            mailbox.ack = Mailbox::Ack::kWaiting;
+            settle_ack(target);
+            awaiting_ack_.push_back(target);
+            generation = generation_;
+            version = version_;
+        }
+        Write written = write_current(
+            generation, encode(DiagnosticMessage{options_.tester_address, target, uds}, version));
         std::lock_guard<std::mutex> hold(lock_);
-        Mailbox &mailbox = mailboxes_[target];
-        mailbox.answers.clear();
-        mailbox.dropped = false;
-        mailbox.ack = Mailbox::Ack::kWaiting;
-        generation = generation_;
-    }
-    if (!write_current(generation,
-                       encode(DiagnosticMessage{options_.tester_address, target, uds}))) {
-        std::lock_guard<std::mutex> hold(lock_);
+        if (written == Write::kWritten) {
+            mailboxes_[target].ack_deadline = Clock::now() + options_.ack_timeout;
+            return true;
+        }
+        mailboxes_[target].ack = Mailbox::Ack::kNone;
+        settle_ack(target);
+        // Closed by the gateway before the request went out: it never ran,
+        // so it goes on a new connection.
+        if (written == Write::kNotCurrent && Clock::now() < deadline)
+            continue;
         close_locked();
         *error = "the connection to " + where() + " broke while sending";
         return false;
     }
-    std::lock_guard<std::mutex> hold(lock_);
-    mailboxes_[target].ack_deadline = Clock::now() + options_.ack_timeout;
-    return true;
+}
+
+// The target's request no longer waits for its acknowledge in line.
+void DoipConnection::settle_ack(uint16_t target) {
+    auto found = std::find(awaiting_ack_.begin(), awaiting_ack_.end(), target);
+    if (found != awaiting_ack_.end())
+        awaiting_ack_.erase(found);
 }
 
 // Waits for the answer, watching the acknowledge on the way: a NACK ends the
@@ -278,9 +424,12 @@ bool DoipConnection::receive(uint16_t target, Clock::time_point until, Bytes *re
             return true;
         }
         if (mailbox.ack == Mailbox::Ack::kRefused) {
-            *error = where() + " refused the request to " + uozuds::hex_number(target, 4) +
-                     ": NACK " + uozuds::hex_number(mailbox.nack_code, 2) + " (" +
-                     diag_nack_name(mailbox.nack_code) + ")";
+            *error = where() + " refused the request to " + uozuds::hex_number(target, 4) + ": " +
+                     (mailbox.generic_nack ? "generic NACK " : "NACK ") +
+                     uozuds::hex_number(mailbox.nack_code, 2) + " (" +
+                     (mailbox.generic_nack ? generic_nack_name(mailbox.nack_code)
+                                           : diag_nack_name(mailbox.nack_code)) +
+                     ")";
             return false;
         }
         if (mailbox.dropped) {
@@ -290,8 +439,9 @@ bool DoipConnection::receive(uint16_t target, Clock::time_point until, Bytes *re
             return false;
         }
         if (mailbox.ack == Mailbox::Ack::kWaiting && Clock::now() >= mailbox.ack_deadline) {
+            settle_ack(target);
             *error = "no acknowledge from " + where() + " for " + uozuds::hex_number(target, 4) +
-                     " within " + std::to_string(options_.ack_timeout.count()) + " ms";
+                     " within " + ms_text(options_.ack_timeout);
             return false;
         }
         if (Clock::now() >= until) {
@@ -308,6 +458,7 @@ void DoipConnection::dropped(uint64_t generation, const std::string &why) {
         return;
     active_ = false;
     drop_reason_ = why;
+    awaiting_ack_.clear();
     for (auto &[target, mailbox] : mailboxes_) {
         (void)target;
         mailbox.dropped = true;
@@ -317,10 +468,33 @@ void DoipConnection::dropped(uint64_t generation, const std::string &why) {
     UOZ_DBGLOG(UOZ_LOG_INFO, "connection to %s closed: %s", where().c_str(), why.c_str());
 }
 
-void DoipConnection::handle(const Message &message, int fd, uint64_t generation) {
+// A generic NACK answers the oldest message the gateway has not acknowledged
+// yet: the routing activation request while activating, else the oldest
+// diagnostic message awaiting its acknowledge, which fails at once.
+void DoipConnection::generic_nack(uint8_t code) {
+    if (!active_) {
+        activation_nack_ = code;
+        changed_.notify_all();
+        return;
+    }
+    if (awaiting_ack_.empty()) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "%s sent generic NACK %s (%s)", where().c_str(),
+                   uozuds::hex_number(code, 2).c_str(), generic_nack_name(code));
+        return;
+    }
+    Mailbox &mailbox = mailboxes_[awaiting_ack_.front()];
+    awaiting_ack_.pop_front();
+    mailbox.ack = Mailbox::Ack::kRefused;
+    mailbox.generic_nack = true;
+    mailbox.nack_code = code;
+    mailbox.changed.notify_all();
+}
+
+void DoipConnection::handle(const Message &message, Stream &stream, uint64_t generation) {
     switch (message.payload_type) {
         case payload::kAliveCheckRequest:
-            if (write(fd, encode_alive_check_response(options_.tester_address))) {
+            if (write(stream,
+                      encode_alive_check_response(options_.tester_address, locked(version_)))) {
                 std::lock_guard<std::mutex> hold(lock_);
                 ++alive_checks_answered_;
             }
@@ -337,9 +511,11 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
         case payload::kDiagnosticNack: {
             auto ack = parse_diagnostic_ack(message);
             std::lock_guard<std::mutex> hold(lock_);
-            if (!ack || mailboxes_[ack->source].ack != Mailbox::Ack::kWaiting)
+            auto found = ack ? mailboxes_.find(ack->source) : mailboxes_.end();
+            if (found == mailboxes_.end() || found->second.ack != Mailbox::Ack::kWaiting)
                 return;
-            Mailbox &mailbox = mailboxes_[ack->source];
+            Mailbox &mailbox = found->second;
+            settle_ack(ack->source);
             mailbox.ack = ack->negative ? Mailbox::Ack::kRefused : Mailbox::Ack::kAcknowledged;
             mailbox.nack_code = ack->code;
             if (ack->negative)
@@ -352,15 +528,17 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
             if (!diagnostic || diagnostic->target != options_.tester_address)
                 return;
             Mailbox &mailbox = mailboxes_[diagnostic->source];
+            if (mailbox.ack == Mailbox::Ack::kWaiting)
+                settle_ack(diagnostic->source);
             mailbox.answers.push_back(std::move(diagnostic->data));
             mailbox.changed.notify_all();
             return;
         }
         case payload::kGenericNack: {
             auto code = parse_generic_nack(message);
-            UOZ_DBGLOG(UOZ_LOG_WARN, "%s sent generic NACK %s (%s)", where().c_str(),
-                       uozuds::hex_number(code.value_or(0xFF), 2).c_str(),
-                       generic_nack_name(code.value_or(0xFF)));
+            std::lock_guard<std::mutex> hold(lock_);
+            if (generation == generation_)
+                generic_nack(code.value_or(generic_nack::kInvalidPayloadLength));
             return;
         }
         default:
@@ -370,22 +548,26 @@ void DoipConnection::handle(const Message &message, int fd, uint64_t generation)
     }
 }
 
-void DoipConnection::reader_loop(int fd, uint64_t generation) {
+void DoipConnection::reader_loop(Stream *stream, uint64_t generation) {
     FrameReader reader;
     auto on_message = [&](const Message &message) {
-        handle(message, fd, generation);
+        handle(message, *stream, generation);
         return true;
     };
-    auto send_nack = [&](uint8_t code) { write(fd, encode_generic_nack(code)); };
+    auto send_nack = [&](uint8_t code) {
+        write(*stream, encode_generic_nack(code, locked(version_)));
+    };
+    std::string why;
     StreamRead result = StreamRead::kOpen;
     while (result == StreamRead::kOpen)
-        result = read_messages(fd, reader, on_message, send_nack);
-    std::string why = "closed by the gateway";
+        result = read_messages(*stream, reader, on_message, send_nack);
+    if (result == StreamRead::kEnded)
+        why = "closed by the gateway";
     if (result == StreamRead::kFailed)
-        why = std::string("read failed: ") + strerror(errno);
+        why = "read failed: " + stream->failure();
     if (result == StreamRead::kBadVersion) {
         why = "the gateway sent a header with a wrong protocol version";
-        shutdown(fd, SHUT_RDWR);
+        stream->shutdown();
     }
     dropped(generation, why);
 }

@@ -15,10 +15,11 @@ std::shared_ptr<DoipConnection> TransportLinks::connection(const DoipAddress &ad
         options.host = address.host;
         options.port = address.port;
         options.tester_address = address.tester_address;
-        options.activation_type = settings_.activation_type;
+        options.policy = settings_.doip_policy(address.host);
         options.allow_remote = settings_.allow_remote_gateways;
         options.connect_timeout = settings_.connect_timeout;
         options.activation_timeout = settings_.activation_timeout;
+        options.processing_time = settings_.processing_time;
         options.ack_timeout = settings_.ack_timeout;
         shared = std::make_shared<DoipConnection>(options);
     }

@@ -17,8 +17,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// The largest UDS message the entity takes; a larger one is NACKed 0x04.
-constexpr size_t kMaxUdsLength = 4095;
 constexpr uint16_t kFirstTesterAddress = 0x0E00;
 constexpr uint16_t kLastTesterAddress = 0x0FFF;
 
@@ -52,8 +50,16 @@ bool known_activation_type(uint8_t type) {
 
 }  // namespace
 
-Connection::Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer)
-    : entity_(entity), fd_(std::move(fd)), peer_(std::move(peer)) {}
+Connection::Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer, bool tls)
+    : entity_(entity), peer_(std::move(peer)) {
+    if (tls) {
+        auto stream = std::make_unique<uozdoip::TlsStream>(entity_.tls_context(), std::move(fd));
+        tls_ = stream.get();
+        stream_ = std::move(stream);
+    } else {
+        stream_ = uozdoip::plain_stream(std::move(fd));
+    }
+}
 
 Connection::~Connection() {
     close();
@@ -71,8 +77,7 @@ void Connection::close() {
         closing_ = true;
     }
     wake_.notify_all();
-    if (fd_.valid())
-        shutdown(fd_.get(), SHUT_RDWR);
+    stream_->shutdown();
 }
 
 void Connection::join() {
@@ -95,10 +100,11 @@ void Connection::read_loop() {
         send(uozdoip::encode_generic_nack(code, version_));
     };
     bool by_tester = false;
-    for (bool open = true; open && !closing_;) {
+    for (bool open = shake_hands(); open && !closing_;) {
         steady_clock::time_point now = steady_clock::now();
-        pollfd wait_for{fd_.get(), POLLIN, 0};
-        int ready = poll(&wait_for, 1, milliseconds_until(next_timer(), now));
+        pollfd wait_for{stream_->fd(), POLLIN, 0};
+        int ready =
+            stream_->buffered() ? 1 : poll(&wait_for, 1, milliseconds_until(next_timer(), now));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready == 0) {
@@ -107,7 +113,7 @@ void Connection::read_loop() {
         }
         uozdoip::StreamRead result =
             ready < 0 ? uozdoip::StreamRead::kFailed
-                      : uozdoip::read_messages(fd_.get(), reader, on_message, send_nack);
+                      : uozdoip::read_messages(*stream_, reader, on_message, send_nack);
         last_received_ = steady_clock::now();
         open = result == uozdoip::StreamRead::kOpen;
         if (result == uozdoip::StreamRead::kEnded || result == uozdoip::StreamRead::kFailed) {
@@ -127,6 +133,22 @@ void Connection::read_loop() {
         entity_.release_tester(tester_, this);
     finished_ = true;
     entity_.connection_finished();
+}
+
+// The TLS handshake, within the time a tester has to activate routing;
+// true at once on plain TCP.
+bool Connection::shake_hands() {
+    if (tls_ == nullptr)
+        return true;
+    std::string error;
+    auto deadline = steady_clock::now() + milliseconds(entity_.settings().initial_inactivity_ms);
+    if (!tls_->accept(deadline, &error)) {
+        trace(error);
+        return false;
+    }
+    trace("TLS: " + tls_->description() +
+          (tls_->peer_authenticated() ? ", tester certificate checked" : ""));
+    return true;
 }
 
 // When the next inactivity or alive check timer of check_alive_timers is due.
@@ -215,21 +237,11 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
     uozdoip::RoutingActivationResponse response;
     response.tester = request->source;
     response.entity = entity_.vehicle().gateway_address;
-    const Misbehaviour &misbehave = entity_.settings().misbehave;
-    if (misbehave.deny_routing)
-        response.code = *misbehave.deny_routing;
-    else if (request->source < kFirstTesterAddress || request->source > kLastTesterAddress)
-        response.code = uozdoip::routing::kDeniedUnknownSource;
-    else if (!known_activation_type(request->activation_type))
-        response.code = uozdoip::routing::kDeniedUnsupportedType;
-    else if (activated_ && request->source != tester_)
-        response.code = uozdoip::routing::kDeniedSourceMismatch;
-    else if (!activated_)
-        response.code = entity_.claim_tester(request->source, shared_from_this());
-    else
-        response.code = uozdoip::routing::kSuccess;
+    response.code = routing_code(*request);
     trace("routing activation for tester " + uozuds::hex_number(request->source, 4) + ": " +
           uozdoip::routing_code_name(response.code));
+    if (!activated_ && response.code == uozdoip::routing::kSuccess && !confirm_routing(response))
+        return false;
     if (!send(uozdoip::encode(response, version_)))
         return false;
     if (response.code != uozdoip::routing::kSuccess)
@@ -239,6 +251,40 @@ bool Connection::activate_routing(const uozdoip::Message &message) {
         activated_ = true;
     }
     return true;
+}
+
+// With --confirm-routing: "confirmation required" (0x11) first, then the
+// final answer after the time the switch gives. False when closing meanwhile.
+bool Connection::confirm_routing(uozdoip::RoutingActivationResponse response) {
+    const uint32_t wait_ms = entity_.settings().misbehave.confirm_routing_ms;
+    if (wait_ms == 0)
+        return true;
+    response.code = uozdoip::routing::kConfirmationRequired;
+    trace("routing activation for tester " + uozuds::hex_number(response.tester, 4) +
+          ": confirmation required, final answer in " + std::to_string(wait_ms) + " ms");
+    return send(uozdoip::encode(response, version_)) && pause(milliseconds(wait_ms));
+}
+
+// The answer to a routing activation request: denied for a switch, an
+// address or type the entity does not take, central security without a
+// checked tester certificate, plain TCP where TLS is required, or a tester
+// address in use; else success.
+uint8_t Connection::routing_code(const uozdoip::RoutingActivationRequest &request) {
+    using namespace uozdoip::routing;
+    const EntitySettings &settings = entity_.settings();
+    if (settings.misbehave.deny_routing)
+        return *settings.misbehave.deny_routing;
+    if (request.source < kFirstTesterAddress || request.source > kLastTesterAddress)
+        return kDeniedUnknownSource;
+    if (!known_activation_type(request.activation_type))
+        return kDeniedUnsupportedType;
+    if (settings.tls.required && tls_ == nullptr)
+        return kDeniedTlsRequired;
+    if (request.activation_type == kTypeCentralSecurity && !stream_->peer_authenticated())
+        return kDeniedMissingAuthentication;
+    if (activated_)
+        return request.source == tester_ ? kSuccess : kDeniedSourceMismatch;
+    return entity_.claim_tester(request.source, shared_from_this());
 }
 
 bool Connection::diagnostic(const uozdoip::Message &message) {
@@ -338,11 +384,11 @@ bool Connection::send(const Bytes &bytes) {
     bool written = true;
     if (entity_.settings().misbehave.split) {
         for (size_t i = 0; written && i < bytes.size() && !closing_; ++i) {
-            written = uozdoip::write_all(fd_.get(), &bytes[i], 1);
+            written = stream_->write_all(&bytes[i], 1);
             std::this_thread::sleep_for(milliseconds(1));
         }
     } else {
-        written = uozdoip::write_all(fd_.get(), bytes);
+        written = stream_->write_all(bytes);
     }
     if (!written)
         close();

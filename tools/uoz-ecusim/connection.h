@@ -1,7 +1,7 @@
-// One tester's TCP connection to the simulator's DoIP entity: a reader thread
-// that frames, activates routing, acknowledges and hands requests on, and one
-// worker thread per ECU addressed, so that a slow ECU does not hold up the
-// others.
+// One tester's connection to the simulator's DoIP entity, plain TCP or TLS:
+// a reader thread that shakes hands (TLS), frames, activates routing,
+// acknowledges and hands requests on, and one worker thread per ECU
+// addressed, so that a slow ECU does not hold up the others.
 #ifndef UOZ_TOOLS_CONNECTION_H
 #define UOZ_TOOLS_CONNECTION_H
 
@@ -20,12 +20,15 @@
 #include "doip.h"
 #include "doip_entity.h"
 #include "scoped_fd.h"
+#include "stream.h"
+#include "tls.h"
 
 namespace uozecusim {
 
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer);
+    // With tls, the connection came to the TLS port: it shakes hands first.
+    Connection(DoipEntity &entity, uoztools::ScopedFd fd, std::string peer, bool tls);
     ~Connection();
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
@@ -52,8 +55,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     };
 
     void read_loop();
+    bool shake_hands();
     bool handle(const uozdoip::Message &message);
     bool activate_routing(const uozdoip::Message &message);
+    uint8_t routing_code(const uozdoip::RoutingActivationRequest &request);
+    bool confirm_routing(uozdoip::RoutingActivationResponse response);
     bool diagnostic(const uozdoip::Message &message);
     void enqueue(uint16_t target, Request request);
     void work(uint16_t target);
@@ -69,7 +75,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     std::chrono::steady_clock::time_point next_timer() const;
 
     DoipEntity &entity_;
-    uoztools::ScopedFd fd_;
+    std::unique_ptr<uozdoip::Stream> stream_;
+    uozdoip::TlsStream *tls_ = nullptr;  // stream_ when it is TLS
     std::string peer_;
     std::thread reader_;
     std::atomic<bool> closing_{false};

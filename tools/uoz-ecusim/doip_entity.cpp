@@ -91,7 +91,7 @@ void DoipEntity::bind() {
     // and if another program holds it for UDP, the next pick is tried.
     const int attempts = settings_.port == 0 ? 8 : 1;
     for (int attempt = 1;; ++attempt) {
-        bind_tcp(address, length, where);
+        tcp_ = listen_tcp(address, length, settings_.port, where, &port_);
         set_port(address, port_);
         udp_.reset(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         if (udp_.valid() && ::bind(udp_.get(), reinterpret_cast<sockaddr *>(&address), length) == 0)
@@ -100,6 +100,8 @@ void DoipEntity::bind() {
             cannot("cannot listen for UDP on " + settings_.host + ":" + std::to_string(port_));
         set_port(address, 0);
     }
+    if (settings_.tls.enabled)
+        bind_tls(address, length);
 
     int wake[2];
     if (pipe2(wake, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -108,19 +110,36 @@ void DoipEntity::bind() {
     wake_write_.reset(wake[1]);
 }
 
-void DoipEntity::bind_tcp(const sockaddr_storage &address, socklen_t length,
-                          const std::string &where) {
-    tcp_.reset(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+uoztools::ScopedFd DoipEntity::listen_tcp(sockaddr_storage address, socklen_t length, uint16_t port,
+                                          const std::string &where, uint16_t *bound_port) {
+    set_port(address, port);
+    uoztools::ScopedFd listener(socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     int yes = 1;
-    if (!tcp_.valid() || setsockopt(tcp_.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) != 0 ||
-        ::bind(tcp_.get(), reinterpret_cast<const sockaddr *>(&address), length) != 0 ||
-        listen(tcp_.get(), 16) != 0)
+    if (!listener.valid() ||
+        setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes)) != 0 ||
+        ::bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), length) != 0 ||
+        listen(listener.get(), 16) != 0)
         cannot(where);
     sockaddr_storage bound{};
     socklen_t bound_length = sizeof(bound);
-    getsockname(tcp_.get(), reinterpret_cast<sockaddr *>(&bound), &bound_length);
-    port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port
-                                              : reinterpret_cast<sockaddr_in *>(&bound)->sin_port);
+    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&bound), &bound_length);
+    *bound_port =
+        ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port
+                                          : reinterpret_cast<sockaddr_in *>(&bound)->sin_port);
+    return listener;
+}
+
+// The certificate is checked here, so that a wrong file stops the simulator
+// at start rather than failing every handshake.
+void DoipEntity::bind_tls(const sockaddr_storage &address, socklen_t length) {
+    std::string error;
+    tls_context_ = uozdoip::TlsContext::for_entity(settings_.tls.files, &error);
+    if (!tls_context_)
+        throw std::runtime_error(error);
+    tls_ = listen_tcp(
+        address, length, settings_.tls.port,
+        "cannot listen for TLS on " + settings_.host + ":" + std::to_string(settings_.tls.port),
+        &tls_port_);
 }
 
 std::string DoipEntity::listening_text() const {
@@ -128,7 +147,11 @@ std::string DoipEntity::listening_text() const {
     snprintf(gateway, sizeof(gateway), "0x%04X", vehicle_.gateway_address);
     bool v6 = settings_.host.find(':') != std::string::npos;
     std::string text = "listening on " + (v6 ? "[" + settings_.host + "]" : settings_.host) + ":" +
-                       std::to_string(port_) + " (TCP and UDP), gateway " + gateway + ", ECUs:";
+                       std::to_string(port_) + " (TCP and UDP)";
+    if (tls_.valid())
+        text += ", TLS on port " + std::to_string(tls_port_) +
+                (settings_.tls.required ? " (required)" : "");
+    text += std::string(", gateway ") + gateway + ", ECUs:";
     for (const SimulatedEcu &ecu : vehicle_.ecus) {
         char address[8];
         snprintf(address, sizeof(address), "0x%04X", ecu.logical_address);
@@ -165,9 +188,11 @@ bool DoipEntity::take_wake_ups() {
 
 void DoipEntity::run() {
     for (bool serving = true; serving;) {
-        pollfd waits[3] = {
-            {tcp_.get(), POLLIN, 0}, {udp_.get(), POLLIN, 0}, {wake_read_.get(), POLLIN, 0}};
-        int ready = poll(waits, 3, -1);
+        pollfd waits[4] = {{tcp_.get(), POLLIN, 0},
+                           {udp_.get(), POLLIN, 0},
+                           {wake_read_.get(), POLLIN, 0},
+                           {tls_.valid() ? tls_.get() : -1, POLLIN, 0}};
+        int ready = poll(waits, 4, -1);
         if (ready < 0 && errno != EINTR)
             break;
         if (ready <= 0)
@@ -177,26 +202,30 @@ void DoipEntity::run() {
             reap_finished();
         }
         if (serving && waits[0].revents != 0)
-            accept_connection();
+            accept_connection(tcp_.get(), false);
+        if (serving && waits[3].revents != 0)
+            accept_connection(tls_.get(), true);
         if (serving && waits[1].revents != 0)
             answer_udp();
     }
     close_all();
 }
 
-void DoipEntity::accept_connection() {
+// The TLS handshake runs on the connection's own thread, so that a slow
+// tester does not hold up the others.
+void DoipEntity::accept_connection(int listener, bool tls) {
     sockaddr_storage peer{};
     socklen_t length = sizeof(peer);
     uoztools::ScopedFd fd(
-        accept4(tcp_.get(), reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC));
+        accept4(listener, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC));
     if (!fd.valid())
         return;
     int yes = 1;
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
     std::string name = endpoint_text(reinterpret_cast<sockaddr *>(&peer));
     if (settings_.trace)
-        log(name + ": connected");
-    auto connection = std::make_shared<Connection>(*this, std::move(fd), name);
+        log(name + (tls ? ": connected (TLS)" : ": connected"));
+    auto connection = std::make_shared<Connection>(*this, std::move(fd), name, tls);
     connection->start();
     connections_.push_back(std::move(connection));
 }
@@ -275,10 +304,10 @@ Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) c
             Bytes status = {kNodeTypeGateway,
                             kMaxActiveTesters,
                             static_cast<uint8_t>(connections_.size()),
-                            0x00,
-                            0x00,
-                            0xFF,
-                            0xFF};
+                            static_cast<uint8_t>(kMaxDataSize >> 24),
+                            static_cast<uint8_t>(kMaxDataSize >> 16),
+                            static_cast<uint8_t>(kMaxDataSize >> 8),
+                            static_cast<uint8_t>(kMaxDataSize)};
             return uozdoip::encode_message(uozdoip::payload::kEntityStatusResponse, status.data(),
                                            status.size(), version);
         }

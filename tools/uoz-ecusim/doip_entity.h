@@ -1,6 +1,7 @@
-// The simulator's DoIP entity: a gateway on TCP (routing activation,
-// diagnostic messages, alive check) and UDP (vehicle identification) with the
-// vehicle's ECUs behind it, and switches that make it misbehave on demand.
+// The simulator's DoIP entity: a gateway on TCP and optionally TLS (routing
+// activation, diagnostic messages, alive check) and UDP (vehicle
+// identification) with the vehicle's ECUs behind it, and switches that make
+// it misbehave on demand.
 #ifndef UOZ_TOOLS_DOIP_ENTITY_H
 #define UOZ_TOOLS_DOIP_ENTITY_H
 
@@ -18,6 +19,7 @@
 
 #include "doip.h"
 #include "scoped_fd.h"
+#include "tls.h"
 #include "uds_server.h"
 #include "vehicle.h"
 
@@ -37,15 +39,26 @@ struct Misbehaviour {
     std::set<uint64_t> bad_version;    // request numbers answered with a wrong version pair
     std::map<uint16_t, uint8_t> nack;  // target address -> diagnostic NACK code
     std::optional<uint8_t> deny_routing;  // routing activation answered with this code
+    uint32_t confirm_routing_ms = 0;      // 0x11 (confirmation required) first, success this later
     std::map<uint16_t, uint32_t> slow;    // target address -> delay before its answers
     std::optional<uint32_t> slow_all;     // delay for every target
     uint32_t alive_check_idle_ms = 0;     // alive check sent to an idle tester after this
+};
+
+// The TLS port: the entity's certificate and key; with a CA, testers must
+// present a certificate from it.
+struct EntityTls {
+    bool enabled = false;
+    uint16_t port = uozdoip::kTlsPort;
+    uozdoip::TlsFiles files;
+    bool required = false;  // routing activation on the plain port denied with 0x07
 };
 
 struct EntitySettings {
     std::string host = "127.0.0.1";
     uint16_t port = uozdoip::kDefaultPort;
     ServerSettings uds;
+    EntityTls tls;
     Misbehaviour misbehave;
     bool trace = false;
     uint32_t initial_inactivity_ms = 2000;    // to wait for routing activation
@@ -57,6 +70,11 @@ class Connection;
 
 // Activated connections (testers) the entity serves at once.
 constexpr uint8_t kMaxActiveTesters = 16;
+// The largest UDS message the entity takes; a larger one is NACKed 0x04.
+constexpr size_t kMaxUdsLength = 4095;
+// The largest diagnostic message (header, addresses, UDS) it takes, as its
+// entity status advertises it.
+constexpr uint32_t kMaxDataSize = uozdoip::kHeaderSize + 4 + kMaxUdsLength;
 
 class DoipEntity {
   public:
@@ -65,9 +83,11 @@ class DoipEntity {
     DoipEntity(const DoipEntity &) = delete;
     DoipEntity &operator=(const DoipEntity &) = delete;
 
-    // Binds TCP and UDP on the address. Throws std::runtime_error saying why not.
+    // Binds TCP and UDP on the address, and the TLS port when asked for.
+    // Throws std::runtime_error saying why not.
     void bind();
     uint16_t port() const { return port_; }
+    uint16_t tls_port() const { return tls_port_; }
     std::string listening_text() const;
     // Serves until stop(); then closes every connection and returns.
     void run();
@@ -79,6 +99,7 @@ class DoipEntity {
     // ---- for connections ----
     const VehicleFile &vehicle() const { return vehicle_; }
     const EntitySettings &settings() const { return settings_; }
+    const std::shared_ptr<const uozdoip::TlsContext> &tls_context() const { return tls_context_; }
     bool has_ecu(uint16_t address) const { return ecus_.count(address) != 0; }
     // Runs the request on the ECU's server, one request at a time per ECU.
     UdsAnswer serve(uint16_t address, const Bytes &request);
@@ -97,8 +118,10 @@ class DoipEntity {
         std::unique_ptr<EcuServer> server;
     };
 
-    void bind_tcp(const sockaddr_storage &address, socklen_t length, const std::string &where);
-    void accept_connection();
+    uoztools::ScopedFd listen_tcp(sockaddr_storage address, socklen_t length, uint16_t port,
+                                  const std::string &where, uint16_t *bound_port);
+    void bind_tls(const sockaddr_storage &address, socklen_t length);
+    void accept_connection(int listener, bool tls);
     void answer_udp();
     Bytes udp_answer(const uozdoip::Message &message, uint8_t version) const;
     void wake(char reason);
@@ -110,10 +133,13 @@ class DoipEntity {
     EntitySettings settings_;
     std::map<uint16_t, std::unique_ptr<EcuSlot>> ecus_;
     uoztools::ScopedFd tcp_;
+    uoztools::ScopedFd tls_;
     uoztools::ScopedFd udp_;
     uoztools::ScopedFd wake_read_;
     uoztools::ScopedFd wake_write_;
     uint16_t port_ = 0;
+    uint16_t tls_port_ = 0;
+    std::shared_ptr<const uozdoip::TlsContext> tls_context_;
     std::atomic<uint64_t> requests_{0};
     std::list<std::shared_ptr<Connection>> connections_;
     std::mutex testers_lock_;

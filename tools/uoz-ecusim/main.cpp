@@ -1,7 +1,7 @@
 // uoz-ecusim: a DoIP entity with the vehicle file's ECUs behind one gateway
 // address, each a UDS server, and switches that make it misbehave on demand.
 //
-//   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--trace] [switches]
+//   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--tls DIR] [--trace] [switches]
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -77,6 +77,7 @@ struct Switches {
     std::string drop_mid;
     std::string cut_answer;
     std::string bad_version;
+    std::string tls_dir;
 };
 
 uozecusim::EntitySettings settings_from(const Switches &switches,
@@ -98,9 +99,20 @@ uozecusim::EntitySettings settings_from(const Switches &switches,
         else
             misbehave.slow[static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--slow"))] = ms;
     }
-    if (!switches.deny_routing.empty())
-        misbehave.deny_routing =
-            static_cast<uint8_t>(parse_hex(switches.deny_routing, 0xFF, "--deny-routing"));
+    if (!switches.deny_routing.empty()) {
+        uint32_t code = parse_hex(switches.deny_routing, 0xFF, "--deny-routing");
+        if (code > uozdoip::routing::kDeniedTlsRequired)
+            throw CLI::ValidationError("--deny-routing", "\"" + switches.deny_routing +
+                                                             "\" is not a denial code (0x00-0x07)");
+        misbehave.deny_routing = static_cast<uint8_t>(code);
+    }
+    if (!switches.tls_dir.empty()) {
+        settings.tls.enabled = true;
+        settings.tls.files.certificate = switches.tls_dir + "/cert.pem";
+        settings.tls.files.private_key = switches.tls_dir + "/private.pem";
+    } else if (settings.tls.required || !settings.tls.files.ca.empty()) {
+        throw CLI::ValidationError("--tls", "--require-tls and --tls-ca need --tls DIR");
+    }
     if (!switches.drop_after.empty())
         misbehave.drop_after = parse_numbers(switches.drop_after, "--drop-after");
     if (!switches.drop_mid.empty())
@@ -120,6 +132,19 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--vehicle", switches.vehicle_path, "vehicle file (default: built-in)")
         ->type_name("FILE");
     app.add_flag("--trace", settings.trace, "print each request and response per ECU");
+    app.add_option("--tls", switches.tls_dir,
+                   "serve DoIP over TLS too, with DIR/cert.pem and DIR/private.pem (made by "
+                   "'uoz-pki doip-entity')")
+        ->type_name("DIR");
+    app.add_option("--tls-port", settings.tls.port, "TLS port (0: any free port)")
+        ->type_name("PORT")
+        ->capture_default_str();
+    app.add_option("--tls-ca", settings.tls.files.ca,
+                   "ask testers for a certificate from this CA; central security activation "
+                   "(0xE0) needs one")
+        ->type_name("FILE");
+    app.add_flag("--require-tls", settings.tls.required,
+                 "deny routing activation on the plain port with 0x07 (TLS required)");
     app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
         ->type_name("MS")
         ->capture_default_str();
@@ -167,6 +192,11 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--deny-routing", switches.deny_routing,
                    "answer routing activation with this code (0x00-0x07) and close")
         ->type_name("CODE")
+        ->group(group);
+    app.add_option("--confirm-routing", misbehave.confirm_routing_ms,
+                   "answer routing activation with 0x11 (confirmation required) first, and "
+                   "with success MS later")
+        ->type_name("MS")
         ->group(group);
     app.add_option("--slow", switches.slow, "delay TARGET's answers by MS (0x7E1:500, all:500)")
         ->type_name("TARGET:MS")

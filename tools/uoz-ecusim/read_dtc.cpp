@@ -124,8 +124,8 @@ Listed select(const Memory &memory, const DtcRequest &request) {
     return listed;
 }
 
-void put_count(Bytes &out, size_t count) {
-    out.insert(out.end(), {kDtcAvailabilityMask, kDtcFormatIso14229,
+void put_count(Bytes &out, const SimulatedEcu &ecu, size_t count) {
+    out.insert(out.end(), {ecu.dtc_availability_mask, kDtcFormatIso14229,
                            static_cast<uint8_t>(count >> 8), static_cast<uint8_t>(count)});
 }
 
@@ -212,13 +212,13 @@ Bytes answer(const SimulatedEcu &ecu, const DtcRequest &request, const Listed &l
     const Layout layout = request.type->response;
     switch (layout) {
         case Layout::kCount:
-            put_count(out, listed.size());
+            put_count(out, ecu, listed.size());
             return out;
         case Layout::kStatusList:
-            out.push_back(kDtcAvailabilityMask);
+            out.push_back(ecu.dtc_availability_mask);
             return put_each(out, listed, put_dtc_and_status);
         case Layout::kSeverityList:
-            out.push_back(kDtcAvailabilityMask);
+            out.push_back(ecu.dtc_availability_mask);
             return put_each(out, listed, put_severity_item);
         case Layout::kSnapshotIdentification:
             return put_each(out, listed, put_snapshot_identification);

@@ -10,7 +10,6 @@
 
 namespace uozecusim {
 
-constexpr uint8_t kDtcAvailabilityMask = 0xFF;
 constexpr uint8_t kDtcFormatIso14229 = 0x01;
 
 // The answer to a whole ReadDTCInformation request (19 report ...): the

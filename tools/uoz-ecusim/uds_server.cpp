@@ -121,12 +121,21 @@ UdsAnswer EcuServer::ecu_reset(const uint8_t *request, size_t length) {
     return positive({sid::kEcuReset + uozuds::kPositiveOffset, type}, suppress_bit(request[1]));
 }
 
+// 14 GROUP(3) [MEMORY]: the memory selection byte (newer testers send it)
+// clears in that user-defined memory instead of the primary one.
 UdsAnswer EcuServer::clear_dtcs(const uint8_t *request, size_t length) {
-    if (length != 4)
+    if (length != 4 && length != 5)
         return refuse(sid::kClearDiagnosticInformation, nrc::kIncorrectMessageLength);
     uint32_t group = static_cast<uint32_t>(request[1]) << 16 |
                      static_cast<uint32_t>(request[2]) << 8 | request[3];
-    std::vector<SimulatedDtc> &dtcs = ecu_.dtcs;
+    std::vector<SimulatedDtc> *memory = &ecu_.dtcs;
+    if (length == 5) {
+        auto selected = ecu_.user_memories.find(request[4]);
+        if (selected == ecu_.user_memories.end())
+            return refuse(sid::kClearDiagnosticInformation, nrc::kRequestOutOfRange);
+        memory = &selected->second;
+    }
+    std::vector<SimulatedDtc> &dtcs = *memory;
     auto cleared = [&](const SimulatedDtc &dtc) {
         return group == kClearAllGroup || (group == kClearEmissionGroup && dtc.emission_related) ||
                dtc.code == group;

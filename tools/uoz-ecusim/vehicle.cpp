@@ -266,6 +266,8 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     ecu.logical_address = static_cast<uint16_t>(logical);
     if (json_object *dtcs = member(entry, "dtcs", json_type_array, where))
         ecu.dtcs = dtcs_from_json(dtcs, where);
+    ecu.dtc_availability_mask = static_cast<uint8_t>(
+        number_member(entry, "dtc-status-availability-mask", where, 0xFF, 0xFF));
     if (json_object *memories = member(entry, "user-memories", json_type_object, where)) {
         json_object_object_foreach(memories, selection, dtcs) {
             std::string at = where + " user memory " + selection;

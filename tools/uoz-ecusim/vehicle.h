@@ -52,6 +52,7 @@ struct SimulatedEcu {
     uint16_t logical_address = 0;  // DoIP logical address
     std::string request_id;        // "phy-req-id" as configured
     std::vector<SimulatedDtc> dtcs;
+    uint8_t dtc_availability_mask = 0xFF;  // the status bits the ECU supports
     // User-defined DTC memories (reports 0x17-0x19), by memory selection.
     std::map<uint8_t, std::vector<SimulatedDtc>> user_memories;
     std::map<uint16_t, Bytes> dids;

@@ -4,6 +4,7 @@
 //   uoz-pki node --dir D --id N [--ua NAME]... [--group NAME]... [--dm-client]
 //   uoz-pki broker-config --dir D --port P [--open-acl]   D/acl and D/mosquitto.conf
 //   uoz-pki add --dir D --id N [...]            node, then the ACL again
+//   uoz-pki doip-entity --dir D [--name N] [--host H]...   a DoIP entity's TLS certificate
 #include <dirent.h>
 #include <limits.h>
 #include <stdio.h>
@@ -92,7 +93,8 @@ int main(int argc, char **argv) {
         "  uoz-pki node --dir pki --id agent --ua /ZDATA/UDS --group policy-agent\n"
         "  uoz-pki node --dir pki --id app\n"
         "  uoz-pki broker-config --dir pki --port 8883\n"
-        "  uoz-pki add --dir pki --id workshop    (then: kill -HUP <broker pid>)");
+        "  uoz-pki add --dir pki --id workshop    (then: kill -HUP <broker pid>)\n"
+        "  uoz-pki doip-entity --dir pki          (then: uoz-ecusim --tls pki/doip/doip-entity)");
     std::string dir;
     app.add_option("--dir", dir, "PKI directory")->required();
     std::string ca_name = "udsoverzelko bus CA";
@@ -133,6 +135,18 @@ int main(int argc, char **argv) {
                      "let every node send to every address (the default lets applications "
                      "exchange messages only with the diagnostic and policy agents)");
 
+    uozpki::EntityRequest entity;
+    auto *entity_cmd = app.add_subcommand(
+        "doip-entity", "create the certificate a DoIP entity (uoz-ecusim --tls) serves TLS with");
+    entity_cmd->add_option("--name", entity.name, "its directory under DIR/doip")
+        ->capture_default_str();
+    entity_cmd->add_option("--host", entity.hosts,
+                           "host name or address testers connect to (repeatable; default: "
+                           "localhost, 127.0.0.1, ::1)");
+    entity_cmd->add_flag("--force", entity.force, "replace an existing certificate");
+    entity_cmd->add_flag("--expired", entity.expired,
+                         "make a certificate that has expired (tests)");
+
     uoztools::footer_only_at_top(app);
     if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-pki"); rc >= 0)
         return rc;
@@ -156,6 +170,12 @@ int main(int argc, char **argv) {
                     "(or systemctl reload mosquitto)\n",
                     acl.c_str());
             }
+        } else if (entity_cmd->parsed()) {
+            std::string made = uozpki::create_doip_entity(absolute(dir), entity);
+            printf(
+                "created entity    %s/cert.pem (serve it: uoz-ecusim --tls %s; testers check "
+                "it with %s/ca/ca.pem)\n",
+                made.c_str(), made.c_str(), absolute(dir).c_str());
         } else if (config->parsed()) {
             dir = absolute(dir);
             std::string acl = dir + "/acl";

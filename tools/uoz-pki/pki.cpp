@@ -1,5 +1,6 @@
 #include "pki.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
@@ -307,6 +308,36 @@ void create_node(const std::string &pki_dir, const NodeRequest &node) {
         request.valid_days = -1;
     }
     write_identity(pki_dir + "/" + node.id, request, pki_dir);
+}
+
+std::string create_doip_entity(const std::string &pki_dir, const EntityRequest &entity) {
+    if (!valid_node_id(entity.name)) {
+        throw std::invalid_argument("invalid entity name '" + entity.name +
+                                    "': use only letters, digits, '.', '_' and '-'");
+    }
+    std::vector<std::string> hosts = entity.hosts;
+    if (hosts.empty())
+        hosts = {"localhost", "127.0.0.1", "::1"};
+    CertificateRequest request;
+    request.common_name = hosts.front();
+    for (const std::string &host : hosts) {
+        unsigned char address[16];
+        bool ip = inet_pton(AF_INET, host.c_str(), address) == 1 ||
+                  inet_pton(AF_INET6, host.c_str(), address) == 1;
+        if (!ip && (host.empty() || host.find_first_of(", \n") != std::string::npos))
+            throw std::invalid_argument("invalid host name '" + host + "'");
+        request.alt_names +=
+            (request.alt_names.empty() ? "" : ",") + std::string(ip ? "IP:" : "DNS:") + host;
+    }
+    if (entity.expired) {
+        request.valid_from_seconds = -2 * 86400L;
+        request.valid_days = -1;
+    }
+    std::string directory = pki_dir + "/doip/" + entity.name;
+    refuse_to_replace(directory + "/cert.pem", entity.force,
+                      "it would replace this entity's certificate");
+    write_identity(directory, request, pki_dir);
+    return directory;
 }
 
 std::string acl_text(const std::vector<NodeAddresses> &nodes, AclMode mode) {

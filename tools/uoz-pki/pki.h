@@ -17,6 +17,14 @@ struct NodeRequest {
     bool force = false;                      // replace an existing identity
 };
 
+// A DoIP entity's certificate for its TLS port.
+struct EntityRequest {
+    std::string name = "doip-entity";  // its directory under <dir>/doip
+    std::vector<std::string> hosts;    // names and addresses testers connect to
+    bool expired = false;              // valid until yesterday (for tests)
+    bool force = false;                // replace an existing certificate
+};
+
 struct NodeAddresses {
     std::string id;
     std::vector<std::string> read_topics;
@@ -49,6 +57,12 @@ void create_broker(const std::string &pki_dir);
 // <dir>/<id>/{cert,private}.pem; throws std::invalid_argument for a bad id,
 // or when the identity exists and node.force is false.
 void create_node(const std::string &pki_dir, const NodeRequest &node);
+
+// <dir>/doip/<name>/{cert,private}.pem, signed by the CA, for the hosts
+// (localhost, 127.0.0.1 and ::1 when none are given); returns the directory.
+// Throws std::invalid_argument for a bad name, or when it exists and
+// entity.force is false.
+std::string create_doip_entity(const std::string &pki_dir, const EntityRequest &entity);
 
 std::vector<NodeAddresses> read_nodes(const std::string &pki_dir,
                                       const std::vector<std::string> &ids);
