@@ -254,11 +254,36 @@ TEST_F(AgentEcusimTest, anUnreachableEcuIsAnsweredWithinThreeSeconds) {
         << refused;
 }
 
+// The first read times out (P2 1 s, the ECU answers after 1.5 s); the
+// second, sent at once, must never be given the first one's late answer.
+TEST_F(AgentEcusimTest, aLateAnswerIsNeverGivenToTheNextRequest) {
+    start({"--slow", "0x7E0:1500", "--trace"});
+    std::string first = read_engine(0x02, 0xFF);
+    EXPECT_TRUE(holds(first, "no answer from the ECU within 1000 ms")) << first;
+    std::string second = read_engine(0x02, 0x08);
+    const std::string own = simulated_answer("engine", 0x02, 0x08);
+    ASSERT_NE(own, simulated_answer("engine", 0x02, 0xFF));
+    if (!holds(second, R"("error":"engine (0x7E0): no answer from the ECU within 1000 ms")")) {
+        EXPECT_EQ(data_of(second), own) << second;
+    }
+}
+
+// A routine whose commands ask for no positive answer succeeds on silence.
+TEST_F(AgentEcusimTest, suppressedPositiveAnswersAreSuccess) {
+    start();
+    std::string reply = ask_engine(R"("routine":{"name":"custom_commands","commands":[)"
+                                   R"({"command":"Extended","service":"0x10","subfn":"0x83"},)"
+                                   R"({"command":"KeepAlive","service":"0x3E","subfn":"0x80"}]})");
+    EXPECT_FALSE(holds(reply, "\"error\"")) << reply;
+    EXPECT_TRUE(holds(reply, R"({"command":"KeepAlive","request":"3E80","response":""})")) << reply;
+}
+
 TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {
     DoipOptions remote;
     remote.host = "192.0.2.1";  // documentation range; never contacted
     DoipLink link(std::make_shared<DoipConnection>(remote), 0x07E0);
-    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, UdsTiming{});
+    EcuState state;
+    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, UdsTiming{}, state);
     EXPECT_FALSE(outcome.answered);
     EXPECT_EQ(outcome.error,
               "gateway 192.0.2.1:13400 is not on this machine, and the agent settings do not "
