@@ -143,8 +143,11 @@ TEST_F(AgentEcusimTest, securityAccessUnlocksAProtectedRoutine) {
         << unlocked;
 }
 
-// Four slow ECUs behind one gateway: one connection, each answer from its own ECU.
+// Four slow ECUs behind one gateway, and the DoIP ECU of the ECU
+// configuration that the settings add: one connection, each answer from its
+// own ECU.
 TEST_F(AgentEcusimTest, aQueryForAllEcusGetsEveryAnswerInOneReply) {
+    settings_.all_ecus_doip = DoipEcuSource::kEcuConfig;
     start({"--slow", "all:300"});
     std::string reply = ask(
         "-1",
@@ -152,11 +155,12 @@ TEST_F(AgentEcusimTest, aQueryForAllEcusGetsEveryAnswerInOneReply) {
             can_block("0x7E2", "0x7EA") +
             R"(,{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}])",
         uds_of(0x02, 0xFF, 0, 0));
-    const char *ecus[] = {"engine", "transmission", "body", "gateway"};
-    for (size_t i = 0; i < 4; ++i)
+    const char *ecus[] = {"engine", "transmission", "body", "gateway", "telematics"};
+    for (size_t i = 0; i < 5; ++i)
         EXPECT_EQ(data_of(reply, i), simulated_answer(ecus[i], 0x02)) << ecus[i];
     EXPECT_TRUE(holds(reply, R"("targetAddress":"-1")"));
     EXPECT_TRUE(holds(reply, R"({"phy-req-id":"0x720","data":"5902FF)")) << reply;
+    EXPECT_TRUE(holds(reply, R"({"phy-req-id":"0x1001","data":"5902FF)")) << reply;
     EXPECT_EQ(connection()->activations(), 1);
     EXPECT_EQ(connection()->entity_address(), 0x1000);
 }

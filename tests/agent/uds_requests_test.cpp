@@ -120,8 +120,7 @@ TEST(RoutineTest, aCommandWithoutAServiceIsRefusedByName) {
     JsonPtr none = parse(R"({"name":"x","commands":[]})");
     EXPECT_TRUE(routine_commands(none.get(), &error).empty());
     EXPECT_EQ(error, "the routine has no \"commands\"");
-    JsonPtr bad =
-        parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
+    JsonPtr bad = parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
     EXPECT_TRUE(routine_commands(bad.get(), &error).empty());
     EXPECT_EQ(error, "X: \"data\" \"0xZZ\" is not hex");
 }
@@ -133,8 +132,7 @@ TEST(SecurityTest, levelAndSessionComeFromTheRoutine) {
     EXPECT_TRUE(wanted.wanted);
     EXPECT_EQ(wanted.level, 0x03);
     EXPECT_EQ(wanted.session, 0x03);
-    JsonPtr programming =
-        parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
+    JsonPtr programming = parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
     EXPECT_EQ(security_request(programming.get(), &error).session, 0x02);
     JsonPtr even = parse(R"({"security_access":{"level":"0x02"}})");
     EXPECT_FALSE(security_request(even.get(), &error).wanted);
