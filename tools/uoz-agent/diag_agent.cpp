@@ -234,9 +234,29 @@ json_object *DiagAgent::version_answer(json_object *version, const std::vector<E
             *error = why;
             return;
         }
-        for (const VersionItem &item : items) {
-            UdsOutcome outcome =
-                traced_request(*ecu, read_did_request(item.did), settings_, settings_.timing);
+        // All DIDs in one request where the answer splits exactly; one
+        // request each where it does not, or where the ECU refuses several.
+        std::vector<Bytes> answers;
+        Bytes together = read_dids_request(items);
+        if (!together.empty()) {
+            UdsOutcome outcome = traced_request(*ecu, together, settings_, settings_.timing);
+            if (!outcome.answered) {
+                *error = outcome.error;
+                return;
+            }
+            if (!split_dids_answer(items, outcome.response, &answers))
+                answers.clear();
+        }
+        for (size_t i = 0; i < items.size(); ++i) {
+            const VersionItem &item = items[i];
+            UdsOutcome outcome;
+            if (answers.empty()) {
+                outcome =
+                    traced_request(*ecu, read_did_request(item.did), settings_, settings_.timing);
+            } else {
+                outcome.answered = true;
+                outcome.response = answers[i];
+            }
             if (!outcome.answered) {
                 *error = outcome.error;
                 return;

@@ -20,6 +20,22 @@ bool echoed(const Bytes &response, const Bytes &request, size_t from, size_t cou
                       response.begin() + from);
 }
 
+// The services whose sub-function has the suppress-positive-response bit.
+bool has_suppress_bit(uint8_t service) {
+    switch (service) {
+        case uozuds::sid::kDiagnosticSessionControl:
+        case uozuds::sid::kEcuReset:
+        case uozuds::sid::kSecurityAccess:
+        case uozuds::sid::kCommunicationControl:
+        case uozuds::sid::kRoutineControl:
+        case uozuds::sid::kTesterPresent:
+        case uozuds::sid::kControlDtcSetting:
+            return true;
+        default:
+            return false;
+    }
+}
+
 bool sub_function_echoed(const Bytes &response, const Bytes &request) {
     return request.size() >= 2 && response.size() >= 2 &&
            response[1] == (request[1] & ~uozuds::kSuppressPositiveResponse);
@@ -131,13 +147,6 @@ bool answers_request(const Bytes &response, const Bytes &request) {
     if (response[0] != static_cast<uint8_t>(request[0] + uozuds::kPositiveOffset))
         return false;
     switch (request[0]) {
-        case uozuds::sid::kDiagnosticSessionControl:
-        case uozuds::sid::kEcuReset:
-        case uozuds::sid::kSecurityAccess:
-        case uozuds::sid::kCommunicationControl:
-        case uozuds::sid::kTesterPresent:
-        case uozuds::sid::kControlDtcSetting:
-            return sub_function_echoed(response, request);
         case uozuds::sid::kRoutineControl:
             return sub_function_echoed(response, request) && echoed(response, request, 2, 2);
         case uozuds::sid::kReadDataByIdentifier:
@@ -146,25 +155,13 @@ bool answers_request(const Bytes &response, const Bytes &request) {
         case uozuds::sid::kReadDtcInformation:
             return dtc_report_fits(response, request);
         default:
-            return true;
+            return !has_suppress_bit(request[0]) || sub_function_echoed(response, request);
     }
 }
 
 bool suppresses_positive_answer(const Bytes &request) {
-    if (request.size() < 2 || (request[1] & uozuds::kSuppressPositiveResponse) == 0)
-        return false;
-    switch (request[0]) {
-        case uozuds::sid::kDiagnosticSessionControl:
-        case uozuds::sid::kEcuReset:
-        case uozuds::sid::kSecurityAccess:
-        case uozuds::sid::kCommunicationControl:
-        case uozuds::sid::kRoutineControl:
-        case uozuds::sid::kTesterPresent:
-        case uozuds::sid::kControlDtcSetting:
-            return true;
-        default:
-            return false;
-    }
+    return request.size() >= 2 && (request[1] & uozuds::kSuppressPositiveResponse) != 0 &&
+           has_suppress_bit(request[0]);
 }
 
 UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p2_star_server) {
