@@ -149,8 +149,11 @@ TEST_F(AgentEcusimTest, securityAccessUnlocksAProtectedRoutine) {
         << unlocked;
 }
 
-// Four slow ECUs behind one gateway: one connection, each answer from its own ECU.
+// Four slow ECUs behind one gateway, and the DoIP ECU of the ECU
+// configuration that the settings add: one connection, each answer from its
+// own ECU.
 TEST_F(AgentEcusimTest, aQueryForAllEcusGetsEveryAnswerInOneReply) {
+    settings_.all_ecus_doip = DoipEcuSource::kEcuConfig;
     start({"--slow", "all:300"});
     std::string reply = ask(
         "-1",
@@ -158,11 +161,12 @@ TEST_F(AgentEcusimTest, aQueryForAllEcusGetsEveryAnswerInOneReply) {
             can_block("0x7E2", "0x7EA") +
             R"(,{"bus-id":"1","func-addr":"0x7DF","phy-req-id":"0x720","phy-resp-id":"0x728"}])",
         uds_of(0x02, 0xFF, 0, 0));
-    const char *ecus[] = {"engine", "transmission", "body", "gateway"};
-    for (size_t i = 0; i < 4; ++i)
+    const char *ecus[] = {"engine", "transmission", "body", "gateway", "telematics"};
+    for (size_t i = 0; i < 5; ++i)
         EXPECT_EQ(data_of(reply, i), simulated_answer(ecus[i], 0x02)) << ecus[i];
     EXPECT_TRUE(holds(reply, R"("targetAddress":"-1")"));
     EXPECT_TRUE(holds(reply, R"({"phy-req-id":"0x720","data":"5902FF)")) << reply;
+    EXPECT_TRUE(holds(reply, R"({"phy-req-id":"0x1001","data":"5902FF)")) << reply;
     EXPECT_EQ(connection()->activations(), 1);
     EXPECT_EQ(connection()->entity_address(), 0x1000);
 }
@@ -372,11 +376,36 @@ TEST_F(AgentEcusimTest, anUnreachableEcuIsAnsweredWithinThreeSeconds) {
         << refused;
 }
 
+// The first read times out (P2 1 s, the ECU answers after 1.5 s); the
+// second, sent at once, must never be given the first one's late answer.
+TEST_F(AgentEcusimTest, aLateAnswerIsNeverGivenToTheNextRequest) {
+    start({"--slow", "0x7E0:1500", "--trace"});
+    std::string first = read_engine(0x02, 0xFF);
+    EXPECT_TRUE(holds(first, "no answer from the ECU within 1000 ms")) << first;
+    std::string second = read_engine(0x02, 0x08);
+    const std::string own = simulated_answer("engine", 0x02, 0x08);
+    ASSERT_NE(own, simulated_answer("engine", 0x02, 0xFF));
+    if (!holds(second, R"("error":"engine (0x7E0): no answer from the ECU within 1000 ms")")) {
+        EXPECT_EQ(data_of(second), own) << second;
+    }
+}
+
+// A routine whose commands ask for no positive answer succeeds on silence.
+TEST_F(AgentEcusimTest, suppressedPositiveAnswersAreSuccess) {
+    start();
+    std::string reply = ask_engine(R"("routine":{"name":"custom_commands","commands":[)"
+                                   R"({"command":"Extended","service":"0x10","subfn":"0x83"},)"
+                                   R"({"command":"KeepAlive","service":"0x3E","subfn":"0x80"}]})");
+    EXPECT_FALSE(holds(reply, "\"error\"")) << reply;
+    EXPECT_TRUE(holds(reply, R"({"command":"KeepAlive","request":"3E80","response":""})")) << reply;
+}
+
 TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {
     DoipOptions remote;
     remote.host = "192.0.2.1";  // documentation range; never contacted
     DoipLink link(std::make_shared<DoipConnection>(remote), 0x07E0);
-    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, UdsTiming{});
+    EcuState state;
+    UdsOutcome outcome = uds_request(link, {0x19, 0x02, 0xFF}, UdsTiming{}, state);
     EXPECT_FALSE(outcome.answered);
     EXPECT_EQ(outcome.error,
               "gateway 192.0.2.1:13400 is not on this machine, and the agent settings do not "

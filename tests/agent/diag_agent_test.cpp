@@ -72,6 +72,26 @@ TEST_F(DiagAgentTest, aRefusedVersionDidIsAFailureWithoutAVersion) {
     answer();
 }
 
+// The VIN's size is known, so both DIDs go in one request; an ECU that
+// refuses several at once is asked for each.
+TEST_F(DiagAgentTest, severalDidsAreReadInOneRequestOrOneEachWhenRefused) {
+    Bytes vin = {0x62, 0xF1, 0x90, 'W', 'Z', 'L'};
+    vin.insert(vin.end(), 13, '0');
+    vin.push_back('1');
+    Bytes both = vin;
+    both.insert(both.end(), {0xF1, 0x89, 'E', 'N', 'G'});
+    auto together = links_.add("0x1001");
+    together->on("22F190F189", {{both}});
+    answer();
+    EXPECT_EQ(together->sent(), std::vector<std::string>{"22F190F189"});
+    auto each = links_.add("0x1001");
+    each->on("22F190F189", {{{0x7F, 0x22, 0x13}}});
+    each->on("22F190", {{vin}});
+    each->on("22F189", {{{0x62, 0xF1, 0x89, 'E', 'N', 'G'}}});
+    answer();
+    EXPECT_EQ(each->sent(), (std::vector<std::string>{"22F190F189", "22F190", "22F189"}));
+}
+
 TEST_F(DiagAgentTest, aRoutineRunsItsCommandsInOrderAndStopsAtTheFirstNegativeAnswer) {
     auto ecu = links_.add("0x1001");
     ecu->on("1003", {{{0x50, 0x03, 0x00, 0x32, 0x01, 0xF4}}});

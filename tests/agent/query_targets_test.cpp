@@ -64,12 +64,17 @@ TEST(QueryTargetsTest, routedEcusGoThroughTheGatewayByLogicalAddress) {
     settings.gateway.host = "127.0.0.1";
     settings.gateway.port = 13500;
     settings.gateway.tester_address = 0x0E81;
-    settings.gateway.ecus["engine"] = -1;     // its target address
-    settings.gateway.ecus["0x720"] = 0x0020;  // named by request id, address given
+    settings.gateway.ecus["engine"] = -1;                // its target address
+    settings.gateway.ecus["0x720"] = 0x0020;             // named by request id, address given
+    settings.all_ecus_doip = DoipEcuSource::kEcuConfig;  // and the DoIP ECUs
     bool broadcast = false;
     auto targets = targets_of(kAllQuery, settings, &broadcast);
     EXPECT_TRUE(broadcast);
-    ASSERT_EQ(targets.size(), 2u);
+    ASSERT_EQ(targets.size(), 3u);
+    EXPECT_EQ(targets[2].name, "telematics");
+    EXPECT_EQ(targets[2].label, "0x1001");
+    EXPECT_EQ(targets[2].doip.logical_address, 0x1001);
+    EXPECT_EQ(targets_of(kEngineQuery, settings, &broadcast).size(), 1u);  // one ECU: none added
     EXPECT_EQ(targets[0].name, "engine");
     EXPECT_EQ(targets[0].transport, Transport::kDoip);
     EXPECT_EQ(targets[0].doip.logical_address, 0x7E0);
@@ -112,7 +117,8 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
       "uds": {"p2-ms": 200, "p2-star-ms": 3000, "deadline-ms": 7000, "busy-retries": 5},
       "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
                   "ecus": {"engine": null, "gateway": "0x20"}},
-      "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"}})");
+      "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"},
+      "all-ecus": {"doip": "ecu-config"}})");
     EXPECT_EQ(settings.doip_port, 13401);
     EXPECT_TRUE(settings.allow_remote_gateways);
     EXPECT_EQ(settings.gateway_addresses.at("192.168.10.1"), "127.0.0.1");
@@ -137,6 +143,7 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.gateway.ecus.at("engine"), -1);
     EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
     EXPECT_EQ(settings.key_algorithms.at(0x03), "/opt/keys.so");
+    EXPECT_EQ(settings.all_ecus_doip, DoipEcuSource::kEcuConfig);
 }
 
 TEST(AgentSettingsTest, theExampleFileIsValid) {

@@ -62,6 +62,18 @@ TEST(VersionTest, readsEveryConfiguredDidInOrder) {
     EXPECT_EQ(items[0].name, "software version");
     EXPECT_EQ(version_text(items, {"ENG-2.4.1", "B3"}), "software version: ENG-2.4.1, 0xF191: B3");
     EXPECT_EQ(version_text({items[0]}, {"ENG-2.4.1"}), "ENG-2.4.1");
+    // F189's size is not known here: its answer could not be split after it.
+    EXPECT_TRUE(read_dids_request(items).empty());
+    std::vector<VersionItem> speeds = {{0xF40D, ""}, {0xF40C, ""}, {0xF189, ""}};
+    EXPECT_EQ(hex_text(read_dids_request(speeds)), "22F40DF40CF189");
+    std::vector<Bytes> answers;
+    ASSERT_TRUE(split_dids_answer(
+        speeds, {0x62, 0xF4, 0x0D, 0x32, 0xF4, 0x0C, 0x0B, 0xB8, 0xF1, 0x89, 'A', 'B'}, &answers));
+    EXPECT_EQ(hex_text(answers[0]) + " " + hex_text(answers[1]) + " " + hex_text(answers[2]),
+              "62F40D32 62F40C0BB8 62F1894142");
+    // A DID the ECU left out, or a short answer, does not split.
+    EXPECT_FALSE(split_dids_answer(speeds, {0x62, 0xF4, 0x0D, 0x32, 0xF1, 0x89, 'A'}, &answers));
+    EXPECT_FALSE(split_dids_answer(speeds, {0x62, 0xF4, 0x0D, 0x32, 0xF4, 0x0C, 0x0B}, &answers));
 }
 
 TEST(VersionTest, aJ1939DescriptionIsAClearFailureInBothForms) {
@@ -120,8 +132,7 @@ TEST(RoutineTest, aCommandWithoutAServiceIsRefusedByName) {
     JsonPtr none = parse(R"({"name":"x","commands":[]})");
     EXPECT_TRUE(routine_commands(none.get(), &error).empty());
     EXPECT_EQ(error, "the routine has no \"commands\"");
-    JsonPtr bad =
-        parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
+    JsonPtr bad = parse(R"({"commands":[{"command":"X","service":"0x22","data":"0xZZ"}]})");
     EXPECT_TRUE(routine_commands(bad.get(), &error).empty());
     EXPECT_EQ(error, "X: \"data\" \"0xZZ\" is not hex");
 }
@@ -133,8 +144,7 @@ TEST(SecurityTest, levelAndSessionComeFromTheRoutine) {
     EXPECT_TRUE(wanted.wanted);
     EXPECT_EQ(wanted.level, 0x03);
     EXPECT_EQ(wanted.session, 0x03);
-    JsonPtr programming =
-        parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
+    JsonPtr programming = parse(R"({"security_access":{"level":"0x11","session":"0x02"}})");
     EXPECT_EQ(security_request(programming.get(), &error).session, 0x02);
     JsonPtr even = parse(R"({"security_access":{"level":"0x02"}})");
     EXPECT_FALSE(security_request(even.get(), &error).wanted);

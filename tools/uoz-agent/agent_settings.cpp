@@ -217,6 +217,17 @@ void read_keys(json_object *keys, std::map<uint8_t, std::string> *algorithms) {
     }
 }
 
+void read_all_ecus(json_object *all_ecus, AgentSettings *settings) {
+    json_object *doip = member(all_ecus, "doip", json_type_string, "all-ecus.doip");
+    if (doip == nullptr)
+        return;
+    const std::string source = json_object_get_string(doip);
+    if (source == "ecu-config")
+        settings->all_ecus_doip = DoipEcuSource::kEcuConfig;
+    else if (source != "none")
+        throw std::runtime_error("\"all-ecus.doip\" must be \"ecu-config\" or \"none\"");
+}
+
 }  // namespace
 
 AgentSettings AgentSettings::from_json(const std::string &text) {
@@ -229,6 +240,7 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_gateway(member(root.get(), "gateway", json_type_object, "gateway"), &settings.gateway);
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);
+    read_all_ecus(member(root.get(), "all-ecus", json_type_object, "all-ecus"), &settings);
     return settings;
 }
 
@@ -260,6 +272,12 @@ void AgentSettings::learn_ecus(const std::string &config_text) {
                 json_object_object_get_ex(transport, "phy-req-id", &value)) {
                 request_id = json_object_get_string(value);
             }
+        }
+        json_object *doip = nullptr;
+        if (json_object_object_get_ex(entry, "doip", &doip) &&
+            json_object_is_type(doip, json_type_object)) {
+            doip_ecus.push_back({name != nullptr ? name : "",
+                                 json_object_to_json_string_ext(doip, JSON_C_TO_STRING_PLAIN)});
         }
         uint32_t target = 0;
         if (name == nullptr || request_id == nullptr || !parse_hex_number(address, &target))

@@ -10,6 +10,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "doip_client.h"
 #include "ecu_link.h"
@@ -34,6 +35,16 @@ struct KnownEcu {
     int32_t target_address = 0;
 };
 
+// A DoIP ECU of the library's configuration file: its "doip" block as JSON.
+struct KnownDoipEcu {
+    std::string name;
+    std::string block;
+};
+
+// Where a query for all ECUs finds the vehicle's DoIP ECUs, which the
+// library leaves out of its broadcast.
+enum class DoipEcuSource { kNone, kEcuConfig };
+
 struct AgentSettings {
     uint16_t doip_port = 13400;
     bool allow_remote_gateways = false;
@@ -47,12 +58,15 @@ struct AgentSettings {
     UdsTiming timing;
     GatewayRoute gateway;
     std::map<std::string, KnownEcu> ecus_by_request_id;  // "phy-req-id" text -> ECU
+    std::vector<KnownDoipEcu> doip_ecus;                 // in the configuration's order
+    DoipEcuSource all_ecus_doip = DoipEcuSource::kNone;  // "all-ecus": {"doip": ...}
     std::map<uint8_t, std::string> key_algorithms;       // level -> "builtin" or plug-in path
     bool trace = false;  // print every request and answer (not from the file: --trace)
 
     // Throws std::runtime_error naming the member that is wrong.
     static AgentSettings from_json(const std::string &text);
-    // Adds the ECU names and target addresses of a library configuration file.
+    // Adds the ECU names and target addresses of a library configuration
+    // file, and its DoIP ECUs.
     void learn_ecus(const std::string &config_text);
     // The policy for the gateway at host (the address connected to).
     const DoipGatewayPolicy &doip_policy(const std::string &host) const;

@@ -34,17 +34,31 @@ std::string reply_text(json_object *query, json_object *body) {
     return json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
 }
 
-// One request on an ECU's link, traced when the settings ask for it.
-UdsOutcome traced_request(EcuLink &link, const EcuTarget &target, const Bytes &request,
-                          const AgentSettings &settings, const UdsTiming &timing) {
-    UdsOutcome outcome = uds_request(link, request, timing);
+std::string outcome_text(const UdsOutcome &outcome) {
+    if (outcome.suppressed)
+        return "(no answer: positive response suppressed)";
+    return outcome.answered ? hex_text(outcome.response) : outcome.error;
+}
+
+// One request on an ECU's link, traced when the settings ask for it; the
+// answers it discarded as another request's are logged at debug level.
+UdsOutcome traced_request(EcuAccess &ecu, const Bytes &request, const AgentSettings &settings,
+                          const UdsTiming &timing) {
+    UdsOutcome outcome = uds_request(ecu.link, request, timing, ecu.state);
+    const std::string title = ecu_title(ecu.target);
+    if (outcome.resynchronised)
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s: TesterPresent first: an earlier request went unanswered",
+                   title.c_str());
+    for (const Bytes &stale : outcome.stale_answers)
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s: discarded %s: it answers another request", title.c_str(),
+                   hex_text(stale).c_str());
     if (settings.trace) {
-        printf("trace %s: %s -> %s\n", ecu_title(target).c_str(), hex_text(request).c_str(),
-               outcome.answered ? hex_text(outcome.response).c_str() : outcome.error.c_str());
+        printf("trace %s: %s -> %s\n", title.c_str(), hex_text(request).c_str(),
+               outcome_text(outcome).c_str());
         fflush(stdout);
     }
-    UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s -> %s", ecu_title(target).c_str(), hex_text(request).c_str(),
-               outcome.answered ? hex_text(outcome.response).c_str() : outcome.error.c_str());
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s -> %s", title.c_str(), hex_text(request).c_str(),
+               outcome_text(outcome).c_str());
     return outcome;
 }
 
@@ -58,13 +72,8 @@ struct CommandRecord {
 // (kept in `done`) or the first failure to get an answer (`error`).
 class RoutineRun {
   public:
-    RoutineRun(EcuLink &link, const EcuTarget &target, const AgentSettings &settings,
-               const KeyAlgorithms &keys)
-        : link_(link),
-          target_(target),
-          settings_(settings),
-          keys_(keys),
-          timing_(settings.timing) {}
+    RoutineRun(EcuAccess &ecu, const AgentSettings &settings, const KeyAlgorithms &keys)
+        : ecu_(ecu), settings_(settings), keys_(keys), timing_(settings.timing) {}
 
     bool session(uint8_t session) {
         return step("DiagnosticSessionControl", {uozuds::sid::kDiagnosticSessionControl, session});
@@ -103,7 +112,7 @@ class RoutineRun {
 
   private:
     bool step(const std::string &name, const Bytes &request) {
-        UdsOutcome outcome = traced_request(link_, target_, request, settings_, timing_);
+        UdsOutcome outcome = traced_request(ecu_, request, settings_, timing_);
         if (!outcome.answered) {
             error = name + ": " + outcome.error;
             return false;
@@ -116,8 +125,7 @@ class RoutineRun {
         return !stopped_by_ecu;
     }
 
-    EcuLink &link_;
-    const EcuTarget &target_;
+    EcuAccess &ecu_;
     const AgentSettings &settings_;
     const KeyAlgorithms &keys_;
     UdsTiming timing_;  // the ECU's own once it has announced it
@@ -140,15 +148,15 @@ json_object *commands_json(const std::vector<CommandRecord> &done) {
 DiagAgent::DiagAgent(AgentSettings settings, LinkProvider &links, KeyAlgorithms keys)
     : settings_(std::move(settings)), links_(links), keys_(std::move(keys)) {}
 
-std::shared_ptr<std::mutex> DiagAgent::ecu_lock(const std::string &key) {
+std::shared_ptr<DiagAgent::EcuSlot> DiagAgent::ecu_slot(const std::string &key) {
     std::lock_guard<std::mutex> hold(locks_lock_);
-    std::shared_ptr<std::mutex> &lock = ecu_locks_[key];
-    if (!lock)
-        lock = std::make_shared<std::mutex>();
-    return lock;
+    std::shared_ptr<EcuSlot> &slot = ecu_slots_[key];
+    if (!slot)
+        slot = std::make_shared<EcuSlot>();
+    return slot;
 }
 
-// Job is called as job(index, link) with the target's link, or as
+// Job is called as job(index, &ecu, "") with the target held, or as
 // job(index, nullptr, error) when the ECU cannot be reached at all.
 template <typename Job>
 void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
@@ -163,9 +171,10 @@ void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
             job(index, nullptr, error);
             return;
         }
-        std::shared_ptr<std::mutex> lock = ecu_lock(target.key());
-        std::lock_guard<std::mutex> one_request_at_a_time(*lock);
-        job(index, link.get(), error);
+        std::shared_ptr<EcuSlot> slot = ecu_slot(target.key());
+        std::lock_guard<std::mutex> one_request_at_a_time(slot->lock);
+        EcuAccess ecu{target, *link, slot->state};
+        job(index, &ecu, error);
     };
     if (targets.size() == 1) {
         run(0);
@@ -184,12 +193,11 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
     if (request.empty())
         return nullptr;
     std::vector<UdsOutcome> outcomes(targets.size());
-    for_each_ecu(targets, [&](size_t index, EcuLink *link, const std::string &why) {
-        if (link == nullptr)
+    for_each_ecu(targets, [&](size_t index, EcuAccess *ecu, const std::string &why) {
+        if (ecu == nullptr)
             outcomes[index].error = why;
         else
-            outcomes[index] =
-                traced_request(*link, targets[index], request, settings_, settings_.timing);
+            outcomes[index] = traced_request(*ecu, request, settings_, settings_.timing);
     });
     // A single ECU that gave no answer fails the whole read; among several,
     // it is an element with empty data and the reason, never "no DTCs".
@@ -221,14 +229,34 @@ json_object *DiagAgent::version_answer(json_object *version, const std::vector<E
         return nullptr;
     }
     std::vector<std::string> values;
-    for_each_ecu(targets, [&](size_t, EcuLink *link, const std::string &why) {
-        if (link == nullptr) {
+    for_each_ecu(targets, [&](size_t, EcuAccess *ecu, const std::string &why) {
+        if (ecu == nullptr) {
             *error = why;
             return;
         }
-        for (const VersionItem &item : items) {
-            UdsOutcome outcome = traced_request(*link, targets[0], read_did_request(item.did),
-                                                settings_, settings_.timing);
+        // All DIDs in one request where the answer splits exactly; one
+        // request each where it does not, or where the ECU refuses several.
+        std::vector<Bytes> answers;
+        Bytes together = read_dids_request(items);
+        if (!together.empty()) {
+            UdsOutcome outcome = traced_request(*ecu, together, settings_, settings_.timing);
+            if (!outcome.answered) {
+                *error = outcome.error;
+                return;
+            }
+            if (!split_dids_answer(items, outcome.response, &answers))
+                answers.clear();
+        }
+        for (size_t i = 0; i < items.size(); ++i) {
+            const VersionItem &item = items[i];
+            UdsOutcome outcome;
+            if (answers.empty()) {
+                outcome =
+                    traced_request(*ecu, read_did_request(item.did), settings_, settings_.timing);
+            } else {
+                outcome.answered = true;
+                outcome.response = answers[i];
+            }
             if (!outcome.answered) {
                 *error = outcome.error;
                 return;
@@ -265,16 +293,16 @@ json_object *DiagAgent::routine_answer(json_object *routine, const std::vector<E
         return nullptr;
     json_object *results = json_object_new_array();
     std::vector<json_object *> slots(targets.size());
-    for_each_ecu(targets, [&](size_t index, EcuLink *link, const std::string &why) {
+    for_each_ecu(targets, [&](size_t index, EcuAccess *ecu, const std::string &why) {
         json_object *result = json_object_new_object();
         add_text(result, "ecu",
                  targets[index].name.empty() ? targets[index].label : targets[index].name);
         slots[index] = result;
-        if (link == nullptr) {
+        if (ecu == nullptr) {
             add_text(result, "error", why);
             return;
         }
-        RoutineRun run(*link, targets[index], settings_, keys_);
+        RoutineRun run(*ecu, settings_, keys_);
         bool going =
             !security.wanted || ((security.session == 0 || run.session(security.session)) &&
                                  run.unlock("SecurityAccess", security.level));

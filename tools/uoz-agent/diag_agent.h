@@ -25,6 +25,14 @@ class LinkProvider {
     virtual std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) = 0;
 };
 
+// One ECU while the agent holds it: its link and what the UDS layer keeps
+// of it between requests.
+struct EcuAccess {
+    const EcuTarget &target;
+    EcuLink &link;
+    EcuState &state;
+};
+
 class DiagAgent {
   public:
     DiagAgent(AgentSettings settings, LinkProvider &links, KeyAlgorithms keys);
@@ -42,16 +50,21 @@ class DiagAgent {
                                 std::string *error);
     json_object *routine_answer(json_object *routine, const std::vector<EcuTarget> &targets,
                                 std::string *error);
+    // One request at a time per ECU, whichever query it belongs to.
+    struct EcuSlot {
+        std::mutex lock;
+        EcuState state;  // guarded by lock
+    };
     // Runs job on every target at once, each under its ECU's lock.
     template <typename Job>
     void for_each_ecu(const std::vector<EcuTarget> &targets, Job job);
-    std::shared_ptr<std::mutex> ecu_lock(const std::string &key);
+    std::shared_ptr<EcuSlot> ecu_slot(const std::string &key);
 
     AgentSettings settings_;
     LinkProvider &links_;
     KeyAlgorithms keys_;
     std::mutex locks_lock_;
-    std::map<std::string, std::shared_ptr<std::mutex>> ecu_locks_;
+    std::map<std::string, std::shared_ptr<EcuSlot>> ecu_slots_;
 };
 
 }  // namespace uozagent

@@ -1,7 +1,9 @@
 // The path to one ECU (a DoIP connection's target, a CAN ISO-TP socket), and
 // the UDS request/response rules on top of it: P2 and P2* with response
-// pending (NRC 0x78), a bounded retry on busy (NRC 0x21), and one overall
-// deadline that stays below the library's 10-second reply limit.
+// pending (NRC 0x78), a bounded retry on busy (NRC 0x21), one overall
+// deadline that stays below the library's 10-second reply limit, and
+// answers that always belong to their request (what the ECU echoes is
+// checked; after an unanswered request the ECU is resynchronised first).
 #ifndef UOZ_TOOLS_AGENT_ECU_LINK_H
 #define UOZ_TOOLS_AGENT_ECU_LINK_H
 
@@ -37,11 +39,27 @@ struct UdsTiming {
 };
 
 struct UdsOutcome {
-    bool answered = false;  // the ECU's final answer is in `response`
+    // The ECU's final answer is in `response`; empty when the request asked
+    // for no positive answer and none came (`suppressed`).
+    bool answered = false;
     Bytes response;
+    bool suppressed = false;
     std::string error;  // why there is no answer
     int pending_answers = 0;
     int busy_answers = 0;
+    bool resynchronised = false;       // a TesterPresent went first (see EcuState)
+    std::vector<Bytes> stale_answers;  // discarded: they answer another request
+};
+
+// What the UDS layer keeps of one ECU between requests; guarded by the lock
+// that gives the ECU one request at a time.
+struct EcuState {
+    // A request ended without its answer, which may still come. An ECU
+    // answers one request at a time and in order, so before the next request
+    // a TesterPresent (3E 00) is sent and everything before its answer is
+    // discarded: echoes alone cannot tell `19 02 FF`'s late answer from
+    // `19 02 08`'s.
+    bool answer_may_be_late = false;
 };
 
 // The timing to use after an ECU announced its own P2 and P2* (0x10): never
@@ -49,8 +67,18 @@ struct UdsOutcome {
 // and never beyond the overall deadline.
 UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p2_star_server);
 
+// Whether the answer can be the one to the request: its service, and what
+// the service echoes (sub-function, DID, routine, DTC report type and DTC),
+// and for status-mask reports only DTCs the mask selects.
+bool answers_request(const Bytes &response, const Bytes &request);
+
+// Whether the request asks the ECU to send no positive answer (sub-function
+// bit 7 of a service that has it).
+bool suppresses_positive_answer(const Bytes &request);
+
 // One request and its final answer (positive or negative, never 0x78).
-UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing);
+UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing,
+                       EcuState &state);
 
 }  // namespace uozagent
 

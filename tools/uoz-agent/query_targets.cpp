@@ -107,6 +107,25 @@ EcuTarget target_of(json_object *block, const AgentSettings &settings, int32_t q
     return target;
 }
 
+// The DoIP ECUs that a query for all ECUs adds: those of the ECU
+// configuration when the settings ask for them, unless the query has them.
+// The one place for another source (discovery).
+void add_vehicle_doip_ecus(const AgentSettings &settings, std::vector<EcuTarget> *targets) {
+    if (settings.all_ecus_doip != DoipEcuSource::kEcuConfig)
+        return;
+    for (const KnownDoipEcu &known : settings.doip_ecus) {
+        JsonPtr block(json_tokener_parse(known.block.c_str()));
+        EcuTarget target;
+        doip_target(block.get(), settings, &target);
+        target.name = known.name;
+        bool asked = false;
+        for (const EcuTarget &other : *targets)
+            asked = asked || (other.transport == Transport::kDoip && other.key() == target.key());
+        if (!asked)
+            targets->push_back(std::move(target));
+    }
+}
+
 }  // namespace
 
 std::string EcuTarget::key() const {
@@ -142,6 +161,8 @@ std::vector<EcuTarget> query_targets(json_object *body, const AgentSettings &set
                 targets.push_back(target_of(block, settings, -1));
         }
     }
+    if (*broadcast)
+        add_vehicle_doip_ecus(settings, &targets);
     return targets;
 }
 

@@ -176,6 +176,41 @@ Bytes read_did_request(uint16_t did) {
             static_cast<uint8_t>(did)};
 }
 
+Bytes read_dids_request(const std::vector<VersionItem> &items) {
+    if (items.size() < 2)
+        return {};
+    Bytes request = {uozuds::sid::kReadDataByIdentifier};
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (i + 1 < items.size() && uozuds::did_size(items[i].did) < 0)
+            return {};
+        request.push_back(static_cast<uint8_t>(items[i].did >> 8));
+        request.push_back(static_cast<uint8_t>(items[i].did));
+    }
+    return request;
+}
+
+bool split_dids_answer(const std::vector<VersionItem> &items, const Bytes &response,
+                       std::vector<Bytes> *answers) {
+    const uint8_t positive = uozuds::sid::kReadDataByIdentifier + uozuds::kPositiveOffset;
+    if (response.empty() || response[0] != positive)
+        return false;
+    answers->clear();
+    size_t at = 1;
+    for (size_t i = 0; i < items.size(); ++i) {
+        const bool last = i + 1 == items.size();
+        const size_t size = last ? 0 : static_cast<size_t>(uozuds::did_size(items[i].did));
+        if (response.size() < at + 2 + size || response[at] != (items[i].did >> 8) ||
+            response[at + 1] != (items[i].did & 0xFF))
+            return false;
+        const size_t end = last ? response.size() : at + 2 + size;
+        Bytes answer = {positive};
+        answer.insert(answer.end(), response.begin() + at, response.begin() + end);
+        answers->push_back(std::move(answer));
+        at = end;
+    }
+    return true;
+}
+
 std::string did_value_text(uint16_t did, const Bytes &response, std::string *error) {
     if (response.size() < 3 ||
         response[0] != uozuds::sid::kReadDataByIdentifier + uozuds::kPositiveOffset ||

@@ -44,6 +44,14 @@ struct VersionItem {
 };
 std::vector<VersionItem> version_items(json_object *version, std::string *error);
 Bytes read_did_request(uint16_t did);
+// One request for every DID (22 DID DID ...) when the answer can be split
+// exactly: every DID but the last of a size known here (the answer is each
+// DID and its data in turn). Empty when it cannot, or for a single DID.
+Bytes read_dids_request(const std::vector<VersionItem> &items);
+// The answer to read_dids_request split into one 62 DID data answer per
+// item; false when the answer does not hold every DID in order.
+bool split_dids_answer(const std::vector<VersionItem> &items, const Bytes &response,
+                       std::vector<Bytes> *answers);
 // The value of one DID from a positive 0x62 answer: printable ASCII as text
 // (trailing NULs and spaces dropped), anything else as hex digits. Empty with
 // *error when the answer is not for this DID.

@@ -23,7 +23,8 @@ int explain_read_failure(const Context &context, const std::string &ecu, int rc,
         return output.no_reply("diagnostic agent", context.options.timeout);
     // The library also fails a reply that does not answer the read, but the
     // agent's failure answer is by far the likeliest.
-    return output.fail(uoztools::kExitFailureReported, ecu + ": the read failed: " + kAgentFailure);
+    return output.fail(uoztools::kExitFailureReported,
+                       ecu + ": the read failed: " + output.agent_failure(ecu));
 }
 
 // The ECU an answer came from: its configured name, or the one asked when
@@ -67,6 +68,8 @@ int show_answers(const Context &context, const Session &session, int32_t asked,
         if (buffer.entries[i] == nullptr)
             continue;
         answers.push_back(answer_of(session.handle(), *buffer.entries[i], asked));
+        if (answers.back().failed)
+            answers.back().error = context.output.agent_failure_of(static_cast<size_t>(i));
         negative = negative || answers.back().decoded.negative;
         if (answers.back().failed) {
             failed += (failures++ == 0 ? "" : ", ") + answers.back().label();

@@ -168,6 +168,7 @@ int main(int argc, char **argv) {
                                    "--config FILE is required: the ECU configuration file");
     Console console;
     context.output.send_results_to(console.results());
+    context.output.read_replies_from(&console);
     uoz_dbg_level = options.debug;
     Parsed parsed;
     if (int rc = parse_dtc_numbers(context.output, read, clear, texts, &parsed))

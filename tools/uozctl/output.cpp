@@ -20,6 +20,25 @@ void add_exit_code(json_object *object, int code) {
         json_object_object_add(object, "exit_code", json_object_new_int(code));
 }
 
+std::string failure_of(const DtcAnswer &answer) {
+    return answer.error.empty() ? kAgentFailure : answer.error;
+}
+
+// The "error" text at the end of the path through the agent's reply.
+std::string reply_error(const std::string &reply, std::initializer_list<const char *> path,
+                        size_t element) {
+    JsonPtr parsed(json_tokener_parse(reply.c_str()));
+    json_object *at = parsed.get();
+    for (const char *key : path) {
+        if (!json_object_object_get_ex(at, key, &at))
+            return kAgentFailure;
+    }
+    if (json_object_is_type(at, json_type_array))
+        at = json_object_array_get_idx(at, element);
+    const char *error = uoztools::text_member(at, "error");
+    return error != nullptr && *error != '\0' ? error : kAgentFailure;
+}
+
 json_object *dtc_answer_json(const DtcAnswer &answer) {
     json_object *item = json_object_new_object();
     json_object_object_add(item, "ecu", text_or_null(answer.ecu));
@@ -30,7 +49,7 @@ json_object *dtc_answer_json(const DtcAnswer &answer) {
     json_object_object_add(item, "decoded",
                            answer.failed ? nullptr : report_to_json(answer.decoded));
     if (answer.failed)
-        json_object_object_add(item, "error", json_object_new_string(kAgentFailure));
+        json_object_object_add(item, "error", json_object_new_string(failure_of(answer).c_str()));
     return item;
 }
 
@@ -47,8 +66,13 @@ json_object *routine_result_json(const RoutineResult &result) {
 std::string routine_result_line(const char *what, const RoutineResult &result) {
     if (!result.error.empty())
         return std::string(what) + ": " + result.ecu + ": failed: " + result.error + "\n";
-    return std::string(what) + ": " + result.ecu + ": " +
-           (result.negative.empty() ? "done, response " + result.response : result.negative) + "\n";
+    if (!result.negative.empty())
+        return std::string(what) + ": " + result.ecu + ": " + result.negative + "\n";
+    // An ECU asked for no positive answer gives none.
+    return std::string(what) + ": " + result.ecu + ": done, " +
+           (result.response.empty() ? "positive response suppressed"
+                                    : "response " + result.response) +
+           "\n";
 }
 
 }  // namespace
@@ -155,7 +179,7 @@ void Output::dtc_answers(const std::vector<DtcAnswer> &answers, int ecu_count, i
         for (const DtcAnswer &answer : answers) {
             fprintf(out(), "%s\n", answer.label().c_str());
             if (answer.failed)
-                fprintf(out(), "  failed: %s\n", kAgentFailure);
+                fprintf(out(), "  failed: %s\n", failure_of(answer).c_str());
             else
                 fputs(report_to_text(answer.decoded).c_str(), out());
         }
@@ -222,6 +246,29 @@ void Output::consent(const std::string &kind, const std::string &campaign,
     json_object_object_add(object.get(), "consent", json_object_new_string(kind.c_str()));
     json_object_object_add(object.get(), "result", json_object_new_string(result));
     print_json(object.get());
+}
+
+std::string Output::agent_failure(const std::string &ecu_title) const {
+    if (console_ == nullptr)
+        return kAgentFailure;
+    std::string reason = reply_error(console_->latest_agent_reply(), {"body"}, 0);
+    // The agent names the ECU as "name (address)", or by its address alone
+    // when it does not know the name.
+    size_t open = ecu_title.rfind(" (");
+    std::string address = open == std::string::npos || ecu_title.back() != ')'
+                              ? ""
+                              : ecu_title.substr(open + 2, ecu_title.size() - open - 3);
+    for (const std::string &name : {ecu_title, address}) {
+        if (!name.empty() && reason.compare(0, name.size() + 2, name + ": ") == 0)
+            return reason.substr(name.size() + 2);
+    }
+    return reason;
+}
+
+std::string Output::agent_failure_of(size_t element) const {
+    return console_ != nullptr ? reply_error(console_->latest_agent_reply(),
+                                             {"body", "uds", "data-record"}, element)
+                               : kAgentFailure;
 }
 
 }  // namespace uozctl

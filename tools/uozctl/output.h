@@ -13,12 +13,13 @@
 #include <vector>
 
 #include "config_check.h"
+#include "console.h"
 #include "dtc_decode.h"
 
 namespace uozctl {
 
-// What uozctl can say of a failure the agent reported when the library
-// passes on only that the call failed, not the agent's reason.
+// What uozctl can say of a failure the agent reported when the agent's
+// reply (see Console) gives no reason.
 extern const char kAgentFailure[];
 
 // One ECU's answer to a DTC read.
@@ -28,6 +29,7 @@ struct DtcAnswer {
     const uint8_t *bytes = nullptr;
     size_t length = 0;
     bool failed = false;  // the agent could not ask it (empty data)
+    std::string error;    // the agent's reason when it failed
     DtcReport decoded;
     std::string label() const;  // "engine (0x7E0)"
 };
@@ -45,6 +47,13 @@ class Output {
     explicit Output(bool json = false) : json_(json) {}
     // Where results go (the console's real standard output).
     void send_results_to(FILE *results) { results_ = results; }
+    // Where the agent's replies are kept, for the reasons of its failures.
+    void read_replies_from(Console *console) { console_ = console; }
+    // The library's log level for --debug `shown`: high enough to log the
+    // agent's replies when the console keeps them (it shows only `shown`).
+    int library_level(int shown) const {
+        return console_ != nullptr ? console_->library_level(shown) : shown;
+    }
     bool json() const { return json_; }
     void set_json(bool json) { json_ = json; }
 
@@ -69,12 +78,19 @@ class Output {
     void version(const char *ecu, int32_t address, const char *version) const;
     void consent(const std::string &kind, const std::string &campaign, const char *result) const;
 
+    // The agent's reason in its latest reply: for the whole query (without
+    // the ECU's title the agent puts first), or for the element'th ECU of a
+    // DTC read of several; kAgentFailure when it has none.
+    std::string agent_failure(const std::string &ecu_title) const;
+    std::string agent_failure_of(size_t element) const;
+
   private:
     FILE *out() const { return results_ != nullptr ? results_ : stdout; }
     void print_json(json_object *object) const;
 
     bool json_ = false;
     FILE *results_ = nullptr;
+    Console *console_ = nullptr;
 };
 
 }  // namespace uozctl

@@ -74,7 +74,7 @@ int show_routine_response(const Context &context, int rc, CommandResponse *respo
     }
     if (rc != 0) {
         return output.fail(uoztools::kExitFailureReported,
-                           std::string(what) + " failed: " + kAgentFailure);
+                           std::string(what) + " failed: " + output.agent_failure(""));
     }
     JsonPtr body(json_tokener_parse(response->body_text != nullptr ? response->body_text : ""));
     UDSOverZelko_FreeCommandResponse(response);

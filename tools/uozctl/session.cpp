@@ -58,7 +58,7 @@ int Session::start(Server server) {
     broker.port = port;
     broker.node_address = "uozctl";
     broker.cert_path = options.certs.c_str();
-    broker.debug_level = options.debug;
+    broker.debug_level = output.library_level(options.debug);
     handle_ = UDSOverZelko_Init(&broker, options.config.c_str());
     if (handle_ == nullptr) {
         return output.fail(uoztools::kExitCannotStart, "cannot start the library with --config " +

@@ -28,9 +28,9 @@ int run_version(const Context &context, const std::string &ecu) {
     if (rc == UOZ_ERR_TIMEOUT)
         return output.no_reply("diagnostic agent", context.options.timeout);
     if (rc != 0) {
-        return output.fail(
-            uoztools::kExitFailureReported,
-            session.ecu_title(address) + ": cannot read the version: " + kAgentFailure);
+        return output.fail(uoztools::kExitFailureReported,
+                           session.ecu_title(address) + ": cannot read the version: " +
+                               output.agent_failure(session.ecu_title(address)));
     }
     output.version(UDSOverZelkoGetECUNameFromTargetAddress(session.handle(), address), address,
                    version);
