@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "config_check.h"
+#include "discovery.h"
 #include "dtc_decode.h"
 
 namespace uozctl {
@@ -68,6 +69,11 @@ class Output {
                          int code) const;
     void version(const char *ecu, int32_t address, const char *version) const;
     void consent(const std::string &kind, const std::string &campaign, const char *result) const;
+
+    // ---- doip discover ----
+    // The entities found: one table row each (identity, status, power mode)
+    // and a note for each value missing or out of the ordinary.
+    void doip_entities(const std::vector<uozdoip::DiscoveredEntity> &entities) const;
 
   private:
     FILE *out() const { return results_ != nullptr ? results_ : stdout; }
