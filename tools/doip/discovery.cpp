@@ -4,12 +4,13 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+
+#include "hex_text.h"
 
 namespace uozdoip {
 
@@ -83,9 +84,8 @@ uint8_t request_version(uint8_t answered_with) {
 }
 
 std::string refusal(uint8_t code) {
-    char text[8];
-    snprintf(text, sizeof(text), "0x%02X", code);
-    return std::string("refused with generic NACK ") + text + " (" + generic_nack_name(code) + ")";
+    return "refused with generic NACK " + uozuds::hex_number(code, 2) + " (" +
+           generic_nack_name(code) + ")";
 }
 
 }  // namespace

@@ -1,30 +1,10 @@
 #include "entity_info.h"
 
-#include <stdio.h>
-
 #include <algorithm>
 
+#include "hex_text.h"
+
 namespace uozdoip {
-
-namespace {
-
-std::string hex_byte(uint8_t value) {
-    char text[8];
-    snprintf(text, sizeof(text), "0x%02X", value);
-    return text;
-}
-
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-}  // namespace
 
 std::vector<uint8_t> encode(const EntityStatus &status, uint8_t version) {
     std::vector<uint8_t> body = {status.node_type, status.max_open_sockets, status.open_sockets};
@@ -87,7 +67,7 @@ std::string node_type_name(uint8_t type) {
         case node_type::kNode:
             return "node";
     }
-    return "reserved (" + hex_byte(type) + ")";
+    return "reserved (" + uozuds::hex_number(type, 2) + ")";
 }
 
 std::string power_mode_name(uint8_t mode) {
@@ -99,7 +79,7 @@ std::string power_mode_name(uint8_t mode) {
         case power_mode::kNotSupported:
             return "not supported";
     }
-    return "reserved (" + hex_byte(mode) + ")";
+    return "reserved (" + uozuds::hex_number(mode, 2) + ")";
 }
 
 std::string further_action_name(uint8_t code) {
@@ -108,7 +88,7 @@ std::string further_action_name(uint8_t code) {
     if (code == further_action::kCentralSecurity)
         return "routing activation for central security";
     return (code > further_action::kCentralSecurity ? "maker-specific (" : "reserved (") +
-           hex_byte(code) + ")";
+           uozuds::hex_number(code, 2) + ")";
 }
 
 std::string sync_status_name(uint8_t status) {
@@ -118,7 +98,7 @@ std::string sync_status_name(uint8_t status) {
         case sync_status::kIncomplete:
             return "not synchronized";
     }
-    return "reserved (" + hex_byte(status) + ")";
+    return "reserved (" + uozuds::hex_number(status, 2) + ")";
 }
 
 std::string vin_text(const std::array<uint8_t, 17> &vin) {
@@ -127,17 +107,11 @@ std::string vin_text(const std::array<uint8_t, 17> &vin) {
         printable = printable && byte > 0x20 && byte < 0x7F;
     if (printable)
         return std::string(vin.begin(), vin.end());
-    std::string hex;
-    for (uint8_t byte : vin)
-        hex += hex_byte(byte).substr(2);
-    return hex;
+    return uozuds::hex_compact(vin.data(), vin.size());
 }
 
 std::string id_text(const std::array<uint8_t, 6> &id) {
-    std::string hex;
-    for (uint8_t byte : id)
-        hex += hex_byte(byte).substr(2);
-    return hex;
+    return uozuds::hex_compact(id.data(), id.size());
 }
 
 bool parse_vin(const std::string &text, std::vector<uint8_t> *vin) {
@@ -157,8 +131,8 @@ bool parse_eid(const std::string &text, std::vector<uint8_t> *eid) {
         return false;
     std::vector<uint8_t> bytes;
     for (size_t at = 0; at < text.size(); at += step) {
-        int high = hex_digit(text[at]);
-        int low = hex_digit(text[at + 1]);
+        int high = uozuds::hex_digit(text[at]);
+        int low = uozuds::hex_digit(text[at + 1]);
         if (high < 0 || low < 0 || (colons && at + 2 < text.size() && text[at + 2] != ':'))
             return false;
         bytes.push_back(static_cast<uint8_t>(high << 4 | low));
