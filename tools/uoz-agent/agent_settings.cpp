@@ -136,6 +136,15 @@ void read_keys(json_object *keys, std::map<uint8_t, std::string> *algorithms) {
     }
 }
 
+void read_power_mode(json_object *check, PowerModeCheck *settings) {
+    if (check == nullptr)
+        return;
+    json_object *enabled = member(check, "check", json_type_boolean, "power-mode.check");
+    settings->enabled = enabled == nullptr || json_object_get_boolean(enabled);
+    settings->timeout =
+        millis_member(check, "timeout-ms", settings->timeout, "power-mode.timeout-ms");
+}
+
 }  // namespace
 
 AgentSettings AgentSettings::from_json(const std::string &text) {
@@ -148,6 +157,8 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_gateway(member(root.get(), "gateway", json_type_object, "gateway"), &settings.gateway);
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);
+    read_power_mode(member(root.get(), "power-mode", json_type_object, "power-mode"),
+                    &settings.power_mode);
     return settings;
 }
 
