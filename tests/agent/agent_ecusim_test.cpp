@@ -334,6 +334,21 @@ TEST_F(AgentEcusimTest, centralSecurityActivationNeedsTheTestersCertificate) {
     }
 }
 
+// A gateway whose power mode is not ready gets no diagnostics when the
+// settings ask for the check; without the check they go ahead.
+TEST_F(AgentEcusimTest, powerModeNotReadyRefusesDiagnosticsWhenChecked) {
+    settings_.power_mode.enabled = true;
+    start({"--power-mode", "not-ready"});
+    std::string refused = read_engine(0x02);
+    EXPECT_TRUE(holds(refused, R"("error":"engine (0x7E0): )" + gateway() +
+                                   " reports power mode not ready: no diagnostics sent\""))
+        << refused;
+    EXPECT_EQ(connection()->activations(), 0);
+    settings_.power_mode.enabled = false;
+    start({"--power-mode", "not-ready"});
+    EXPECT_EQ(data_of(read_engine(0x02)), simulated_answer("engine", 0x02));
+}
+
 // The simulator asks for an alive check after 200 ms without traffic: while
 // the agent waits for a slow answer, and while it is idle.
 TEST_F(AgentEcusimTest, aliveChecksAreAnsweredWhileWaitingAndWhileIdle) {

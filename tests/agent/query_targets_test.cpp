@@ -118,7 +118,8 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
       "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
                   "ecus": {"engine": null, "gateway": "0x20"}},
       "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"},
-      "all-ecus": {"doip": "ecu-config"}})");
+      "all-ecus": {"doip": "ecu-config"},
+      "power-mode": {"timeout-ms": 250}})");
     EXPECT_EQ(settings.doip_port, 13401);
     EXPECT_TRUE(settings.allow_remote_gateways);
     EXPECT_EQ(settings.gateway_addresses.at("192.168.10.1"), "127.0.0.1");
@@ -144,6 +145,8 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.gateway.ecus.at("gateway"), 0x20);
     EXPECT_EQ(settings.key_algorithms.at(0x03), "/opt/keys.so");
     EXPECT_EQ(settings.all_ecus_doip, DoipEcuSource::kEcuConfig);
+    EXPECT_TRUE(settings.power_mode.enabled);
+    EXPECT_EQ(settings.power_mode.timeout, Millis(250));
 }
 
 TEST(AgentSettingsTest, theExampleFileIsValid) {

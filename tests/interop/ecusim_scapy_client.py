@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A tester built on scapy's DoIP and UDS packet classes, against uoz-ecusim:
-every answer parsed with scapy's classes and checked against the ISO 14229-1
-layouts written out here. Scapy's own DoIP socket loses an answer that shares
+every answer (TCP and UDP, announcements too) parsed with scapy's classes
+and checked against the ISO 14229-1 layouts written out here. Scapy's own DoIP socket loses an answer that shares
 a TCP read with its ACK, so this client frames by the header's length (the
 simulator's coalesced answers are pinned byte for byte by tests/ecusim).
 
@@ -206,15 +206,48 @@ def check_security_and_routines(tester):
     return "SecurityAccess with the built-in key, RoutineControl start/results, 0x78 first"
 
 
-def check_identification(port):
+VIN, EID = b"WZL00000000000001", b"\x02\x00\x00\x00\x10\x00"
+
+
+def expect_announcement(answer, what):
+    expect(answer.payload_type == 0x0004 and answer.vin == VIN and
+           answer.logical_address == GATEWAY and answer.eid == EID and answer.gid == EID and
+           answer.further_action == 0 and answer.vin_gid_status == 0,
+           what + ": VIN, gateway 0x1000, EID, GID, no further action, synchronized")
+
+
+def check_udp_requests(port):
+    requests = [(DoIP(protocol_version=0xFF, inverse_version=0x00, payload_type=0x0001),
+                 lambda a: expect_announcement(a, "identification")),
+                (DoIP(payload_type=0x0003, vin=VIN),
+                 lambda a: expect_announcement(a, "identification by VIN")),
+                (DoIP(payload_type=0x0002, eid=EID),
+                 lambda a: expect_announcement(a, "identification by EID")),
+                (DoIP(payload_type=0x4001),
+                 lambda a: expect(a.payload_type == 0x4002 and a.node_type == 0 and
+                                  a.max_open_sockets == 16 and a.cur_open_sockets == 1 and
+                                  a.max_data_size is not None, "entity status: gateway, 1 of 16")),
+                (DoIP(payload_type=0x4003),
+                 lambda a: expect(a.payload_type == 0x4004 and a.diagnostic_power_mode == 1,
+                                  "power mode ready"))]
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
         sock.settimeout(TIMEOUT)
-        sock.sendto(bytes(DoIP(protocol_version=0xFF, inverse_version=0x00, payload_type=0x0001)),
-                    ("127.0.0.1", port))
-        answer = DoIP(sock.recv(4096))
-    expect(answer.payload_type == 0x0004 and answer.vin == b"WZL00000000000001" and
-           answer.logical_address == GATEWAY, "vehicle announcement with VIN and gateway")
-    return "vehicle identification over UDP"
+        for request, check in requests:
+            sock.sendto(bytes(request), ("127.0.0.1", port))
+            check(DoIP(sock.recv(4096)))
+    return "vehicle identification (plain, by VIN, by EID), entity status, power mode over UDP"
+
+
+def check_announcements(sock, port):
+    started = time.monotonic()
+    for number in range(1, 4):
+        data, sender = sock.recvfrom(4096)
+        expect(sender == ("127.0.0.1", port), "announcement %d from the entity's port" % number)
+        expect_announcement(DoIP(data), "announcement %d" % number)
+    # Up to 500 ms random wait, then two intervals of 500 ms.
+    elapsed = time.monotonic() - started
+    expect(elapsed >= 0.9, "announcements 500 ms apart, not %.2f s for all three" % elapsed)
+    return "three vehicle announcements at start"
 
 
 def main():
@@ -230,14 +263,20 @@ def main():
             print("not ok - %s: %s" % (check.__name__, error))
             failed += 1
 
-    simulator = Simulator(sys.argv[1])
+    announcements = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    announcements.bind(("127.0.0.1", 0))
+    announcements.settimeout(TIMEOUT)
+    simulator = Simulator(sys.argv[1], "--announce-to",
+                          "127.0.0.1:%d" % announcements.getsockname()[1])
     try:
+        run(check_announcements, announcements, simulator.port)
         tester = Tester(simulator.port)
         for check in (check_read_dtc, check_read_data, check_security_and_routines):
             run(check, tester)
-        run(check_identification, simulator.port)
+        run(check_udp_requests, simulator.port)
     finally:
         code = simulator.stop()
+        announcements.close()
     run(lambda: "simulator exit code 0 on SIGTERM" if code == 0 else expect(False, code))
     return 1 if failed else 0
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "entity_info.h"
 #include "hex_bytes.h"
 #include "scoped_fd.h"
 #include "stream.h"
@@ -157,6 +158,8 @@ std::vector<Bytes> parsed_again(const Message &m) {
     add(parse_alive_check_response(m), encode_alive_check_response);
     add(parse_vehicle_id_request(m), plain);
     add(parse_vehicle_announcement(m), plain);
+    add(parse_entity_status(m), plain);
+    add(parse_power_mode(m), encode_power_mode);
     return again;
 }
 
@@ -211,6 +214,11 @@ TEST(DoipPayloads, EncodeTheExactBytesAndParseThemBack) {
          "02FD0004 00000020" + vin_hex + "0E80 020000000001 020000000002 00"},
         {"announcement_with_sync_status", encode(synced),
          "02FD0004 00000021" + std::string(34, '0') + "1000" + std::string(24, '0') + "10 00"},
+        {"entity_status", encode(EntityStatus{node_type::kNode, 16, 2, 4095}, 0x03),
+         "03FC4002 00000007 01 10 02 00000FFF"},
+        {"entity_status_without_size", encode(EntityStatus{node_type::kGateway, 4, 0, {}}),
+         "02FD4002 00000003 00 04 00"},
+        {"power_mode", encode_power_mode(power_mode::kNotReady), "02FD4004 00000001 00"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -234,6 +242,8 @@ TEST(DoipPayloads, ParsersRefuseAWrongTypeOrLength) {
         "02FD0000 00000002 0000",                      // generic NACK of 2
         "02FD0008 00000003 000000",                    // alive check response of 3
         "02FD0002 00000005 0102030405",                // identification by EID of 5
+        "02FD4002 00000004 00100000",                  // entity status of 4
+        "02FD4004 00000002 0101",                      // power mode of 2
         "02FD1234 00000000",                           // unknown type
     };
     for (const char *hex : cases) {
@@ -254,6 +264,41 @@ TEST(DoipNames, NameEveryCodeAndSayUnknownOtherwise) {
     EXPECT_STREQ(uozdoip::diag_nack_name(0x03), "unknown target address");
     EXPECT_STREQ(uozdoip::diag_nack_name(0x06), "target unreachable");
     EXPECT_STREQ(uozdoip::generic_nack_name(0x00), "incorrect pattern format");
+    const std::pair<std::string, std::string> names[] = {
+        {uozdoip::node_type_name(0x01), "node"},
+        {uozdoip::node_type_name(0x02), "reserved (0x02)"},
+        {uozdoip::power_mode_name(0x00), "not ready"},
+        {uozdoip::power_mode_name(0x02), "not supported"},
+        {uozdoip::power_mode_name(0x03), "reserved (0x03)"},
+        {uozdoip::further_action_name(0x10), "routing activation for central security"},
+        {uozdoip::further_action_name(0x0F), "reserved (0x0F)"},
+        {uozdoip::further_action_name(0x11), "maker-specific (0x11)"},
+        {uozdoip::sync_status_name(0x10), "not synchronized"},
+        {uozdoip::vin_text({}), std::string(34, '0')},
+        {uozdoip::id_text({0x02, 0, 0, 0, 0x10, 0xAB}), "0200000010AB"},
+    };
+    for (const auto &[named, expected] : names)
+        EXPECT_EQ(named, expected);
+}
+
+// VIN and EID texts as options and settings give them.
+TEST(DoipNames, ParseVinAndEidTexts) {
+    const struct {
+        std::string text;
+        bool vin, eid;
+    } cases[] = {{"WZL00000000000001", true, false},  {"WZL0000000000001", false, false},
+                 {"WZL 0000000000001", false, false}, {"020000001000", false, true},
+                 {"02:00:00:00:10:00", false, true},  {"02:00:00:00:10:0", false, false},
+                 {"0200:00001000", false, false},     {":020000001000", false, false},
+                 {"02000000100G", false, false}};
+    for (const auto &c : cases) {
+        std::vector<uint8_t> bytes;
+        EXPECT_EQ(uozdoip::parse_vin(c.text, &bytes), c.vin) << c.text;
+        EXPECT_EQ(uozdoip::parse_eid(c.text, &bytes), c.eid) << c.text;
+    }
+    std::vector<uint8_t> eid;
+    ASSERT_TRUE(uozdoip::parse_eid("02:00:00:00:10:aB", &eid));
+    EXPECT_EQ(eid, hex_bytes("0200000010AB"));
 }
 
 // One read of the stream: every whole message is handed over; an oversized

@@ -1,11 +1,13 @@
 // uozctl without an agent: input refused before anything is sent, broker
-// problems told at once with their reason, configuration checks, exit codes.
+// problems told at once with their reason, configuration checks, exit codes,
+// and doip discover, which talks to the simulator directly.
 // The expected outputs are golden files in golden/.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include "broker_fixture.h"
+#include "processes.h"
 #include "tool_runner.h"
 
 namespace uoztest {
@@ -67,6 +69,16 @@ TEST(UozctlCliTest, brokerProblemsAreToldAtOnceWithTheirReason) {
 TEST(UozctlCliTest, usageConfigurationChecksAndExitCodes) {
     expect_golden(kCtl, kGolden + "/uozctl_usage.txt", values());
     expect_golden(UOZ_PKI_PATH, kGolden + "/pki_usage.txt", values());
+}
+
+// doip discover needs neither broker nor --config: the simulator's entities
+// over loopback UDP, found, filtered and shown with status and power mode.
+TEST(UozctlCliTest, doipDiscoverShowsTheSimulatorsEntities) {
+    const std::string second = std::to_string(free_loopback_port());
+    EcuSimulator simulator(UOZ_ECUSIM_PATH, {"--power-mode", "not-ready", "--entity",
+                                             "127.0.0.1:" + second + ",0x1010"});
+    expect_golden(kCtl, kGolden + "/uozctl_discover.txt",
+                  values({{"PORT", std::to_string(simulator.port())}, {"SECOND", second}}));
 }
 
 }  // namespace

@@ -228,6 +228,15 @@ void read_all_ecus(json_object *all_ecus, AgentSettings *settings) {
         throw std::runtime_error("\"all-ecus.doip\" must be \"ecu-config\" or \"none\"");
 }
 
+void read_power_mode(json_object *check, PowerModeCheck *settings) {
+    if (check == nullptr)
+        return;
+    json_object *enabled = member(check, "check", json_type_boolean, "power-mode.check");
+    settings->enabled = enabled == nullptr || json_object_get_boolean(enabled);
+    settings->timeout =
+        millis_member(check, "timeout-ms", settings->timeout, "power-mode.timeout-ms");
+}
+
 }  // namespace
 
 AgentSettings AgentSettings::from_json(const std::string &text) {
@@ -241,6 +250,8 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);
     read_all_ecus(member(root.get(), "all-ecus", json_type_object, "all-ecus"), &settings);
+    read_power_mode(member(root.get(), "power-mode", json_type_object, "power-mode"),
+                    &settings.power_mode);
     return settings;
 }
 

@@ -29,6 +29,14 @@ struct GatewayRoute {
     std::map<std::string, int32_t> ecus;
 };
 
+// Asking a DoIP gateway for the vehicle's power mode (UDP) before each
+// request to an ECU behind it, and refusing diagnostics while it says "not
+// ready". No answer within the timeout, or "not supported": they go ahead.
+struct PowerModeCheck {
+    bool enabled = false;
+    Millis timeout{1000};
+};
+
 // What the agent knows of an ECU from the library's configuration file.
 struct KnownEcu {
     std::string name;
@@ -61,6 +69,7 @@ struct AgentSettings {
     std::vector<KnownDoipEcu> doip_ecus;                 // in the configuration's order
     DoipEcuSource all_ecus_doip = DoipEcuSource::kNone;  // "all-ecus": {"doip": ...}
     std::map<uint8_t, std::string> key_algorithms;       // level -> "builtin" or plug-in path
+    PowerModeCheck power_mode;
     bool trace = false;  // print every request and answer (not from the file: --trace)
 
     // Throws std::runtime_error naming the member that is wrong.

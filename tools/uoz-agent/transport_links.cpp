@@ -1,5 +1,7 @@
 #include "transport_links.h"
 
+#include "discovery.h"
+#include "entity_info.h"
 #include "isotp_link.h"
 #include "udsoverzelko.h"
 
@@ -34,9 +36,28 @@ void TransportLinks::close_all() {
     }
 }
 
+bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *error) {
+    if (!settings_.power_mode.enabled)
+        return true;
+    std::string why;
+    std::optional<uint8_t> mode = uozdoip::read_power_mode(
+        address.host, address.port, uozdoip::kDefaultVersion, settings_.power_mode.timeout, &why);
+    if (!mode) {
+        UOZ_DBGLOG(UOZ_LOG_WARN, "%s: diagnostics go ahead", why.c_str());
+        return true;
+    }
+    if (*mode != uozdoip::power_mode::kNotReady)
+        return true;
+    *error = "gateway " + address.host + ":" + std::to_string(address.port) +
+             " reports power mode not ready: no diagnostics sent";
+    return false;
+}
+
 std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
     switch (target.transport) {
         case Transport::kDoip:
+            if (!power_mode_allows(target.doip, error))
+                return nullptr;
             return std::make_shared<DoipLink>(connection(target.doip), target.doip.logical_address);
         case Transport::kCan: {
             std::shared_ptr<EcuLink> link = IsotpLink::open(target.can, error);

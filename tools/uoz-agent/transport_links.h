@@ -25,6 +25,9 @@ class TransportLinks : public LinkProvider {
     void close_all();
 
   private:
+    // False with *error when the gateway says the power mode is not ready.
+    bool power_mode_allows(const DoipAddress &address, std::string *error);
+
     const AgentSettings settings_;
     std::mutex lock_;
     std::map<std::string, std::shared_ptr<DoipConnection>> connections_;

@@ -16,14 +16,11 @@
 #include <stdexcept>
 
 #include "connection.h"
+#include "entity_info.h"
 
 namespace uozecusim {
 
 namespace {
-
-constexpr uint8_t kNodeTypeGateway = 0x00;
-
-constexpr uint8_t kPowerModeReady = 0x01;
 
 // What a byte in the wake pipe asks the serving loop for.
 constexpr char kWakeToStop = 's';
@@ -272,6 +269,21 @@ void DoipEntity::answer_udp() {
                peer_length);
 }
 
+uozdoip::VehicleAnnouncement DoipEntity::identity() const {
+    uozdoip::VehicleAnnouncement identity;
+    std::copy(vehicle_.vin.begin(), vehicle_.vin.end(), identity.vin.begin());
+    identity.logical_address = vehicle_.gateway_address;
+    identity.eid = vehicle_.eid;
+    identity.gid = vehicle_.gid;
+    identity.further_action = uozdoip::further_action::kNone;
+    identity.sync_status = uozdoip::sync_status::kSynchronized;
+    return identity;
+}
+
+Bytes DoipEntity::announcement(uint8_t version) const {
+    return uozdoip::encode(identity(), version);
+}
+
 Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) const {
     switch (message.payload_type) {
         case uozdoip::payload::kVehicleIdRequest:
@@ -282,40 +294,22 @@ Bytes DoipEntity::udp_answer(const uozdoip::Message &message, uint8_t version) c
             if (!request)
                 return uozdoip::encode_generic_nack(uozdoip::generic_nack::kInvalidPayloadLength,
                                                     version);
-            const Bytes &filter = request->filter;
-            bool eid_differs = message.payload_type == uozdoip::payload::kVehicleIdRequestByEid &&
-                               !std::equal(filter.begin(), filter.end(), vehicle_.eid.begin());
-            bool vin_differs = message.payload_type == uozdoip::payload::kVehicleIdRequestByVin &&
-                               !std::equal(filter.begin(), filter.end(), vehicle_.vin.begin());
-            if (eid_differs || vin_differs)
+            if (!uozdoip::answers(*request, identity()))
                 return {};  // not this vehicle: no answer
-            uozdoip::VehicleAnnouncement announcement;
-            std::copy(vehicle_.vin.begin(), vehicle_.vin.end(), announcement.vin.begin());
-            announcement.logical_address = vehicle_.gateway_address;
-            announcement.eid = vehicle_.eid;
-            announcement.gid = vehicle_.gid;
-            announcement.sync_status = 0x00;
-            return uozdoip::encode(announcement, version);
+            return announcement(version);
         }
         case uozdoip::payload::kEntityStatusRequest: {
             if (!message.payload.empty())
                 break;
-            // Node type, sockets at most and open now, largest message.
-            Bytes status = {kNodeTypeGateway,
-                            kMaxActiveTesters,
-                            static_cast<uint8_t>(connections_.size()),
-                            static_cast<uint8_t>(kMaxDataSize >> 24),
-                            static_cast<uint8_t>(kMaxDataSize >> 16),
-                            static_cast<uint8_t>(kMaxDataSize >> 8),
-                            static_cast<uint8_t>(kMaxDataSize)};
-            return uozdoip::encode_message(uozdoip::payload::kEntityStatusResponse, status.data(),
-                                           status.size(), version);
+            // Sockets at most and open now, largest message.
+            uozdoip::EntityStatus status{uozdoip::node_type::kGateway, kMaxActiveTesters,
+                                         static_cast<uint8_t>(connections_.size()), kMaxDataSize};
+            return uozdoip::encode(status, version);
         }
         case uozdoip::payload::kPowerModeRequest: {
             if (!message.payload.empty())
                 break;
-            uint8_t mode = kPowerModeReady;
-            return uozdoip::encode_message(uozdoip::payload::kPowerModeResponse, &mode, 1, version);
+            return uozdoip::encode_power_mode(settings_.power_mode, version);
         }
         default:
             return uozdoip::encode_generic_nack(uozdoip::generic_nack::kUnknownPayloadType,

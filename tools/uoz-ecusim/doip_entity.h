@@ -64,6 +64,7 @@ struct EntitySettings {
     uint32_t initial_inactivity_ms = 2000;    // to wait for routing activation
     uint32_t general_inactivity_ms = 300000;  // idle connection closed after this
     uint32_t alive_check_wait_ms = 500;       // for the tester's alive check response
+    uint8_t power_mode = 0x01;                // answer to the power mode request (ready)
 };
 
 class Connection;
@@ -88,6 +89,11 @@ class DoipEntity {
     void bind();
     uint16_t port() const { return port_; }
     uint16_t tls_port() const { return tls_port_; }
+    // The UDP socket, for the announcements (datagrams are sent whole, so
+    // another thread may send on it).
+    int udp_socket() const { return udp_.get(); }
+    // The vehicle announcement, also the answer to vehicle identification.
+    Bytes announcement(uint8_t version = uozdoip::kDefaultVersion) const;
     std::string listening_text() const;
     // Serves until stop(); then closes every connection and returns.
     void run();
@@ -124,6 +130,7 @@ class DoipEntity {
     void accept_connection(int listener, bool tls);
     void answer_udp();
     Bytes udp_answer(const uozdoip::Message &message, uint8_t version) const;
+    uozdoip::VehicleAnnouncement identity() const;
     void wake(char reason);
     bool take_wake_ups();
     void reap_finished();

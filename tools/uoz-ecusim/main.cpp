@@ -1,16 +1,25 @@
 // uoz-ecusim: a DoIP entity with the vehicle file's ECUs behind one gateway
 // address, each a UDS server, and switches that make it misbehave on demand.
 //
-//   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--tls DIR] [--trace] [switches]
+//   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--tls DIR] [--entity ADDR:PORT,LOGICAL[,EID]]
+//              [--announce-to ADDR:PORT|none] [--power-mode MODE] [--trace] [switches]
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
 #include <sstream>
+#include <thread>
 
+#include "announcer.h"
 #include "command_line.h"
 #include "doip_entity.h"
+#include "entity_info.h"
 #include "exit_codes.h"
 #include "files.h"
 #include "terminal.h"
@@ -19,11 +28,13 @@
 
 namespace {
 
-uozecusim::DoipEntity *g_entity = nullptr;
+// Every entity the process serves, for the signal handler; set before the
+// handler is installed and left alone while it may run.
+std::vector<uozecusim::DoipEntity *> g_entities;
 
 void request_stop(int) {
-    if (g_entity != nullptr)
-        g_entity->stop();
+    for (uozecusim::DoipEntity *entity : g_entities)
+        entity->stop();
 }
 
 // "0x7E1" or "7E1"; CLI::ValidationError for anything else.
@@ -67,9 +78,121 @@ std::set<uint64_t> parse_numbers(const std::string &text, const std::string &wha
     return numbers;
 }
 
+// "ready", "not-ready", "not-supported" or the byte in hex.
+uint8_t parse_power_mode(const std::string &text) {
+    const std::map<std::string, uint8_t> names = {
+        {"ready", uozdoip::power_mode::kReady},
+        {"not-ready", uozdoip::power_mode::kNotReady},
+        {"not-supported", uozdoip::power_mode::kNotSupported}};
+    auto named = names.find(text);
+    if (named != names.end())
+        return named->second;
+    try {
+        return static_cast<uint8_t>(parse_hex(text, 0xFF, "--power-mode"));
+    } catch (const CLI::ValidationError &) {
+        throw CLI::ValidationError("--power-mode", "\"" + text +
+                                                       "\" is not ready, not-ready, "
+                                                       "not-supported or a hex byte");
+    }
+}
+
+// A further entity of the vehicle: where it listens, its logical address and
+// its EID (by default the vehicle's EID ending in the logical address).
+struct ExtraEntity {
+    std::string listen;
+    uint16_t logical_address = 0;
+    std::optional<std::array<uint8_t, 6>> eid;
+};
+
+ExtraEntity parse_entity(const std::string &text) {
+    const std::string form = "\"" + text + "\" is not ADDR:PORT,LOGICAL[,EID]";
+    std::vector<std::string> parts;
+    std::stringstream list(text);
+    for (std::string part; std::getline(list, part, ',');)
+        parts.push_back(part);
+    if (parts.size() < 2 || parts.size() > 3)
+        throw CLI::ValidationError("--entity", form);
+    ExtraEntity entity;
+    entity.listen = parts[0];
+    entity.logical_address = static_cast<uint16_t>(parse_hex(parts[1], 0xFFFF, "--entity"));
+    std::string host;
+    uint16_t port = 0;
+    if (!uozdoip::split_host_port(entity.listen.c_str(), uozdoip::kDefaultPort, host, port))
+        throw CLI::ValidationError("--entity", form);
+    std::vector<uint8_t> eid;
+    if (parts.size() == 3) {
+        if (!uozdoip::parse_eid(parts[2], &eid))
+            throw CLI::ValidationError("--entity",
+                                       "\"" + parts[2] + "\" is not an EID (12 hex digits)");
+        entity.eid.emplace();
+        std::copy(eid.begin(), eid.end(), entity.eid->begin());
+    }
+    return entity;
+}
+
+// The vehicle as a further entity serves it: its own logical address and
+// EID. Throws std::runtime_error when the address is taken.
+uozecusim::VehicleFile entity_vehicle(uozecusim::VehicleFile vehicle, const ExtraEntity &entity,
+                                      const std::set<uint16_t> &taken) {
+    char address[8];
+    snprintf(address, sizeof(address), "0x%04X", entity.logical_address);
+    if (taken.count(entity.logical_address) != 0)
+        throw std::runtime_error("--entity " + entity.listen + ": logical address " + address +
+                                 " is taken by an ECU, the functional address or another entity");
+    vehicle.gateway_address = entity.logical_address;
+    if (entity.eid) {
+        vehicle.eid = *entity.eid;
+    } else {
+        vehicle.eid[4] = static_cast<uint8_t>(entity.logical_address >> 8);
+        vehicle.eid[5] = static_cast<uint8_t>(entity.logical_address);
+    }
+    return vehicle;
+}
+
+// Every entity of the process, bound: the vehicle's own gateway first.
+std::vector<std::unique_ptr<uozecusim::DoipEntity>> make_entities(
+    const uozecusim::VehicleFile &vehicle, const uozecusim::EntitySettings &settings,
+    const std::vector<ExtraEntity> &extra) {
+    std::set<uint16_t> taken = {vehicle.gateway_address, vehicle.functional_address};
+    for (const uozecusim::SimulatedEcu &ecu : vehicle.ecus)
+        taken.insert(ecu.logical_address);
+    std::vector<std::unique_ptr<uozecusim::DoipEntity>> entities;
+    entities.push_back(std::make_unique<uozecusim::DoipEntity>(vehicle, settings));
+    for (const ExtraEntity &entity : extra) {
+        uozecusim::EntitySettings own = settings;
+        uozdoip::split_host_port(entity.listen.c_str(), uozdoip::kDefaultPort, own.host, own.port);
+        entities.push_back(
+            std::make_unique<uozecusim::DoipEntity>(entity_vehicle(vehicle, entity, taken), own));
+        taken.insert(entity.logical_address);
+    }
+    for (const auto &entity : entities)
+        entity->bind();
+    return entities;
+}
+
+// The announcers of the entities, started: to --announce-to, or where
+// default_announce_target() says.
+std::vector<std::unique_ptr<uozecusim::Announcer>> start_announcing(
+    const std::vector<std::unique_ptr<uozecusim::DoipEntity>> &entities, const std::string &to) {
+    std::vector<std::unique_ptr<uozecusim::Announcer>> announcers;
+    for (const auto &entity : entities) {
+        std::optional<std::string> target =
+            to.empty() ? uozecusim::default_announce_target(entity->settings().host)
+                       : std::optional<std::string>(to);
+        if (!target || *target == "none")
+            continue;
+        announcers.push_back(std::make_unique<uozecusim::Announcer>(*entity, *target));
+        announcers.back()->start();
+    }
+    return announcers;
+}
+
 struct Switches {
     std::string listen = "127.0.0.1:13400";
     std::string vehicle_path;
+    std::vector<std::string> entities;
+    std::string announce_to;
+    std::string power_mode;
     std::vector<std::string> nack;
     std::vector<std::string> slow;
     std::string deny_routing;
@@ -121,6 +244,12 @@ uozecusim::EntitySettings settings_from(const Switches &switches,
         misbehave.cut_answer = parse_numbers(switches.cut_answer, "--cut-answer");
     if (!switches.bad_version.empty())
         misbehave.bad_version = parse_numbers(switches.bad_version, "--bad-version");
+    if (!switches.power_mode.empty())
+        settings.power_mode = parse_power_mode(switches.power_mode);
+    if (!switches.announce_to.empty() && switches.announce_to != "none" &&
+        !uozecusim::Announcer::valid_target(switches.announce_to))
+        throw CLI::ValidationError("--announce-to",
+                                   "\"" + switches.announce_to + "\" is not ADDR:PORT or none");
     return settings;
 }
 
@@ -145,6 +274,19 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
         ->type_name("FILE");
     app.add_flag("--require-tls", settings.tls.required,
                  "deny routing activation on the plain port with 0x07 (TLS required)");
+    app.add_option("--entity", switches.entities,
+                   "one more DoIP entity of the vehicle on ADDR:PORT (same VIN, GID and ECUs), "
+                   "with its own logical address and EID (default: the vehicle's EID ending in "
+                   "LOGICAL); may be repeated")
+        ->type_name("ADDR:PORT,LOGICAL[,EID]");
+    app.add_option("--announce-to", switches.announce_to,
+                   "where the 3 vehicle announcements go at start (default: the broadcast "
+                   "address of the listening interface, port 13400; none on loopback)")
+        ->type_name("ADDR:PORT|none");
+    app.add_option("--power-mode", switches.power_mode,
+                   "answer to the power mode request: ready (default), not-ready, not-supported "
+                   "or a hex byte")
+        ->type_name("MODE");
     app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
         ->type_name("MS")
         ->capture_default_str();
@@ -211,7 +353,8 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
 
 int main(int argc, char **argv) {
     CLI::App app{
-        "DoIP ECU simulator: the vehicle file's ECUs behind one gateway, each a UDS server.\n"
+        "DoIP ECU simulator: the vehicle file's ECUs behind one gateway (or several "
+        "entities), each a UDS server.\n"
         "Exit codes: 0 stopped by SIGINT/SIGTERM, 1 cannot start, 2 invalid usage"};
     app.set_version_flag("--version", std::string("uoz-ecusim ") + uoztools::project_version());
     Switches switches;
@@ -220,14 +363,18 @@ int main(int argc, char **argv) {
     uoztools::footer_only_at_top(app);
     if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-ecusim"); rc >= 0)
         return rc;
+    std::vector<ExtraEntity> extra;
     try {
         settings = settings_from(switches, settings);
+        for (const std::string &text : switches.entities)
+            extra.push_back(parse_entity(text));
     } catch (const CLI::ParseError &error) {
         fprintf(stderr, "uoz-ecusim: %s (see uoz-ecusim --help)\n", error.what());
         return uoztools::kExitInvalidInput;
     }
 
-    std::unique_ptr<uozecusim::DoipEntity> entity;
+    std::vector<std::unique_ptr<uozecusim::DoipEntity>> entities;
+    std::vector<std::unique_ptr<uozecusim::Announcer>> announcers;
     try {
         std::string text = switches.vehicle_path.empty()
                                ? std::string(kDefaultVehicle)
@@ -240,24 +387,32 @@ int main(int argc, char **argv) {
                 (switches.vehicle_path.empty() ? "built-in vehicle" : switches.vehicle_path) +
                 ": " + error.what());
         }
-        entity = std::make_unique<uozecusim::DoipEntity>(std::move(vehicle), settings);
-        entity->bind();
+        entities = make_entities(vehicle, settings, extra);
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-ecusim: %s\n", error.what());
         return uoztools::kExitCannotStart;
     }
 
-    g_entity = entity.get();
+    for (const auto &entity : entities)
+        g_entities.push_back(entity.get());
     struct sigaction action {};
     action.sa_handler = request_stop;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    printf("uoz-ecusim: %s\n", entity->listening_text().c_str());
+    for (const auto &entity : entities)
+        printf("uoz-ecusim: %s\n", entity->listening_text().c_str());
     fflush(stdout);
-    entity->run();
-    g_entity = nullptr;
+    announcers = start_announcing(entities, switches.announce_to);
+
+    std::vector<std::thread> others;
+    for (size_t i = 1; i < entities.size(); ++i)
+        others.emplace_back(&uozecusim::DoipEntity::run, entities[i].get());
+    entities[0]->run();
+    for (std::thread &other : others)
+        other.join();
+    announcers.clear();
     printf("uoz-ecusim: stopped\n");
     return uoztools::kExitOk;
 }

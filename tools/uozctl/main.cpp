@@ -144,6 +144,9 @@ int main(int argc, char **argv) {
     auto *run = app.add_subcommand("run", "check and run a remote command document");
     run->add_option("FILE", document, "remote command document (JSON)")->required();
 
+    DiscoverRequest discover_request;
+    CLI::App *discover = add_doip_commands(app, &discover_request);
+
     std::string consent_kind, campaign;
     auto *consent =
         app.add_subcommand("consent", "give download or install consent for a campaign");
@@ -163,6 +166,8 @@ int main(int argc, char **argv) {
                                    uoztools::usage_error_text(app, error, "uozctl"));
     }
     context.output.set_json(options.json);
+    if (discover->parsed())
+        return run_doip_discover(context, discover_request);
     if (options.config.empty())
         return context.output.fail(kExitInvalidInput,
                                    "--config FILE is required: the ECU configuration file");

@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include <algorithm>
+
 #include "exit_codes.h"
 #include "hex_text.h"
 #include "json_helpers.h"
@@ -269,6 +271,141 @@ std::string Output::agent_failure_of(size_t element) const {
     return console_ != nullptr ? reply_error(console_->latest_agent_reply(),
                                              {"body", "uds", "data-record"}, element)
                                : kAgentFailure;
+}
+
+// ---- doip discover ----
+
+namespace {
+
+using uozdoip::DiscoveredEntity;
+
+std::string hex4(uint16_t value) {
+    return uozuds::hex_number(value, 4);
+}
+
+json_object *entity_json(const DiscoveredEntity &entity) {
+    json_object *item = json_object_new_object();
+    auto add = [item](const char *key, json_object *value) {
+        json_object_object_add(item, key, value);
+    };
+    auto text = [](const std::string &value) { return json_object_new_string(value.c_str()); };
+    const uozdoip::VehicleAnnouncement &identity = entity.identity;
+    add("address", text(entity.from.host));
+    add("port", json_object_new_int(entity.from.port));
+    add("logical_address", json_object_new_int(identity.logical_address));
+    add("vin", text(uozdoip::vin_text(identity.vin)));
+    add("eid", text(uozdoip::id_text(identity.eid)));
+    add("gid", text(uozdoip::id_text(identity.gid)));
+    add("further_action", text(uozdoip::further_action_name(identity.further_action)));
+    add("vin_gid_sync",
+        identity.sync_status ? text(uozdoip::sync_status_name(*identity.sync_status)) : nullptr);
+    add("protocol_version", json_object_new_int(entity.version));
+    add("answered", json_object_new_boolean(entity.answered));
+    add("announcements", json_object_new_int(entity.announcements));
+    json_object *status = nullptr;
+    if (entity.status) {
+        status = json_object_new_object();
+        json_object_object_add(status, "node_type",
+                               text(uozdoip::node_type_name(entity.status->node_type)));
+        json_object_object_add(status, "max_open_sockets",
+                               json_object_new_int(entity.status->max_open_sockets));
+        json_object_object_add(status, "open_sockets",
+                               json_object_new_int(entity.status->open_sockets));
+        json_object_object_add(status, "max_data_size",
+                               entity.status->max_data_size
+                                   ? json_object_new_int64(*entity.status->max_data_size)
+                                   : nullptr);
+    }
+    add("entity_status", status);
+    if (!entity.status)
+        add("entity_status_error", text(entity.status_error));
+    add("power_mode",
+        entity.power_mode ? text(uozdoip::power_mode_name(*entity.power_mode)) : nullptr);
+    if (!entity.power_mode)
+        add("power_mode_error", text(entity.power_mode_error));
+    return item;
+}
+
+std::vector<std::string> entity_row(const DiscoveredEntity &entity) {
+    const uozdoip::VehicleAnnouncement &identity = entity.identity;
+    const std::optional<uozdoip::EntityStatus> &status = entity.status;
+    return {entity.from.text(),
+            hex4(identity.logical_address),
+            uozdoip::vin_text(identity.vin),
+            uozdoip::id_text(identity.eid),
+            uozdoip::id_text(identity.gid),
+            uozuds::hex_number(identity.further_action, 2),
+            identity.sync_status
+                ? (*identity.sync_status == uozdoip::sync_status::kSynchronized ? "yes" : "no")
+                : "-",
+            status ? uozdoip::node_type_name(status->node_type) : "-",
+            status ? std::to_string(status->open_sockets) + "/" +
+                         std::to_string(status->max_open_sockets)
+                   : "-",
+            status && status->max_data_size ? std::to_string(*status->max_data_size) : "-",
+            entity.power_mode ? uozdoip::power_mode_name(*entity.power_mode) : "-"};
+}
+
+// What the table cannot say in its columns: missing answers, a further
+// action or a sync status that asks for attention.
+std::vector<std::string> entity_notes(const DiscoveredEntity &entity) {
+    const uozdoip::VehicleAnnouncement &identity = entity.identity;
+    const std::string who = hex4(identity.logical_address) + " at " + entity.from.text() + ": ";
+    std::vector<std::string> notes;
+    if (identity.further_action != uozdoip::further_action::kNone)
+        notes.push_back(who + "further action " + uozuds::hex_number(identity.further_action, 2) +
+                        ": " + uozdoip::further_action_name(identity.further_action));
+    if (identity.sync_status && *identity.sync_status != uozdoip::sync_status::kSynchronized)
+        notes.push_back(who + "VIN/GID " + uozdoip::sync_status_name(*identity.sync_status));
+    if (!entity.status)
+        notes.push_back(who + "entity status: " + entity.status_error);
+    if (!entity.power_mode)
+        notes.push_back(who + "power mode: " + entity.power_mode_error);
+    return notes;
+}
+
+// Rows under a heading, each column as wide as its widest cell.
+void print_table(FILE *out, const std::vector<std::vector<std::string>> &rows) {
+    std::vector<size_t> widths(rows.front().size(), 0);
+    for (const auto &row : rows) {
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    for (const auto &row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i)
+            line += i + 1 < row.size() ? row[i] + std::string(widths[i] - row[i].size() + 2, ' ')
+                                       : row[i];
+        fprintf(out, "%s\n", line.c_str());
+    }
+}
+
+}  // namespace
+
+void Output::doip_entities(const std::vector<DiscoveredEntity> &entities) const {
+    if (json_) {
+        JsonPtr object(json_object_new_object());
+        json_object *list = json_object_new_array();
+        for (const DiscoveredEntity &entity : entities)
+            json_object_array_add(list, entity_json(entity));
+        json_object_object_add(object.get(), "entities", list);
+        print_json(object.get());
+        return;
+    }
+    std::vector<std::vector<std::string>> rows = {{"ADDRESS", "LOGICAL", "VIN", "EID", "GID",
+                                                   "ACTION", "SYNC", "NODE", "SOCKETS", "MAX DATA",
+                                                   "POWER MODE"}};
+    std::vector<std::string> notes;
+    for (const DiscoveredEntity &entity : entities) {
+        rows.push_back(entity_row(entity));
+        for (const std::string &note : entity_notes(entity))
+            notes.push_back(note);
+    }
+    print_table(out(), rows);
+    for (const std::string &note : notes)
+        fprintf(out(), "%s\n", note.c_str());
+    fprintf(out(), "%zu DoIP %s found\n", entities.size(),
+            entities.size() == 1 ? "entity" : "entities");
 }
 
 }  // namespace uozctl

@@ -14,6 +14,7 @@
 
 #include "config_check.h"
 #include "console.h"
+#include "discovery.h"
 #include "dtc_decode.h"
 
 namespace uozctl {
@@ -83,6 +84,10 @@ class Output {
     // DTC read of several; kAgentFailure when it has none.
     std::string agent_failure(const std::string &ecu_title) const;
     std::string agent_failure_of(size_t element) const;
+    // ---- doip discover ----
+    // The entities found: one table row each (identity, status, power mode)
+    // and a note for each value missing or out of the ordinary.
+    void doip_entities(const std::vector<uozdoip::DiscoveredEntity> &entities) const;
 
   private:
     FILE *out() const { return results_ != nullptr ? results_ : stdout; }
