@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include <map>
+#include <optional>
 #include <string>
 
 #include "ecu_link.h"
@@ -26,6 +27,14 @@ struct GatewayRoute {
     std::map<std::string, int32_t> ecus;
 };
 
+// How the agent's ISO-TP sockets fill and check CAN frames.
+struct CanSettings {
+    // The byte that fills every frame the agent sends to 8 bytes; none:
+    // frames as short as their content.
+    std::optional<uint8_t> padding = 0xCC;
+    bool require_padding = false;  // ignore ECU frames shorter than 8 bytes
+};
+
 // What the agent knows of an ECU from the library's configuration file.
 struct KnownEcu {
     std::string name;
@@ -41,6 +50,7 @@ struct AgentSettings {
     Millis ack_timeout{2000};
     uint8_t activation_type = 0x00;
     UdsTiming timing;
+    CanSettings can;
     GatewayRoute gateway;
     std::map<std::string, KnownEcu> ecus_by_request_id;  // "phy-req-id" text -> ECU
     std::map<uint8_t, std::string> key_algorithms;       // level -> "builtin" or plug-in path
