@@ -181,8 +181,8 @@ bool IsotpSocket::answer_frames_came() {
     bool came = false;
     can_frame frame{};
     while (::recv(frames_.get(), &frame, sizeof(frame), MSG_DONTWAIT) == sizeof(frame)) {
-        bool flow_control = frame.len > 0 && frame.data[0] >> 4 == 3;
-        came = came || !flow_control;
+        uint8_t frame_type = frame.len > 0 ? frame.data[0] >> 4 : 0;
+        came = came || frame_type == 1 || frame_type == 2;  // first or consecutive frame
     }
     return came;
 }

@@ -103,7 +103,8 @@ class IsotpSocket {
           frames_(std::move(frames)),
           ifname_(options.ifname),
           longest_answer_(options.longest_answer) {}
-    // Whether the ECU sent a frame of an answer since the last look.
+    // Whether the ECU sent a frame of a segmented answer since the last look
+    // (a single frame is whole at once, and the ISO-TP socket has it).
     bool answer_frames_came();
 
     uoztools::ScopedFd fd_;
