@@ -94,13 +94,29 @@ TEST(QueryTargetsTest, anUnroutedIocEcuCannotBeReachedAndSaysHowToFixIt) {
 }
 
 TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
-    bool broadcast = false;
-    auto targets = targets_of(
-        R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001x","gw-ip":"127.0.0.1"}})",
-        AgentSettings{}, &broadcast);
-    ASSERT_EQ(targets.size(), 1u);
-    EXPECT_EQ(targets[0].transport, Transport::kNone);
-    EXPECT_EQ(targets[0].error, "the transport block's \"ta\" (0x1001x) is not a valid value");
+    const struct {
+        const char *body;
+        const char *error;  // "": reachable
+    } cases[] = {
+        {R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001x","gw-ip":"127.0.0.1"}})",
+         "the transport block's \"ta\" (0x1001x) is not a valid value"},
+        // st-min: 0x00-0x7F ms, 0xF1-0xF9 hundreds of microseconds, the rest reserved.
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0x80","bsize":"0"}})",
+         "the transport block's \"st-min\" (0x80) is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 "
+         "(100-900 us)"},
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0xFA","bsize":"0"}})",
+         "the transport block's \"st-min\" (0xFA) is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 "
+         "(100-900 us)"},
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0xF9","bsize":"0"}})",
+         ""},
+    };
+    for (const auto &row : cases) {
+        bool broadcast = false;
+        auto targets = targets_of(row.body, AgentSettings{}, &broadcast);
+        ASSERT_EQ(targets.size(), 1u);
+        EXPECT_EQ(targets[0].error, row.error) << row.body;
+        EXPECT_EQ(targets[0].transport == Transport::kNone, *row.error != '\0') << row.body;
+    }
 }
 
 TEST(AgentSettingsTest, theFileSetsEveryPart) {

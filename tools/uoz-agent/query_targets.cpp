@@ -1,5 +1,6 @@
 #include "query_targets.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -88,6 +89,13 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
         !hex_member(block, "phy-resp-id", 0x1FFFFFFF, &response, target) ||
         !hex_member(block, "st-min", 0xFF, &st_min, target) ||
         !hex_member(block, "bsize", 0xFF, &block_size, target)) {
+        return;
+    }
+    if (st_min > 0x7F && (st_min < 0xF1 || st_min > 0xF9)) {
+        char text[16];
+        snprintf(text, sizeof(text), "0x%02X", st_min);
+        target->error = std::string("the transport block's \"st-min\" (") + text +
+                        ") is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 (100-900 us)";
         return;
     }
     target->transport = Transport::kCan;
