@@ -124,7 +124,7 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
       "doip": {"port": 13401, "allow-remote": true, "addresses": {"192.168.10.1": "127.0.0.1"},
                "ack-timeout-ms": 500},
       "uds": {"p2-ms": 200, "p2-star-ms": 3000, "deadline-ms": 7000, "busy-retries": 5},
-      "can": {"padding": "0x55", "require-padding": true},
+      "can": {"padding": "0x55", "require-padding": true, "29-bit-ids": ["engine"]},
       "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
                   "ecus": {"engine": null, "gateway": "0x20"}},
       "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"}})");
@@ -138,6 +138,7 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.timing.busy_retries, 5);
     EXPECT_EQ(settings.can.padding, 0x55);
     EXPECT_TRUE(settings.can.require_padding);
+    EXPECT_EQ(settings.can.extended_ids, std::set<std::string>{"engine"});
     EXPECT_FALSE(AgentSettings::from_json(R"({"can": {"padding": false}})").can.padding);
     EXPECT_EQ(AgentSettings::from_json("{}").can.padding, 0xCC);
     EXPECT_TRUE(settings.gateway.enabled);

@@ -2,6 +2,7 @@
 // not ours: isotp_ecu.py on the kernel's ISO-TP sockets. candump -L holds
 // every frame on the bus, which is checked as ISO-TP, frame by frame.
 #include <gtest/gtest.h>
+#include <linux/can.h>
 
 #include <fstream>
 #include <memory>
@@ -21,6 +22,9 @@ constexpr uint32_t kRequestId = 0x7E0;
 constexpr uint32_t kResponseId = 0x7E8;
 // An ECU of the configuration that nothing answers for.
 constexpr uint32_t kSilentRequestId = 0x7E1;
+// An ECU on 29-bit ids below 0x800 (agent-settings.json says so).
+constexpr uint32_t kBodyRequestId = 0x7E2 | CAN_EFF_FLAG;
+constexpr uint32_t kBodyResponseId = 0x7EA | CAN_EFF_FLAG;
 // What the ECU's flow control asks of the agent: one frame at a time, 10 ms apart.
 constexpr uint8_t kEcuBlockSize = 1;
 constexpr uint8_t kEcuStMin = 10;
@@ -99,8 +103,9 @@ class AgentIsotpTest : public ::testing::Test {
     IsotpExchange exchange_since(size_t mark, size_t frames) {
         IsotpExchange exchange;
         for (int waited = 0; waited <= 2000; waited += 10) {
-            exchange =
-                read_isotp(bus_->frames_since(mark), {kRequestId, kResponseId, kSilentRequestId});
+            exchange = read_isotp(
+                bus_->frames_since(mark),
+                {kRequestId, kResponseId, kSilentRequestId, kBodyRequestId, kBodyResponseId});
             if (exchange.frames.size() >= frames)
                 break;
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -123,6 +128,7 @@ class AgentIsotpTest : public ::testing::Test {
 // of each frame, without padding; none listed: not checked one by one) and
 // what the agent logged of it.
 TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
+    IsotpEcu body(kBus, kBodyRequestId, kBodyResponseId, R"({"22F191": [{"data": "62F1914233"}]})");
     const struct {
         std::string arguments;
         int code;
@@ -188,6 +194,13 @@ TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
          {"7E0 0322F1A2", "7E8 100A62F1A2010203", "7E0 300800"},
          "the ECU stopped sending in the middle of its answer (no frame within 1000 ms)",
          0},
+        // 29-bit ids chosen in the settings, though the ids would fit in 11 bits.
+        {"version body",
+         0,
+         "body (0x7E2): B3\n",
+         {"000007E2 0322F191", "000007EA 0562F1914233"},
+         "",
+         0},
         // No ECU answers the first frame of a segmented request.
         {"run " + routine_file("WriteVIN", "0x7E1"),
          4,
@@ -206,7 +219,7 @@ TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
         if (!row.frames.empty()) {
             EXPECT_EQ(exchange.frame_texts(), row.frames) << row.arguments;
         }
-        for (uint32_t id : {kRequestId, kSilentRequestId}) {
+        for (uint32_t id : {kRequestId, kSilentRequestId, kBodyRequestId}) {
             for (const IsotpFrame &sent : exchange.sent_by(id))
                 expect_agent_frame_form(sent);
         }

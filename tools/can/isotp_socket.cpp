@@ -16,9 +16,9 @@ namespace uozcan {
 
 namespace {
 
-// CAN ids above 0x7FF are extended (29-bit) frames.
-canid_t can_id(uint32_t id) {
-    return id > CAN_SFF_MASK ? (id | CAN_EFF_FLAG) : id;
+// CAN ids above 0x7FF are extended (29-bit) frames, others where chosen.
+canid_t can_id(uint32_t id, bool extended) {
+    return extended || id > CAN_SFF_MASK ? (id | CAN_EFF_FLAG) : id;
 }
 
 // Waits for `events` until the deadline: 1 ready, 0 timed out, -1 failed.
@@ -66,11 +66,12 @@ bool apply_options(int fd, const IsotpOptions &options) {
 }
 
 // A CAN_RAW socket that receives only the frames of one id.
-uoztools::ScopedFd frames_of(int ifindex, uint32_t id) {
+uoztools::ScopedFd frames_of(int ifindex, uint32_t id, bool extended) {
     uoztools::ScopedFd fd(socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW));
     can_filter only{};
-    only.can_id = can_id(id);
-    only.can_mask = (id > CAN_SFF_MASK ? CAN_EFF_MASK : CAN_SFF_MASK) | CAN_EFF_FLAG | CAN_RTR_FLAG;
+    only.can_id = can_id(id, extended);
+    only.can_mask = ((only.can_id & CAN_EFF_FLAG) != 0 ? CAN_EFF_MASK : CAN_SFF_MASK) |
+                    CAN_EFF_FLAG | CAN_RTR_FLAG;
     sockaddr_can bound{};
     bound.can_family = AF_CAN;
     bound.can_ifindex = ifindex;
@@ -123,13 +124,14 @@ std::unique_ptr<IsotpSocket> IsotpSocket::open(const IsotpOptions &options, std:
     sockaddr_can bound{};
     bound.can_family = AF_CAN;
     bound.can_ifindex = static_cast<int>(index);
-    bound.can_addr.tp.tx_id = can_id(options.tx_id);
-    bound.can_addr.tp.rx_id = can_id(options.rx_id);
+    bound.can_addr.tp.tx_id = can_id(options.tx_id, options.extended_ids);
+    bound.can_addr.tp.rx_id = can_id(options.rx_id, options.extended_ids);
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&bound), sizeof(bound)) != 0) {
         *error = "cannot open ISO-TP on " + options.ifname + ": " + strerror(errno);
         return nullptr;
     }
-    uoztools::ScopedFd frames = frames_of(static_cast<int>(index), options.rx_id);
+    uoztools::ScopedFd frames =
+        frames_of(static_cast<int>(index), options.rx_id, options.extended_ids);
     if (!frames.valid()) {
         *error = "cannot watch the frames of " + options.ifname + ": " + strerror(errno);
         return nullptr;

@@ -58,9 +58,10 @@ struct LinkLayer {
 };
 
 struct IsotpOptions {
-    std::string ifname;  // "can0", "vcan0"
-    uint32_t tx_id = 0;  // the request id; above 0x7FF a 29-bit id
-    uint32_t rx_id = 0;  // the response id; above 0x7FF a 29-bit id
+    std::string ifname;         // "can0", "vcan0"
+    uint32_t tx_id = 0;         // the request id; above 0x7FF a 29-bit id
+    uint32_t rx_id = 0;         // the response id; above 0x7FF a 29-bit id
+    bool extended_ids = false;  // both ids 29-bit, whatever their values
     // The flow control this end sends while it receives a segmented message.
     uint8_t block_size = 0;
     uint8_t st_min = 0;

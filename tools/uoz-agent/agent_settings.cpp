@@ -101,6 +101,13 @@ void read_can(json_object *can, CanSettings *settings) {
     json_object *required =
         member(can, "require-padding", json_type_boolean, "can.require-padding");
     settings->require_padding = required != nullptr && json_object_get_boolean(required);
+    json_object *extended = member(can, "29-bit-ids", json_type_array, "can.29-bit-ids");
+    for (size_t i = 0; extended != nullptr && i < json_object_array_length(extended); ++i) {
+        json_object *ecu = json_object_array_get_idx(extended, i);
+        if (!json_object_is_type(ecu, json_type_string))
+            throw std::runtime_error("\"can.29-bit-ids\" lists ECU names or \"phy-req-id\" texts");
+        settings->extended_ids.insert(json_object_get_string(ecu));
+    }
 }
 
 void read_gateway(json_object *gateway, GatewayRoute *route) {

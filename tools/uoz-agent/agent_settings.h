@@ -9,6 +9,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "ecu_link.h"
@@ -33,6 +34,9 @@ struct CanSettings {
     // frames as short as their content.
     std::optional<uint8_t> padding = 0xCC;
     bool require_padding = false;  // ignore ECU frames shorter than 8 bytes
+    // ECUs (names or "phy-req-id" texts) whose ids are 29-bit even below
+    // 0x800; ids above 0x7FF are 29-bit anyway.
+    std::set<std::string> extended_ids;
 };
 
 // What the agent knows of an ECU from the library's configuration file.

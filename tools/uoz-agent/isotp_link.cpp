@@ -12,6 +12,7 @@ std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const Agen
     options.rx_id = address.response_id;
     options.block_size = address.block_size;
     options.st_min = address.st_min;
+    options.extended_ids = address.extended_ids;
     options.padding = settings.can.padding;
     options.require_padding = settings.can.require_padding;
     options.longest_answer = settings.timing.overall;

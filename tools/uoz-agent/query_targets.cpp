@@ -99,8 +99,13 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
         return;
     }
     target->transport = Transport::kCan;
-    target->can = {ifname, request, response, static_cast<uint8_t>(st_min),
-                   static_cast<uint8_t>(block_size)};
+    const std::set<std::string> &extended = settings.can.extended_ids;
+    target->can = {ifname,
+                   request,
+                   response,
+                   static_cast<uint8_t>(st_min),
+                   static_cast<uint8_t>(block_size),
+                   extended.count(target->label) > 0 || extended.count(target->name) > 0};
 }
 
 EcuTarget target_of(json_object *block, const AgentSettings &settings, int32_t query_target) {

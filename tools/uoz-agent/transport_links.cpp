@@ -35,7 +35,7 @@ void TransportLinks::close_all() {
 
 std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std::string *error) {
     std::string key = address.ifname + " " + std::to_string(address.request_id) + " " +
-                      std::to_string(address.response_id);
+                      std::to_string(address.response_id) + (address.extended_ids ? " 29" : "");
     std::lock_guard<std::mutex> hold(lock_);
     std::shared_ptr<EcuLink> &shared = can_links_[key];
     if (!shared)
