@@ -431,7 +431,7 @@ TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {
 // the reason, and the missing interface is logged once.
 TEST_F(AgentEcusimTest, anEcuOnCanIsAClearFailureWhereTheMachineHasNoCan) {
     std::string error;
-    if (IsotpLink::open({"can0", 0x7E0, 0x7E8, 0, 8}, &error))
+    if (IsotpLink::open({"can0", 0x7E0, 0x7E8, 0, 8}, AgentSettings(), &error))
         GTEST_SKIP() << "this machine has can0; the failure case does not apply";
     start();
     settings_.gateway.enabled = false;

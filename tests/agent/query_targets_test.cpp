@@ -99,13 +99,29 @@ TEST(QueryTargetsTest, anUnroutedIocEcuCannotBeReachedAndSaysHowToFixIt) {
 }
 
 TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
-    bool broadcast = false;
-    auto targets = targets_of(
-        R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001x","gw-ip":"127.0.0.1"}})",
-        AgentSettings{}, &broadcast);
-    ASSERT_EQ(targets.size(), 1u);
-    EXPECT_EQ(targets[0].transport, Transport::kNone);
-    EXPECT_EQ(targets[0].error, "the transport block's \"ta\" (0x1001x) is not a valid value");
+    const struct {
+        const char *body;
+        const char *error;  // "": reachable
+    } cases[] = {
+        {R"({"mode":"DOIP","targetAddress":"0x1001","doip":{"sa":"0x0E80","ta":"0x1001x","gw-ip":"127.0.0.1"}})",
+         "the transport block's \"ta\" (0x1001x) is not a valid value"},
+        // st-min: 0x00-0x7F ms, 0xF1-0xF9 hundreds of microseconds, the rest reserved.
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0x80","bsize":"0"}})",
+         "the transport block's \"st-min\" (0x80) is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 "
+         "(100-900 us)"},
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0xFA","bsize":"0"}})",
+         "the transport block's \"st-min\" (0xFA) is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 "
+         "(100-900 us)"},
+        {R"({"mode":"CAN","targetAddress":"0x7E0","can":{"ifname":"can0","phy-req-id":"0x7E0","phy-resp-id":"0x7E8","st-min":"0xF9","bsize":"0"}})",
+         ""},
+    };
+    for (const auto &row : cases) {
+        bool broadcast = false;
+        auto targets = targets_of(row.body, AgentSettings{}, &broadcast);
+        ASSERT_EQ(targets.size(), 1u);
+        EXPECT_EQ(targets[0].error, row.error) << row.body;
+        EXPECT_EQ(targets[0].transport == Transport::kNone, *row.error != '\0') << row.body;
+    }
 }
 
 TEST(AgentSettingsTest, theFileSetsEveryPart) {
@@ -115,6 +131,7 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
                "tls": {"ca": "/dev/null", "port": 3497},
                "gateways": {"10.0.0.1": {"activation-type": "0xE0", "tls": {"use": "always"}}}},
       "uds": {"p2-ms": 200, "p2-star-ms": 3000, "deadline-ms": 7000, "busy-retries": 5},
+      "can": {"padding": "0x55", "require-padding": true, "29-bit-ids": ["engine"]},
       "gateway": {"gw-ip": "127.0.0.1", "port": 13402, "sa": "0x0E81",
                   "ecus": {"engine": null, "gateway": "0x20"}},
       "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"},
@@ -138,6 +155,11 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.timing.p2_star, Millis(3000));
     EXPECT_EQ(settings.timing.overall, Millis(7000));
     EXPECT_EQ(settings.timing.busy_retries, 5);
+    EXPECT_EQ(settings.can.padding, 0x55);
+    EXPECT_TRUE(settings.can.require_padding);
+    EXPECT_EQ(settings.can.extended_ids, std::set<std::string>{"engine"});
+    EXPECT_FALSE(AgentSettings::from_json(R"({"can": {"padding": false}})").can.padding);
+    EXPECT_EQ(AgentSettings::from_json("{}").can.padding, 0xCC);
     EXPECT_TRUE(settings.gateway.enabled);
     EXPECT_EQ(settings.gateway.port, 13402);
     EXPECT_EQ(settings.gateway.tester_address, 0x0E81);

@@ -34,14 +34,19 @@ std::string hex_text(std::vector<uint8_t>::const_iterator from,
     return text;
 }
 
+// "7E0", or "000007E0" for a 29-bit id, as candump writes them.
 std::string id_text(uint32_t id) {
     char text[16];
-    snprintf(text, sizeof(text), id > CAN_SFF_MASK ? "%08X" : "%03X", id);
+    bool extended = (id & CAN_EFF_FLAG) != 0 || id > CAN_SFF_MASK;
+    snprintf(text, sizeof(text), extended ? "%08X" : "%03X", id & CAN_EFF_MASK);
     return text;
 }
 
+// The id for isotp_ecu.py: a 29-bit id with CAN_EFF_FLAG, as the kernel takes it.
 std::string hex_id(uint32_t id) {
-    return "0x" + id_text(id);
+    char text[16];
+    snprintf(text, sizeof(text), "0x%X", id);
+    return text;
 }
 
 bool send_marker(const std::string &ifname) {
@@ -129,6 +134,8 @@ std::vector<CanFrame> parse_candump(const std::string &log) {
             continue;
         CanFrame frame;
         frame.id = static_cast<uint32_t>(std::stoul(frame_text.substr(0, hash), nullptr, 16));
+        if (hash == 8)  // a 29-bit id
+            frame.id |= CAN_EFF_FLAG;
         std::string data = frame_text.substr(hash + 1);
         if (!data.empty() && data.front() == '#') {  // CAN FD: "##", a flags digit, the data
             frame.fd = true;

@@ -20,7 +20,7 @@ std::string can_missing(const std::string &ifname);
 // One frame of a `candump -L` log: "(1700000000.123456) vcan0 7E0#031902FF";
 // CAN FD frames ("7E0##1...") too.
 struct CanFrame {
-    uint32_t id = 0;
+    uint32_t id = 0;  // a 29-bit id with CAN_EFF_FLAG
     bool fd = false;
     std::vector<uint8_t> data;
 };

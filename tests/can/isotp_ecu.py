@@ -6,7 +6,9 @@
 
 ANSWERS_JSON maps a request (hex) to the answers sent in turn, each
 {"after-ms": N, "data": "HEX"} (after-ms counts from the previous answer, or
-from the request for the first). A request not in the table gets no answer.
+from the request for the first), or {"frame": "HEX"}: one raw CAN frame on
+the response id, outside ISO-TP (a first frame with nothing after it is an
+answer broken off). A request not in the table gets no answer.
 BLOCK_SIZE and ST_MIN are what this ECU's flow control asks of a sender.
 Prints "ready" once bound, then "request HEX", "answer HEX" and "error TEXT"
 lines (a transfer the peer did not complete).
@@ -20,6 +22,12 @@ import time
 SOL_CAN_ISOTP = 106  # SOL_CAN_BASE + CAN_ISOTP; Python has no name for it
 CAN_ISOTP_RECV_FC = 2
 LARGEST_MESSAGE = 4095
+
+
+def send_frame(ifname, can_id, data):
+    with socket.socket(socket.AF_CAN, socket.SOCK_RAW, socket.CAN_RAW) as raw:
+        raw.bind((ifname,))
+        raw.send(struct.pack("=IB3x8s", can_id, len(data), data))
 
 
 def main():
@@ -39,6 +47,10 @@ def main():
         print("request", request, flush=True)
         for step in table.get(request, []):
             time.sleep(step.get("after-ms", 0) / 1000)
+            if "frame" in step:
+                send_frame(ifname, int(response_id, 0), bytes.fromhex(step["frame"]))
+                print("frame", step["frame"].upper(), flush=True)
+                continue
             ecu.send(bytes.fromhex(step["data"]))
             print("answer", step["data"].upper(), flush=True)
 

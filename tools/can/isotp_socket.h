@@ -4,19 +4,24 @@
 //
 // An IsotpSocket is one kernel ISO-TP socket (CAN_ISOTP) bound to an
 // interface and an id pair: the kernel segments, reassembles and runs flow
-// control; a send or receive here is one whole UDS message. The options hold
-// everything the kernel lets a socket set: the flow control this end
-// answers with (block size, st-min), option flags with padding bytes
-// (CAN_ISOTP_OPTS) and the link layer for CAN FD (CAN_ISOTP_LL_OPTS). Left at
-// their defaults, only the flow control is set and every other choice is the
-// kernel's.
+// control; a send or receive here is one whole UDS message. A send returns
+// once the last frame is on the bus (CAN_ISOTP_WAIT_TX_DONE), so that an
+// answer's deadline can run from the end of the request. The options hold
+// the flow control this end answers with (block size, st-min), the padding
+// of frames (on by default: every frame sent, flow control included, is 8
+// bytes filled with 0xCC) and the link layer for CAN FD (CAN_ISOTP_LL_OPTS).
 //
-// Still missing here, for the work that builds on this room: the choice of
-// padding per ECU (ISO 15765-2 allows either; many ECUs want 8-byte frames),
-// CAN FD ECUs (the link-layer options exist, no caller sets them yet),
-// functional addressing (a single frame on "func-addr" answered on each
-// ECU's own id), J1939 sockets (CAN_J1939), and messages longer than 4095
-// bytes.
+// Timers are the kernel's (Linux 6.1): a sender waits 1000 ms for each flow
+// control (N_Bs), a receiver 1000 ms for each consecutive frame (N_Cr); their
+// failures come back as texts that say which ("the ECU sent no flow control
+// within 1000 ms"). A message is taken whole whatever its length (the kernel
+// takes up to about 64 KiB with the 32-bit first-frame length); longer ones
+// the kernel refuses with an overflow flow control.
+//
+// Still missing here, for the work that builds on this room: CAN FD ECUs
+// (the link-layer options exist, no caller sets them yet), functional
+// addressing (a single frame on "func-addr" answered on each ECU's own id),
+// and J1939 sockets (CAN_J1939).
 //
 //   uozcan::IsotpOptions options;
 //   options.ifname = "vcan0";
@@ -42,8 +47,8 @@ namespace uozcan {
 using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<uint8_t>;
 
-// The largest message a receive takes (a classic ISO-TP message).
-constexpr size_t kLargestMessage = 4095;
+// The kernel's wait for each flow control (N_Bs) and consecutive frame (N_Cr).
+constexpr int kKernelFrameTimeoutMs = 1000;
 
 // CAN_ISOTP_LL_OPTS: the frames the socket sends and accepts.
 struct LinkLayer {
@@ -53,18 +58,23 @@ struct LinkLayer {
 };
 
 struct IsotpOptions {
-    std::string ifname;  // "can0", "vcan0"
-    uint32_t tx_id = 0;  // the request id; above 0x7FF a 29-bit id
-    uint32_t rx_id = 0;  // the response id; above 0x7FF a 29-bit id
+    std::string ifname;         // "can0", "vcan0"
+    uint32_t tx_id = 0;         // the request id; above 0x7FF a 29-bit id
+    uint32_t rx_id = 0;         // the response id; above 0x7FF a 29-bit id
+    bool extended_ids = false;  // both ids 29-bit, whatever their values
     // The flow control this end sends while it receives a segmented message.
     uint8_t block_size = 0;
     uint8_t st_min = 0;
-    // CAN_ISOTP_OPTS, set only when flags is not 0: CAN_ISOTP_TX_PADDING,
-    // CAN_ISOTP_RX_PADDING, ... and the padding bytes they use.
-    uint32_t flags = 0;
-    uint8_t tx_padding = 0;
-    uint8_t rx_padding = 0;
+    // The byte that fills every frame sent (flow control included) to 8
+    // bytes; none: frames as short as their content.
+    std::optional<uint8_t> padding = 0xCC;
+    // Answers only in frames filled to 8 bytes; shorter frames are dropped.
+    bool require_padding = false;
     std::optional<LinkLayer> link_layer;  // set only when given
+    // How long an answer that has started (a frame of it came before the
+    // receive's deadline) may go on beyond that deadline; the kernel ends it
+    // sooner when the ECU stops sending.
+    std::chrono::milliseconds longest_answer{8000};
 };
 
 class IsotpSocket {
@@ -76,20 +86,34 @@ class IsotpSocket {
     // interface can0 on this machine"), or an option is refused.
     static std::unique_ptr<IsotpSocket> open(const IsotpOptions &options, std::string *error);
 
-    // Sends one message; the kernel sends all of it, with flow control, or
-    // fails. Waits until the deadline at most for the socket to take it.
+    // Sends one message; returns when the kernel has sent all of it, with
+    // flow control, or failed. Waits until the deadline at most for the
+    // socket to take it; the transfer itself is bounded by the kernel's timers.
     bool send(const Bytes &message, Clock::time_point deadline, std::string *error);
-    // The next whole message received before `until`.
+    // The next whole message that starts before `until`, whatever its length.
     Receive receive(Clock::time_point until, Bytes *message, std::string *error);
+    // Drops what was received before now (messages, failed transfers): an
+    // answer that came too late for its request. Returns how many.
+    int discard_received();
 
     const std::string &ifname() const { return ifname_; }
 
   private:
-    IsotpSocket(uoztools::ScopedFd fd, std::string ifname)
-        : fd_(std::move(fd)), ifname_(std::move(ifname)) {}
+    IsotpSocket(uoztools::ScopedFd fd, uoztools::ScopedFd frames, const IsotpOptions &options)
+        : fd_(std::move(fd)),
+          frames_(std::move(frames)),
+          ifname_(options.ifname),
+          longest_answer_(options.longest_answer) {}
+    // Whether the ECU sent a frame of a segmented answer since the last look
+    // (a single frame is whole at once, and the ISO-TP socket has it).
+    bool answer_frames_came();
 
     uoztools::ScopedFd fd_;
+    // The ECU's frames as they come (CAN_RAW): the kernel tells of an answer
+    // only once it is whole, these tell when it starts.
+    uoztools::ScopedFd frames_;
     std::string ifname_;
+    std::chrono::milliseconds longest_answer_;
 };
 
 }  // namespace uozcan

@@ -166,6 +166,31 @@ void read_timing(json_object *uds, UdsTiming *timing) {
         millis_member(uds, "busy-delay-ms", timing->busy_delay, "uds.busy-delay-ms");
 }
 
+void read_can(json_object *can, CanSettings *settings) {
+    if (can == nullptr)
+        return;
+    json_object *padding = nullptr;
+    if (json_object_object_get_ex(can, "padding", &padding) &&
+        json_object_is_type(padding, json_type_boolean)) {
+        if (json_object_get_boolean(padding))
+            throw std::runtime_error("\"can.padding\" must be a byte (\"0xCC\") or false");
+        settings->padding.reset();
+    } else {
+        settings->padding =
+            static_cast<uint8_t>(number_member(can, "padding", 0xCC, 0xFF, "can.padding"));
+    }
+    json_object *required =
+        member(can, "require-padding", json_type_boolean, "can.require-padding");
+    settings->require_padding = required != nullptr && json_object_get_boolean(required);
+    json_object *extended = member(can, "29-bit-ids", json_type_array, "can.29-bit-ids");
+    for (size_t i = 0; extended != nullptr && i < json_object_array_length(extended); ++i) {
+        json_object *ecu = json_object_array_get_idx(extended, i);
+        if (!json_object_is_type(ecu, json_type_string))
+            throw std::runtime_error("\"can.29-bit-ids\" lists ECU names or \"phy-req-id\" texts");
+        settings->extended_ids.insert(json_object_get_string(ecu));
+    }
+}
+
 void read_gateway(json_object *gateway, GatewayRoute *route) {
     if (gateway == nullptr)
         return;
@@ -246,6 +271,7 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     AgentSettings settings;
     read_doip(member(root.get(), "doip", json_type_object, "doip"), &settings);
     read_timing(member(root.get(), "uds", json_type_object, "uds"), &settings.timing);
+    read_can(member(root.get(), "can", json_type_object, "can"), &settings.can);
     read_gateway(member(root.get(), "gateway", json_type_object, "gateway"), &settings.gateway);
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);

@@ -9,6 +9,8 @@
 #include <stdint.h>
 
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,6 +37,17 @@ struct GatewayRoute {
 struct PowerModeCheck {
     bool enabled = false;
     Millis timeout{1000};
+};
+
+// How the agent's ISO-TP sockets fill and check CAN frames.
+struct CanSettings {
+    // The byte that fills every frame the agent sends to 8 bytes; none:
+    // frames as short as their content.
+    std::optional<uint8_t> padding = 0xCC;
+    bool require_padding = false;  // ignore ECU frames shorter than 8 bytes
+    // ECUs (names or "phy-req-id" texts) whose ids are 29-bit even below
+    // 0x800; ids above 0x7FF are 29-bit anyway.
+    std::set<std::string> extended_ids;
 };
 
 // What the agent knows of an ECU from the library's configuration file.
@@ -64,6 +77,7 @@ struct AgentSettings {
     DoipGatewayPolicy doip;  // activation type, version and TLS of every gateway...
     std::map<std::string, DoipGatewayPolicy> doip_gateways;  // ...unless its host has its own
     UdsTiming timing;
+    CanSettings can;
     GatewayRoute gateway;
     std::map<std::string, KnownEcu> ecus_by_request_id;  // "phy-req-id" text -> ECU
     std::vector<KnownDoipEcu> doip_ecus;                 // in the configuration's order

@@ -1,14 +1,21 @@
 #include "isotp_link.h"
 
+#include "udsoverzelko.h"
+
 namespace uozagent {
 
-std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, std::string *error) {
+std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const AgentSettings &settings,
+                                           std::string *error) {
     uozcan::IsotpOptions options;
     options.ifname = address.ifname;
     options.tx_id = address.request_id;
     options.rx_id = address.response_id;
     options.block_size = address.block_size;
     options.st_min = address.st_min;
+    options.extended_ids = address.extended_ids;
+    options.padding = settings.can.padding;
+    options.require_padding = settings.can.require_padding;
+    options.longest_answer = settings.timing.overall;
     std::unique_ptr<uozcan::IsotpSocket> socket = uozcan::IsotpSocket::open(options, error);
     if (!socket)
         return nullptr;
@@ -16,6 +23,10 @@ std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, std::strin
 }
 
 bool IsotpLink::send(const Bytes &request, Clock::time_point deadline, std::string *error) {
+    int late = socket_->discard_received();
+    if (late > 0)
+        UOZ_DBGLOG(UOZ_LOG_DBG, "%s: dropped %d late answer(s) before a new request",
+                   socket_->ifname().c_str(), late);
     return socket_->send(request, deadline, error);
 }
 

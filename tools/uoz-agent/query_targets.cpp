@@ -1,5 +1,6 @@
 #include "query_targets.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -90,9 +91,21 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
         !hex_member(block, "bsize", 0xFF, &block_size, target)) {
         return;
     }
+    if (st_min > 0x7F && (st_min < 0xF1 || st_min > 0xF9)) {
+        char text[16];
+        snprintf(text, sizeof(text), "0x%02X", st_min);
+        target->error = std::string("the transport block's \"st-min\" (") + text +
+                        ") is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 (100-900 us)";
+        return;
+    }
     target->transport = Transport::kCan;
-    target->can = {ifname, request, response, static_cast<uint8_t>(st_min),
-                   static_cast<uint8_t>(block_size)};
+    const std::set<std::string> &extended = settings.can.extended_ids;
+    target->can = {ifname,
+                   request,
+                   response,
+                   static_cast<uint8_t>(st_min),
+                   static_cast<uint8_t>(block_size),
+                   extended.count(target->label) > 0 || extended.count(target->name) > 0};
 }
 
 EcuTarget target_of(json_object *block, const AgentSettings &settings, int32_t query_target) {

@@ -27,6 +27,7 @@ struct CanAddress {
     uint32_t response_id = 0;
     uint8_t st_min = 0;
     uint8_t block_size = 0;
+    bool extended_ids = false;  // 29-bit frames, whatever the ids' values
 };
 
 using uoztools::JsonPtr;

@@ -53,19 +53,26 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
     return false;
 }
 
+std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std::string *error) {
+    std::string key = address.ifname + " " + std::to_string(address.request_id) + " " +
+                      std::to_string(address.response_id) + (address.extended_ids ? " 29" : "");
+    std::lock_guard<std::mutex> hold(lock_);
+    std::shared_ptr<EcuLink> &shared = can_links_[key];
+    if (!shared)
+        shared = IsotpLink::open(address, settings_, error);
+    if (!shared && missing_can_logged_.insert(address.ifname).second)
+        UOZ_DBGLOG(UOZ_LOG_WARN, "%s", error->c_str());
+    return shared;
+}
+
 std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
     switch (target.transport) {
         case Transport::kDoip:
             if (!power_mode_allows(target.doip, error))
                 return nullptr;
             return std::make_shared<DoipLink>(connection(target.doip), target.doip.logical_address);
-        case Transport::kCan: {
-            std::shared_ptr<EcuLink> link = IsotpLink::open(target.can, error);
-            std::lock_guard<std::mutex> hold(lock_);
-            if (!link && missing_can_logged_.insert(target.can.ifname).second)
-                UOZ_DBGLOG(UOZ_LOG_WARN, "%s", error->c_str());
-            return link;
-        }
+        case Transport::kCan:
+            return can_link(target.can, error);
         case Transport::kNone:
             *error = target.error.empty() ? "no transport for " + target.label : target.error;
             return nullptr;

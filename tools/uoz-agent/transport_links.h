@@ -1,5 +1,6 @@
-// The links of the running agent: DoIP connections shared per gateway and
-// tester address, kept for the next request; ISO-TP sockets per request.
+// The links of the running agent, each opened once and kept for the next
+// request: DoIP connections shared per gateway and tester address, one ISO-TP
+// socket per CAN ECU (interface and id pair).
 #ifndef UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
 #define UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
 
@@ -21,6 +22,9 @@ class TransportLinks : public LinkProvider {
     std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) override;
     // The shared connection to a gateway for a tester address.
     std::shared_ptr<DoipConnection> connection(const DoipAddress &address);
+    // The ECU's ISO-TP link, opened on first use; nullptr with *error when
+    // it cannot be (tried again on the next request).
+    std::shared_ptr<EcuLink> can_link(const CanAddress &address, std::string *error);
     // Closes every connection, so that requests under way end at once.
     void close_all();
 
@@ -31,6 +35,7 @@ class TransportLinks : public LinkProvider {
     const AgentSettings settings_;
     std::mutex lock_;
     std::map<std::string, std::shared_ptr<DoipConnection>> connections_;
+    std::map<std::string, std::shared_ptr<EcuLink>> can_links_;
     std::set<std::string> missing_can_logged_;
 };
 
