@@ -45,6 +45,7 @@ std::string long_answer() {
 std::string answers() {
     return R"({
     "1902FF": [{"data": "5902FF0301002F01710008C1010009"}],
+    "3E00": [{"data": "7E00"}],
     "22F189": [{"data": "7F2278"}, {"after-ms": 500, "data": "62F189454E472D322E342E312D43414E"}],
     "22F191": [{"data": "62F1914233"}],
     "22F1A0": [{"data": "7F2278"}, {"data": ")" +
@@ -157,11 +158,12 @@ TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
          {"7E0 0322F1A4", "7E8 0462F1A4AA"},
          "no answer from the ECU within 200 ms",
          500},
-        // Response pending, then a multi-frame answer; a single-frame one.
+        // After that timeout a TesterPresent first marks the late answer as
+        // stale. Response pending, then a multi-frame answer; a single-frame one.
         {"version engine",
          0,
          "engine (0x7E0): software version: ENG-2.4.1-CAN, hardware version: B3\n",
-         {"7E0 0322F189", "7E8 037F2278", "7E8 101062F189454E47", "7E0 300800",
+         {"7E0 023E00", "7E8 027E00", "7E0 0322F189", "7E8 037F2278", "7E8 101062F189454E47", "7E0 300800",
           "7E8 212D322E342E312D", "7E8 2243414E", "7E0 0322F191", "7E8 0562F1914233"},
          "",
          0},
@@ -232,14 +234,13 @@ TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
 
 // Two queries to one ECU at once share its one link in turn: each gets its
 // own answer, and each frame of an answer is acknowledged by one flow control.
-// (Two applications: the bus does not yet keep apart the replies to two
-// runs of one identity.)
+// Both runs hold one identity: each reply reaches only the run that asked.
 TEST_F(AgentIsotpTest, twoQueriesToOneEcuAtOnceGetTheirOwnAnswers) {
     size_t mark = bus_->mark();
     ToolRun slow;
     std::thread first([&] { slow = uozctl("run " + routine_file("ReadSlow", "0x7E0")); });
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // while F1A6 is pending
-    ToolRun version = uozctl("version engine", "peer1");
+    ToolRun version = uozctl("version engine");
     first.join();
     EXPECT_EQ(slow.out, "remote command: engine: done, response 62F1A6000102030405060708090A0B0C\n")
         << slow.err;
