@@ -39,13 +39,13 @@ isotp_opens() {
 
 # Makes the missing interfaces where we may (root); vcan0 must end up up.
 host_has_can() {
-    local spec name
-    for spec in "${interfaces[@]}"; do
-        name=${spec%%:*}
+    local iface name
+    for iface in "${interfaces[@]}"; do
+        name=${iface%%:*}
         [ -e "/sys/class/net/$name" ] && continue
         [ "$(id -u)" -eq 0 ] || continue
         ip link add dev "$name" type vcan 2>/dev/null || continue
-        [ "$name" = "$spec" ] || ip link set "$name" mtu "${spec#*:}"
+        [ "$name" = "$iface" ] || ip link set "$name" mtu "${iface#*:}"
         ip link set "$name" up
     done
     [ -n "$(ip link show up dev vcan0 2>/dev/null)" ] && isotp_opens
