@@ -35,7 +35,12 @@ bool write_all(int fd, const std::string &text) {
 
 }  // namespace
 
-LogLines::LogLines(int from, int to, bool keep_colour) : from_(from) {
+LogLines::LogLines(int from, int to, bool keep_colour)
+    : LogLines(from, to, [this, keep_colour](const std::string &line) {
+          write_all(to_, keep_colour ? line : without_colour(line));
+      }) {}
+
+LogLines::LogLines(int from, int to, Sink sink) : from_(from), sink_(std::move(sink)) {
     fflush(stdout);
     to_ = dup(to);
     int ends[2];
@@ -45,7 +50,7 @@ LogLines::LogLines(int from, int to, bool keep_colour) : from_(from) {
     }
     dup2(ends[1], from_);
     pipe_write_ = ends[1];
-    copier_ = std::thread(&LogLines::copy, this, ends[0], keep_colour);
+    copier_ = std::thread(&LogLines::copy, this, ends[0]);
 }
 
 LogLines::~LogLines() {
@@ -60,22 +65,20 @@ LogLines::~LogLines() {
         close(to_);
 }
 
-// Whole lines at a time, so that a colour code is never split.
-void LogLines::copy(int pipe_read, bool keep_colour) {
+// Line by line, so that a colour code is never split.
+void LogLines::copy(int pipe_read) {
     std::string pending;
     char chunk[4096];
     ssize_t got;
     while ((got = read(pipe_read, chunk, sizeof(chunk))) > 0) {
         pending.append(chunk, static_cast<size_t>(got));
-        size_t end = pending.rfind('\n');
-        if (end == std::string::npos)
-            continue;
-        std::string lines = pending.substr(0, end + 1);
-        pending.erase(0, end + 1);
-        write_all(to_, keep_colour ? lines : without_colour(lines));
+        size_t start = 0;
+        for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1)
+            sink_(pending.substr(start, end + 1 - start));
+        pending.erase(0, start);
     }
     if (!pending.empty())
-        write_all(to_, keep_colour ? pending : without_colour(pending));
+        sink_(pending);
     close(pipe_read);
 }
 

@@ -16,7 +16,6 @@ namespace {
 
 using uoztools::without_colour;
 
-
 // The library logs each reply of the agent to a DTC or version read whole,
 // at UOZ_LOG_INFO.
 constexpr char kReplyType[] = "\"type\":\"zelko.skyharbor-query-update\"";
@@ -43,36 +42,25 @@ int level_of(const std::string &plain) {
 Console::Console() {
     fflush(stdout);
     int saved = dup(STDOUT_FILENO);
-    int ends[2];
-    if (saved < 0 || pipe(ends) != 0) {
-        // Without a pipe the library's lines go to standard error as they are.
-        if (saved >= 0) {
-            results_ = fdopen(saved, "w");
-            dup2(STDERR_FILENO, STDOUT_FILENO);
-        }
-        return;
-    }
-    results_ = fdopen(saved, "w");
-    dup2(ends[1], STDOUT_FILENO);
-    pipe_write_ = ends[1];
+    if (saved >= 0)
+        results_ = fdopen(saved, "w");
+    if (results_ == nullptr)
+        results_ = stdout;
     bool keep_colour = uoztools::colour_allowed(STDERR_FILENO);
-    copier_ = std::thread(&Console::copy_library_lines, this, ends[0], keep_colour);
+    library_lines_ = std::make_unique<uoztools::LogLines>(
+        STDOUT_FILENO, STDERR_FILENO,
+        [this, keep_colour](const std::string &line) { handle_line(line, keep_colour); });
 }
 
 Console::~Console() {
     fflush(stdout);
     if (results_ != stdout)
         fflush(results_);
-    if (copier_.joinable()) {
-        // The copier ends when no write end of the pipe is left.
-        dup2(STDERR_FILENO, STDOUT_FILENO);
-        close(pipe_write_);
-        copier_.join();
-    }
+    library_lines_.reset();
 }
 
 int Console::library_level(int shown_level) {
-    if (!copier_.joinable())
+    if (!library_lines_->piped())
         return shown_level;
     std::lock_guard<std::mutex> hold(lock_);
     shown_level_ = shown_level;
@@ -81,14 +69,14 @@ int Console::library_level(int shown_level) {
 
 std::string Console::latest_agent_reply() {
     fflush(stdout);
-    if (!copier_.joinable())
+    if (!library_lines_->piped())
         return "";
     unsigned mark;
     {
         std::lock_guard<std::mutex> hold(lock_);
         mark = ++marks_sent_;
     }
-    if (write(pipe_write_, kMark, strlen(kMark)) != static_cast<ssize_t>(strlen(kMark)))
+    if (write(STDOUT_FILENO, kMark, strlen(kMark)) != static_cast<ssize_t>(strlen(kMark)))
         return "";
     std::unique_lock<std::mutex> hold(lock_);
     // The copier reads on while the caller waits; the bound is for a copier
@@ -124,22 +112,6 @@ void Console::handle_line(const std::string &text, bool keep_colour) {
     }
     if (shown)
         fputs((keep_colour ? line : plain).c_str(), stderr);
-}
-
-void Console::copy_library_lines(int from, bool keep_colour) {
-    std::string pending;
-    char chunk[4096];
-    ssize_t got;
-    while ((got = read(from, chunk, sizeof(chunk))) > 0) {
-        pending.append(chunk, static_cast<size_t>(got));
-        size_t start = 0;
-        for (size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1)
-            handle_line(pending.substr(start, end + 1 - start), keep_colour);
-        pending.erase(0, start);
-    }
-    if (!pending.empty())
-        handle_line(pending, keep_colour);
-    close(from);
 }
 
 }  // namespace uozctl

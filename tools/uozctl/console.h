@@ -8,9 +8,11 @@
 #include <stdio.h>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
+
+#include "log_lines.h"
 
 namespace uozctl {
 
@@ -34,18 +36,16 @@ class Console {
     std::string latest_agent_reply();
 
   private:
-    void copy_library_lines(int from, bool keep_colour);
     void handle_line(const std::string &text, bool keep_colour);
 
     FILE *results_ = stdout;
-    int pipe_write_ = -1;
-    std::thread copier_;
     std::mutex lock_;  // the members below
     std::condition_variable marked_;
     int shown_level_ = 1 << 30;
     unsigned marks_seen_ = 0;
     unsigned marks_sent_ = 0;
     std::string latest_reply_;
+    std::unique_ptr<uoztools::LogLines> library_lines_;  // last: its thread uses the above
 };
 
 }  // namespace uozctl
