@@ -286,50 +286,55 @@ ProbeResult greet_broker(int fd, const std::string &host, const std::string &whe
 
 }  // namespace
 
-std::string identity_problem(const std::string &identity_dir) {
-    IdentityFiles files = identity_files(identity_dir);
+namespace {
+
+// identity_problem() for the certificate read from files.certificate (null
+// when it could not be read).
+std::string problem_of(const IdentityFiles &files, X509 *certificate) {
     for (const std::string &path : {files.private_key, files.certificate, files.ca}) {
         if (access(path.c_str(), R_OK) != 0)
             return "cannot read " + path + ": " + strerror(errno);
     }
     const std::string &path = files.certificate;
-    CertPtr certificate = read_certificate(path);
-    if (!certificate)
+    if (certificate == nullptr)
         return path + " is not a PEM certificate";
-    if (X509_cmp_current_time(X509_get0_notAfter(certificate.get())) < 0) {
+    if (X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0)
         return "the certificate " + path + " expired on " +
-               time_text(X509_get0_notAfter(certificate.get()));
-    }
-    if (X509_cmp_current_time(X509_get0_notBefore(certificate.get())) > 0) {
+               time_text(X509_get0_notAfter(certificate));
+    if (X509_cmp_current_time(X509_get0_notBefore(certificate)) > 0) {
         return "the certificate " + path + " is not valid before " +
-               time_text(X509_get0_notBefore(certificate.get()));
+               time_text(X509_get0_notBefore(certificate));
     }
     return "";
 }
 
-std::string missing_reply_address(const std::string &identity_dir) {
-    const std::string path = identity_files(identity_dir).certificate;
-    CertPtr certificate = read_certificate(path);
-    if (!certificate)
-        return "";
-    for (const std::string &uri : certificate_uris(certificate.get())) {
-        if (uri.rfind("kt5:ua:", 0) == 0)
-            return "";
-    }
-    return "the certificate " + path +
-           " names no reply address (kt5:ua:...): replies reach this node only where the "
-           "broker grants reply routes; make the identity with 'uoz-pki node --ua NAME'";
+}  // namespace
+
+std::string identity_problem(const std::string &identity_dir) {
+    IdentityFiles files = identity_files(identity_dir);
+    return problem_of(files, read_certificate(files.certificate).get());
 }
 
-std::string serving_address(const std::string &identity_dir) {
-    CertPtr certificate = read_certificate(identity_files(identity_dir).certificate);
+IdentityFacts identity_facts(const std::string &identity_dir) {
+    IdentityFiles files = identity_files(identity_dir);
+    CertPtr certificate = read_certificate(files.certificate);
+    IdentityFacts facts;
+    facts.problem = problem_of(files, certificate.get());
     if (!certificate)
-        return "";
+        return facts;
+    bool reply_address = false;
     for (const std::string &uri : certificate_uris(certificate.get())) {
-        if (uri == kDiagnosticAgentUri || uri == kPolicyAgentUri)
-            return uri;
+        reply_address = reply_address || uri.rfind("kt5:ua:", 0) == 0;
+        if (facts.serving_address.empty() && (uri == kDiagnosticAgentUri || uri == kPolicyAgentUri))
+            facts.serving_address = uri;
     }
-    return "";
+    if (!reply_address) {
+        facts.reply_address_warning =
+            "the certificate " + files.certificate +
+            " names no reply address (kt5:ua:...): replies reach this node only where the "
+            "broker grants reply routes; make the identity with 'uoz-pki node --ua NAME'";
+    }
+    return facts;
 }
 
 namespace {

@@ -30,15 +30,18 @@ ProbeResult probe_broker(const std::string &host, int port, const std::string &i
 // valid), or empty.
 std::string identity_problem(const std::string &identity_dir);
 
-// Whether the certificate names at least one update-agent address
-// (kt5:ua:...), where replies go when the broker grants no reply route.
-// Empty result when it does.
-std::string missing_reply_address(const std::string &identity_dir);
-
-// The serving node's address (presence.h: kDiagnosticAgentUri,
-// kPolicyAgentUri) that the certificate in identity_dir holds, or empty for
-// an application's certificate.
-std::string serving_address(const std::string &identity_dir);
+// What a tool checks of its identity before it uses it, from one reading of
+// its certificate (each reading costs a public-key decoding).
+struct IdentityFacts {
+    std::string problem;  // identity_problem()'s reason, or empty
+    // The serving node's address (presence.h: kDiagnosticAgentUri,
+    // kPolicyAgentUri) that the certificate holds; empty for an application's.
+    std::string serving_address;
+    // Set when the certificate names no update-agent address (kt5:ua:...),
+    // where replies go when the broker grants no reply route.
+    std::string reply_address_warning;
+};
+IdentityFacts identity_facts(const std::string &identity_dir);
 
 }  // namespace uozbus
 

@@ -22,7 +22,7 @@ int run_consent(const Context &context, const std::string &kind, const std::stri
     Session session(context);
     if (int rc = session.start(Server::kPolicyAgent))
         return rc;
-    int rc = call_with_timeout(context, "waiting for the policy agent", "policy agent", [&] {
+    int rc = call_with_timeout(session, "waiting for the policy agent", [&] {
         return UDSOverZelkoSendExternalConsent(
             session.handle(), kind == "download" ? CONSENT_DOWNLOAD : CONSENT_INSTALL,
             campaign.c_str());

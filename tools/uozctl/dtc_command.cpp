@@ -46,9 +46,10 @@ DtcAnswer answer_of(UDSOverZelkoHandle *handle, const DTCBufferEntry &entry, int
     return answer;
 }
 
-int read_dtcs(const Context &context, UDSOverZelkoHandle *handle, int32_t address,
-              const DtcRequest &request, DTCBuffer *buffer) {
-    return call_with_timeout(context, "reading DTCs", "diagnostic agent", [&] {
+int read_dtcs(const Session &session, int32_t address, const DtcRequest &request,
+              DTCBuffer *buffer) {
+    UDSOverZelkoHandle *handle = session.handle();
+    return call_with_timeout(session, "reading DTCs", [&] {
         return request.by_dtc_or_record ? UDSOverZelko_ReadDTCInfoByDTCAndRecordNumber(
                                               handle, address, request.report, request.dtc,
                                               static_cast<uint8_t>(request.record), buffer)
@@ -93,7 +94,7 @@ int run_dtc_read(const Context &context, const DtcRequest &request) {
         return rc;
     DTCBuffer buffer{};
     auto started = std::chrono::steady_clock::now();
-    int rc = read_dtcs(context, session.handle(), address, request, &buffer);
+    int rc = read_dtcs(session, address, request, &buffer);
     double waited =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     int code = rc < 0 ? explain_read_failure(context, session.ecu_title(address), rc,
@@ -109,7 +110,7 @@ int run_dtc_clear(const Context &context, const std::string &ecu, uint32_t group
     if (int rc = session.start_for_ecu(ecu, &address))
         return rc;
     CommandResponse response{};
-    int rc = call_with_timeout(context, "clearing DTCs", "diagnostic agent", [&] {
+    int rc = call_with_timeout(session, "clearing DTCs", [&] {
         return UDSOverZelkoClearDTC(session.handle(), address, group, &response);
     });
     return show_routine_response(context, rc, &response, "clear DTCs");

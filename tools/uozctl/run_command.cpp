@@ -23,7 +23,7 @@ int run_document(const Context &context, const std::string &path) {
     if (int rc = session.start())
         return rc;
     CommandResponse response{};
-    int rc = call_with_timeout(context, "running the remote command", "diagnostic agent", [&] {
+    int rc = call_with_timeout(session, "running the remote command", [&] {
         return UDSOverZelko_ExecuteRemoteCommand(session.handle(), document.c_str(),
                                                  static_cast<uint32_t>(document.size() + 1),
                                                  &response);

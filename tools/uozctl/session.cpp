@@ -30,29 +30,21 @@ int Session::start(Server server) {
         return output.fail(uoztools::kExitCannotStart, config_.file_error);
     output.config_warnings(config_);
     // An agent's identity would take the queries of others as its own.
-    std::string serving = uozbus::serving_address(options.certs);
-    if (!serving.empty()) {
+    uozbus::IdentityFacts identity = uozbus::identity_facts(options.certs);
+    if (!identity.serving_address.empty()) {
         return output.fail(uoztools::kExitCannotStart,
                            "the certificate " + uozbus::identity_files(options.certs).certificate +
-                               " holds an agent's address (" + serving +
+                               " holds an agent's address (" + identity.serving_address +
                                "): uozctl needs an application's identity (make one with "
                                "'uoz-pki node --id NAME')");
     }
-    std::string warning = uozbus::missing_reply_address(options.certs);
-    if (!warning.empty())
-        output.warn(warning);
-    uozbus::ProbeResult probe =
-        uozbus::probe_broker(host, port, options.certs, kProbeTimeoutMs, true);
-    if (!probe.ok)
-        return output.fail(uoztools::kExitCannotStart, probe.reason);
-    bool policy = server == Server::kPolicyAgent;
-    const char *expected = policy ? uozbus::kPolicyAgentUri : uozbus::kDiagnosticAgentUri;
-    if (probe.presence_known && probe.present.count(expected) == 0) {
-        return output.fail(uoztools::kExitNoReply,
-                           std::string("no ") + (policy ? "policy agent" : "diagnostic agent") +
-                               " (" + expected + ") is connected to " + options.broker +
-                               ": is uoz-agent running and connected to it?");
-    }
+    if (!identity.reply_address_warning.empty())
+        output.warn(identity.reply_address_warning);
+    if (!identity.problem.empty())
+        return output.fail(uoztools::kExitCannotStart, identity.problem);
+    server_ = server;
+    broker_host_ = host;
+    broker_port_ = port;
     BrokerConfig broker{};
     broker.broker_ip = host.c_str();
     broker.port = port;
@@ -61,12 +53,37 @@ int Session::start(Server server) {
     broker.debug_level = output.library_level(options.debug);
     handle_ = UDSOverZelko_Init(&broker, options.config.c_str());
     if (handle_ == nullptr) {
+        uozbus::ProbeResult probe =
+            uozbus::probe_broker(host, port, options.certs, kProbeTimeoutMs);
+        if (!probe.ok)
+            return output.fail(uoztools::kExitCannotStart, probe.reason);
         return output.fail(uoztools::kExitCannotStart, "cannot start the library with --config " +
                                                            options.config + " and --certs " +
                                                            options.certs +
                                                            " (run with --debug 2 for details)");
     }
     return uoztools::kExitOk;
+}
+
+int Session::explain_silence() const {
+    const Options &options = context_.options;
+    uozbus::ProbeResult probe =
+        uozbus::probe_broker(broker_host_, broker_port_, options.certs, kProbeTimeoutMs, true);
+    if (!probe.ok)
+        return context_.output.fail(uoztools::kExitCannotStart, probe.reason);
+    const char *expected =
+        server_ == Server::kPolicyAgent ? uozbus::kPolicyAgentUri : uozbus::kDiagnosticAgentUri;
+    if (probe.presence_known && probe.present.count(expected) == 0) {
+        return context_.output.fail(uoztools::kExitNoReply,
+                                    std::string("no ") + server_title() + " (" + expected +
+                                        ") is connected to " + options.broker +
+                                        ": is uoz-agent running and connected to it?");
+    }
+    return uoztools::kExitOk;
+}
+
+const char *Session::server_title() const {
+    return server_ == Server::kPolicyAgent ? "policy agent" : "diagnostic agent";
 }
 
 int Session::start_for_ecu(const std::string &ecu, int32_t *address) {

@@ -40,15 +40,26 @@ class Session {
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
 
-    // Checks the options, the configuration (its warnings on standard error),
-    // the identity, the broker and that `server` is on the bus, then starts
-    // the library: 0, or the exit code of the failure, which is told.
+    // Checks the options, the configuration (its warnings on standard error)
+    // and the identity, then starts the library, whose queries go to
+    // `server`: 0, or the exit code of the failure, which is told. The broker
+    // is looked at only when the library cannot start or a reply is slow to
+    // come (explain_silence), so that a query that is answered pays for one
+    // connection, not two.
     int start(Server server = Server::kDiagnosticAgent);
     // start(), then the ECU named by `ecu` ("all", a configured name or a
     // target address in hex) into *address: 0, or the exit code.
     int start_for_ecu(const std::string &ecu, int32_t *address);
 
+    // Why no reply has come, when the broker or the server is the reason: a
+    // broker problem (exit 1) or no `server` on the bus (exit 3), told, with
+    // its exit code; 0 when both are there, and the reply is only slow.
+    int explain_silence() const;
+
     UDSOverZelkoHandle *handle() const { return handle_; }
+    const Context &context() const { return context_; }
+    // "diagnostic agent" or "policy agent".
+    const char *server_title() const;
     // The configuration entry the library loaded for an address, if any.
     const EntryReport *loaded_entry(int32_t address) const;
     // "engine (0x7E0)", "unknown ECU (0x7E9)", or "all ECUs" for -1.
@@ -58,6 +69,9 @@ class Session {
     bool resolve_ecu(const std::string &text, int32_t *address) const;
 
     const Context &context_;
+    Server server_ = Server::kDiagnosticAgent;
+    std::string broker_host_;
+    int broker_port_ = 0;
     UDSOverZelkoHandle *handle_ = nullptr;
     ConfigReport config_;
 };

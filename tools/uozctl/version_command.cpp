@@ -21,7 +21,7 @@ int run_version(const Context &context, const std::string &ecu) {
                                "is no version to read");
     }
     char version[1024] = {0};
-    int rc = call_with_timeout(context, "reading the version", "diagnostic agent", [&] {
+    int rc = call_with_timeout(session, "reading the version", [&] {
         return UDSOverZelko_ReadECUVersionInformation(session.handle(), address, version,
                                                       sizeof(version) - 1);
     });

@@ -17,6 +17,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// How long a reply may take before the broker and the server are looked at:
+// most replies come well within it, and then nothing else is paid for.
+constexpr std::chrono::milliseconds kQuietBeforeLooking{200};
+
 // Shows the time spent waiting on a terminal; silent when stderr is piped.
 class WaitIndicator {
   public:
@@ -24,7 +28,10 @@ class WaitIndicator {
         if (isatty(STDERR_FILENO))
             thread_ = std::thread(&WaitIndicator::show, this);
     }
-    ~WaitIndicator() {
+    ~WaitIndicator() { stop(); }
+
+    // Ends the indicator and clears its line, before anything else is told.
+    void stop() {
         {
             std::lock_guard<std::mutex> hold(lock_);
             done_ = true;
@@ -56,23 +63,35 @@ class WaitIndicator {
     std::thread thread_;
 };
 
+// Ends the process with `code` at once, leaving the call running.
+[[noreturn]] void end_waiting(WaitIndicator *waiting, std::thread *worker, int code) {
+    waiting->stop();
+    worker->detach();
+    fflush(nullptr);
+    _exit(code);
+}
+
 }  // namespace
 
-int call_with_timeout(const Context &context, const char *what, const char *who,
-                      std::function<int()> call) {
+int call_with_timeout(const Session &session, const char *what, std::function<int()> call) {
+    const Context &context = session.context();
     WaitIndicator waiting(what);
     std::packaged_task<int()> task(std::move(call));
     std::future<int> result = task.get_future();
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(context.options.timeout);
     std::thread worker(std::move(task));
-    if (result.wait_for(std::chrono::seconds(context.options.timeout)) ==
+    if (result.wait_until(std::min(deadline, Clock::now() + kQuietBeforeLooking)) !=
         std::future_status::ready) {
+        if (int code = session.explain_silence())
+            end_waiting(&waiting, &worker, code);
+    }
+    if (result.wait_until(deadline) == std::future_status::ready) {
         worker.join();
         return result.get();
     }
-    worker.detach();
-    context.output.no_reply(who, context.options.timeout);
-    fflush(nullptr);
-    _exit(uoztools::kExitNoReply);
+    waiting.stop();
+    context.output.no_reply(session.server_title(), context.options.timeout);
+    end_waiting(&waiting, &worker, uoztools::kExitNoReply);
 }
 
 }  // namespace uozctl

@@ -10,12 +10,14 @@
 
 namespace uozctl {
 
-// Runs `call` (a library operation) and gives its result. When --timeout
-// passes first, the tool says "no reply" (who: "diagnostic agent") and the
-// process ends at once with exit code 3: the call cannot be cancelled, and
-// the end of the process releases what it holds.
-int call_with_timeout(const Context &context, const char *what, const char *who,
-                      std::function<int()> call);
+// Runs `call` (a library operation of the session) and gives its result.
+// When no reply has come after a moment, the broker and the server are
+// looked at once (Session::explain_silence): a reply that cannot come is told
+// then, with its reason. When --timeout passes first, the tool says "no
+// reply". Either way the process ends at once with the failure's exit code:
+// the call cannot be cancelled, and the end of the process releases what it
+// holds.
+int call_with_timeout(const Session &session, const char *what, std::function<int()> call);
 
 }  // namespace uozctl
 
