@@ -258,30 +258,33 @@ bool read_engine(UDSOverZelkoHandle *handle) {
 // DoIP to the same simulator), taking turns. Runs after the minimal
 // responder has left, so that only the real agent answers.
 void measure_doip_path(const Options &options, const uoztest::Broker &broker, MosquittoPair &pair,
-                       Report &report) {
-    fprintf(stderr, "latency through the agent and DoIP, and bare MQTT + bare DoIP...\n");
-    DoipPath path(broker.port());
+                       DoipTransport transport, Report &report) {
+    const std::string doip = transport == DoipTransport::kTls ? "TLS DoIP" : "DoIP";
+    fprintf(stderr, "latency through the agent and %s, and bare MQTT + bare %s...\n", doip.c_str(),
+            doip.c_str());
+    DoipPath path(broker.port(), transport);
     uozagent::AgentPeer watcher(uoztest::identity_dir("peer1"), broker.url());
     if (!watcher.wait_for_peer("/ZDATA/UDS", 10000)) {
         fprintf(stderr, "the agent did not connect\n");
         exit(1);
     }
-    BareDoip doip(path.simulator_port());
+    BareDoip bare(path.simulator_port(), transport);
     UDSOverZelkoHandle *handle = init_handle(broker, path.config_path());
     if (!read_engine(handle)) {
         fprintf(stderr, "no answer through the agent:\n%s\n", path.agent_output().c_str());
         exit(1);
     }
-    if (!doip.round_trip()) {
+    if (!bare.round_trip()) {
         fprintf(stderr, "no answer from the simulator\n");
         exit(1);
     }
     std::vector<Summary> summaries =
         interleaved_latency(options.warmup, options.requests,
-                            {[&] { return pair.round_trip(0) && doip.round_trip(); },
+                            {[&] { return pair.round_trip(0) && bare.round_trip(); },
                              [&] { return read_engine(handle); }});
-    report.add_latency("bare MQTT + bare DoIP round trips", summaries[0], summaries[0]);
-    report.add_latency("UDSOverZelko_ReadDTCInfo via agent and DoIP", summaries[1], summaries[0]);
+    report.add_latency("bare MQTT + bare " + doip + " round trips", summaries[0], summaries[0]);
+    report.add_latency("UDSOverZelko_ReadDTCInfo via agent and " + doip, summaries[1],
+                       summaries[0]);
     UDSOverZelko_Terminate(handle);
 }
 
@@ -352,8 +355,10 @@ int main(int argc, char **argv) {
         UDSOverZelko_Terminate(handle);
         unlink(config_path.c_str());
         responder.reset();
-        if (options.latency_only)
-            measure_doip_path(options, broker, pair, report);
+        if (options.latency_only) {
+            measure_doip_path(options, broker, pair, DoipTransport::kPlain, report);
+            measure_doip_path(options, broker, pair, DoipTransport::kTls, report);
+        }
         report.print(stdout);
         return 0;
     }
@@ -366,7 +371,8 @@ int main(int argc, char **argv) {
     unlink(config_path.c_str());
     answered = responder->answered();
     responder.reset();
-    measure_doip_path(options, broker, pair, report);
+    measure_doip_path(options, broker, pair, DoipTransport::kPlain, report);
+    measure_doip_path(options, broker, pair, DoipTransport::kTls, report);
 
     report.print(stdout);
     if (!report.write_json(options.json_path)) {
