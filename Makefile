@@ -51,6 +51,7 @@ demo: build
 	./scripts/demo.sh build
 
 bench: deps
+	@./scripts/install-deps.sh --bench
 	cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DUOZ_BUILD_BENCH=ON $(CMAKE_FLAGS)
 	cmake --build build-bench -j$(JOBS)
 	./scripts/bench.sh build-bench

@@ -2,8 +2,10 @@
 # Wall time of one command-line DTC read, as a user meets it: starts the local
 # stack (PKI, broker, ECU simulator, agent) as the demo does, runs
 # `uozctl dtc read engine` RUNS times (default 50) after a warm-up, and prints
-# the minimum, median and maximum in milliseconds. Everything started here is
-# stopped on exit.
+# the minimum, median and maximum in milliseconds. Beside it, as the floor of
+# any command-line MQTT client over TLS, the same for one mosquitto_pub of a
+# message with the same identity (package mosquitto-clients; skipped without
+# it). Everything started here is stopped on exit.
 #   scripts/bench-cli.sh [build-dir] [runs]
 set -euo pipefail
 build=${1:-build}
@@ -60,19 +62,32 @@ uozctl=("$(bin uozctl)" --broker "localhost:$port" --certs "$work/pki/app"
 "${uozctl[@]}" >/dev/null 2>&1 || { echo "bench-cli: the read failed:" >&2; "${uozctl[@]}" >&2; exit 1; }
 
 # EPOCHREALTIME is read without a fork, so a figure holds only the command;
-# without its dot it counts microseconds.
-micros=()
-for _ in $(seq "$runs"); do
-  start=${EPOCHREALTIME/./}
-  "${uozctl[@]}" >/dev/null 2>&1
-  end=${EPOCHREALTIME/./}
-  micros+=($((end - start)))
-done
-printf '%s\n' "${micros[@]}" | sort -n | awk -v runs="$runs" -v cores="$(nproc)" \
-  -v load="$(cut -d' ' -f1-3 /proc/loadavg)" '
-  { v[NR] = $1 / 1000 }
-  END {
-    median = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
-    printf "uozctl dtc read engine, %d runs (%d cores, load %s): min %.1f / median %.1f / max %.1f ms\n",
-      runs, cores, load, v[1], median, v[NR]
-  }'
+# without its dot it counts microseconds. Prints one line for `title`.
+time_runs() {
+  local title=$1 start end
+  shift
+  local micros=()
+  for _ in $(seq "$runs"); do
+    start=${EPOCHREALTIME/./}
+    "$@" >/dev/null 2>&1
+    end=${EPOCHREALTIME/./}
+    micros+=($((end - start)))
+  done
+  printf '%s\n' "${micros[@]}" | sort -n | awk -v runs="$runs" -v cores="$(nproc)" \
+    -v load="$(cut -d' ' -f1-3 /proc/loadavg)" -v title="$title" '
+    { v[NR] = $1 / 1000 }
+    END {
+      median = (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2
+      printf "%s, %d runs (%d cores, load %s): min %.1f / median %.1f / max %.1f ms\n",
+        title, runs, cores, load, v[1], median, v[NR]
+    }'
+}
+
+time_runs "uozctl dtc read engine" "${uozctl[@]}"
+if command -v mosquitto_pub >/dev/null; then
+  pki=$work/pki
+  publish=(mosquitto_pub -V 5 -h localhost -p "$port" --cafile "$pki/ca/ca.pem"
+    --cert "$pki/app/cert.pem" --key "$pki/app/private.pem" -t kt5/bench -m x)
+  "${publish[@]}" >/dev/null 2>&1 || { echo "bench-cli: mosquitto_pub failed:" >&2; "${publish[@]}" >&2; exit 1; }
+  time_runs "mosquitto_pub of one message over TLS" "${publish[@]}"
+fi

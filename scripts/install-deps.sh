@@ -13,6 +13,7 @@ if [ "${1:-}" = "--can-vm" ] || { [ ! -e /sys/class/net/vcan0 ] && ! modinfo vca
 fi
 if [ "${1:-}" = "--fuzz" ]; then packages+=(clang libclang-rt-14-dev); fi
 if [ "${1:-}" = "--coverage" ]; then packages+=(gcovr); fi
+if [ "${1:-}" = "--bench" ]; then packages+=(mosquitto-clients); fi  # the command-line floor
 if [ "${1:-}" = "--package" ]; then packages+=(file systemd systemd-container python3-debian adduser procps); fi
 missing=()
 for p in "${packages[@]}"; do
