@@ -144,6 +144,9 @@ TEST_F(AgentFdJ1939Test, j1939VersionsAndExtendedAddressing) {
         EXPECT_EQ(run.out, row.out) << row.arguments;
         EXPECT_TRUE(matches(run.err, row.err)) << row.arguments << "\n" << run.err;
     }
+    EXPECT_NE(agent_->output().find("trace truck (0x7E0): J1939 request 0xFEDA -> 0xFEDA "
+                                    "02454E472D312E322E332A424F4F542D302E392A\n"),
+              std::string::npos);
     std::vector<CanFrame> frames = frames_since(bus, 0, 1);
     std::vector<std::vector<uint8_t>> truck_requests, gearbox_requests;
     for (const CanFrame &frame : frames) {

@@ -12,6 +12,8 @@
 
 #include <algorithm>
 
+#include "interface_failure.h"
+
 namespace uozcan {
 
 namespace {
@@ -104,13 +106,8 @@ std::string failure(const std::string &what, const std::string &ifname, int erro
         case ETIMEDOUT:  // the kernel's N_Cr timer
             return "the ECU stopped sending in the middle of its answer (no frame within " +
                    frame_timeout + ")";
-        case ENETDOWN:
-            return "CAN interface " + ifname + " is down";
-        case ENODEV:
-        case ENXIO:
-            return "CAN interface " + ifname + " is gone";
         default:
-            return what + " on " + ifname + " failed: " + strerror(error);
+            return interface_failure(what, ifname, error);
     }
 }
 

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 
+#include "interface_failure.h"
+
 namespace uozcan {
 
 namespace {
@@ -26,18 +28,6 @@ sockaddr_can j1939_address(int ifindex, uint32_t pgn, uint8_t address) {
     socket_address.can_addr.j1939.pgn = pgn;
     socket_address.can_addr.j1939.addr = address;
     return socket_address;
-}
-
-std::string failure(const std::string &what, const std::string &ifname, int error) {
-    switch (error) {
-        case ENETDOWN:
-            return "CAN interface " + ifname + " is down";
-        case ENODEV:
-        case ENXIO:
-            return "CAN interface " + ifname + " is gone";
-        default:
-            return what + " on " + ifname + " failed: " + strerror(error);
-    }
 }
 
 }  // namespace
@@ -80,7 +70,7 @@ std::unique_ptr<J1939Socket> J1939Socket::open(const std::string &ifname, uint8_
     sockaddr_can bound = j1939_address(static_cast<int>(index), J1939_NO_PGN, address);
     if (setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)) != 0 ||
         bind(fd.get(), reinterpret_cast<sockaddr *>(&bound), sizeof(bound)) != 0) {
-        *error = failure("opening J1939", ifname, errno);
+        *error = interface_failure("opening J1939", ifname, errno);
         return nullptr;
     }
     return std::unique_ptr<J1939Socket>(new J1939Socket(std::move(fd), ifname));
@@ -101,7 +91,7 @@ bool J1939Socket::accept_only(uint8_t source, const std::vector<uint32_t> &pgns,
     }
     if (setsockopt(fd_.get(), SOL_CAN_J1939, SO_J1939_FILTER, filters.data(),
                    static_cast<socklen_t>(filters.size() * sizeof(j1939_filter))) != 0) {
-        *error = failure("filtering J1939", ifname_, errno);
+        *error = interface_failure("filtering J1939", ifname_, errno);
         return false;
     }
     return true;
@@ -111,7 +101,7 @@ bool J1939Socket::send(uint32_t pgn, uint8_t destination, const Bytes &data, std
     sockaddr_can to = j1939_address(0, pgn, destination);
     if (::sendto(fd_.get(), data.data(), data.size(), 0, reinterpret_cast<sockaddr *>(&to),
                  sizeof(to)) != static_cast<ssize_t>(data.size())) {
-        *error = failure("J1939 send", ifname_, errno);
+        *error = interface_failure("J1939 send", ifname_, errno);
         return false;
     }
     return true;
@@ -141,7 +131,7 @@ J1939Socket::Receive J1939Socket::receive(Clock::time_point until, J1939Message 
     header.msg_controllen = sizeof(control);
     ssize_t length = ::recvmsg(fd_.get(), &header, MSG_DONTWAIT);
     if (length < 0) {
-        *error = failure("J1939 receive", ifname_, errno);
+        *error = interface_failure("J1939 receive", ifname_, errno);
         return Receive::kFailed;
     }
     message->data.resize(static_cast<size_t>(length));
