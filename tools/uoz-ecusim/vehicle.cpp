@@ -388,6 +388,11 @@ VehicleFile parse_vehicle(const std::string &text) {
                 fail("ECU \"" + ecu.name + "\"", "logical address " +
                                                      uozuds::hex_number(ecu.logical_address, 4) +
                                                      " is also \"" + earlier.name + "\"'s");
+            if (ecu.j1939.present && earlier.j1939.present &&
+                ecu.j1939.address == earlier.j1939.address)
+                fail("ECU \"" + ecu.name + "\"", "J1939 source address " +
+                                                     uozuds::hex_number(ecu.j1939.address, 2) +
+                                                     " is also \"" + earlier.name + "\"'s");
         }
         if (ecu.logical_address == vehicle.functional_address)
             fail("ECU \"" + ecu.name + "\"", "logical address " +
