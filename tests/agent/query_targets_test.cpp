@@ -98,6 +98,41 @@ TEST(QueryTargetsTest, anUnroutedIocEcuCannotBeReachedAndSaysHowToFixIt) {
               "settings' \"gateway\"");
 }
 
+// A CAN FD ECU has no block in the library's queries: the settings give it,
+// a query for all ECUs adds it, a "canfd" query finds it by target address.
+// Extended addressing is chosen per ECU name.
+TEST(QueryTargetsTest, canFdAndExtendedAddressingComeFromTheSettings) {
+    AgentSettings settings = AgentSettings::from_json(R"({
+      "can": {"extended-addressing": {"engine": {"target": "0x18", "answer": "0xF1"}, "0x720": "0x20"}},
+      "canfd": {"adas": {"ifname": "can1", "phy-req-id": "0x7E4", "phy-resp-id": "0x7EC",
+                         "st-min": "0x01", "bsize": "0x02", "data-length": 32}}})");
+    settings.learn_ecus(R"({"configs":[{"type":"CANFD","targetAddress":"0x7E4","name":"adas"},
+      {"type":"CAN","targetAddress":"0x7E0","name":"engine","can":{"phy-req-id":"0x7E0"}}]})");
+    bool broadcast = false;
+    auto targets = targets_of(kAllQuery, settings, &broadcast);
+    ASSERT_EQ(targets.size(), 3u);
+    EXPECT_EQ(targets[0].can.extended_address->target, 0x18);
+    EXPECT_EQ(targets[0].can.extended_address->answer, 0xF1);
+    EXPECT_FALSE(targets[1].can.extended_address);  // an IOC ECU, no gateway
+    const EcuTarget &adas = targets[2];
+    EXPECT_EQ(adas.name, "adas");
+    EXPECT_EQ(adas.label, "0x7E4");
+    EXPECT_EQ(adas.transport, Transport::kCan);
+    EXPECT_EQ(adas.can.ifname, "can1");
+    EXPECT_EQ(adas.can.response_id, 0x7ECu);
+    EXPECT_EQ(adas.can.st_min, 0x01);
+    EXPECT_EQ(adas.can.fd_data_length, 32);
+    EXPECT_FALSE(adas.can.bit_rate_switch);
+    EXPECT_NE(adas.can.link_key(), targets[0].can.link_key());
+    auto one =
+        targets_of(R"({"mode":"CANFD","targetAddress":"0x7E4","canfd":{}})", settings, &broadcast);
+    ASSERT_EQ(one.size(), 1u);
+    EXPECT_EQ(one[0].can.link_key(), adas.can.link_key());
+    auto unknown =
+        targets_of(R"({"mode":"CANFD","targetAddress":"0x7E9","canfd":{}})", settings, &broadcast);
+    EXPECT_EQ(unknown[0].error, "CANFD ECU 0x7E9 has no entry in the agent settings' \"canfd\"");
+}
+
 TEST(QueryTargetsTest, aBadBlockValueIsNamed) {
     const struct {
         const char *body;

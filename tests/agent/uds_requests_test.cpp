@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "j1939_version.h"
 #include "json_helpers.h"
 
 namespace uozagent {
@@ -76,19 +77,57 @@ TEST(VersionTest, readsEveryConfiguredDidInOrder) {
     EXPECT_FALSE(split_dids_answer(speeds, {0x62, 0xF4, 0x0D, 0x32, 0xF4, 0x0C, 0x0B}, &answers));
 }
 
-TEST(VersionTest, aJ1939DescriptionIsAClearFailureInBothForms) {
-    const char *forms[] = {
-        R"({"pgn":"0xFEDA","source-address":"0x03","ifname":"can0"})",  // a CAN ECU's
-        R"({"j1939":{"pgn":"0xFEDA","source-address":"0x03"}})",        // any other ECU's
+TEST(VersionTest, aJ1939DescriptionIsReadOnlyWithACanInterface) {
+    const struct {
+        const char *version;
+        bool j1939;
+        const char *error;
+    } cases[] = {
+        {R"({"uds":[]})", false, ""},
+        {R"({"j1939":{"pgn":"0xFEDA","source-address":"0x03"}})", true,  // a DoIP ECU's
+         "a J1939 version read needs the ECU's CAN interface name, which only a CAN ECU's "
+         "description carries"},
+        {R"({"pgn":"0xFEDAX","source-address":"0x03","ifname":"can0"})", true,
+         "the J1939 description's \"pgn\" (0xFEDAX) is not a valid value"},
+        {R"({"pgn":65242,"source-address":"0xFE","ifname":"can0"})", true,
+         "the J1939 description's \"source-address\" (0xFE) is not a valid value"},
     };
-    for (const char *form : forms) {
-        JsonPtr version = parse(form);
+    EcuTarget routed;
+    routed.transport = Transport::kDoip;
+    std::string error;
+    read_j1939_version(parse(cases[2].version).get(), routed, AgentSettings{}, &error);
+    EXPECT_EQ(error, "a J1939 version read goes over CAN, and this ECU is reached over DoIP");
+    for (const auto &row : cases) {
+        JsonPtr version = parse(row.version);
+        EXPECT_EQ(is_j1939_description(version.get()), row.j1939) << row.version;
+        if (!row.j1939)
+            continue;
         std::string error;
-        EXPECT_TRUE(version_items(version.get(), &error).empty());
-        EXPECT_EQ(error,
-                  "a J1939 version read needs a J1939 transport, which this agent does not have")
-            << form;
+        EXPECT_EQ(read_j1939_version(version.get(), EcuTarget{}, AgentSettings{}, &error), "");
+        EXPECT_EQ(error, row.error) << row.version;
     }
+}
+
+TEST(VersionTest, j1939AnswersAreShownAsText) {
+    const struct {
+        uint32_t pgn;
+        std::string data;
+        const char *text;
+    } cases[] = {
+        {0xFEDA, std::string("\x02") + "ENG-1.2*BOOT-0.9*", "ENG-1.2, BOOT-0.9"},
+        {0xFEDA, std::string("\x01") + "ENG-1.2  *BOOT-0.9*", "ENG-1.2"},  // the count rules
+        {0xFEDA, std::string("\x02") + "ENG-1.2*BOOT", "ENG-1.2, BOOT"},
+        {0xFEEB, "ACME*X1**U7*", "make: ACME, model: X1, unit number: U7"},
+        {0xFEEB, std::string("AC\x01*", 4), "make: 414301"},
+        {0xFEEC, "1FUJA6CV12L123456*", "1FUJA6CV12L123456*"},
+        {0xFEEC, std::string("\x01\x02", 2), "0102"},
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(j1939_text(row.pgn, Bytes(row.data.begin(), row.data.end())), row.text)
+            << row.data;
+}
+
+TEST(VersionTest, anEmptyUdsListIsAClearFailure) {
     JsonPtr empty = parse(R"({"uds":[]})");
     std::string error;
     EXPECT_TRUE(version_items(empty.get(), &error).empty());

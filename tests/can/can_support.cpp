@@ -139,6 +139,9 @@ std::vector<CanFrame> parse_candump(const std::string &log) {
         std::string data = frame_text.substr(hash + 1);
         if (!data.empty() && data.front() == '#') {  // CAN FD: "##", a flags digit, the data
             frame.fd = true;
+            frame.fd_flags = data.size() > 1
+                                 ? static_cast<uint8_t>(std::stoul(data.substr(1, 1), nullptr, 16))
+                                 : 0;
             data = data.size() > 2 ? data.substr(2) : "";
         }
         if (!data.empty() && data.front() == 'R')  // a remote request carries no data
@@ -210,11 +213,24 @@ std::vector<CanFrame> CanBusLog::frames_since(size_t mark) const {
                                                                  : "");
 }
 
+// The script's command line: the table and flow control, then its options.
+std::vector<std::string> isotp_ecu_command(const std::string &ifname, uint32_t request_id,
+                                           uint32_t response_id, const std::string &answers_json,
+                                           uint8_t block_size, uint8_t st_min,
+                                           const std::vector<std::string> &options) {
+    std::vector<std::string> command = {
+        "/usr/bin/python3",         UOZ_CAN_DIR "/isotp_ecu.py", ifname,
+        hex_id(request_id),         hex_id(response_id),         answers_json,
+        std::to_string(block_size), std::to_string(st_min)};
+    command.insert(command.end(), options.begin(), options.end());
+    return command;
+}
+
 IsotpEcu::IsotpEcu(const std::string &ifname, uint32_t request_id, uint32_t response_id,
-                   const std::string &answers_json, uint8_t block_size, uint8_t st_min)
-    : process_({"/usr/bin/python3", UOZ_CAN_DIR "/isotp_ecu.py", ifname, hex_id(request_id),
-                hex_id(response_id), answers_json, std::to_string(block_size),
-                std::to_string(st_min)}) {
+                   const std::string &answers_json, uint8_t block_size, uint8_t st_min,
+                   const std::vector<std::string> &options)
+    : process_(isotp_ecu_command(ifname, request_id, response_id, answers_json, block_size, st_min,
+                                 options)) {
     if (!process_.wait_for_output("ready\n", 60000))
         throw std::runtime_error("isotp_ecu.py did not start: " + process_.output());
 }

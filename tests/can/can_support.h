@@ -22,6 +22,7 @@ std::string can_missing(const std::string &ifname);
 struct CanFrame {
     uint32_t id = 0;  // a 29-bit id with CAN_EFF_FLAG
     bool fd = false;
+    uint8_t fd_flags = 0;  // CANFD_BRS, CANFD_ESI
     std::vector<uint8_t> data;
 };
 
@@ -65,11 +66,13 @@ class CanBusLog {
 };
 
 // isotp_ecu.py answering requests on request_id from a table (see the
-// script), ready when the constructor returns.
+// script), ready when the constructor returns; `options` are its own
+// ("--fd", "--extended-addressing 0x18 0xF1").
 class IsotpEcu {
   public:
     IsotpEcu(const std::string &ifname, uint32_t request_id, uint32_t response_id,
-             const std::string &answers_json, uint8_t block_size = 0, uint8_t st_min = 0);
+             const std::string &answers_json, uint8_t block_size = 0, uint8_t st_min = 0,
+             const std::vector<std::string> &options = {});
     // "request HEX" and "answer HEX" lines.
     std::string output() const { return process_.output(); }
 

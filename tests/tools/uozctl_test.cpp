@@ -50,8 +50,8 @@ class UozctlTest : public ::testing::Test {
 TEST_F(UozctlTest, everyCommandWithItsTextJsonAndExitCode) {
     expect_cases("uozctl_commands.txt");
     // A J1939 description cannot be read over DoIP: a failure, never a made-up text.
-    EXPECT_NE(agent_->output().find("query to 0x07E1 failed: a J1939 version read needs a J1939 "
-                                    "transport, which this agent does not have"),
+    EXPECT_NE(agent_->output().find("query to 0x07E1 failed: a J1939 version read goes over CAN, "
+                                    "and this ECU is reached over DoIP"),
               std::string::npos)
         << agent_->output();
     ToolRun clear = uozctl("dtc clear engine --group P0301");

@@ -12,6 +12,8 @@
 
 #include <algorithm>
 
+#include "interface_failure.h"
+
 namespace uozcan {
 
 namespace {
@@ -52,6 +54,14 @@ bool apply_options(int fd, const IsotpOptions &options) {
         socket_options.flags |= CAN_ISOTP_TX_PADDING;
     if (options.require_padding)
         socket_options.flags |= CAN_ISOTP_RX_PADDING | CAN_ISOTP_CHK_PAD_LEN;
+    if (options.target_address) {
+        socket_options.flags |= CAN_ISOTP_EXTEND_ADDR;
+        socket_options.ext_address = *options.target_address;
+    }
+    if (options.answer_address) {
+        socket_options.flags |= CAN_ISOTP_RX_EXT_ADDR;
+        socket_options.rx_ext_address = *options.answer_address;
+    }
     if (!set_option(fd, CAN_ISOTP_OPTS, socket_options))
         return false;
     if (options.link_layer) {
@@ -65,9 +75,14 @@ bool apply_options(int fd, const IsotpOptions &options) {
     return true;
 }
 
-// A CAN_RAW socket that receives only the frames of one id.
-uoztools::ScopedFd frames_of(int ifindex, uint32_t id, bool extended) {
+// A CAN_RAW socket that receives only the frames of one id (CAN FD frames
+// too when the link carries them).
+uoztools::ScopedFd frames_of(int ifindex, uint32_t id, bool extended, bool fd_frames) {
     uoztools::ScopedFd fd(socket(PF_CAN, SOCK_RAW | SOCK_CLOEXEC, CAN_RAW));
+    const int on = 1;
+    if (fd.valid() && fd_frames &&
+        setsockopt(fd.get(), SOL_CAN_RAW, CAN_RAW_FD_FRAMES, &on, sizeof(on)) != 0)
+        return uoztools::ScopedFd();
     can_filter only{};
     only.can_id = can_id(id, extended);
     only.can_mask = ((only.can_id & CAN_EFF_FLAG) != 0 ? CAN_EFF_MASK : CAN_SFF_MASK) |
@@ -91,13 +106,8 @@ std::string failure(const std::string &what, const std::string &ifname, int erro
         case ETIMEDOUT:  // the kernel's N_Cr timer
             return "the ECU stopped sending in the middle of its answer (no frame within " +
                    frame_timeout + ")";
-        case ENETDOWN:
-            return "CAN interface " + ifname + " is down";
-        case ENODEV:
-        case ENXIO:
-            return "CAN interface " + ifname + " is gone";
         default:
-            return what + " on " + ifname + " failed: " + strerror(error);
+            return interface_failure(what, ifname, error);
     }
 }
 
@@ -131,7 +141,8 @@ std::unique_ptr<IsotpSocket> IsotpSocket::open(const IsotpOptions &options, std:
         return nullptr;
     }
     uoztools::ScopedFd frames =
-        frames_of(static_cast<int>(index), options.rx_id, options.extended_ids);
+        frames_of(static_cast<int>(index), options.rx_id, options.extended_ids,
+                  options.link_layer && options.link_layer->mtu == CANFD_MTU);
     if (!frames.valid()) {
         *error = "cannot watch the frames of " + options.ifname + ": " + strerror(errno);
         return nullptr;
@@ -181,9 +192,9 @@ IsotpSocket::Receive IsotpSocket::receive(Clock::time_point until, Bytes *messag
 
 bool IsotpSocket::answer_frames_came() {
     bool came = false;
-    can_frame frame{};
-    while (::recv(frames_.get(), &frame, sizeof(frame), MSG_DONTWAIT) == sizeof(frame)) {
-        uint8_t frame_type = frame.len > 0 ? frame.data[0] >> 4 : 0;
+    canfd_frame frame{};
+    while (::recv(frames_.get(), &frame, sizeof(frame), MSG_DONTWAIT) > 0) {
+        uint8_t frame_type = frame.len > frame_type_at_ ? frame.data[frame_type_at_] >> 4 : 0;
         came = came || frame_type == 1 || frame_type == 2;  // first or consecutive frame
     }
     return came;

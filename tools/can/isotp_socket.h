@@ -18,10 +18,9 @@
 // takes up to about 64 KiB with the 32-bit first-frame length); longer ones
 // the kernel refuses with an overflow flow control.
 //
-// Still missing here, for the work that builds on this room: CAN FD ECUs
-// (the link-layer options exist, no caller sets them yet), functional
-// addressing (a single frame on "func-addr" answered on each ECU's own id),
-// and J1939 sockets (CAN_J1939).
+// With extended addressing every frame starts with an address byte before
+// its ISO-TP content: the ECU's target address in frames sent, the address
+// the ECU answers to in frames received. J1939 sockets are in j1939_socket.h.
 //
 //   uozcan::IsotpOptions options;
 //   options.ifname = "vcan0";
@@ -71,6 +70,11 @@ struct IsotpOptions {
     // Answers only in frames filled to 8 bytes; shorter frames are dropped.
     bool require_padding = false;
     std::optional<LinkLayer> link_layer;  // set only when given
+    // Extended addressing (CAN_ISOTP_EXTEND_ADDR): the byte before the
+    // content of each frame sent, and of each frame taken (the same when
+    // unset); none: normal addressing.
+    std::optional<uint8_t> target_address;
+    std::optional<uint8_t> answer_address;
     // How long an answer that has started (a frame of it came before the
     // receive's deadline) may go on beyond that deadline; the kernel ends it
     // sooner when the ECU stops sending.
@@ -103,7 +107,8 @@ class IsotpSocket {
         : fd_(std::move(fd)),
           frames_(std::move(frames)),
           ifname_(options.ifname),
-          longest_answer_(options.longest_answer) {}
+          longest_answer_(options.longest_answer),
+          frame_type_at_(options.target_address ? 1 : 0) {}
     // Whether the ECU sent a frame of a segmented answer since the last look
     // (a single frame is whole at once, and the ISO-TP socket has it).
     bool answer_frames_came();
@@ -114,6 +119,7 @@ class IsotpSocket {
     uoztools::ScopedFd frames_;
     std::string ifname_;
     std::chrono::milliseconds longest_answer_;
+    size_t frame_type_at_;  // the ISO-TP protocol byte: after the address byte, if any
 };
 
 }  // namespace uozcan

@@ -166,6 +166,32 @@ void read_timing(json_object *uds, UdsTiming *timing) {
         millis_member(uds, "busy-delay-ms", timing->busy_delay, "uds.busy-delay-ms");
 }
 
+// "ECU": "0x12" (its answers start with 0x12 too) or
+// "ECU": {"target": "0x12", "answer": "0xF1"}.
+void read_extended_addressing(json_object *ecus, CanSettings *settings) {
+    if (ecus == nullptr)
+        return;
+    json_object_object_foreach(ecus, ecu, given) {
+        const std::string where = std::string("can.extended-addressing.") + ecu;
+        ExtendedAddress address;
+        if (json_object_is_type(given, json_type_object)) {
+            if (!json_object_object_get_ex(given, "target", nullptr))
+                throw std::runtime_error("\"" + where + "\" needs \"target\"");
+            address.target = static_cast<uint8_t>(
+                number_member(given, "target", 0, 0xFF, (where + ".target").c_str()));
+            address.answer = static_cast<uint8_t>(
+                number_member(given, "answer", address.target, 0xFF, (where + ".answer").c_str()));
+        } else {
+            JsonPtr wrapped(json_object_new_object());
+            json_object_object_add(wrapped.get(), "target", json_object_get(given));
+            address.target = static_cast<uint8_t>(
+                number_member(wrapped.get(), "target", 0, 0xFF, where.c_str()));
+            address.answer = address.target;
+        }
+        settings->extended_addressing[ecu] = address;
+    }
+}
+
 void read_can(json_object *can, CanSettings *settings) {
     if (can == nullptr)
         return;
@@ -189,6 +215,50 @@ void read_can(json_object *can, CanSettings *settings) {
             throw std::runtime_error("\"can.29-bit-ids\" lists ECU names or \"phy-req-id\" texts");
         settings->extended_ids.insert(json_object_get_string(ecu));
     }
+    read_extended_addressing(
+        member(can, "extended-addressing", json_type_object, "can.extended-addressing"), settings);
+}
+
+// "canfd": {"ECU name": {"ifname": ..., "phy-req-id": ..., "phy-resp-id": ...,
+// "st-min": ..., "bsize": ..., "data-length": 64, "bit-rate-switch": true}}
+void read_canfd(json_object *ecus, std::map<std::string, CanFdEcu> *out) {
+    if (ecus == nullptr)
+        return;
+    json_object_object_foreach(ecus, name, block) {
+        const std::string where = std::string("canfd.") + name;
+        if (!json_object_is_type(block, json_type_object))
+            throw std::runtime_error("\"" + where + "\" must be object");
+        for (const char *key : {"ifname", "phy-req-id", "phy-resp-id"}) {
+            if (text_of(block, key, where).empty())
+                throw std::runtime_error("\"" + where + "\" needs \"" + key + "\"");
+        }
+        CanFdEcu ecu;
+        const uint32_t length =
+            number_member(block, "data-length", 64, 64, (where + ".data-length").c_str());
+        if (length < 8 || (length > 24 && length != 32 && length != 48 && length != 64) ||
+            length % 4 != 0)
+            throw std::runtime_error("\"" + where +
+                                     ".data-length\" must be 8, 12, 16, 20, 24, 32, 48 or 64");
+        ecu.data_length = static_cast<uint8_t>(length);
+        json_object *switched = member(block, "bit-rate-switch", json_type_boolean,
+                                       (where + ".bit-rate-switch").c_str());
+        ecu.bit_rate_switch = switched != nullptr && json_object_get_boolean(switched);
+        ecu.block = json_object_to_json_string_ext(block, JSON_C_TO_STRING_PLAIN);
+        (*out)[name] = ecu;
+    }
+}
+
+void read_j1939(json_object *j1939, J1939Settings *settings) {
+    if (j1939 == nullptr)
+        return;
+    uint32_t address = number_member(j1939, "address", settings->address, 0xFF, "j1939.address");
+    if (address > 0xFD)
+        throw std::runtime_error("\"j1939.address\" must be a unicast address (up to 0xFD)");
+    settings->address = static_cast<uint8_t>(address);
+    settings->timeout = millis_member(j1939, "timeout-ms", settings->timeout, "j1939.timeout-ms");
+    if (settings->timeout > Millis(9000))
+        throw std::runtime_error(
+            "\"j1939.timeout-ms\" must stay below 9000 (the library waits 10 s)");
 }
 
 void read_gateway(json_object *gateway, GatewayRoute *route) {
@@ -272,6 +342,8 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_doip(member(root.get(), "doip", json_type_object, "doip"), &settings);
     read_timing(member(root.get(), "uds", json_type_object, "uds"), &settings.timing);
     read_can(member(root.get(), "can", json_type_object, "can"), &settings.can);
+    read_canfd(member(root.get(), "canfd", json_type_object, "canfd"), &settings.canfd_ecus);
+    read_j1939(member(root.get(), "j1939", json_type_object, "j1939"), &settings.j1939);
     read_gateway(member(root.get(), "gateway", json_type_object, "gateway"), &settings.gateway);
     read_keys(member(root.get(), "key-algorithms", json_type_object, "key-algorithms"),
               &settings.key_algorithms);
@@ -317,6 +389,10 @@ void AgentSettings::learn_ecus(const std::string &config_text) {
                                  json_object_to_json_string_ext(doip, JSON_C_TO_STRING_PLAIN)});
         }
         uint32_t target = 0;
+        const char *type = uoztools::text_member(entry, "type");
+        if (name != nullptr && type != nullptr && strcmp(type, "CANFD") == 0 &&
+            parse_hex_number(address, &target))
+            canfd_names.emplace(target, name);
         if (name == nullptr || request_id == nullptr || !parse_hex_number(address, &target))
             continue;
         ecus_by_request_id.emplace(request_id, KnownEcu{name, static_cast<int32_t>(target)});

@@ -39,6 +39,13 @@ struct PowerModeCheck {
     Millis timeout{1000};
 };
 
+// Extended addressing of one CAN ECU: the target address byte that starts
+// every frame to it, and the byte that starts every frame of its answers.
+struct ExtendedAddress {
+    uint8_t target = 0;
+    uint8_t answer = 0;
+};
+
 // How the agent's ISO-TP sockets fill and check CAN frames.
 struct CanSettings {
     // The byte that fills every frame the agent sends to 8 bytes; none:
@@ -48,6 +55,23 @@ struct CanSettings {
     // ECUs (names or "phy-req-id" texts) whose ids are 29-bit even below
     // 0x800; ids above 0x7FF are 29-bit anyway.
     std::set<std::string> extended_ids;
+    // ECUs (names or "phy-req-id" texts) reached with extended addressing.
+    std::map<std::string, ExtendedAddress> extended_addressing;
+};
+
+// A CAN FD ECU: the library's configuration gives it no transport block, so
+// the agent's settings hold it, in the form of a "can" block plus the frames.
+struct CanFdEcu {
+    std::string block;             // {"ifname", "phy-req-id", "phy-resp-id", "st-min", "bsize"}
+    uint8_t data_length = 64;      // bytes per frame sent: 8, 12, 16, 20, 24, 32, 48 or 64
+    bool bit_rate_switch = false;  // the data phase at the faster bit rate (BRS)
+};
+
+// The agent on J1939 networks: its own source address (static, no address
+// claim) and how long it waits for the answer to a request.
+struct J1939Settings {
+    uint8_t address = 0xF9;  // off-board diagnostic tool #1
+    Millis timeout{1250};
 };
 
 // What the agent knows of an ECU from the library's configuration file.
@@ -78,9 +102,12 @@ struct AgentSettings {
     std::map<std::string, DoipGatewayPolicy> doip_gateways;  // ...unless its host has its own
     UdsTiming timing;
     CanSettings can;
+    std::map<std::string, CanFdEcu> canfd_ecus;  // by ECU name
+    J1939Settings j1939;
     GatewayRoute gateway;
     std::map<std::string, KnownEcu> ecus_by_request_id;  // "phy-req-id" text -> ECU
     std::vector<KnownDoipEcu> doip_ecus;                 // in the configuration's order
+    std::map<uint32_t, std::string> canfd_names;         // target address -> CANFD ECU name
     DoipEcuSource all_ecus_doip = DoipEcuSource::kNone;  // "all-ecus": {"doip": ...}
     std::map<uint8_t, std::string> key_algorithms;       // level -> "builtin" or plug-in path
     PowerModeCheck power_mode;

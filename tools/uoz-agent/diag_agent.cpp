@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "j1939_version.h"
 #include "udsoverzelko.h"
 
 namespace uozagent {
@@ -221,6 +222,10 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
 
 json_object *DiagAgent::version_answer(json_object *version, const std::vector<EcuTarget> &targets,
                                        std::string *error) {
+    if (is_j1939_description(version)) {
+        std::string text = read_j1939_version(version, targets[0], settings_, error);
+        return error->empty() ? json_object_new_string(text.c_str()) : nullptr;
+    }
     std::vector<VersionItem> items = version_items(version, error);
     if (items.empty())
         return nullptr;

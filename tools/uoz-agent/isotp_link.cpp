@@ -1,5 +1,7 @@
 #include "isotp_link.h"
 
+#include <linux/can.h>
+
 #include "udsoverzelko.h"
 
 namespace uozagent {
@@ -16,6 +18,15 @@ std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const Agen
     options.padding = settings.can.padding;
     options.require_padding = settings.can.require_padding;
     options.longest_answer = settings.timing.overall;
+    if (address.fd_data_length != 0) {
+        options.link_layer =
+            uozcan::LinkLayer{CANFD_MTU, address.fd_data_length,
+                              static_cast<uint8_t>(address.bit_rate_switch ? CANFD_BRS : 0)};
+    }
+    if (address.extended_address) {
+        options.target_address = address.extended_address->target;
+        options.answer_address = address.extended_address->answer;
+    }
     std::unique_ptr<uozcan::IsotpSocket> socket = uozcan::IsotpSocket::open(options, error);
     if (!socket)
         return nullptr;

@@ -100,12 +100,50 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
     }
     target->transport = Transport::kCan;
     const std::set<std::string> &extended = settings.can.extended_ids;
-    target->can = {ifname,
-                   request,
-                   response,
-                   static_cast<uint8_t>(st_min),
-                   static_cast<uint8_t>(block_size),
-                   extended.count(target->label) > 0 || extended.count(target->name) > 0};
+    target->can.ifname = ifname;
+    target->can.request_id = request;
+    target->can.response_id = response;
+    target->can.st_min = static_cast<uint8_t>(st_min);
+    target->can.block_size = static_cast<uint8_t>(block_size);
+    target->can.extended_ids =
+        extended.count(target->label) > 0 || extended.count(target->name) > 0;
+    const std::map<std::string, ExtendedAddress> &addressed = settings.can.extended_addressing;
+    auto address = addressed.find(target->name);
+    if (target->name.empty() || address == addressed.end())
+        address = addressed.find(target->label);
+    if (address != addressed.end())
+        target->can.extended_address = address->second;
+}
+
+// A CAN FD ECU of the settings, reached like a CAN ECU with that block.
+EcuTarget canfd_target(const std::string &name, const CanFdEcu &ecu, const AgentSettings &settings,
+                       int32_t query_target) {
+    EcuTarget target;
+    target.name = name;
+    JsonPtr block(json_tokener_parse(ecu.block.c_str()));
+    bus_target(block.get(), settings, query_target, &target);
+    target.can.fd_data_length = ecu.data_length;
+    target.can.bit_rate_switch = ecu.bit_rate_switch;
+    return target;
+}
+
+// A query's "canfd" block names no interface or ids: the ECU of its target
+// address is looked up in the settings.
+EcuTarget canfd_target_of(int32_t query_target, const AgentSettings &settings) {
+    auto name = settings.canfd_names.find(static_cast<uint32_t>(query_target));
+    auto ecu = name != settings.canfd_names.end() ? settings.canfd_ecus.find(name->second)
+                                                  : settings.canfd_ecus.end();
+    if (ecu == settings.canfd_ecus.end()) {
+        EcuTarget target;
+        char address[16];
+        snprintf(address, sizeof(address), "0x%X", static_cast<unsigned>(query_target));
+        target.label = address;
+        target.error = "CANFD ECU " +
+                       (name != settings.canfd_names.end() ? name->second : target.label) +
+                       " has no entry in the agent settings' \"canfd\"";
+        return target;
+    }
+    return canfd_target(ecu->first, ecu->second, settings, query_target);
 }
 
 EcuTarget target_of(json_object *block, const AgentSettings &settings, int32_t query_target) {
@@ -141,6 +179,18 @@ void add_vehicle_doip_ecus(const AgentSettings &settings, std::vector<EcuTarget>
 
 }  // namespace
 
+std::string CanAddress::link_key() const {
+    std::string key = ifname + " " + std::to_string(request_id) + " " + std::to_string(response_id);
+    if (extended_ids)
+        key += " 29";
+    if (fd_data_length != 0)
+        key += " fd" + std::to_string(fd_data_length) + (bit_rate_switch ? "brs" : "");
+    if (extended_address)
+        key += " ea" + std::to_string(extended_address->target) + "/" +
+               std::to_string(extended_address->answer);
+    return key;
+}
+
 std::string EcuTarget::key() const {
     switch (transport) {
         case Transport::kDoip:
@@ -164,6 +214,10 @@ std::vector<EcuTarget> query_targets(json_object *body, const AgentSettings &set
         json_object *blocks = nullptr;
         if (!json_object_object_get_ex(body, key, &blocks))
             continue;
+        if (strcmp(key, "canfd") == 0 && !*broadcast) {
+            targets.push_back(canfd_target_of(static_cast<int32_t>(value), settings));
+            continue;
+        }
         if (!json_object_is_type(blocks, json_type_array)) {
             targets.push_back(target_of(blocks, settings, static_cast<int32_t>(value)));
             continue;
@@ -174,8 +228,11 @@ std::vector<EcuTarget> query_targets(json_object *body, const AgentSettings &set
                 targets.push_back(target_of(block, settings, -1));
         }
     }
-    if (*broadcast)
+    if (*broadcast) {
+        for (const auto &[name, ecu] : settings.canfd_ecus)
+            targets.push_back(canfd_target(name, ecu, settings, -1));
         add_vehicle_doip_ecus(settings, &targets);
+    }
     return targets;
 }
 

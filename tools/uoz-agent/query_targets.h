@@ -6,6 +6,7 @@
 #include <json-c/json.h>
 #include <stdint.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,12 @@ struct CanAddress {
     uint32_t response_id = 0;
     uint8_t st_min = 0;
     uint8_t block_size = 0;
-    bool extended_ids = false;  // 29-bit frames, whatever the ids' values
+    bool extended_ids = false;   // 29-bit frames, whatever the ids' values
+    uint8_t fd_data_length = 0;  // bytes per CAN FD frame sent; 0: classic CAN frames
+    bool bit_rate_switch = false;
+    std::optional<ExtendedAddress> extended_address = std::nullopt;  // none: normal addressing
+    // The same key for the same socket: interface, ids and frame form.
+    std::string link_key() const;
 };
 
 using uoztools::JsonPtr;

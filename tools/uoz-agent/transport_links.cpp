@@ -54,10 +54,8 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
 }
 
 std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std::string *error) {
-    std::string key = address.ifname + " " + std::to_string(address.request_id) + " " +
-                      std::to_string(address.response_id) + (address.extended_ids ? " 29" : "");
     std::lock_guard<std::mutex> hold(lock_);
-    std::shared_ptr<EcuLink> &shared = can_links_[key];
+    std::shared_ptr<EcuLink> &shared = can_links_[address.link_key()];
     if (!shared)
         shared = IsotpLink::open(address, settings_, error);
     if (!shared && missing_can_logged_.insert(address.ifname).second)

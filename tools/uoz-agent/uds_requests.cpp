@@ -143,13 +143,6 @@ Bytes read_dtc_request(json_object *uds, std::string *error) {
 
 std::vector<VersionItem> version_items(json_object *version, std::string *error) {
     json_object *uds = nullptr;
-    // A CAN ECU's J1939 description arrives as the "j1939" object itself
-    // (its parameter group "pgn", with "ifname" added); others keep the key.
-    if (json_object_object_get_ex(version, "j1939", nullptr) ||
-        json_object_object_get_ex(version, "pgn", nullptr)) {
-        *error = "a J1939 version read needs a J1939 transport, which this agent does not have";
-        return {};
-    }
     if (!json_object_object_get_ex(version, "uds", &uds) ||
         !json_object_is_type(uds, json_type_array) || json_object_array_length(uds) == 0) {
         *error = "the version description has no \"uds\" identifiers to read";

@@ -36,8 +36,9 @@ bool is_negative_response(const Bytes &response, uint8_t *code = nullptr);
 // failure the result is empty and *error says why.
 Bytes read_dtc_request(json_object *uds, std::string *error);
 
-// The identifiers of a "version" object's "uds" array, in order. A "j1939"
-// description (or none) gives an empty list and *error says why.
+// The identifiers of a "version" object's "uds" array, in order. None gives
+// an empty list and *error says why (a J1939 description is read by
+// j1939_version.h).
 struct VersionItem {
     uint16_t did = 0;
     std::string name;

@@ -244,6 +244,35 @@ void collect_record_numbers(SimulatedEcu &ecu) {
         collect(memory.second);
 }
 
+std::vector<std::string> texts_of(json_object *array, const std::string &where, size_t most) {
+    std::vector<std::string> texts;
+    for (size_t i = 0; array != nullptr && i < json_object_array_length(array); ++i) {
+        json_object *text = json_object_array_get_idx(array, i);
+        if (!json_object_is_type(text, json_type_string) || i >= most ||
+            strchr(json_object_get_string(text), '*') != nullptr)
+            fail(where, "lists up to " + std::to_string(most) + " texts without '*'");
+        texts.push_back(json_object_get_string(text));
+    }
+    return texts;
+}
+
+// "j1939": {"source-address": "0x03", "software-identification": [texts],
+// "component-identification": [make, model, serial number, unit number]}
+void read_j1939(SimulatedEcu &ecu, json_object *entry, const std::string &where) {
+    json_object *j1939 = member(entry, "j1939", json_type_object, where);
+    if (j1939 == nullptr)
+        return;
+    const std::string at = where + " \"j1939\"";
+    if (string_member(j1939, "source-address", at) == nullptr)
+        fail(at, "needs \"source-address\"");
+    ecu.j1939.present = true;
+    ecu.j1939.address = static_cast<uint8_t>(number_member(j1939, "source-address", at, 0xFD, 0));
+    ecu.j1939.software = texts_of(member(j1939, "software-identification", json_type_array, at),
+                                  at + " \"software-identification\"", 255);
+    ecu.j1939.component = texts_of(member(j1939, "component-identification", json_type_array, at),
+                                   at + " \"component-identification\"", 4);
+}
+
 SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     std::string where = "ECU #" + std::to_string(index + 1);
     if (!json_object_is_type(entry, json_type_object))
@@ -294,6 +323,7 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
         }
     }
     read_ecu_lists(ecu, entry, where);
+    read_j1939(ecu, entry, where);
     collect_record_numbers(ecu);
     return ecu;
 }
@@ -357,6 +387,11 @@ VehicleFile parse_vehicle(const std::string &text) {
             if (earlier.logical_address == ecu.logical_address)
                 fail("ECU \"" + ecu.name + "\"", "logical address " +
                                                      uozuds::hex_number(ecu.logical_address, 4) +
+                                                     " is also \"" + earlier.name + "\"'s");
+            if (ecu.j1939.present && earlier.j1939.present &&
+                ecu.j1939.address == earlier.j1939.address)
+                fail("ECU \"" + ecu.name + "\"", "J1939 source address " +
+                                                     uozuds::hex_number(ecu.j1939.address, 2) +
                                                      " is also \"" + earlier.name + "\"'s");
         }
         if (ecu.logical_address == vehicle.functional_address)

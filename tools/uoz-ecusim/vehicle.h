@@ -46,6 +46,15 @@ struct Routine {
     uint8_t security_level = 0;  // 0: none, else the odd level that must be unlocked
 };
 
+// An ECU on a J1939 network: its source address and the identification it
+// gives on request (j1939_ecu.h serves it).
+struct J1939Identity {
+    bool present = false;
+    uint8_t address = 0;
+    std::vector<std::string> software;   // software identification fields (PGN 0xFEDA)
+    std::vector<std::string> component;  // make, model, serial number, unit number (0xFEEB)
+};
+
 struct SimulatedEcu {
     std::string name;
     int32_t target_address = 0;    // as the library addresses it
@@ -62,6 +71,7 @@ struct SimulatedEcu {
     // Record numbers the ECU knows, whether or not a DTC holds one now.
     std::set<uint8_t> snapshot_record_numbers;
     std::set<uint8_t> extended_record_numbers;
+    J1939Identity j1939;
 };
 
 struct VehicleFile {
