@@ -1,5 +1,7 @@
 #include "transport_links.h"
 
+#include <algorithm>
+
 #include "discovery.h"
 #include "entity_info.h"
 #include "isotp_link.h"
@@ -53,6 +55,86 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
     return false;
 }
 
+bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
+    const GatewayIdentity &identity = address->identity;
+    std::lock_guard<std::mutex> one_discovery(finding_);
+    auto known = found_.find(identity.text());
+    if (known != found_.end()) {
+        DoipAddress found = *address;
+        std::tie(found.host, found.port) = known->second;
+        if (connection(found)->connected()) {
+            *address = found;
+            return true;
+        }
+    }
+    uozdoip::DiscoveryOptions options;
+    options.send_to = settings_.discovery.to;
+    options.announcement_port = 0;
+    options.wait = settings_.discovery.wait;
+    options.request.payload_type = identity.vin.empty() ? uozdoip::payload::kVehicleIdRequestByEid
+                                                        : uozdoip::payload::kVehicleIdRequestByVin;
+    std::vector<uint8_t> wanted;
+    if (identity.vin.empty())
+        uozdoip::parse_eid(identity.eid, &wanted);
+    else
+        uozdoip::parse_vin(identity.vin, &wanted);
+    options.request.filter = wanted;
+    auto matches = [&](const uozdoip::DiscoveredEntity &entity) {
+        const uozdoip::VehicleAnnouncement &id = entity.identity;
+        return identity.vin.empty() ? std::equal(wanted.begin(), wanted.end(), id.eid.begin())
+                                    : std::equal(wanted.begin(), wanted.end(), id.vin.begin());
+    };
+    uozdoip::Discovery discovery;
+    std::string why;
+    const uozdoip::DiscoveredEntity *entity = nullptr;
+    if (discovery.open(options, &why) &&
+        discovery.collect(
+            [&](const std::vector<uozdoip::DiscoveredEntity> &entities, Millis) {
+                return std::any_of(entities.begin(), entities.end(), matches);
+            },
+            &why)) {
+        for (const uozdoip::DiscoveredEntity &candidate : discovery.entities()) {
+            if (matches(candidate) && entity == nullptr)
+                entity = &candidate;
+        }
+    }
+    std::string places;
+    for (const std::string &to : options.send_to)
+        places += (places.empty() ? "" : ", ") + to;
+    if (entity == nullptr) {
+        found_.erase(identity.text());
+        *error = "no DoIP entity with " + identity.text() + " answered within " +
+                 std::to_string(options.wait.count()) + " ms on " + places +
+                 (why.empty() ? "" : " (" + why + ")");
+        return false;
+    }
+    address->host = entity->from.host;
+    address->port = entity->from.port;
+    found_[identity.text()] = {address->host, address->port};
+    UOZ_DBGLOG(UOZ_LOG_INFO, "gateway with %s found at %s (logical address %s)",
+               identity.text().c_str(), entity->from.text().c_str(),
+               uozuds::hex_number(entity->identity.logical_address, 4).c_str());
+    return true;
+}
+
+void TransportLinks::find_gateways() {
+    std::vector<GatewayIdentity> named;
+    if (settings_.gateway.enabled && !settings_.gateway.identity.empty())
+        named.push_back(settings_.gateway.identity);
+    for (const auto &[gw_ip, identity] : settings_.gateway_identities) {
+        (void)gw_ip;
+        named.push_back(identity);
+    }
+    for (const GatewayIdentity &identity : named) {
+        DoipAddress address;
+        address.identity = identity;
+        std::string error;
+        if (!find_gateway(&address, &error))
+            UOZ_DBGLOG(UOZ_LOG_WARN, "%s: looked for again at the first request to it",
+                       error.c_str());
+    }
+}
+
 std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std::string *error) {
     std::string key = address.ifname + " " + std::to_string(address.request_id) + " " +
                       std::to_string(address.response_id) + (address.extended_ids ? " 29" : "");
@@ -67,10 +149,14 @@ std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std
 
 std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
     switch (target.transport) {
-        case Transport::kDoip:
-            if (!power_mode_allows(target.doip, error))
+        case Transport::kDoip: {
+            DoipAddress address = target.doip;
+            if (!address.identity.empty() && !find_gateway(&address, error))
                 return nullptr;
-            return std::make_shared<DoipLink>(connection(target.doip), target.doip.logical_address);
+            if (!power_mode_allows(address, error))
+                return nullptr;
+            return std::make_shared<DoipLink>(connection(address), address.logical_address);
+        }
         case Transport::kCan:
             return can_link(target.can, error);
         case Transport::kNone:

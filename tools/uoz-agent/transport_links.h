@@ -27,8 +27,15 @@ class TransportLinks : public LinkProvider {
     std::shared_ptr<EcuLink> can_link(const CanAddress &address, std::string *error);
     // Closes every connection, so that requests under way end at once.
     void close_all();
+    // Finds every gateway the settings name by VIN or EID, at start; one
+    // that does not answer is a warning (it is looked for again on use).
+    void find_gateways();
 
   private:
+    // The address of a gateway named by VIN or EID: the one found before
+    // while its connection lasts, else found again. False with *error when
+    // no entity answered.
+    bool find_gateway(DoipAddress *address, std::string *error);
     // False with *error when the gateway says the power mode is not ready.
     bool power_mode_allows(const DoipAddress &address, std::string *error);
 
@@ -37,6 +44,8 @@ class TransportLinks : public LinkProvider {
     std::map<std::string, std::shared_ptr<DoipConnection>> connections_;
     std::map<std::string, std::shared_ptr<EcuLink>> can_links_;
     std::set<std::string> missing_can_logged_;
+    std::mutex finding_;                                             // one discovery at a time
+    std::map<std::string, std::pair<std::string, uint16_t>> found_;  // identity -> host, port
 };
 
 }  // namespace uozagent
