@@ -8,7 +8,9 @@
 // answer that comes before its acknowledge as the acknowledge, fails a
 // request at once on a NACK or generic NACK, and after a drop (or a close
 // by the gateway seen before the next request) connects and activates again
-// for the next request without replaying the one that was under way.
+// for the next request without replaying the one that was under way. An
+// idle connection is closed by the agent before the gateway's inactivity
+// time, or kept open with a keep-alive message (DoipIdle).
 #ifndef UOZ_TOOLS_AGENT_DOIP_CLIENT_H
 #define UOZ_TOOLS_AGENT_DOIP_CLIENT_H
 

@@ -58,11 +58,15 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
 bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
     const GatewayIdentity &identity = address->identity;
     std::lock_guard<std::mutex> one_discovery(finding_);
+    // Found just now (the other ECUs of a query on their way there) or
+    // connected since: still there.
     auto known = found_.find(identity.text());
     if (known != found_.end()) {
         DoipAddress found = *address;
-        std::tie(found.host, found.port) = known->second;
-        if (connection(found)->connected()) {
+        found.host = known->second.host;
+        found.port = known->second.port;
+        if (Clock::now() - known->second.when < settings_.discovery.wait ||
+            connection(found)->connected()) {
             *address = found;
             return true;
         }
@@ -110,7 +114,7 @@ bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
     }
     address->host = entity->from.host;
     address->port = entity->from.port;
-    found_[identity.text()] = {address->host, address->port};
+    found_[identity.text()] = {address->host, address->port, Clock::now()};
     UOZ_DBGLOG(UOZ_LOG_INFO, "gateway with %s found at %s (logical address %s)",
                identity.text().c_str(), entity->from.text().c_str(),
                uozuds::hex_number(entity->identity.logical_address, 4).c_str());

@@ -1,6 +1,7 @@
 // The links of the running agent, each opened once and kept for the next
 // request: DoIP connections shared per gateway and tester address, one ISO-TP
-// socket per CAN ECU (interface and id pair).
+// socket per CAN ECU (interface and id pair). Gateways named by VIN or EID
+// are found by vehicle identification first.
 #ifndef UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
 #define UOZ_TOOLS_AGENT_TRANSPORT_LINKS_H
 
@@ -44,8 +45,13 @@ class TransportLinks : public LinkProvider {
     std::map<std::string, std::shared_ptr<DoipConnection>> connections_;
     std::map<std::string, std::shared_ptr<EcuLink>> can_links_;
     std::set<std::string> missing_can_logged_;
-    std::mutex finding_;                                             // one discovery at a time
-    std::map<std::string, std::pair<std::string, uint16_t>> found_;  // identity -> host, port
+    std::mutex finding_;  // one discovery at a time
+    struct Found {
+        std::string host;
+        uint16_t port = 0;
+        Clock::time_point when;
+    };
+    std::map<std::string, Found> found_;  // by the identity's text
 };
 
 }  // namespace uozagent
