@@ -90,7 +90,10 @@ class SessionKeeperTest : public ::testing::Test {
     std::shared_ptr<FakeLink> engine_;
 };
 
+// The routine takes 400 ms after the first time (a response pending first):
+// the TesterPresents due meanwhile wait, or the fake link would lose its answer.
 TEST_F(SessionKeeperTest, aKeptSessionIsReusedAndKeptOnlyForItsTime) {
+    engine_->on("3101FF02", {{bytes_of("7F3178")}, {bytes_of("7101FF02"), Millis(400)}});
     DiagAgent agent(settings_, links_, KeyAlgorithms());
     std::string first = run_routine(agent);
     EXPECT_EQ(sent_since(0), "1003 2701 2702976CE25B 3101FF02 ") << first;
