@@ -55,12 +55,59 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
     return false;
 }
 
+namespace {
+
+// Asks for the entity with the identity's VIN or EID: the first that answers
+// with it, or none with *error.
+std::optional<uozdoip::DiscoveredEntity> discover(const GatewayIdentity &identity,
+                                                  const GatewayDiscovery &where,
+                                                  std::string *error) {
+    uozdoip::DiscoveryOptions options;
+    options.send_to = where.to;
+    options.announcement_port = 0;  // the answers are enough
+    options.wait = where.wait;
+    const bool by_vin = !identity.vin.empty();
+    options.request.payload_type = by_vin ? uozdoip::payload::kVehicleIdRequestByVin
+                                          : uozdoip::payload::kVehicleIdRequestByEid;
+    std::vector<uint8_t> &wanted = options.request.filter;
+    if (by_vin)
+        uozdoip::parse_vin(identity.vin, &wanted);
+    else
+        uozdoip::parse_eid(identity.eid, &wanted);
+    auto matches = [&](const uozdoip::DiscoveredEntity &entity) {
+        return by_vin ? std::equal(wanted.begin(), wanted.end(), entity.identity.vin.begin())
+                      : std::equal(wanted.begin(), wanted.end(), entity.identity.eid.begin());
+    };
+    uozdoip::Discovery discovery;
+    std::string why;
+    if (discovery.open(options, &why) &&
+        discovery.collect(
+            [&](const std::vector<uozdoip::DiscoveredEntity> &entities, Millis) {
+                return std::any_of(entities.begin(), entities.end(), matches);
+            },
+            &why)) {
+        const std::vector<uozdoip::DiscoveredEntity> &found = discovery.entities();
+        auto entity = std::find_if(found.begin(), found.end(), matches);
+        if (entity != found.end())
+            return *entity;
+    }
+    std::string places;
+    for (const std::string &to : where.to)
+        places += (places.empty() ? "" : ", ") + to;
+    *error = "no DoIP entity with " + identity.text() + " answered within " +
+             std::to_string(where.wait.count()) + " ms on " + places +
+             (why.empty() ? "" : " (" + why + ")");
+    return std::nullopt;
+}
+
+}  // namespace
+
 bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
-    const GatewayIdentity &identity = address->identity;
+    const std::string name = address->identity.text();
     std::lock_guard<std::mutex> one_discovery(finding_);
     // Found just now (the other ECUs of a query on their way there) or
     // connected since: still there.
-    auto known = found_.find(identity.text());
+    auto known = found_.find(name);
     if (known != found_.end()) {
         DoipAddress found = *address;
         found.host = known->second.host;
@@ -71,52 +118,17 @@ bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
             return true;
         }
     }
-    uozdoip::DiscoveryOptions options;
-    options.send_to = settings_.discovery.to;
-    options.announcement_port = 0;
-    options.wait = settings_.discovery.wait;
-    options.request.payload_type = identity.vin.empty() ? uozdoip::payload::kVehicleIdRequestByEid
-                                                        : uozdoip::payload::kVehicleIdRequestByVin;
-    std::vector<uint8_t> wanted;
-    if (identity.vin.empty())
-        uozdoip::parse_eid(identity.eid, &wanted);
-    else
-        uozdoip::parse_vin(identity.vin, &wanted);
-    options.request.filter = wanted;
-    auto matches = [&](const uozdoip::DiscoveredEntity &entity) {
-        const uozdoip::VehicleAnnouncement &id = entity.identity;
-        return identity.vin.empty() ? std::equal(wanted.begin(), wanted.end(), id.eid.begin())
-                                    : std::equal(wanted.begin(), wanted.end(), id.vin.begin());
-    };
-    uozdoip::Discovery discovery;
-    std::string why;
-    const uozdoip::DiscoveredEntity *entity = nullptr;
-    if (discovery.open(options, &why) &&
-        discovery.collect(
-            [&](const std::vector<uozdoip::DiscoveredEntity> &entities, Millis) {
-                return std::any_of(entities.begin(), entities.end(), matches);
-            },
-            &why)) {
-        for (const uozdoip::DiscoveredEntity &candidate : discovery.entities()) {
-            if (matches(candidate) && entity == nullptr)
-                entity = &candidate;
-        }
-    }
-    std::string places;
-    for (const std::string &to : options.send_to)
-        places += (places.empty() ? "" : ", ") + to;
-    if (entity == nullptr) {
-        found_.erase(identity.text());
-        *error = "no DoIP entity with " + identity.text() + " answered within " +
-                 std::to_string(options.wait.count()) + " ms on " + places +
-                 (why.empty() ? "" : " (" + why + ")");
+    std::optional<uozdoip::DiscoveredEntity> entity =
+        discover(address->identity, settings_.discovery, error);
+    if (!entity) {
+        found_.erase(name);
         return false;
     }
     address->host = entity->from.host;
     address->port = entity->from.port;
-    found_[identity.text()] = {address->host, address->port, Clock::now()};
-    UOZ_DBGLOG(UOZ_LOG_INFO, "gateway with %s found at %s (logical address %s)",
-               identity.text().c_str(), entity->from.text().c_str(),
+    found_[name] = {address->host, address->port, Clock::now()};
+    UOZ_DBGLOG(UOZ_LOG_INFO, "gateway with %s found at %s (logical address %s)", name.c_str(),
+               entity->from.text().c_str(),
                uozuds::hex_number(entity->identity.logical_address, 4).c_str());
     return true;
 }
