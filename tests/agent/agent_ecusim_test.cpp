@@ -507,6 +507,12 @@ TEST_F(AgentEcusimTest, theGatewayIsFoundByVinOrEid) {
         EXPECT_EQ(here + there, 1);
         if (*row.found_at != '\0') {
             EXPECT_EQ(there, 1) << row.found_at;
+            // Its connection lost, the entity is looked for again.
+            simulator_.reset();
+            std::this_thread::sleep_for(Millis(400));
+            std::string lost = read_engine(0x01, 0x08);
+            EXPECT_TRUE(holds(lost, "no DoIP entity with EID 020000001100 answered within 300 ms"))
+                << lost;
         }
     }
 }
