@@ -93,7 +93,7 @@ class AgentEcusimTest : public ::testing::Test {
         return ask_engine(uds_of(report, mask, dtc, record));
     }
     std::shared_ptr<DoipConnection> connection() {
-        return links_->connection({"127.0.0.1", port_, settings_.gateway.tester_address, 0});
+        return links_->connection({"127.0.0.1", port_, settings_.gateway.tester_address, 0, {}});
     }
     std::string gateway() const { return "gateway 127.0.0.1:" + std::to_string(port_); }
     std::string tls_gateway() const {
@@ -413,6 +413,108 @@ TEST_F(AgentEcusimTest, suppressedPositiveAnswersAreSuccess) {
                                    R"({"command":"KeepAlive","service":"0x3E","subfn":"0x80"}]})");
     EXPECT_FALSE(holds(reply, "\"error\"")) << reply;
     EXPECT_TRUE(holds(reply, R"({"command":"KeepAlive","request":"3E80","response":""})")) << reply;
+}
+
+// The ECU ends its session 1.5 s after the last request (S3); the agent keeps
+// it with a TesterPresent every 500 ms, so a routine 2.5 s later needs
+// neither the session nor the seed and key again.
+TEST_F(AgentEcusimTest, aKeptSessionServesTheNextQueryWithoutOpeningItAgain) {
+    settings_.sessions.keep = Millis(10000);
+    settings_.sessions.interval = Millis(500);
+    start({"--s3", "1500", "--trace"});
+    const std::string learn =
+        R"("routine":{"name":"custom_commands","commands":[{"command":"LearnIdle",)"
+        R"("service":"0x31","subfn":"0x01","data":"0xFF02"}],"security_access":{"level":"0x01"}})";
+    std::string first = ask_engine(learn);
+    EXPECT_TRUE(holds(first, R"("command":"DiagnosticSessionControl","request":"1003")")) << first;
+    std::this_thread::sleep_for(Millis(2500));
+    std::string second = ask_engine(learn);
+    EXPECT_FALSE(holds(second, "\"error\"")) << second;
+    EXPECT_TRUE(holds(second, R"("commands":[{"command":"LearnIdle","request":"3101FF02",)"
+                              R"("response":"7101FF02)"))
+        << second;
+    EXPECT_TRUE(holds(simulator_->output(), "engine (0x07E0) <- 3E 80"));
+}
+
+// An idle connection: the gateway closes it after 400 ms (the agent sees
+// that at once and the next query connects again), the agent keeps it open
+// with a keep-alive every 150 ms, or closes it itself after 200 ms.
+TEST_F(AgentEcusimTest, anIdleConnectionIsKeptOrClosedAndNeverFoundDead) {
+    const struct {
+        Millis keep_alive, close_after;
+        const char *gateway_idle;
+        int activations;
+        const char *trace;
+    } cases[] = {
+        {Millis(0), Millis(240000), "400", 2, "idle for too long: closing"},
+        {Millis(150), Millis(0), "400", 1, "functional (0xE400) <- 3E 80"},
+        {Millis(0), Millis(200), "300000", 2, "connection closed by the tester"},
+    };
+    for (const auto &row : cases) {
+        settings_.doip.idle.keep_alive = row.keep_alive;
+        settings_.doip.idle.close_after = row.close_after;
+        start({"--idle-close", row.gateway_idle, "--trace"});
+        EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002");
+        for (int i = 0; i < 100 && connection()->connected(); ++i)
+            std::this_thread::sleep_for(Millis(10));
+        // Closed: seen at once. Kept: still open after 1 s, beyond the gateway's 400 ms.
+        EXPECT_EQ(connection()->connected(), row.activations == 1) << row.trace;
+        EXPECT_EQ(data_of(read_engine(0x01, 0x08)), "5901FF010002") << row.trace;
+        EXPECT_EQ(connection()->activations(), row.activations) << row.trace;
+        EXPECT_TRUE(holds(simulator_->output(), row.trace)) << simulator_->output();
+    }
+}
+
+// The routing gateway named by VIN or EID instead of an address: found by
+// vehicle identification among two entities of one vehicle (both answer its
+// VIN, one its EID), or a clear reason.
+TEST_F(AgentEcusimTest, theGatewayIsFoundByVinOrEid) {
+    const struct {
+        GatewayIdentity identity;
+        const char *found_at;  // "": either; nullptr: none answers
+    } cases[] = {
+        {{"WZL00000000000001", ""}, ""},
+        {{"", "020000001100"}, "127.0.0.2"},
+        {{"WZL00000000000099", ""}, nullptr},
+    };
+    for (const auto &row : cases) {
+        settings_.discovery.wait = Millis(300);
+        start({"--entity", "127.0.0.2:0,0x1100"});
+        const std::string output = simulator_->output();
+        const size_t second = output.find("listening on 127.0.0.2:");
+        ASSERT_NE(second, std::string::npos) << output;
+        const std::string other_port = std::to_string(atoi(output.c_str() + second + 23));
+        settings_.discovery.to = {"127.0.0.1:" + std::to_string(port_), "127.0.0.2:" + other_port};
+        settings_.gateway.identity = row.identity;
+        settings_.gateway.host = row.identity.text();
+        links_ = std::make_unique<TransportLinks>(settings_);
+        agent_ = std::make_unique<DiagAgent>(settings_, *links_, KeyAlgorithms());
+        std::string reply = read_engine(0x01, 0x08);
+        if (row.found_at == nullptr) {
+            EXPECT_TRUE(holds(reply, R"("error":"engine (0x7E0): no DoIP entity with VIN )"
+                                     R"(WZL00000000000099 answered within 300 ms on 127.0.0.1:)" +
+                                         std::to_string(port_) + ", 127.0.0.2:" + other_port))
+                << reply;
+            continue;
+        }
+        EXPECT_EQ(data_of(reply), "5901FF010002") << reply;
+        const int here = links_->connection({"127.0.0.1", port_, 0x0E80, 0, {}})->activations();
+        const int there =
+            links_
+                ->connection(
+                    {"127.0.0.2", static_cast<uint16_t>(std::stoi(other_port)), 0x0E80, 0, {}})
+                ->activations();
+        EXPECT_EQ(here + there, 1);
+        if (*row.found_at != '\0') {
+            EXPECT_EQ(there, 1) << row.found_at;
+            // Its connection lost, the entity is looked for again.
+            simulator_.reset();
+            std::this_thread::sleep_for(Millis(400));
+            std::string lost = read_engine(0x01, 0x08);
+            EXPECT_TRUE(holds(lost, "no DoIP entity with EID 020000001100 answered within 300 ms"))
+                << lost;
+        }
+    }
 }
 
 TEST(DoipClientTest, aGatewayOffThisMachineIsNotContactedUnlessAllowed) {

@@ -171,7 +171,8 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
                   "ecus": {"engine": null, "gateway": "0x20"}},
       "key-algorithms": {"0x01": "builtin", "0x03": "/opt/keys.so"},
       "all-ecus": {"doip": "ecu-config"},
-      "power-mode": {"timeout-ms": 250}})");
+      "power-mode": {"timeout-ms": 250},
+      "sessions": {"keep-ms": 90000, "interval-ms": 1500, "tester-present": "3E 00"}})");
     EXPECT_EQ(settings.doip_port, 13401);
     EXPECT_TRUE(settings.allow_remote_gateways);
     EXPECT_EQ(settings.gateway_addresses.at("192.168.10.1"), "127.0.0.1");
@@ -204,6 +205,11 @@ TEST(AgentSettingsTest, theFileSetsEveryPart) {
     EXPECT_EQ(settings.all_ecus_doip, DoipEcuSource::kEcuConfig);
     EXPECT_TRUE(settings.power_mode.enabled);
     EXPECT_EQ(settings.power_mode.timeout, Millis(250));
+    EXPECT_EQ(settings.sessions.keep, Millis(90000));
+    EXPECT_EQ(settings.sessions.interval, Millis(1500));
+    EXPECT_EQ(settings.sessions.tester_present, (Bytes{0x3E, 0x00}));
+    EXPECT_EQ(AgentSettings::from_json("{}").sessions.keep, Millis(0));  // not kept unless asked
+    EXPECT_EQ(AgentSettings::from_json(R"({"sessions": {}})").sessions.keep, Millis(30000));
 }
 
 TEST(AgentSettingsTest, theExampleFileIsValid) {

@@ -74,7 +74,7 @@ TEST(ScapyEcuTest, anEntityOfVersion3OnlyIsReadAfterOneRetry) {
                              "03FC8001000000070E8007E019020C: 19020C -> 5902FF"})
         EXPECT_TRUE(ecu.logged(line)) << line << "\n" << ecu.process.output();
     EXPECT_EQ(
-        links.connection({"127.0.0.1", static_cast<uint16_t>(ecu.port), 0x0E80, 0})->version(),
+        links.connection({"127.0.0.1", static_cast<uint16_t>(ecu.port), 0x0E80, 0, {}})->version(),
         0x03);
 }
 

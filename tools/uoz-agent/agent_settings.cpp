@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 
+#include "entity_info.h"
 #include "json_helpers.h"
 
 namespace uozagent {
@@ -94,8 +95,31 @@ void read_tls(json_object *tls, const std::string &where, DoipTls *out) {
                                  ".ca\" is needed to check the gateway's certificate");
 }
 
-// Activation type, protocol version and TLS: for every gateway in "doip",
-// for one in its "gateways" entry.
+// An idle connection: closed after "close-after-ms", or kept open with
+// "keep-alive" sent to "keep-alive-ta" every "keep-alive-ms".
+void read_idle(json_object *idle, const std::string &where, DoipIdle *out) {
+    if (idle == nullptr)
+        return;
+    const bool closes = json_object_object_get_ex(idle, "close-after-ms", nullptr);
+    out->close_after = millis_member(idle, "close-after-ms", out->close_after,
+                                     (where + ".close-after-ms").c_str());
+    out->keep_alive =
+        millis_member(idle, "keep-alive-ms", out->keep_alive, (where + ".keep-alive-ms").c_str());
+    if (out->keep_alive.count() > 0 && closes && out->close_after.count() > 0)
+        throw std::runtime_error("\"" + where +
+                                 "\" closes an idle connection or keeps it alive, not both");
+    if (out->keep_alive.count() > 0 && out->keep_alive < Millis(100))
+        throw std::runtime_error("\"" + where + ".keep-alive-ms\" must be at least 100");
+    out->target = static_cast<uint16_t>(number_member(idle, "keep-alive-ta", out->target, 0xFFFF,
+                                                      (where + ".keep-alive-ta").c_str()));
+    const std::string message = text_of(idle, "keep-alive", where);
+    if (!message.empty() &&
+        (!parse_hex_bytes(message.c_str(), &out->message) || out->message.empty()))
+        throw std::runtime_error("\"" + where + ".keep-alive\" must be hex bytes (\"3E 80\")");
+}
+
+// Activation type, protocol version, TLS and idle connections: for every
+// gateway in "doip", for one in its "gateways" entry.
 void read_gateway_policy(json_object *object, const std::string &where, DoipGatewayPolicy *policy) {
     const std::string type_where = where + ".activation-type";
     uint32_t type =
@@ -113,6 +137,44 @@ void read_gateway_policy(json_object *object, const std::string &where, DoipGate
     json_object *tls = member(object, "tls", json_type_object, (where + ".tls").c_str());
     if (tls != nullptr)
         read_tls(tls, where + ".tls", &policy->tls);
+    read_idle(member(object, "idle", json_type_object, (where + ".idle").c_str()), where + ".idle",
+              &policy->idle);
+}
+
+// {"vin": "..."} or {"eid": "..."} in place of a gateway's address.
+GatewayIdentity read_identity(json_object *object, const std::string &where) {
+    GatewayIdentity identity;
+    identity.vin = text_of(object, "vin", where);
+    identity.eid = text_of(object, "eid", where);
+    std::vector<uint8_t> bytes;
+    if (!identity.vin.empty() && !identity.eid.empty())
+        throw std::runtime_error("\"" + where +
+                                 "\" names the gateway by \"vin\" or \"eid\", not both");
+    if (!identity.vin.empty() && !uozdoip::parse_vin(identity.vin, &bytes))
+        throw std::runtime_error("\"" + where + ".vin\": \"" + identity.vin +
+                                 "\" is not a VIN (17 letters and digits)");
+    if (!identity.eid.empty() && !uozdoip::parse_eid(identity.eid, &bytes))
+        throw std::runtime_error("\"" + where + ".eid\": \"" + identity.eid +
+                                 "\" is not an EID (6 bytes: 12 hex digits, colons allowed)");
+    return identity;
+}
+
+void read_discovery(json_object *discovery, GatewayDiscovery *out) {
+    if (discovery == nullptr)
+        return;
+    json_object *to = nullptr;
+    if (json_object_object_get_ex(discovery, "to", &to)) {
+        out->to.clear();
+        for (size_t i = 0;
+             json_object_is_type(to, json_type_array) && i < json_object_array_length(to); ++i) {
+            json_object *address = json_object_array_get_idx(to, i);
+            if (json_object_is_type(address, json_type_string))
+                out->to.push_back(json_object_get_string(address));
+        }
+        if (out->to.empty() || out->to.size() != json_object_array_length(to))
+            throw std::runtime_error("\"doip.discovery.to\" lists addresses (\"ADDR[:PORT]\")");
+    }
+    out->wait = millis_member(discovery, "wait-ms", out->wait, "doip.discovery.wait-ms");
 }
 
 void read_doip(json_object *doip, AgentSettings *settings) {
@@ -124,8 +186,17 @@ void read_doip(json_object *doip, AgentSettings *settings) {
     json_object *addresses = member(doip, "addresses", json_type_object, "doip.addresses");
     if (addresses != nullptr) {
         json_object_object_foreach(addresses, from, to) {
+            if (json_object_is_type(to, json_type_object)) {
+                GatewayIdentity identity = read_identity(to, std::string("doip.addresses.") + from);
+                if (identity.empty())
+                    throw std::runtime_error(std::string("\"doip.addresses.") + from +
+                                             "\" needs \"vin\" or \"eid\"");
+                settings->gateway_identities[from] = identity;
+                continue;
+            }
             if (!json_object_is_type(to, json_type_string))
-                throw std::runtime_error("\"doip.addresses\" maps texts to texts");
+                throw std::runtime_error(
+                    "\"doip.addresses\" maps texts to texts or to {\"vin\": ...} / {\"eid\": ...}");
             settings->gateway_addresses[from] = json_object_get_string(to);
         }
     }
@@ -137,6 +208,8 @@ void read_doip(json_object *doip, AgentSettings *settings) {
         millis_member(doip, "ack-timeout-ms", settings->ack_timeout, "doip.ack-timeout-ms");
     settings->processing_time = millis_member(doip, "processing-time-ms", settings->processing_time,
                                               "doip.processing-time-ms");
+    read_discovery(member(doip, "discovery", json_type_object, "doip.discovery"),
+                   &settings->discovery);
     read_gateway_policy(doip, "doip", &settings->doip);
     json_object *gateways = member(doip, "gateways", json_type_object, "doip.gateways");
     if (gateways == nullptr)
@@ -265,10 +338,14 @@ void read_gateway(json_object *gateway, GatewayRoute *route) {
     if (gateway == nullptr)
         return;
     json_object *host = member(gateway, "gw-ip", json_type_string, "gateway.gw-ip");
-    if (host == nullptr)
-        throw std::runtime_error("\"gateway\" needs \"gw-ip\"");
+    route->identity = read_identity(gateway, "gateway");
+    if (host == nullptr && route->identity.empty())
+        throw std::runtime_error("\"gateway\" needs \"gw-ip\" (or \"vin\" or \"eid\")");
+    if (host != nullptr && !route->identity.empty())
+        throw std::runtime_error(
+            "\"gateway\" names its gateway by \"gw-ip\" or by \"vin\"/\"eid\", not both");
     route->enabled = true;
-    route->host = json_object_get_string(host);
+    route->host = host != nullptr ? json_object_get_string(host) : route->identity.text();
     route->port =
         static_cast<uint16_t>(number_member(gateway, "port", 13400, 65535, "gateway.port"));
     route->tester_address =
@@ -332,6 +409,23 @@ void read_power_mode(json_object *check, PowerModeCheck *settings) {
         millis_member(check, "timeout-ms", settings->timeout, "power-mode.timeout-ms");
 }
 
+// "sessions": kept open with a TesterPresent for "keep-ms" after an ECU's last
+// request, one every "interval-ms" (below the ECUs' S3 of 5 s).
+void read_sessions(json_object *sessions, SessionKeeping *keeping) {
+    if (sessions == nullptr)
+        return;
+    keeping->keep = millis_member(sessions, "keep-ms", Millis(30000), "sessions.keep-ms");
+    keeping->interval =
+        millis_member(sessions, "interval-ms", keeping->interval, "sessions.interval-ms");
+    if (keeping->interval < Millis(100) || keeping->interval > Millis(4000))
+        throw std::runtime_error(
+            "\"sessions.interval-ms\" must be 100 to 4000 (ECUs end a session after 5 s)");
+    const std::string message = text_of(sessions, "tester-present", "sessions");
+    if (!message.empty() && (!parse_hex_bytes(message.c_str(), &keeping->tester_present) ||
+                             keeping->tester_present.empty()))
+        throw std::runtime_error("\"sessions.tester-present\" must be hex bytes (\"3E 80\")");
+}
+
 }  // namespace
 
 AgentSettings AgentSettings::from_json(const std::string &text) {
@@ -350,6 +444,7 @@ AgentSettings AgentSettings::from_json(const std::string &text) {
     read_all_ecus(member(root.get(), "all-ecus", json_type_object, "all-ecus"), &settings);
     read_power_mode(member(root.get(), "power-mode", json_type_object, "power-mode"),
                     &settings.power_mode);
+    read_sessions(member(root.get(), "sessions", json_type_object, "sessions"), &settings.sessions);
     return settings;
 }
 

@@ -19,10 +19,27 @@
 
 namespace uozagent {
 
+// A gateway named by its vehicle's VIN or its entity's EID instead of an
+// address: found by vehicle identification (UDP) when the agent starts and
+// again whenever its connection has been lost.
+struct GatewayIdentity {
+    std::string vin;  // 17 characters, or
+    std::string eid;  // 12 hex digits
+    bool empty() const { return vin.empty() && eid.empty(); }
+    std::string text() const { return vin.empty() ? "EID " + eid : "VIN " + vin; }
+};
+
+// Where and how long the agent asks for a gateway named by VIN or EID.
+struct GatewayDiscovery {
+    std::vector<std::string> to = {"255.255.255.255"};  // "ADDR[:PORT]" (port 13400)
+    Millis wait{1000};
+};
+
 // CAN, IOC and CANFD ECUs reached through a vehicle gateway's DoIP entity.
 struct GatewayRoute {
     bool enabled = false;
     std::string host;
+    GatewayIdentity identity;  // instead of host
     uint16_t port = 13400;
     uint16_t tester_address = 0x0E80;
     bool all = false;  // every CAN and IOC ECU, not only those listed
@@ -74,6 +91,14 @@ struct J1939Settings {
     Millis timeout{1250};
 };
 
+// Keeping ECUs' sessions and security access open between queries with a
+// TesterPresent (session_keeper.h).
+struct SessionKeeping {
+    Millis keep{0};  // after an ECU's last request; 0: sessions are not kept
+    Millis interval{2000};
+    Bytes tester_present = {uozuds::sid::kTesterPresent, uozuds::kSuppressPositiveResponse};
+};
+
 // What the agent knows of an ECU from the library's configuration file.
 struct KnownEcu {
     std::string name;
@@ -93,7 +118,9 @@ enum class DoipEcuSource { kNone, kEcuConfig };
 struct AgentSettings {
     uint16_t doip_port = 13400;
     bool allow_remote_gateways = false;
-    std::map<std::string, std::string> gateway_addresses;  // "gw-ip" -> address used
+    std::map<std::string, std::string> gateway_addresses;       // "gw-ip" -> address used
+    std::map<std::string, GatewayIdentity> gateway_identities;  // "gw-ip" -> VIN or EID
+    GatewayDiscovery discovery;
     Millis connect_timeout{2000};
     Millis activation_timeout{2000};
     Millis processing_time{2000};  // for the final routing activation answer after 0x11
@@ -111,6 +138,7 @@ struct AgentSettings {
     DoipEcuSource all_ecus_doip = DoipEcuSource::kNone;  // "all-ecus": {"doip": ...}
     std::map<uint8_t, std::string> key_algorithms;       // level -> "builtin" or plug-in path
     PowerModeCheck power_mode;
+    SessionKeeping sessions;
     bool trace = false;  // print every request and answer (not from the file: --trace)
 
     // Throws std::runtime_error naming the member that is wrong.

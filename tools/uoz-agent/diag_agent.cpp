@@ -101,6 +101,27 @@ class RoutineRun {
         return step(name, send_key_request(level, key));
     }
 
+    // The session and security access a routine asks for: opened and
+    // unlocked, or none of it where the session keeper holds exactly that.
+    bool prepare(const SecurityRequest &security) {
+        if (session_is_kept(ecu_.state, security.session, security.level)) {
+            reused_session = true;
+            return true;
+        }
+        return (security.session == 0 || session(security.session)) &&
+               unlock("SecurityAccess", security.level);
+    }
+
+    // A command refused because the kept session or access was gone after
+    // all: the session is opened and unlocked, and the command sent once more.
+    bool retry_after_lost_session(const SecurityRequest &security, const UdsCommand &command) {
+        if (!reused_session || !stopped_by_ecu || !says_session_is_gone(done.back().response))
+            return false;
+        reused_session = false;
+        stopped_by_ecu = false;
+        return prepare(security) && this->command(command);
+    }
+
     bool command(const UdsCommand &command) {
         if (is_seed_request(command.request))
             return unlock(command.name, command.request[1]);
@@ -110,6 +131,7 @@ class RoutineRun {
     std::vector<CommandRecord> done;
     std::string error;
     bool stopped_by_ecu = false;
+    bool reused_session = false;  // the kept session went without opening it
 
   private:
     bool step(const std::string &name, const Bytes &request) {
@@ -147,9 +169,16 @@ json_object *commands_json(const std::vector<CommandRecord> &done) {
 }  // namespace
 
 DiagAgent::DiagAgent(AgentSettings settings, LinkProvider &links, KeyAlgorithms keys)
-    : settings_(std::move(settings)), links_(links), keys_(std::move(keys)) {}
+    : settings_(std::move(settings)),
+      links_(links),
+      keys_(std::move(keys)),
+      keeper_(settings_.sessions, [this](const EcuTarget &target, EcuLink &link, EcuState &state,
+                                         const Bytes &request) {
+          EcuAccess ecu{target, link, state};
+          return traced_request(ecu, request, settings_, settings_.timing);
+      }) {}
 
-std::shared_ptr<DiagAgent::EcuSlot> DiagAgent::ecu_slot(const std::string &key) {
+std::shared_ptr<EcuSlot> DiagAgent::ecu_slot(const std::string &key) {
     std::lock_guard<std::mutex> hold(locks_lock_);
     std::shared_ptr<EcuSlot> &slot = ecu_slots_[key];
     if (!slot)
@@ -176,6 +205,7 @@ void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
         std::lock_guard<std::mutex> one_request_at_a_time(slot->lock);
         EcuAccess ecu{target, *link, slot->state};
         job(index, &ecu, error);
+        keeper_.after_request(target, link, slot);
     };
     if (targets.size() == 1) {
         run(0);
@@ -308,11 +338,11 @@ json_object *DiagAgent::routine_answer(json_object *routine, const std::vector<E
             return;
         }
         RoutineRun run(*ecu, settings_, keys_);
-        bool going =
-            !security.wanted || ((security.session == 0 || run.session(security.session)) &&
-                                 run.unlock("SecurityAccess", security.level));
-        for (size_t i = 0; going && i < commands.size(); ++i)
-            going = run.command(commands[i]);
+        bool going = !security.wanted || run.prepare(security);
+        for (size_t i = 0; going && i < commands.size(); ++i) {
+            going = run.command(commands[i]) ||
+                    (security.wanted && run.retry_after_lost_session(security, commands[i]));
+        }
         add_text(result, "response", run.done.empty() ? "" : hex_text(run.done.back().response));
         json_object_object_add(result, "commands", commands_json(run.done));
         if (!run.error.empty())

@@ -14,6 +14,7 @@
 #include "ecu_link.h"
 #include "key_algorithm.h"
 #include "query_targets.h"
+#include "session_keeper.h"
 
 namespace uozagent {
 
@@ -50,11 +51,6 @@ class DiagAgent {
                                 std::string *error);
     json_object *routine_answer(json_object *routine, const std::vector<EcuTarget> &targets,
                                 std::string *error);
-    // One request at a time per ECU, whichever query it belongs to.
-    struct EcuSlot {
-        std::mutex lock;
-        EcuState state;  // guarded by lock
-    };
     // Runs job on every target at once, each under its ECU's lock.
     template <typename Job>
     void for_each_ecu(const std::vector<EcuTarget> &targets, Job job);
@@ -64,7 +60,9 @@ class DiagAgent {
     LinkProvider &links_;
     KeyAlgorithms keys_;
     std::mutex locks_lock_;
+    // One request at a time per ECU, whichever query it belongs to.
     std::map<std::string, std::shared_ptr<EcuSlot>> ecu_slots_;
+    SessionKeeper keeper_;  // last: it stops before the rest goes
 };
 
 }  // namespace uozagent

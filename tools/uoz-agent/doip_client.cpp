@@ -81,15 +81,73 @@ int connect_before(const addrinfo *address, Clock::time_point deadline, int *err
 
 DoipConnection::DoipConnection(DoipOptions options) : options_(std::move(options)) {
     tls_ = options_.policy.tls.use == TlsUse::kAlways;
+    const DoipIdle &idle = options_.policy.idle;
+    if (idle.keep_alive.count() > 0 || idle.close_after.count() > 0)
+        idle_watch_ = std::thread(&DoipConnection::idle_loop, this);
 }
 
 DoipConnection::~DoipConnection() {
     {
         std::lock_guard<std::mutex> hold(lock_);
+        stopping_ = true;
         close_locked();
     }
+    changed_.notify_all();
+    if (idle_watch_.joinable())
+        idle_watch_.join();
     if (reader_.joinable())
         reader_.join();
+}
+
+// Waits for a connection to fall idle, then closes it or sends the
+// keep-alive message.
+void DoipConnection::idle_loop() {
+    const DoipIdle &idle = options_.policy.idle;
+    const Millis period = idle.keep_alive.count() > 0 ? idle.keep_alive : idle.close_after;
+    std::unique_lock<std::mutex> hold(lock_);
+    while (!stopping_) {
+        if (!active_) {
+            changed_.wait(hold);
+            continue;
+        }
+        const Clock::time_point due = last_traffic_ + period;
+        if (Clock::now() < due) {
+            changed_.wait_until(hold, due);
+            continue;
+        }
+        hold.unlock();
+        on_idle(period);
+        hold.lock();
+    }
+}
+
+void DoipConnection::on_idle(Millis period) {
+    const DoipIdle &idle = options_.policy.idle;
+    std::lock_guard<std::mutex> no_writer(write_lock_);
+    std::vector<uint8_t> keep_alive;
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        if (!active_ || Clock::now() < last_traffic_ + period)
+            return;
+        if (!awaiting_ack_.empty() || receivers_ > 0) {  // a request under way: not idle
+            last_traffic_ = Clock::now();
+            return;
+        }
+        if (idle.keep_alive.count() == 0) {
+            UOZ_DBGLOG(UOZ_LOG_INFO, "closing the connection to %s: idle for %s", where().c_str(),
+                       ms_text(period).c_str());
+            closed_by_agent_ = true;
+            close_locked();
+            return;
+        }
+        keep_alive =
+            encode(DiagnosticMessage{options_.tester_address, idle.target, idle.message}, version_);
+        last_traffic_ = Clock::now();
+    }
+    UOZ_DBGLOG(UOZ_LOG_DBG, "keeping the connection to %s open: %s to %s", where().c_str(),
+               uozuds::hex_spaced(idle.message.data(), idle.message.size()).c_str(),
+               uozuds::hex_number(idle.target, 4).c_str());
+    stream_->write_all(keep_alive);
 }
 
 std::string DoipConnection::where() const {
@@ -112,6 +170,10 @@ void DoipConnection::close(bool for_good) {
 
 bool DoipConnection::write(Stream &stream, const std::vector<uint8_t> &bytes) {
     std::lock_guard<std::mutex> hold(write_lock_);
+    {
+        std::lock_guard<std::mutex> state(lock_);
+        last_traffic_ = Clock::now();
+    }
     return stream.write_all(bytes);
 }
 
@@ -125,6 +187,7 @@ DoipConnection::Write DoipConnection::write_current(uint64_t generation,
         std::lock_guard<std::mutex> state(lock_);
         if (generation != generation_ || !active_)
             return Write::kNotCurrent;
+        last_traffic_ = Clock::now();
     }
     return stream_->write_all(bytes) ? Write::kWritten : Write::kFailed;
 }
@@ -256,6 +319,8 @@ DoipConnection::Attempt DoipConnection::activate(Clock::time_point deadline, std
     }
     entity_address_ = activation_->entity;
     active_ = true;
+    last_traffic_ = Clock::now();
+    changed_.notify_all();
     ++activations_;
     UOZ_DBGLOG(UOZ_LOG_INFO, "routing activated at %s%s (entity %s, tester %s, version %s)",
                where().c_str(), tls_ ? " over TLS" : "",
@@ -294,6 +359,7 @@ DoipConnection::Attempt DoipConnection::connect_and_activate(Clock::time_point d
         activation_.reset();
         activation_nack_.reset();
         drop_reason_.clear();
+        closed_by_agent_ = false;
         reader_running_ = true;
         version_ = learned_version_          ? *learned_version_
                    : options_.policy.version ? options_.policy.version
@@ -408,6 +474,16 @@ void DoipConnection::settle_ack(uint16_t target) {
 bool DoipConnection::receive(uint16_t target, Clock::time_point until, Bytes *response,
                              std::string *error, bool *timed_out) {
     std::unique_lock<std::mutex> hold(lock_);
+    ++receivers_;
+    const bool received = receive_locked(hold, target, until, response, error, timed_out);
+    --receivers_;
+    last_traffic_ = Clock::now();  // idle from here on at the earliest
+    return received;
+}
+
+bool DoipConnection::receive_locked(std::unique_lock<std::mutex> &hold, uint16_t target,
+                                    Clock::time_point until, Bytes *response, std::string *error,
+                                    bool *timed_out) {
     Mailbox &mailbox = mailboxes_[target];
     for (;;) {
         bool awaiting_ack = mailbox.ack == Mailbox::Ack::kWaiting;
@@ -562,7 +638,7 @@ void DoipConnection::reader_loop(Stream *stream, uint64_t generation) {
     while (result == StreamRead::kOpen)
         result = read_messages(*stream, reader, on_message, send_nack);
     if (result == StreamRead::kEnded)
-        why = "closed by the gateway";
+        why = locked(closed_by_agent_) ? "closed by the agent" : "closed by the gateway";
     if (result == StreamRead::kFailed)
         why = "read failed: " + stream->failure();
     if (result == StreamRead::kBadVersion) {

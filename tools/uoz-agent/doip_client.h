@@ -8,7 +8,9 @@
 // answer that comes before its acknowledge as the acknowledge, fails a
 // request at once on a NACK or generic NACK, and after a drop (or a close
 // by the gateway seen before the next request) connects and activates again
-// for the next request without replaying the one that was under way.
+// for the next request without replaying the one that was under way. An
+// idle connection is closed by the agent before the gateway's inactivity
+// time, or kept open with a keep-alive message (DoipIdle).
 #ifndef UOZ_TOOLS_AGENT_DOIP_CLIENT_H
 #define UOZ_TOOLS_AGENT_DOIP_CLIENT_H
 
@@ -45,11 +47,24 @@ struct DoipTls {
     std::string host;         // the name the gateway's certificate carries; "" for the address
 };
 
+// What becomes of a connection that nothing went over for a while. A
+// gateway closes such a connection after its own inactivity time (5 minutes
+// in general); the agent closes it first, or keeps it open with a message
+// the gateway passes on (by default a TesterPresent without answers to
+// every ECU behind it), so that a request never meets a connection closing.
+struct DoipIdle {
+    Millis close_after{240000};  // 0: left open until the gateway closes it
+    Millis keep_alive{0};        // instead of closing: the message this often
+    uint16_t target = 0xE400;    // the gateway's functional address
+    Bytes message = {uozuds::sid::kTesterPresent, uozuds::kSuppressPositiveResponse};
+};
+
 // What may differ from one gateway to another.
 struct DoipGatewayPolicy {
     uint8_t activation_type = uozdoip::routing::kTypeDefault;
     uint8_t version = 0;  // protocol version sent; 0: 0x02 on plain TCP, 0x03 on TLS
     DoipTls tls;
+    DoipIdle idle;
 };
 
 struct DoipOptions {
@@ -123,6 +138,11 @@ class DoipConnection {
                                std::string *error);
     void close_locked();
     void reader_loop(uozdoip::Stream *stream, uint64_t generation);
+    bool receive_locked(std::unique_lock<std::mutex> &hold, uint16_t target,
+                        Clock::time_point until, Bytes *response, std::string *error,
+                        bool *timed_out);
+    void idle_loop();
+    void on_idle(Millis period);
     void handle(const uozdoip::Message &message, uozdoip::Stream &stream, uint64_t generation);
     void settle_ack(uint16_t target);
     void generic_nack(uint8_t code);
@@ -151,6 +171,11 @@ class DoipConnection {
     std::string drop_reason_;
     std::map<uint16_t, Mailbox> mailboxes_;
     std::deque<uint16_t> awaiting_ack_;  // targets whose requests await their acknowledge, in order
+    Clock::time_point last_traffic_{};   // the last message written, or request ended
+    int receivers_ = 0;                  // requests waiting for their answers
+    bool closed_by_agent_ = false;       // this connection's end is the agent's doing
+    bool stopping_ = false;              // the destructor runs
+    std::thread idle_watch_;             // with a DoipIdle time: closes or keeps alive
     int activations_ = 0;
     int alive_checks_answered_ = 0;
     uint16_t entity_address_ = 0;

@@ -173,14 +173,18 @@ UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p
     return timing;
 }
 
-UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing,
-                       EcuState &state) {
+namespace {
+
+UdsOutcome request_in_turn(EcuLink &link, const Bytes &request, const UdsTiming &timing,
+                           EcuState &state) {
     UdsOutcome outcome;
     const Clock::time_point deadline = Clock::now() + timing.overall;
-    if (state.answer_may_be_late) {
+    if (state.answer_may_be_late ||
+        (state.tester_present_may_answer && request[0] == uozuds::sid::kTesterPresent)) {
         if (!resynchronise(link, timing, deadline, &outcome))
             return outcome;
         state.answer_may_be_late = false;
+        state.tester_present_may_answer = false;
     }
     const bool suppressed = suppresses_positive_answer(request);
     for (int attempt = 0;; ++attempt) {
@@ -207,6 +211,7 @@ UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &tim
                 return outcome;
         }
         state.answer_may_be_late = false;
+        state.tester_present_may_answer = false;  // an ECU answers in order
         uint8_t code = 0;
         if (is_negative_response(response, &code) && code == uozuds::nrc::kBusyRepeatRequest &&
             attempt < timing.busy_retries && Clock::now() + timing.busy_delay < deadline) {
@@ -218,6 +223,56 @@ UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &tim
         outcome.response = std::move(response);
         return outcome;
     }
+}
+
+}  // namespace
+
+void note_session(EcuState &state, const Bytes &request, const UdsOutcome &outcome) {
+    if (!outcome.answered || request.size() < 2)
+        return;
+    const uint8_t service = request[0];
+    const uint8_t sub_function = request[1] & ~uozuds::kSuppressPositiveResponse;
+    uint8_t code = 0;
+    if (is_negative_response(outcome.response, &code)) {
+        if (code == uozuds::nrc::kServiceNotSupportedInActiveSession ||
+            code == uozuds::nrc::kSubFunctionNotSupportedInActiveSession) {
+            state.session = uozuds::session::kDefault;
+            state.unlocked_level = 0;
+        } else if (code == uozuds::nrc::kSecurityAccessDenied) {
+            state.unlocked_level = 0;
+        }
+        return;
+    }
+    switch (service) {
+        case uozuds::sid::kDiagnosticSessionControl:
+            state.session = sub_function;
+            state.unlocked_level = 0;
+            return;
+        case uozuds::sid::kEcuReset:
+            state.session = uozuds::session::kDefault;
+            state.unlocked_level = 0;
+            return;
+        case uozuds::sid::kSecurityAccess: {
+            if (sub_function % 2 == 0) {  // sendKey accepted
+                state.unlocked_level = static_cast<uint8_t>(sub_function - 1);
+                return;
+            }
+            const Bytes &seed = outcome.response;  // 67 <level> <seed>: zero when unlocked
+            if (seed.size() > 2 &&
+                std::all_of(seed.begin() + 2, seed.end(), [](uint8_t byte) { return byte == 0; }))
+                state.unlocked_level = sub_function;
+            return;
+        }
+        default:
+            return;
+    }
+}
+
+UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing,
+                       EcuState &state) {
+    UdsOutcome outcome = request_in_turn(link, request, timing, state);
+    note_session(state, request, outcome);
+    return outcome;
 }
 
 }  // namespace uozagent

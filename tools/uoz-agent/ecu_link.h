@@ -60,7 +60,22 @@ struct EcuState {
     // discarded: echoes alone cannot tell `19 02 FF`'s late answer from
     // `19 02 08`'s.
     bool answer_may_be_late = false;
+    // The session keeper's TesterPresent with the suppress bit met silence.
+    // A late negative answer to it can pass only for another TesterPresent's
+    // answer, so only a TesterPresent is resynchronised first.
+    bool tester_present_may_answer = false;
+    // What the answers so far say of the ECU's session and security access.
+    uint8_t session = uozuds::session::kDefault;
+    uint8_t unlocked_level = 0;  // the request-seed level unlocked; 0: locked
+    // Until when the session keeper holds the session open (see session_keeper.h).
+    Clock::time_point kept_until{};
 };
+
+// Updates what the state says of the ECU's session and security access from
+// a request and its outcome: a session change (which locks security), a
+// reset, an unlock, or a negative answer that says the session or the access
+// is not what the agent thought.
+void note_session(EcuState &state, const Bytes &request, const UdsOutcome &outcome);
 
 // The timing to use after an ECU announced its own P2 and P2* (0x10): never
 // shorter than the configured waits, with room for the way there and back,

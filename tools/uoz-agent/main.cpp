@@ -128,6 +128,7 @@ int run(const Options &options, uozagent::Lifetime &lifetime) {
     uozagent::KeyAlgorithms keys = key_algorithms(settings);
     warn_about_addresses(options.certs);
     uozagent::TransportLinks links(settings);
+    links.find_gateways();
     uozagent::DiagAgent agent(settings, links, keys);
     uozagent::LinkLog link_log(options.broker);
     uozagent::BusSetup setup;

@@ -39,6 +39,11 @@ void doip_target(json_object *block, const AgentSettings &settings, EcuTarget *t
     target->doip.port = settings.doip_port;
     target->doip.tester_address = static_cast<uint16_t>(tester);
     target->doip.logical_address = static_cast<uint16_t>(logical);
+    auto identity = settings.gateway_identities.find(gateway);
+    if (identity != settings.gateway_identities.end()) {
+        target->doip.identity = identity->second;
+        target->doip.host = identity->second.text();
+    }
 }
 
 // The logical address of a routed ECU: the settings' own, else its target
@@ -74,7 +79,8 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
         }
         target->transport = Transport::kDoip;
         target->doip = {settings.gateway.host, settings.gateway.port,
-                        settings.gateway.tester_address, static_cast<uint16_t>(logical)};
+                        settings.gateway.tester_address, static_cast<uint16_t>(logical),
+                        settings.gateway.identity};
         return;
     }
     const char *ifname = text_member(block, "ifname");

@@ -20,6 +20,7 @@ struct DoipAddress {
     uint16_t port = 13400;
     uint16_t tester_address = 0;
     uint16_t logical_address = 0;
+    GatewayIdentity identity;  // the gateway is found by it; host names it until then
 };
 
 struct CanAddress {

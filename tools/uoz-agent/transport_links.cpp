@@ -1,5 +1,7 @@
 #include "transport_links.h"
 
+#include <algorithm>
+
 #include "discovery.h"
 #include "entity_info.h"
 #include "isotp_link.h"
@@ -53,6 +55,102 @@ bool TransportLinks::power_mode_allows(const DoipAddress &address, std::string *
     return false;
 }
 
+namespace {
+
+// Asks for the entity with the identity's VIN or EID: the first that answers
+// with it, or none with *error.
+std::optional<uozdoip::DiscoveredEntity> discover(const GatewayIdentity &identity,
+                                                  const GatewayDiscovery &where,
+                                                  std::string *error) {
+    uozdoip::DiscoveryOptions options;
+    options.send_to = where.to;
+    options.announcement_port = 0;  // the answers are enough
+    options.wait = where.wait;
+    const bool by_vin = !identity.vin.empty();
+    options.request.payload_type = by_vin ? uozdoip::payload::kVehicleIdRequestByVin
+                                          : uozdoip::payload::kVehicleIdRequestByEid;
+    std::vector<uint8_t> &wanted = options.request.filter;
+    if (by_vin)
+        uozdoip::parse_vin(identity.vin, &wanted);
+    else
+        uozdoip::parse_eid(identity.eid, &wanted);
+    auto matches = [&](const uozdoip::DiscoveredEntity &entity) {
+        return by_vin ? std::equal(wanted.begin(), wanted.end(), entity.identity.vin.begin())
+                      : std::equal(wanted.begin(), wanted.end(), entity.identity.eid.begin());
+    };
+    uozdoip::Discovery discovery;
+    std::string why;
+    if (discovery.open(options, &why) &&
+        discovery.collect(
+            [&](const std::vector<uozdoip::DiscoveredEntity> &entities, Millis) {
+                return std::any_of(entities.begin(), entities.end(), matches);
+            },
+            &why)) {
+        const std::vector<uozdoip::DiscoveredEntity> &found = discovery.entities();
+        auto entity = std::find_if(found.begin(), found.end(), matches);
+        if (entity != found.end())
+            return *entity;
+    }
+    std::string places;
+    for (const std::string &to : where.to)
+        places += (places.empty() ? "" : ", ") + to;
+    *error = "no DoIP entity with " + identity.text() + " answered within " +
+             std::to_string(where.wait.count()) + " ms on " + places +
+             (why.empty() ? "" : " (" + why + ")");
+    return std::nullopt;
+}
+
+}  // namespace
+
+bool TransportLinks::find_gateway(DoipAddress *address, std::string *error) {
+    const std::string name = address->identity.text();
+    std::lock_guard<std::mutex> one_discovery(finding_);
+    // Found just now (the other ECUs of a query on their way there) or
+    // connected since: still there.
+    auto known = found_.find(name);
+    if (known != found_.end()) {
+        DoipAddress found = *address;
+        found.host = known->second.host;
+        found.port = known->second.port;
+        if (Clock::now() - known->second.when < settings_.discovery.wait ||
+            connection(found)->connected()) {
+            *address = found;
+            return true;
+        }
+    }
+    std::optional<uozdoip::DiscoveredEntity> entity =
+        discover(address->identity, settings_.discovery, error);
+    if (!entity) {
+        found_.erase(name);
+        return false;
+    }
+    address->host = entity->from.host;
+    address->port = entity->from.port;
+    found_[name] = {address->host, address->port, Clock::now()};
+    UOZ_DBGLOG(UOZ_LOG_INFO, "gateway with %s found at %s (logical address %s)", name.c_str(),
+               entity->from.text().c_str(),
+               uozuds::hex_number(entity->identity.logical_address, 4).c_str());
+    return true;
+}
+
+void TransportLinks::find_gateways() {
+    std::vector<GatewayIdentity> named;
+    if (settings_.gateway.enabled && !settings_.gateway.identity.empty())
+        named.push_back(settings_.gateway.identity);
+    for (const auto &[gw_ip, identity] : settings_.gateway_identities) {
+        (void)gw_ip;
+        named.push_back(identity);
+    }
+    for (const GatewayIdentity &identity : named) {
+        DoipAddress address;
+        address.identity = identity;
+        std::string error;
+        if (!find_gateway(&address, &error))
+            UOZ_DBGLOG(UOZ_LOG_WARN, "%s: looked for again at the first request to it",
+                       error.c_str());
+    }
+}
+
 std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std::string *error) {
     std::lock_guard<std::mutex> hold(lock_);
     std::shared_ptr<EcuLink> &shared = can_links_[address.link_key()];
@@ -65,10 +163,14 @@ std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std
 
 std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
     switch (target.transport) {
-        case Transport::kDoip:
-            if (!power_mode_allows(target.doip, error))
+        case Transport::kDoip: {
+            DoipAddress address = target.doip;
+            if (!address.identity.empty() && !find_gateway(&address, error))
                 return nullptr;
-            return std::make_shared<DoipLink>(connection(target.doip), target.doip.logical_address);
+            if (!power_mode_allows(address, error))
+                return nullptr;
+            return std::make_shared<DoipLink>(connection(address), address.logical_address);
+        }
         case Transport::kCan:
             return can_link(target.can, error);
         case Transport::kNone:

@@ -290,6 +290,11 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
         ->type_name("MS")
         ->capture_default_str();
+    app.add_option("--idle-close", settings.general_inactivity_ms,
+                   "close a connection that nothing came over for MS (DoIP's general "
+                   "inactivity time)")
+        ->type_name("MS")
+        ->capture_default_str();
     app.add_option("--security-delay", settings.uds.security_delay_ms,
                    "lock-out after too many invalid keys")
         ->type_name("MS")
