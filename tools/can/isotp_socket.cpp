@@ -52,6 +52,10 @@ bool apply_options(int fd, const IsotpOptions &options) {
         socket_options.flags |= CAN_ISOTP_TX_PADDING;
     if (options.require_padding)
         socket_options.flags |= CAN_ISOTP_RX_PADDING | CAN_ISOTP_CHK_PAD_LEN;
+    if (options.listen_only)
+        socket_options.flags |= CAN_ISOTP_LISTEN_MODE;
+    if (options.functional)
+        socket_options.flags |= CAN_ISOTP_SF_BROADCAST;
     if (!set_option(fd, CAN_ISOTP_OPTS, socket_options))
         return false;
     if (options.link_layer) {

@@ -19,9 +19,8 @@
 // the kernel refuses with an overflow flow control.
 //
 // Still missing here, for the work that builds on this room: CAN FD ECUs
-// (the link-layer options exist, no caller sets them yet), functional
-// addressing (a single frame on "func-addr" answered on each ECU's own id),
-// and J1939 sockets (CAN_J1939).
+// (the link-layer options exist, no caller sets them yet) and J1939 sockets
+// (CAN_J1939).
 //
 //   uozcan::IsotpOptions options;
 //   options.ifname = "vcan0";
@@ -49,6 +48,8 @@ using Bytes = std::vector<uint8_t>;
 
 // The kernel's wait for each flow control (N_Bs) and consecutive frame (N_Cr).
 constexpr int kKernelFrameTimeoutMs = 1000;
+// The longest message a classic CAN single frame carries (normal addressing).
+constexpr size_t kSingleFrameMax = 7;
 
 // CAN_ISOTP_LL_OPTS: the frames the socket sends and accepts.
 struct LinkLayer {
@@ -71,6 +72,13 @@ struct IsotpOptions {
     // Answers only in frames filled to 8 bytes; shorter frames are dropped.
     bool require_padding = false;
     std::optional<LinkLayer> link_layer;  // set only when given
+    // Receives only, never sends (no flow control either): an ECU that
+    // leaves a segmented request unanswered, or a second reader of an id.
+    bool listen_only = false;
+    // Sends single frames to every ECU on tx_id (functional addressing) and
+    // receives nothing: a longer message is refused, no flow control is
+    // ever awaited, and answers reach the ECUs' own sockets only.
+    bool functional = false;
     // How long an answer that has started (a frame of it came before the
     // receive's deadline) may go on beyond that deadline; the kernel ends it
     // sooner when the ECU stops sending.
