@@ -6,6 +6,7 @@
 #include <json-c/json.h>
 #include <stdint.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,9 @@ struct CanAddress {
     uint8_t st_min = 0;
     uint8_t block_size = 0;
     bool extended_ids = false;  // 29-bit frames, whatever the ids' values
+    // "func-addr": where a request for every ECU on the interface goes at
+    // once; none when the block's text is not an id.
+    std::optional<uint32_t> functional_id = std::nullopt;
 };
 
 using uoztools::JsonPtr;
