@@ -205,25 +205,16 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
     if (request.empty())
         return nullptr;
     std::vector<UdsOutcome> outcomes(targets.size());
-    // CAN ECUs of a query for all are asked with one request per bus, the
-    // others one by one, all at once.
-    std::vector<FunctionalGroup> groups;
-    if (broadcast)
-        groups = functional_groups(targets, request);
-    std::vector<bool> asked_together(targets.size(), false);
-    for (const FunctionalGroup &group : groups) {
-        for (size_t member : group.members)
-            asked_together[member] = true;
-    }
-    FunctionalContext functional{
-        links_, [this](const std::string &key) { return ecu_slot(key); }, settings_.timing,
-        [&](const EcuTarget &target, const std::string &how, const UdsOutcome &outcome) {
-            trace_outcome(target, request, how, outcome, settings_);
-        }};
-    std::thread together;
-    if (!groups.empty())
-        together =
-            std::thread([&] { ask_functionally(groups, targets, request, functional, &outcomes); });
+    // CAN ECUs of a query for all: one request per bus (functional_request.h),
+    // beside the others, asked one by one.
+    FunctionalRound together(
+        broadcast ? functional_groups(targets, request) : std::vector<FunctionalGroup>(), targets,
+        request,
+        {links_, [this](const std::string &key) { return ecu_slot(key); }, settings_.timing,
+         [&](const EcuTarget &target, const std::string &how, const UdsOutcome &outcome) {
+             trace_outcome(target, request, how, outcome, settings_);
+         }},
+        &outcomes);
     for_each_ecu(
         targets,
         [&](size_t index, EcuAccess *ecu, const std::string &why) {
@@ -232,9 +223,8 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
             else
                 outcomes[index] = traced_request(*ecu, request, settings_, settings_.timing);
         },
-        asked_together);
-    if (together.joinable())
-        together.join();
+        together.members());
+    together.wait();
     // A single ECU that gave no answer fails the whole read; among several,
     // it is an element with empty data and the reason, never "no DTCs".
     if (!broadcast && targets.size() == 1 && !outcomes[0].answered) {

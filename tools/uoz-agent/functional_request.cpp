@@ -121,11 +121,25 @@ std::vector<FunctionalGroup> functional_groups(const std::vector<EcuTarget> &tar
     return groups;
 }
 
-void ask_functionally(const std::vector<FunctionalGroup> &groups,
-                      const std::vector<EcuTarget> &targets, const Bytes &request,
-                      const FunctionalContext &context, std::vector<UdsOutcome> *outcomes) {
-    in_parallel(groups.size(),
-                [&](size_t i) { ask_group(groups[i], targets, request, context, outcomes); });
+FunctionalRound::FunctionalRound(std::vector<FunctionalGroup> groups,
+                                 const std::vector<EcuTarget> &targets, const Bytes &request,
+                                 FunctionalContext context, std::vector<UdsOutcome> *outcomes)
+    : groups_(std::move(groups)), context_(std::move(context)), members_(targets.size(), false) {
+    for (const FunctionalGroup &group : groups_) {
+        for (size_t member : group.members)
+            members_[member] = true;
+    }
+    if (groups_.empty())
+        return;
+    thread_ = std::thread([this, &targets, &request, outcomes] {
+        in_parallel(groups_.size(),
+                    [&](size_t i) { ask_group(groups_[i], targets, request, context_, outcomes); });
+    });
+}
+
+void FunctionalRound::wait() {
+    if (thread_.joinable())
+        thread_.join();
 }
 
 }  // namespace uozagent

@@ -29,6 +29,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "diag_agent.h"
@@ -55,11 +56,28 @@ struct FunctionalContext {
     std::function<void(const EcuTarget &, const std::string &how, const UdsOutcome &)> report;
 };
 
-// Asks every group at once and fills (*outcomes)[member] for each of their
-// members; blocks until all have answered or failed.
-void ask_functionally(const std::vector<FunctionalGroup> &groups,
-                      const std::vector<EcuTarget> &targets, const Bytes &request,
-                      const FunctionalContext &context, std::vector<UdsOutcome> *outcomes);
+// The groups of one query, asked in the background from construction;
+// (*outcomes)[member] is filled for each of their members once wait() (or
+// the destructor) returns.
+class FunctionalRound {
+  public:
+    FunctionalRound(std::vector<FunctionalGroup> groups, const std::vector<EcuTarget> &targets,
+                    const Bytes &request, FunctionalContext context,
+                    std::vector<UdsOutcome> *outcomes);
+    ~FunctionalRound() { wait(); }
+    FunctionalRound(const FunctionalRound &) = delete;
+    FunctionalRound &operator=(const FunctionalRound &) = delete;
+
+    // Which targets the round asks; the others are left to physical requests.
+    const std::vector<bool> &members() const { return members_; }
+    void wait();
+
+  private:
+    std::vector<FunctionalGroup> groups_;
+    FunctionalContext context_;
+    std::vector<bool> members_;
+    std::thread thread_;
+};
 
 }  // namespace uozagent
 
