@@ -134,9 +134,11 @@ std::unique_ptr<IsotpSocket> IsotpSocket::open(const IsotpOptions &options, std:
         *error = "cannot open ISO-TP on " + options.ifname + ": " + strerror(errno);
         return nullptr;
     }
-    uoztools::ScopedFd frames =
-        frames_of(static_cast<int>(index), options.rx_id, options.extended_ids);
-    if (!frames.valid()) {
+    // A functional socket receives nothing, so there is no answer to watch.
+    uoztools::ScopedFd frames;
+    if (!options.functional)
+        frames = frames_of(static_cast<int>(index), options.rx_id, options.extended_ids);
+    if (!options.functional && !frames.valid()) {
         *error = "cannot watch the frames of " + options.ifname + ": " + strerror(errno);
         return nullptr;
     }
