@@ -77,6 +77,11 @@ case ${UOZ_CAN_VM_ACCEL:-tcg} in
     *) say "UOZ_CAN_VM_ACCEL must be tcg or kvm"; exit 125 ;;
 esac
 
+# The console is read line by line as it comes: mawk would otherwise wait for
+# a full buffer, and a quiet command's start would go unseen by the watchdog.
+line_awk=(awk)
+awk -W version 2>/dev/null | grep -q mawk && line_awk=(awk -W interactive)
+
 started=$(date +%s.%N)
 timeout=${UOZ_CAN_VM_TIMEOUT:-1200}
 boot_timeout=${UOZ_CAN_VM_BOOT_TIMEOUT:-120}
@@ -98,7 +103,7 @@ timeout -k 5 "$timeout" "$qemu" -M pc -bios $firmware "${accel[@]}" -m "${UOZ_CA
     -fsdev local,id=hostroot,path=/,security_model=none,readonly=on,multidevs=remap \
     -device virtio-9p-pci,fsdev=hostroot,mount_tag=hostroot \
     </dev/null 2>"$job/qemu.err" |
-    awk -v begun="$job/begun" -v result="$job/result" -v boot="$job/boot.log" '
+    "${line_awk[@]}" -v begun="$job/begun" -v result="$job/result" -v boot="$job/boot.log" '
         { sub(/\r$/, "") }
         index($0, "@@UOZ-CAN-VM-BEGIN") { print > begun; close(begun); on = 1; next }
         (at = index($0, "@@UOZ-CAN-VM-END")) {

@@ -102,16 +102,9 @@ class AgentIsotpTest : public ::testing::Test {
     // The exchange logged since the mark, once it has as many frames as
     // expected (candump may write the last one after uozctl has ended).
     IsotpExchange exchange_since(size_t mark, size_t frames) {
-        IsotpExchange exchange;
-        for (int waited = 0; waited <= 2000; waited += 10) {
-            exchange = read_isotp(
-                bus_->frames_since(mark),
-                {kRequestId, kResponseId, kSilentRequestId, kBodyRequestId, kBodyResponseId});
-            if (exchange.frames.size() >= frames)
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return exchange;
+        return wait_for_exchange(
+            *bus_, mark, frames,
+            {kRequestId, kResponseId, kSilentRequestId, kBodyRequestId, kBodyResponseId});
     }
     ToolRun uozctl(const std::string &arguments, const std::string &identity = "app") {
         return run(std::string(UOZCTL_PATH) +
@@ -163,8 +156,8 @@ TEST_F(AgentIsotpTest, readsAndCommandsCrossTheBusAsIsoTp) {
         {"version engine",
          0,
          "engine (0x7E0): software version: ENG-2.4.1-CAN, hardware version: B3\n",
-         {"7E0 023E00", "7E8 027E00", "7E0 0322F189", "7E8 037F2278", "7E8 101062F189454E47", "7E0 300800",
-          "7E8 212D322E342E312D", "7E8 2243414E", "7E0 0322F191", "7E8 0562F1914233"},
+         {"7E0 023E00", "7E8 027E00", "7E0 0322F189", "7E8 037F2278", "7E8 101062F189454E47",
+          "7E0 300800", "7E8 212D322E342E312D", "7E8 2243414E", "7E0 0322F191", "7E8 0562F1914233"},
          "",
          0},
         // A 20-byte request: each consecutive frame waits for the ECU's flow control.

@@ -12,6 +12,7 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "hex_bytes.h"
 
@@ -211,6 +212,18 @@ std::vector<CanFrame> CanBusLog::frames_since(size_t mark) const {
     size_t end = log.rfind('\n');  // a line still being written is left for later
     return parse_candump(end != std::string::npos && mark <= end ? log.substr(mark, end - mark)
                                                                  : "");
+}
+
+IsotpExchange wait_for_exchange(const CanBusLog &bus, size_t mark, size_t frames,
+                                const std::vector<uint32_t> &ids) {
+    IsotpExchange exchange;
+    for (int waited = 0; waited <= 2000; waited += 10) {
+        exchange = read_isotp(bus.frames_since(mark), ids);
+        if (exchange.frames.size() >= frames)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return exchange;
 }
 
 // The script's command line: the table and flow control, then its options.

@@ -65,6 +65,12 @@ class CanBusLog {
     ChildProcess process_;
 };
 
+// The exchange of the given ids logged since the mark, once it has as many
+// frames as expected or two seconds have passed (candump may write the last
+// frame after the program that caused it has ended).
+IsotpExchange wait_for_exchange(const CanBusLog &bus, size_t mark, size_t frames,
+                                const std::vector<uint32_t> &ids);
+
 // isotp_ecu.py answering requests on request_id from a table (see the
 // script), ready when the constructor returns; `options` are its own
 // ("--fd", "--extended-addressing 0x18 0xF1").

@@ -62,6 +62,10 @@ bool apply_options(int fd, const IsotpOptions &options) {
         socket_options.flags |= CAN_ISOTP_RX_EXT_ADDR;
         socket_options.rx_ext_address = *options.answer_address;
     }
+    if (options.listen_only)
+        socket_options.flags |= CAN_ISOTP_LISTEN_MODE;
+    if (options.functional)
+        socket_options.flags |= CAN_ISOTP_SF_BROADCAST;
     if (!set_option(fd, CAN_ISOTP_OPTS, socket_options))
         return false;
     if (options.link_layer) {
@@ -140,10 +144,13 @@ std::unique_ptr<IsotpSocket> IsotpSocket::open(const IsotpOptions &options, std:
         *error = "cannot open ISO-TP on " + options.ifname + ": " + strerror(errno);
         return nullptr;
     }
-    uoztools::ScopedFd frames =
-        frames_of(static_cast<int>(index), options.rx_id, options.extended_ids,
-                  options.link_layer && options.link_layer->mtu == CANFD_MTU);
-    if (!frames.valid()) {
+    // A functional socket receives nothing, so there is no answer to watch.
+    uoztools::ScopedFd frames;
+    if (!options.functional) {
+        frames = frames_of(static_cast<int>(index), options.rx_id, options.extended_ids,
+                           options.link_layer && options.link_layer->mtu == CANFD_MTU);
+    }
+    if (!options.functional && !frames.valid()) {
         *error = "cannot watch the frames of " + options.ifname + ": " + strerror(errno);
         return nullptr;
     }

@@ -1,6 +1,6 @@
 // The kernel's CAN sockets (tools/can), for every program that talks to ECUs
-// on a CAN bus: today the diagnostic agent's ISO-TP links; the ECU
-// simulator's CAN side is meant to use the same class.
+// on a CAN bus: the diagnostic agent's ISO-TP links and the ECU simulator's
+// CAN side.
 //
 // An IsotpSocket is one kernel ISO-TP socket (CAN_ISOTP) bound to an
 // interface and an id pair: the kernel segments, reassembles and runs flow
@@ -48,6 +48,8 @@ using Bytes = std::vector<uint8_t>;
 
 // The kernel's wait for each flow control (N_Bs) and consecutive frame (N_Cr).
 constexpr int kKernelFrameTimeoutMs = 1000;
+// The longest message a classic CAN single frame carries (normal addressing).
+constexpr size_t kSingleFrameMax = 7;
 
 // CAN_ISOTP_LL_OPTS: the frames the socket sends and accepts.
 struct LinkLayer {
@@ -75,6 +77,13 @@ struct IsotpOptions {
     // unset); none: normal addressing.
     std::optional<uint8_t> target_address;
     std::optional<uint8_t> answer_address;
+    // Receives only, never sends (no flow control either): an ECU that
+    // leaves a segmented request unanswered, or a second reader of an id.
+    bool listen_only = false;
+    // Sends single frames to every ECU on tx_id (functional addressing) and
+    // receives nothing: a longer message is refused, no flow control is
+    // ever awaited, and answers reach the ECUs' own sockets only.
+    bool functional = false;
     // How long an answer that has started (a frame of it came before the
     // receive's deadline) may go on beyond that deadline; the kernel ends it
     // sooner when the ECU stops sending.

@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "functional_request.h"
 #include "j1939_version.h"
 #include "udsoverzelko.h"
 
@@ -41,12 +42,13 @@ std::string outcome_text(const UdsOutcome &outcome) {
     return outcome.answered ? hex_text(outcome.response) : outcome.error;
 }
 
-// One request on an ECU's link, traced when the settings ask for it; the
-// answers it discarded as another request's are logged at debug level.
-UdsOutcome traced_request(EcuAccess &ecu, const Bytes &request, const AgentSettings &settings,
-                          const UdsTiming &timing) {
-    UdsOutcome outcome = uds_request(ecu.link, request, timing, ecu.state);
-    const std::string title = ecu_title(ecu.target);
+// A request's outcome, traced when the settings ask for it; the answers
+// discarded as another request's are logged at debug level. how: "" for a
+// request to the ECU alone, else how it went ("functional 0x7DF").
+void trace_outcome(const EcuTarget &target, const Bytes &request, const std::string &how,
+                   const UdsOutcome &outcome, const AgentSettings &settings) {
+    const std::string title = ecu_title(target);
+    const std::string sent = hex_text(request) + (how.empty() ? "" : " (" + how + ")");
     if (outcome.resynchronised)
         UOZ_DBGLOG(UOZ_LOG_DBG, "%s: TesterPresent first: an earlier request went unanswered",
                    title.c_str());
@@ -54,12 +56,18 @@ UdsOutcome traced_request(EcuAccess &ecu, const Bytes &request, const AgentSetti
         UOZ_DBGLOG(UOZ_LOG_DBG, "%s: discarded %s: it answers another request", title.c_str(),
                    hex_text(stale).c_str());
     if (settings.trace) {
-        printf("trace %s: %s -> %s\n", title.c_str(), hex_text(request).c_str(),
-               outcome_text(outcome).c_str());
+        printf("trace %s: %s -> %s\n", title.c_str(), sent.c_str(), outcome_text(outcome).c_str());
         fflush(stdout);
     }
-    UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s -> %s", title.c_str(), hex_text(request).c_str(),
+    UOZ_DBGLOG(UOZ_LOG_DBG, "%s: %s -> %s", title.c_str(), sent.c_str(),
                outcome_text(outcome).c_str());
+}
+
+// One request on an ECU's link, traced.
+UdsOutcome traced_request(EcuAccess &ecu, const Bytes &request, const AgentSettings &settings,
+                          const UdsTiming &timing) {
+    UdsOutcome outcome = uds_request(ecu.link, request, timing, ecu.state);
+    trace_outcome(ecu.target, request, "", outcome, settings);
     return outcome;
 }
 
@@ -189,7 +197,8 @@ std::shared_ptr<EcuSlot> DiagAgent::ecu_slot(const std::string &key) {
 // Job is called as job(index, &ecu, "") with the target held, or as
 // job(index, nullptr, error) when the ECU cannot be reached at all.
 template <typename Job>
-void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
+void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job,
+                             const std::vector<bool> &skipped) {
     auto run = [&](size_t index) {
         const EcuTarget &target = targets[index];
         std::string error = target.error;
@@ -208,12 +217,15 @@ void DiagAgent::for_each_ecu(const std::vector<EcuTarget> &targets, Job job) {
         keeper_.after_request(target, link, slot);
     };
     if (targets.size() == 1) {
-        run(0);
+        if (skipped.empty() || !skipped[0])
+            run(0);
         return;
     }
     std::vector<std::thread> workers;
-    for (size_t i = 0; i < targets.size(); ++i)
-        workers.emplace_back(run, i);
+    for (size_t i = 0; i < targets.size(); ++i) {
+        if (i >= skipped.size() || !skipped[i])
+            workers.emplace_back(run, i);
+    }
     for (std::thread &worker : workers)
         worker.join();
 }
@@ -224,12 +236,26 @@ json_object *DiagAgent::dtc_answer(json_object *uds, const std::vector<EcuTarget
     if (request.empty())
         return nullptr;
     std::vector<UdsOutcome> outcomes(targets.size());
-    for_each_ecu(targets, [&](size_t index, EcuAccess *ecu, const std::string &why) {
-        if (ecu == nullptr)
-            outcomes[index].error = why;
-        else
-            outcomes[index] = traced_request(*ecu, request, settings_, settings_.timing);
-    });
+    // CAN ECUs of a query for all: one request per bus (functional_request.h),
+    // beside the others, asked one by one.
+    FunctionalRound together(
+        broadcast ? functional_groups(targets, request) : std::vector<FunctionalGroup>(), targets,
+        request,
+        {links_, [this](const std::string &key) { return ecu_slot(key); }, settings_.timing,
+         [&](const EcuTarget &target, const std::string &how, const UdsOutcome &outcome) {
+             trace_outcome(target, request, how, outcome, settings_);
+         }},
+        &outcomes);
+    for_each_ecu(
+        targets,
+        [&](size_t index, EcuAccess *ecu, const std::string &why) {
+            if (ecu == nullptr)
+                outcomes[index].error = why;
+            else
+                outcomes[index] = traced_request(*ecu, request, settings_, settings_.timing);
+        },
+        together.members());
+    together.wait();
     // A single ECU that gave no answer fails the whole read; among several,
     // it is an element with empty data and the reason, never "no DTCs".
     if (!broadcast && targets.size() == 1 && !outcomes[0].answered) {

@@ -24,6 +24,12 @@ class LinkProvider {
   public:
     virtual ~LinkProvider() = default;
     virtual std::shared_ptr<EcuLink> link_for(const EcuTarget &target, std::string *error) = 0;
+    // Sends one single frame to every ECU on the CAN address's interface and
+    // functional id (functional_request.h); nullptr: the ECUs are asked one by one.
+    virtual std::shared_ptr<EcuLink> functional_link(const CanAddress &, std::string *error) {
+        *error = "no functional addressing";
+        return nullptr;
+    }
 };
 
 // One ECU while the agent holds it: its link and what the UDS layer keeps
@@ -51,9 +57,10 @@ class DiagAgent {
                                 std::string *error);
     json_object *routine_answer(json_object *routine, const std::vector<EcuTarget> &targets,
                                 std::string *error);
-    // Runs job on every target at once, each under its ECU's lock.
+    // Runs job on every target at once (but those skipped), each under its ECU's lock.
     template <typename Job>
-    void for_each_ecu(const std::vector<EcuTarget> &targets, Job job);
+    void for_each_ecu(const std::vector<EcuTarget> &targets, Job job,
+                      const std::vector<bool> &skipped = {});
     std::shared_ptr<EcuSlot> ecu_slot(const std::string &key);
 
     AgentSettings settings_;

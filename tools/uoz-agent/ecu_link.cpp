@@ -173,45 +173,62 @@ UdsTiming timing_for_ecu(const UdsTiming &configured, Millis p2_server, Millis p
     return timing;
 }
 
+bool resynchronise_if_needed(EcuLink &link, const UdsTiming &timing, Clock::time_point deadline,
+                             EcuState &state, UdsOutcome *outcome) {
+    if (!state.answer_may_be_late)
+        return true;
+    if (!resynchronise(link, timing, deadline, outcome))
+        return false;
+    state.answer_may_be_late = false;
+    state.tester_present_may_answer = false;
+    return true;
+}
+
+bool await_answer(EcuLink &link, const Bytes &request, const UdsTiming &timing,
+                  Clock::time_point deadline, EcuState &state, UdsOutcome *outcome,
+                  Bytes *response) {
+    // Until the final answer (or the silence a suppressed request asks
+    // for), whatever the ECU still sends may belong to this request.
+    state.answer_may_be_late = true;
+    switch (wait_for_answer(link, request, timing, deadline, outcome, response)) {
+        case Wait::kAnswered:
+            state.answer_may_be_late = false;
+            state.tester_present_may_answer = false;  // an ECU answers in order
+            return true;
+        case Wait::kTimedOut:
+            // Silence within P2 is the success a suppressed request asks for;
+            // once the ECU said "response pending", its final answer is owed.
+            if (suppresses_positive_answer(request) && outcome->pending_answers == 0) {
+                outcome->answered = outcome->suppressed = true;
+                outcome->error.clear();
+            } else {
+                outcome->error = timeout_text(*outcome, timing, deadline);
+            }
+            return false;
+        case Wait::kBroken:
+            return false;
+    }
+    return false;
+}
+
 namespace {
 
 UdsOutcome request_in_turn(EcuLink &link, const Bytes &request, const UdsTiming &timing,
                            EcuState &state) {
     UdsOutcome outcome;
     const Clock::time_point deadline = Clock::now() + timing.overall;
-    if (state.answer_may_be_late ||
-        (state.tester_present_may_answer && request[0] == uozuds::sid::kTesterPresent)) {
-        if (!resynchronise(link, timing, deadline, &outcome))
-            return outcome;
-        state.answer_may_be_late = false;
-        state.tester_present_may_answer = false;
-    }
-    const bool suppressed = suppresses_positive_answer(request);
+    // A silent TesterPresent's late negative answer can pass only for another
+    // TesterPresent's answer: only then is it resynchronised first.
+    if (state.tester_present_may_answer && request[0] == uozuds::sid::kTesterPresent)
+        state.answer_may_be_late = true;
+    if (!resynchronise_if_needed(link, timing, deadline, state, &outcome))
+        return outcome;
     for (int attempt = 0;; ++attempt) {
         if (!link.send(request, deadline, &outcome.error))
             return outcome;
-        // Until the final answer (or the silence a suppressed request asks
-        // for), whatever the ECU still sends may belong to this request.
-        state.answer_may_be_late = true;
         Bytes response;
-        switch (wait_for_answer(link, request, timing, deadline, &outcome, &response)) {
-            case Wait::kAnswered:
-                break;
-            case Wait::kTimedOut:
-                // Silence within P2 is the success a suppressed request asks for;
-                // once the ECU said "response pending", its final answer is owed.
-                if (suppressed && outcome.pending_answers == 0) {
-                    outcome.answered = outcome.suppressed = true;
-                    outcome.error.clear();
-                } else {
-                    outcome.error = timeout_text(outcome, timing, deadline);
-                }
-                return outcome;
-            case Wait::kBroken:
-                return outcome;
-        }
-        state.answer_may_be_late = false;
-        state.tester_present_may_answer = false;  // an ECU answers in order
+        if (!await_answer(link, request, timing, deadline, state, &outcome, &response))
+            return outcome;
         uint8_t code = 0;
         if (is_negative_response(response, &code) && code == uozuds::nrc::kBusyRepeatRequest &&
             attempt < timing.busy_retries && Clock::now() + timing.busy_delay < deadline) {

@@ -91,6 +91,20 @@ bool answers_request(const Bytes &response, const Bytes &request);
 // bit 7 of a service that has it).
 bool suppresses_positive_answer(const Bytes &request);
 
+// Before a request to an ECU whose answer to an earlier one may still come
+// (see EcuState): TesterPresent, and what came before its answer dropped.
+// False with outcome->error when the ECU does not answer it.
+bool resynchronise_if_needed(EcuLink &link, const UdsTiming &timing, Clock::time_point deadline,
+                             EcuState &state, UdsOutcome *outcome);
+
+// The final answer to a request already sent (by this link, or to every ECU
+// at once): P2, P2* after each response pending, until the deadline. False
+// with outcome->error when none came; a suppressed request's silence is
+// then outcome->answered. Keeps `state` as uds_request() does.
+bool await_answer(EcuLink &link, const Bytes &request, const UdsTiming &timing,
+                  Clock::time_point deadline, EcuState &state, UdsOutcome *outcome,
+                  Bytes *response);
+
 // One request and its final answer (positive or negative, never 0x78).
 UdsOutcome uds_request(EcuLink &link, const Bytes &request, const UdsTiming &timing,
                        EcuState &state);

@@ -6,8 +6,9 @@
 
 namespace uozagent {
 
-std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const AgentSettings &settings,
-                                           std::string *error) {
+namespace {
+
+uozcan::IsotpOptions socket_options(const CanAddress &address, const AgentSettings &settings) {
     uozcan::IsotpOptions options;
     options.ifname = address.ifname;
     options.tx_id = address.request_id;
@@ -27,6 +28,27 @@ std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const Agen
         options.target_address = address.extended_address->target;
         options.answer_address = address.extended_address->answer;
     }
+    return options;
+}
+
+}  // namespace
+
+std::unique_ptr<IsotpLink> IsotpLink::open(const CanAddress &address, const AgentSettings &settings,
+                                           std::string *error) {
+    std::unique_ptr<uozcan::IsotpSocket> socket =
+        uozcan::IsotpSocket::open(socket_options(address, settings), error);
+    if (!socket)
+        return nullptr;
+    return std::unique_ptr<IsotpLink>(new IsotpLink(std::move(socket)));
+}
+
+std::unique_ptr<IsotpLink> IsotpLink::open_functional(const CanAddress &address,
+                                                      const AgentSettings &settings,
+                                                      std::string *error) {
+    uozcan::IsotpOptions options = socket_options(address, settings);
+    options.tx_id = address.functional_id.value_or(0);
+    options.rx_id = options.tx_id;  // no reception is registered
+    options.functional = true;
     std::unique_ptr<uozcan::IsotpSocket> socket = uozcan::IsotpSocket::open(options, error);
     if (!socket)
         return nullptr;

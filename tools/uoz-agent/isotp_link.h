@@ -22,6 +22,12 @@ class IsotpLink : public EcuLink {
     // ISO-TP support ("no CAN interface can0 on this machine").
     static std::unique_ptr<IsotpLink> open(const CanAddress &address, const AgentSettings &settings,
                                            std::string *error);
+    // A link that sends single frames on the address's functional id to
+    // every ECU on the interface, and receives nothing: each ECU's answer
+    // reaches only that ECU's own link.
+    static std::unique_ptr<IsotpLink> open_functional(const CanAddress &address,
+                                                      const AgentSettings &settings,
+                                                      std::string *error);
 
     bool send(const Bytes &request, Clock::time_point deadline, std::string *error) override;
     bool receive(Clock::time_point until, Bytes *response, std::string *error,

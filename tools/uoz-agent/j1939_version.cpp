@@ -123,8 +123,7 @@ std::string read_j1939_version(json_object *version, const EcuTarget &target,
         target.name.empty() ? target.label : target.name + " (" + target.label + ")";
     // A CAN ECU's description is the "j1939" object itself; others hold it.
     json_object *held = nullptr;
-    json_object *description =
-        json_object_object_get_ex(version, "j1939", &held) ? held : version;
+    json_object *description = json_object_object_get_ex(version, "j1939", &held) ? held : version;
     const char *ifname = uoztools::text_member(description, "ifname");
     if (ifname == nullptr || *ifname == '\0') {
         *error =

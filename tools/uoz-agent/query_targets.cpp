@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "flow_control.h"
+
 namespace uozagent {
 
 namespace {
@@ -94,14 +96,12 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
     if (!hex_member(block, "phy-req-id", 0x1FFFFFFF, &request, target) ||
         !hex_member(block, "phy-resp-id", 0x1FFFFFFF, &response, target) ||
         !hex_member(block, "st-min", 0xFF, &st_min, target) ||
-        !hex_member(block, "bsize", 0xFF, &block_size, target)) {
+        !hex_member(block, "bsize", uozcan::kLargestBlockSize, &block_size, target)) {
         return;
     }
-    if (st_min > 0x7F && (st_min < 0xF1 || st_min > 0xF9)) {
-        char text[16];
-        snprintf(text, sizeof(text), "0x%02X", st_min);
-        target->error = std::string("the transport block's \"st-min\" (") + text +
-                        ") is reserved: use 0x00-0x7F (ms) or 0xF1-0xF9 (100-900 us)";
+    std::string st_min_problem = uozcan::st_min_problem(st_min);
+    if (!st_min_problem.empty()) {
+        target->error = "the transport block's \"st-min\" " + st_min_problem;
         return;
     }
     target->transport = Transport::kCan;
@@ -119,6 +119,11 @@ void bus_target(json_object *block, const AgentSettings &settings, int32_t query
         address = addressed.find(target->label);
     if (address != addressed.end())
         target->can.extended_address = address->second;
+    uint32_t functional = 0;
+    const char *functional_text = text_member(block, "func-addr");
+    if (functional_text != nullptr && parse_hex_number(functional_text, &functional) &&
+        functional <= 0x1FFFFFFF)
+        target->can.functional_id = functional;
 }
 
 // A CAN FD ECU of the settings, reached like a CAN ECU with that block.

@@ -33,6 +33,9 @@ struct CanAddress {
     uint8_t fd_data_length = 0;  // bytes per CAN FD frame sent; 0: classic CAN frames
     bool bit_rate_switch = false;
     std::optional<ExtendedAddress> extended_address = std::nullopt;  // none: normal addressing
+    // "func-addr": where a request for every ECU on the interface goes at
+    // once; none when the block's text is not an id.
+    std::optional<uint32_t> functional_id = std::nullopt;
     // The same key for the same socket: interface, ids and frame form.
     std::string link_key() const;
 };

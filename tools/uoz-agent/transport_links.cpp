@@ -161,6 +161,21 @@ std::shared_ptr<EcuLink> TransportLinks::can_link(const CanAddress &address, std
     return shared;
 }
 
+std::shared_ptr<EcuLink> TransportLinks::functional_link(const CanAddress &address,
+                                                         std::string *error) {
+    if (!address.functional_id) {
+        *error = "no functional id";
+        return nullptr;
+    }
+    std::string key = address.ifname + " " + std::to_string(*address.functional_id) +
+                      (address.extended_ids ? " 29" : "");
+    std::lock_guard<std::mutex> hold(lock_);
+    std::shared_ptr<EcuLink> &shared = functional_links_[key];
+    if (!shared)
+        shared = IsotpLink::open_functional(address, settings_, error);
+    return shared;
+}
+
 std::shared_ptr<EcuLink> TransportLinks::link_for(const EcuTarget &target, std::string *error) {
     switch (target.transport) {
         case Transport::kDoip: {

@@ -26,6 +26,8 @@ class TransportLinks : public LinkProvider {
     // The ECU's ISO-TP link, opened on first use; nullptr with *error when
     // it cannot be (tried again on the next request).
     std::shared_ptr<EcuLink> can_link(const CanAddress &address, std::string *error);
+    std::shared_ptr<EcuLink> functional_link(const CanAddress &address,
+                                             std::string *error) override;
     // Closes every connection, so that requests under way end at once.
     void close_all();
     // Finds every gateway the settings name by VIN or EID, at start; one
@@ -44,6 +46,7 @@ class TransportLinks : public LinkProvider {
     std::mutex lock_;
     std::map<std::string, std::shared_ptr<DoipConnection>> connections_;
     std::map<std::string, std::shared_ptr<EcuLink>> can_links_;
+    std::map<std::string, std::shared_ptr<EcuLink>> functional_links_;
     std::set<std::string> missing_can_logged_;
     std::mutex finding_;  // one discovery at a time
     struct Found {

@@ -27,22 +27,6 @@ int milliseconds_until(steady_clock::time_point due, steady_clock::time_point no
     return static_cast<int>(std::max<long long>(0, std::min<long long>(left, 60000)));
 }
 
-// Negative answers an ECU keeps to itself when a request was sent to all
-// ECUs at once: not its service, sub-function or data.
-bool silent_when_functional(const Bytes &response) {
-    if (response.size() != 3 || response[0] != uozuds::kNegativeResponse)
-        return false;
-    switch (response[2]) {
-        case uozuds::nrc::kServiceNotSupported:
-        case uozuds::nrc::kSubFunctionNotSupported:
-        case uozuds::nrc::kRequestOutOfRange:
-        case uozuds::nrc::kSubFunctionNotSupportedInActiveSession:
-        case uozuds::nrc::kServiceNotSupportedInActiveSession:
-            return true;
-    }
-    return false;
-}
-
 bool known_activation_type(uint8_t type) {
     return type == uozdoip::routing::kTypeDefault || type == uozdoip::routing::kTypeWwhObd ||
            type == uozdoip::routing::kTypeCentralSecurity;

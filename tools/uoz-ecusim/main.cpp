@@ -1,8 +1,10 @@
 // uoz-ecusim: a DoIP entity with the vehicle file's ECUs behind one gateway
-// address, each a UDS server, and switches that make it misbehave on demand.
+// address, each a UDS server, the CAN ECUs also on CAN buses (--can), and
+// switches that make it misbehave on demand.
 //
 //   uoz-ecusim [--listen ADDR:PORT] [--vehicle FILE] [--tls DIR] [--entity ADDR:PORT,LOGICAL[,EID]]
-//              [--announce-to ADDR:PORT|none] [--power-mode MODE] [--trace] [switches]
+//              [--announce-to ADDR:PORT|none] [--power-mode MODE] [--can IFNAME] [--trace]
+//              [switches]
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,11 +19,13 @@
 #include <thread>
 
 #include "announcer.h"
+#include "can_side.h"
 #include "command_line.h"
 #include "doip_entity.h"
 #include "entity_info.h"
 #include "exit_codes.h"
 #include "files.h"
+#include "flow_control.h"
 #include "terminal.h"
 #include "vehicle.h"
 #include "vehicle_default.h"
@@ -31,8 +35,11 @@ namespace {
 // Every entity the process serves, for the signal handler; set before the
 // handler is installed and left alone while it may run.
 std::vector<uozecusim::DoipEntity *> g_entities;
+std::vector<uozecusim::CanSide *> g_can_sides;
 
 void request_stop(int) {
+    for (uozecusim::CanSide *side : g_can_sides)
+        side->stop();
     for (uozecusim::DoipEntity *entity : g_entities)
         entity->stop();
 }
@@ -201,7 +208,37 @@ struct Switches {
     std::string cut_answer;
     std::string bad_version;
     std::string tls_dir;
+    std::vector<std::string> can_interfaces;
+    std::string can_padding = "0xCC";
+    std::string can_st_min = "0x00";
+    std::string can_block_size = "0x00";
+    std::vector<std::string> no_flow_control;
+    std::vector<std::string> stop_mid_answer;
 };
+
+// The CAN switches; CLI::ValidationError for a value out of range.
+uozecusim::CanServing can_serving_from(const Switches &switches) {
+    uozecusim::CanServing serving;
+    if (switches.can_padding == "none")
+        serving.padding.reset();
+    else
+        serving.padding =
+            static_cast<uint8_t>(parse_hex(switches.can_padding, 0xFF, "--can-padding"));
+    uint32_t st_min = parse_hex(switches.can_st_min, 0xFFFF, "--can-st-min");
+    std::string problem = uozcan::st_min_problem(st_min);
+    if (!problem.empty())
+        throw CLI::ValidationError("--can-st-min", problem);
+    serving.st_min = static_cast<uint8_t>(st_min);
+    serving.block_size = static_cast<uint8_t>(
+        parse_hex(switches.can_block_size, uozcan::kLargestBlockSize, "--can-block-size"));
+    for (const std::string &target : switches.no_flow_control)
+        serving.no_flow_control.insert(
+            static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--no-flow-control")));
+    for (const std::string &target : switches.stop_mid_answer)
+        serving.stop_mid_answer.insert(
+            static_cast<uint16_t>(parse_hex(target, 0xFFFF, "--stop-mid-answer")));
+    return serving;
+}
 
 uozecusim::EntitySettings settings_from(const Switches &switches,
                                         uozecusim::EntitySettings settings) {
@@ -287,6 +324,24 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
                    "answer to the power mode request: ready (default), not-ready, not-supported "
                    "or a hex byte")
         ->type_name("MODE");
+    app.add_option("--can", switches.can_interfaces,
+                   "serve the vehicle's CAN ECUs (those with a \"phy-resp-id\") on this CAN "
+                   "interface too, over ISO-TP on their ids and the functional id "
+                   "(\"func-addr\", default 0x7DF); may be repeated")
+        ->type_name("IFNAME");
+    app.add_option("--can-padding", switches.can_padding,
+                   "the byte that fills every CAN frame sent to 8 bytes, or none")
+        ->type_name("BYTE|none")
+        ->capture_default_str();
+    app.add_option("--can-st-min", switches.can_st_min,
+                   "separation time the ECUs ask of a sender in their flow control "
+                   "(0x00-0x7F ms, 0xF1-0xF9 100-900 us)")
+        ->type_name("HEX")
+        ->capture_default_str();
+    app.add_option("--can-block-size", switches.can_block_size,
+                   "frames the ECUs take before their next flow control (0x00: all)")
+        ->type_name("HEX")
+        ->capture_default_str();
     app.add_option("--s3", settings.uds.s3_ms, "S3 session timeout")
         ->type_name("MS")
         ->capture_default_str();
@@ -348,6 +403,15 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--slow", switches.slow, "delay TARGET's answers by MS (0x7E1:500, all:500)")
         ->type_name("TARGET:MS")
         ->group(group);
+    app.add_option("--no-flow-control", switches.no_flow_control,
+                   "CAN: TARGET never acknowledges a segmented request (no flow control); may "
+                   "be repeated")
+        ->type_name("TARGET")
+        ->group(group);
+    app.add_option("--stop-mid-answer", switches.stop_mid_answer,
+                   "CAN: TARGET sends only the first frame of a segmented answer; may be repeated")
+        ->type_name("TARGET")
+        ->group(group);
     app.add_option("--alive-check", misbehave.alive_check_idle_ms,
                    "send an alive check to a tester idle for MS; close if it does not answer")
         ->type_name("MS")
@@ -358,19 +422,28 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
 
 int main(int argc, char **argv) {
     CLI::App app{
-        "DoIP ECU simulator: the vehicle file's ECUs behind one gateway (or several "
-        "entities), each a UDS server.\n"
+        "ECU simulator: the vehicle file's ECUs behind one DoIP gateway (or several "
+        "entities), each a UDS server; with --can, its CAN ECUs on a CAN bus too.\n"
         "Exit codes: 0 stopped by SIGINT/SIGTERM, 1 cannot start, 2 invalid usage"};
     app.set_version_flag("--version", std::string("uoz-ecusim ") + uoztools::project_version());
     Switches switches;
     uozecusim::EntitySettings settings;
     add_switches(app, switches, settings);
+    app.footer(
+        "CAN ECUs are those whose vehicle file entry has a \"phy-resp-id\"; each --can "
+        "interface carries all of them.\n\n"
+        "Examples:\n"
+        "  uoz-ecusim --trace\n"
+        "  uoz-ecusim --can vcan0 --can-st-min 0x05 --can-block-size 0x02 --trace\n"
+        "  uoz-ecusim --can vcan0 --slow 0x7E0:1500 --stop-mid-answer 0x7E1");
     uoztools::footer_only_at_top(app);
     if (int rc = uoztools::parse_command_line(app, argc, argv, "uoz-ecusim"); rc >= 0)
         return rc;
     std::vector<ExtraEntity> extra;
+    uozecusim::CanServing can_serving;
     try {
         settings = settings_from(switches, settings);
+        can_serving = can_serving_from(switches);
         for (const std::string &text : switches.entities)
             extra.push_back(parse_entity(text));
     } catch (const CLI::ParseError &error) {
@@ -380,6 +453,7 @@ int main(int argc, char **argv) {
 
     std::vector<std::unique_ptr<uozecusim::DoipEntity>> entities;
     std::vector<std::unique_ptr<uozecusim::Announcer>> announcers;
+    std::vector<std::unique_ptr<uozecusim::CanSide>> can_sides;
     try {
         std::string text = switches.vehicle_path.empty()
                                ? std::string(kDefaultVehicle)
@@ -393,6 +467,11 @@ int main(int argc, char **argv) {
                 ": " + error.what());
         }
         entities = make_entities(vehicle, settings, extra);
+        for (const std::string &ifname : switches.can_interfaces) {
+            can_sides.push_back(
+                std::make_unique<uozecusim::CanSide>(ifname, *entities[0], can_serving));
+            can_sides.back()->start();
+        }
     } catch (const std::exception &error) {
         fprintf(stderr, "uoz-ecusim: %s\n", error.what());
         return uoztools::kExitCannotStart;
@@ -400,6 +479,8 @@ int main(int argc, char **argv) {
 
     for (const auto &entity : entities)
         g_entities.push_back(entity.get());
+    for (const auto &side : can_sides)
+        g_can_sides.push_back(side.get());
     struct sigaction action {};
     action.sa_handler = request_stop;
     sigaction(SIGINT, &action, nullptr);
@@ -408,6 +489,8 @@ int main(int argc, char **argv) {
 
     for (const auto &entity : entities)
         printf("uoz-ecusim: %s\n", entity->listening_text().c_str());
+    for (const auto &side : can_sides)
+        printf("uoz-ecusim: %s\n", side->listening_text().c_str());
     fflush(stdout);
     announcers = start_announcing(entities, switches.announce_to);
 
@@ -418,6 +501,7 @@ int main(int argc, char **argv) {
     for (std::thread &other : others)
         other.join();
     announcers.clear();
+    can_sides.clear();
     printf("uoz-ecusim: stopped\n");
     return uoztools::kExitOk;
 }

@@ -45,6 +45,20 @@ uint32_t random_seed() {
 
 }  // namespace
 
+bool silent_when_functional(const Bytes &response) {
+    if (response.size() != 3 || response[0] != uozuds::kNegativeResponse)
+        return false;
+    switch (response[2]) {
+        case uozuds::nrc::kServiceNotSupported:
+        case uozuds::nrc::kSubFunctionNotSupported:
+        case uozuds::nrc::kRequestOutOfRange:
+        case uozuds::nrc::kSubFunctionNotSupportedInActiveSession:
+        case uozuds::nrc::kServiceNotSupportedInActiveSession:
+            return true;
+    }
+    return false;
+}
+
 Bytes negative_response(uint8_t service, uint8_t code) {
     return {uozuds::kNegativeResponse, service, code};
 }

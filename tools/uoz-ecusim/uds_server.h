@@ -82,6 +82,10 @@ class EcuServer {
 // A negative response 7F SID NRC.
 Bytes negative_response(uint8_t service, uint8_t code);
 
+// Negative answers an ECU keeps to itself when a request was sent to all
+// ECUs at once (functional addressing): not its service, sub-function or data.
+bool silent_when_functional(const Bytes &response);
+
 }  // namespace uozecusim
 
 #endif

@@ -15,6 +15,8 @@ namespace uozecusim {
 
 namespace {
 
+constexpr uint32_t kLargestCanId = 0x1FFFFFFF;  // 29 bits
+
 [[noreturn]] void fail(const std::string &where, const std::string &what) {
     throw std::runtime_error(where + ": " + what);
 }
@@ -273,6 +275,20 @@ void read_j1939(SimulatedEcu &ecu, json_object *entry, const std::string &where)
                                    at + " \"component-identification\"", 4);
 }
 
+void read_can_ids(SimulatedEcu &ecu, json_object *entry, const std::string &where) {
+    const char *response = string_member(entry, "phy-resp-id", where);
+    if (response == nullptr)
+        return;
+    ecu.on_can = true;
+    ecu.can_request_id =
+        parse_number(where + " \"phy-req-id\"", ecu.request_id.c_str(), kLargestCanId);
+    ecu.can_response_id = parse_number(where + " \"phy-resp-id\"", response, kLargestCanId);
+    ecu.can_functional_id =
+        number_member(entry, "func-addr", where, kLargestCanId, ecu.can_functional_id);
+    if (ecu.can_response_id == ecu.can_request_id || ecu.can_functional_id == ecu.can_response_id)
+        fail(where, "\"phy-resp-id\" must differ from \"phy-req-id\" and \"func-addr\"");
+}
+
 SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     std::string where = "ECU #" + std::to_string(index + 1);
     if (!json_object_is_type(entry, json_type_object))
@@ -293,6 +309,7 @@ SimulatedEcu ecu_from_json(json_object *entry, size_t index) {
     if (logical > 0xFFFF)
         fail(where, "\"targetAddress\" above 0xFFFF needs a \"logical-address\"");
     ecu.logical_address = static_cast<uint16_t>(logical);
+    read_can_ids(ecu, entry, where);
     if (json_object *dtcs = member(entry, "dtcs", json_type_array, where))
         ecu.dtcs = dtcs_from_json(dtcs, where);
     ecu.dtc_availability_mask = static_cast<uint8_t>(
@@ -384,6 +401,13 @@ VehicleFile parse_vehicle(const std::string &text) {
     for (size_t i = 0; i < json_object_array_length(ecus); ++i) {
         SimulatedEcu ecu = ecu_from_json(json_object_array_get_idx(ecus, i), i);
         for (const SimulatedEcu &earlier : vehicle.ecus) {
+            if (ecu.on_can && earlier.on_can &&
+                (earlier.can_request_id == ecu.can_request_id ||
+                 earlier.can_response_id == ecu.can_response_id))
+                fail("ECU \"" + ecu.name + "\"",
+                     "CAN ids " + uozuds::hex_number(ecu.can_request_id, 3) + "/" +
+                         uozuds::hex_number(ecu.can_response_id, 3) + " clash with \"" +
+                         earlier.name + "\"'s");
             if (earlier.logical_address == ecu.logical_address)
                 fail("ECU \"" + ecu.name + "\"", "logical address " +
                                                      uozuds::hex_number(ecu.logical_address, 4) +

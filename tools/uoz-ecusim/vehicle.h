@@ -60,6 +60,13 @@ struct SimulatedEcu {
     int32_t target_address = 0;    // as the library addresses it
     uint16_t logical_address = 0;  // DoIP logical address
     std::string request_id;        // "phy-req-id" as configured
+    // On CAN when the file gives "phy-resp-id": requests come on the
+    // "phy-req-id" and on "func-addr" (every ECU's), answers go on the
+    // response id; ids above 0x7FF are 29-bit.
+    bool on_can = false;
+    uint32_t can_request_id = 0;
+    uint32_t can_response_id = 0;
+    uint32_t can_functional_id = 0x7DF;
     std::vector<SimulatedDtc> dtcs;
     uint8_t dtc_availability_mask = 0xFF;  // the status bits the ECU supports
     // User-defined DTC memories (reports 0x17-0x19), by memory selection.

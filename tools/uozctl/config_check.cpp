@@ -5,6 +5,8 @@
 #include <strings.h>
 
 #include "files.h"
+#include "flow_control.h"
+#include "hex_text.h"
 #include "json_helpers.h"
 
 namespace uozctl {
@@ -103,6 +105,29 @@ std::string drop_reason(json_object *entry, EntryReport *report, std::string *un
     return "";
 }
 
+// Why the agent refuses a loaded CAN entry's flow control values, or "".
+std::string agent_refusal(json_object *entry, const EntryReport &report) {
+    json_object *block = nullptr;
+    if (report.type != "CAN" || !json_object_object_get_ex(entry, "can", &block))
+        return "";
+    for (const char *key : {"st-min", "bsize"}) {
+        const char *text = text_member(block, key);
+        if (text == nullptr)
+            continue;
+        uint32_t value = 0;
+        std::string problem;
+        if (!uozuds::parse_hex_number(text, &value))
+            problem = std::string("(") + text + ") is not a hex byte";
+        else if (strcmp(key, "st-min") == 0)
+            problem = uozcan::st_min_problem(value);
+        else if (value > uozcan::kLargestBlockSize)
+            problem = std::string("(") + text + ") is not a byte: use 0x00-0xFF (0x00: no limit)";
+        if (!problem.empty())
+            return std::string("the agent refuses it: \"can\".\"") + key + "\" " + problem;
+    }
+    return "";
+}
+
 // Loaded entries that an earlier one hides from look-ups by name or address.
 void mark_shadowed(std::vector<EntryReport> *entries) {
     for (size_t i = 0; i < entries->size(); ++i) {
@@ -194,7 +219,9 @@ ConfigReport check_config(const std::string &path) {
         entry.problem = drop_reason(json_object_array_get_idx(configs, i), &entry, &unknown);
         entry.loaded = entry.problem.empty();
         if (entry.loaded)
-            entry.problem = unknown;
+            entry.problem = unknown.empty()
+                                ? agent_refusal(json_object_array_get_idx(configs, i), entry)
+                                : unknown;
         report.entries.push_back(entry);
     }
     mark_shadowed(&report.entries);
