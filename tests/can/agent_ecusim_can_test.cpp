@@ -9,10 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "broker_fixture.h"
-#include "can_support.h"
-#include "processes.h"
-#include "tool_runner.h"
+#include "can_agent_test.h"
 
 namespace uoztest {
 namespace {
@@ -26,23 +23,19 @@ const std::vector<std::string> kVersionFrames = {"7E0 0322F189", "7E8 100C62F189
                                                  "7E0 300800",   "7E8 212D322E342E31",
                                                  "7E0 0322F191", "7E8 0562F1914233"};
 
-class AgentEcusimCanTest : public ::testing::Test {
+class AgentEcusimCanTest : public CanAgentTest {
   protected:
+    AgentEcusimCanTest() : CanAgentTest(kEcus) {}
     void SetUp() override {
-        for (const char *ifname : {"vcan0", "vcan1"}) {
-            std::string missing = can_missing(ifname);
-            if (!missing.empty())
-                GTEST_SKIP() << "no CAN here: " << missing
-                             << " (make test-can runs these tests in a VM with CAN)";
-        }
-        broker_ = std::make_unique<Broker>();
-        bus_ = std::make_unique<CanBusLog>("vcan0");
+        use_interfaces({"vcan0", "vcan1"});
+        if (!IsSkipped())
+            bus_ = std::make_unique<CanBusLog>("vcan0");
     }
     void TearDown() override {
+        CanAgentTest::TearDown();
         if (HasFailure() && agent_ != nullptr)
             std::cout << "candump -L vcan0:\n"
-                      << bus_->text() << "uoz-agent:\n"
-                      << agent_->output() << "uoz-ecusim:\n"
+                      << bus_->text() << "uoz-ecusim:\n"
                       << (simulator_ ? simulator_->output() : "");
     }
     // The simulator on both buses with these switches besides the fixed ones.
@@ -57,18 +50,6 @@ class AgentEcusimCanTest : public ::testing::Test {
         ASSERT_TRUE(simulator_->wait_for_output("serving CAN ISO-TP on vcan1", 60000))
             << simulator_->output();
     }
-    void start_agent(const std::string &settings = "ecusim-settings.json") {
-        agent_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
-            "localhost:" + std::to_string(broker_->port()), "--debug", "3", "--trace",
-            "--ecu-config", kEcus, "--settings", UOZ_CAN_DIR "/" + settings});
-        ASSERT_TRUE(agent_->wait_for_output("uoz-agent ready", 60000)) << agent_->output();
-    }
-    ToolRun uozctl(const std::string &arguments) {
-        return run(std::string(UOZCTL_PATH) +
-                   " --broker localhost:" + std::to_string(broker_->port()) + " --certs " +
-                   identity_dir("app") + " --config " + kEcus + " " + arguments);
-    }
     IsotpExchange exchange_since(size_t mark, size_t frames) {
         return wait_for_exchange(*bus_, mark, frames, kIds);
     }
@@ -82,17 +63,15 @@ class AgentEcusimCanTest : public ::testing::Test {
         }
     }
 
-    std::unique_ptr<Broker> broker_;
     std::unique_ptr<CanBusLog> bus_;
     std::unique_ptr<ChildProcess> simulator_;
-    std::unique_ptr<ChildProcess> agent_;
 };
 
 // Each operation of the library, its output and the frames on the bus
 // (ISO-TP content without padding; none listed: not checked one by one).
 TEST_F(AgentEcusimCanTest, operationsCrossTheBusWithTheEcusFlowControl) {
     start_simulator({});
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     const struct {
         std::string arguments;
         std::string out;
@@ -131,7 +110,7 @@ TEST_F(AgentEcusimCanTest, operationsCrossTheBusWithTheEcusFlowControl) {
 
 TEST_F(AgentEcusimCanTest, framesAreUnpaddedWhenPaddingIsOff) {
     start_simulator({"--can-padding", "none"});
-    start_agent("ecusim-unpadded.json");
+    start_agent("ecusim-unpadded.json", "3");
     size_t mark = bus_->mark();
     ToolRun run = uozctl("version engine");
     EXPECT_EQ(run.code, 0) << run.out << run.err;
@@ -143,7 +122,7 @@ TEST_F(AgentEcusimCanTest, framesAreUnpaddedWhenPaddingIsOff) {
 // ECU's answer on its own id; the ECU that nobody simulates has its own error.
 TEST_F(AgentEcusimCanTest, aReadForAllIsOneFunctionalRequestPerBus) {
     start_simulator({});
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     size_t mark = bus_->mark();
     ToolRun run = uozctl("dtc read all");
     EXPECT_EQ(run.code, 4) << run.out << run.err;  // ghost's read failed
@@ -173,7 +152,7 @@ TEST_F(AgentEcusimCanTest, aReadForAllIsOneFunctionalRequestPerBus) {
 
 // Misbehaving ECUs: each read fails with the reason the agent gives.
 TEST_F(AgentEcusimCanTest, misbehavingEcusFailWithTheirReason) {
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     const struct {
         std::vector<std::string> switches;
         std::string arguments;
@@ -204,7 +183,7 @@ TEST_F(AgentEcusimCanTest, misbehavingEcusFailWithTheirReason) {
 // the answer to the next request, which lists only DTCs of its own mask.
 TEST_F(AgentEcusimCanTest, aLateAnswerIsNeverTheNextRequests) {
     start_simulator({"--slow", "0x7E0:800"});
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     ToolRun first = uozctl("dtc read engine");
     EXPECT_EQ(first.code, 4) << first.out << first.err;
     std::this_thread::sleep_for(std::chrono::milliseconds(1000));  // the late answer is in
@@ -219,7 +198,7 @@ TEST_F(AgentEcusimCanTest, aLateAnswerIsNeverTheNextRequests) {
 // each gets its own answer, and each answer frame one flow control.
 TEST_F(AgentEcusimCanTest, twoQueriesToOneEcuAtOnceGetTheirOwnAnswers) {
     start_simulator({});
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     size_t mark = bus_->mark();
     ToolRun routine;
     std::thread first([&] { routine = uozctl("run " UOZ_CAN_DIR "/self-test.json"); });
@@ -238,7 +217,7 @@ TEST_F(AgentEcusimCanTest, twoQueriesToOneEcuAtOnceGetTheirOwnAnswers) {
 // An interface that is down: the read says so, and the other bus still works.
 TEST_F(AgentEcusimCanTest, anInterfaceThatIsDownIsNamed) {
     start_simulator({});
-    start_agent();
+    start_agent("ecusim-settings.json", "3");
     ASSERT_EQ(system("ip link set vcan1 down"), 0);
     ToolRun down = uozctl("version gateway");
     ToolRun engine = uozctl("version engine");

@@ -9,10 +9,7 @@
 #include <memory>
 #include <thread>
 
-#include "broker_fixture.h"
-#include "can_support.h"
-#include "processes.h"
-#include "tool_runner.h"
+#include "can_agent_test.h"
 
 namespace uoztest {
 namespace {
@@ -47,30 +44,13 @@ class J1939Ecu {
     ChildProcess process_;
 };
 
-class AgentFdJ1939Test : public ::testing::Test {
+class AgentFdJ1939Test : public CanAgentTest {
   protected:
+    AgentFdJ1939Test() : CanAgentTest(kEcus) {}
     void SetUp() override {
-        for (const char *ifname : {"vcan1", "vcanfd0"}) {
-            std::string missing = can_missing(ifname);
-            if (!missing.empty())
-                GTEST_SKIP() << "no CAN here: " << missing
-                             << " (make test-can runs these tests in a VM with CAN)";
-        }
-        broker_ = std::make_unique<Broker>();
-        agent_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
-            "localhost:" + std::to_string(broker_->port()), "--debug", "2", "--trace",
-            "--ecu-config", kEcus, "--settings", UOZ_CAN_DIR "/fd-j1939-settings.json"});
-        ASSERT_TRUE(agent_->wait_for_output("uoz-agent ready", 60000)) << agent_->output();
-    }
-    void TearDown() override {
-        if (HasFailure() && agent_ != nullptr)
-            std::cout << "uoz-agent:\n" << agent_->output();
-    }
-    ToolRun uozctl(const std::string &arguments) {
-        return run(std::string(UOZCTL_PATH) +
-                   " --broker localhost:" + std::to_string(broker_->port()) + " --certs " +
-                   identity_dir("app") + " --config " + kEcus + " " + arguments);
+        use_interfaces({"vcan1", "vcanfd0"});
+        if (!IsSkipped())
+            start_agent("fd-j1939-settings.json");
     }
     // The frames logged since the mark, once there are as many as expected.
     static std::vector<CanFrame> frames_since(const CanBusLog &bus, size_t mark, size_t frames) {
@@ -81,9 +61,6 @@ class AgentFdJ1939Test : public ::testing::Test {
         }
         return logged;
     }
-
-    std::unique_ptr<Broker> broker_;
-    std::unique_ptr<ChildProcess> agent_;
 };
 
 // The CAN FD ECU has no transport block in the library's configuration: the

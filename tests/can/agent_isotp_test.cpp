@@ -8,10 +8,7 @@
 #include <memory>
 #include <thread>
 
-#include "broker_fixture.h"
-#include "can_support.h"
-#include "processes.h"
-#include "tool_runner.h"
+#include "can_agent_test.h"
 
 namespace uoztest {
 namespace {
@@ -74,30 +71,24 @@ void expect_agent_frame_form(const IsotpFrame &sent) {
         EXPECT_EQ(byte, 0xCC) << sent.text();
 }
 
-class AgentIsotpTest : public ::testing::Test {
+class AgentIsotpTest : public CanAgentTest {
   protected:
+    AgentIsotpTest() : CanAgentTest(kEcus) {}
     void SetUp() override {
-        std::string missing = can_missing(kBus);
-        if (!missing.empty())
-            GTEST_SKIP() << "no CAN here: " << missing
-                         << " (make test-can runs these tests in a VM with CAN)";
-        broker_ = std::make_unique<Broker>();
-        // Started here rather than as an AgentProcess: in a VM on a busy
-        // machine the agent can take longer than that class waits.
-        agent_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            UOZ_AGENT_PATH, "--certs", identity_dir("agent"), "--broker",
-            "localhost:" + std::to_string(broker_->port()), "--debug", "2", "--trace",
-            "--ecu-config", kEcus, "--settings", UOZ_CAN_DIR "/agent-settings.json"});
-        ASSERT_TRUE(agent_->wait_for_output("uoz-agent ready", 60000)) << agent_->output();
+        use_interfaces({kBus});
+        if (IsSkipped())
+            return;
+        start_agent("agent-settings.json");
         bus_ = std::make_unique<CanBusLog>(kBus);
         ecu_ = std::make_unique<IsotpEcu>(kBus, kRequestId, kResponseId, answers(), kEcuBlockSize,
                                           kEcuStMin);
     }
     void TearDown() override {
+        CanAgentTest::TearDown();
         if (bus_ != nullptr)
             std::cout << "candump -L " << kBus << ":\n" << bus_->text();
         if (HasFailure() && ecu_ != nullptr)
-            std::cout << "uoz-agent:\n" << agent_->output() << "isotp_ecu.py:\n" << ecu_->output();
+            std::cout << "isotp_ecu.py:\n" << ecu_->output();
     }
     // The exchange logged since the mark, once it has as many frames as
     // expected (candump may write the last one after uozctl has ended).
@@ -106,14 +97,7 @@ class AgentIsotpTest : public ::testing::Test {
             *bus_, mark, frames,
             {kRequestId, kResponseId, kSilentRequestId, kBodyRequestId, kBodyResponseId});
     }
-    ToolRun uozctl(const std::string &arguments, const std::string &identity = "app") {
-        return run(std::string(UOZCTL_PATH) +
-                   " --broker localhost:" + std::to_string(broker_->port()) + " --certs " +
-                   identity_dir(identity) + " --config " + kEcus + " " + arguments);
-    }
 
-    std::unique_ptr<Broker> broker_;
-    std::unique_ptr<ChildProcess> agent_;
     std::unique_ptr<CanBusLog> bus_;
     std::unique_ptr<IsotpEcu> ecu_;
 };
