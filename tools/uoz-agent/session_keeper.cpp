@@ -107,7 +107,10 @@ void SessionKeeper::run() {
             continue;
         }
         if (Clock::now() < due->second.next) {
-            changed_.wait_until(hold, due->second.next);
+            // A copy: while this waits, after_request() may replace or erase
+            // the entry, and the wait reads its deadline again on waking.
+            const Clock::time_point next = due->second.next;
+            changed_.wait_until(hold, next);
             continue;
         }
         const std::string key = due->first;
