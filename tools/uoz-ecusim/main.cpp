@@ -327,7 +327,8 @@ void add_switches(CLI::App &app, Switches &switches, uozecusim::EntitySettings &
     app.add_option("--can", switches.can_interfaces,
                    "serve the vehicle's CAN ECUs (those with a \"phy-resp-id\") on this CAN "
                    "interface too, over ISO-TP on their ids and the functional id "
-                   "(\"func-addr\", default 0x7DF); may be repeated")
+                   "(\"func-addr\", default 0x7DF), and its J1939 ECUs (those with a "
+                   "\"j1939\" member) over J1939; may be repeated")
         ->type_name("IFNAME");
     app.add_option("--can-padding", switches.can_padding,
                    "the byte that fills every CAN frame sent to 8 bytes, or none")
