@@ -50,6 +50,8 @@ class CanSide {
 
     // Opens every ECU's sockets and starts serving; throws std::runtime_error
     // saying why not (no such interface, no ISO-TP in the kernel, no CAN ECU).
+    // J1939 ECUs that cannot be served (no J1939 in the kernel) are named
+    // in listening_text() instead.
     void start();
     // Safe from a signal handler; the threads end within a fraction of a second.
     void stop() { stopping_ = true; }
