@@ -415,13 +415,16 @@ TEST_F(AgentEcusimTest, suppressedPositiveAnswersAreSuccess) {
     EXPECT_TRUE(holds(reply, R"({"command":"KeepAlive","request":"3E80","response":""})")) << reply;
 }
 
-// The ECU ends its session 1.5 s after the last request (S3); the agent keeps
+// The ECU ends its session 2 s after the last request (S3); the agent keeps
 // it with a TesterPresent every 500 ms, so a routine 2.5 s later needs
 // neither the session nor the seed and key again.
 TEST_F(AgentEcusimTest, aKeptSessionServesTheNextQueryWithoutOpeningItAgain) {
     settings_.sessions.keep = Millis(10000);
     settings_.sessions.interval = Millis(500);
-    start({"--s3", "1500", "--trace"});
+    // A silent TesterPresent holds the ECU for P2: a short one keeps them
+    // 0.5 s apart, well within S3 on a busy machine too.
+    settings_.timing.p2 = Millis(200);
+    start({"--s3", "2000", "--trace"});
     const std::string learn =
         R"("routine":{"name":"custom_commands","commands":[{"command":"LearnIdle",)"
         R"("service":"0x31","subfn":"0x01","data":"0xFF02"}],"security_access":{"level":"0x01"}})";
